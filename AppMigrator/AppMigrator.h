@@ -1,0 +1,111 @@
+// CVAppMigrator: the plug-in that carries every user-installed application of
+// a device from the legacy per-application containers into the current layout.
+//
+// The host creates it (set-up reads the legacy directory listing, the legacy
+// install map, the harbor map and the previous version record), may poll the
+// two progress figures from any thread, and calls performMigration() once.
+// Every message goes to the migration log and begins "CVAppMigrator: ".
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/InstallerService.h"
+#include "platform/MavrelMigrator.h"
+#include "platform/SystemVersion.h"
+#include "platform/URL.h"
+#include "platform/Value.h"
+#include "shared/configuration/CVGlobalConfiguration.h"
+
+// Keys of a container info record, which is also the migration marker's content.
+inline constexpr std::string_view kContainerPathKey = "ContainerPath";
+inline constexpr std::string_view kBundlePathKey = "BundlePath";
+inline constexpr std::string_view kSecondBundlePathKey = "SecondBundlePath";
+inline constexpr std::string_view kBundleIdentifierKey = "BundleIdentifier";
+inline constexpr std::string_view kContainerTypeKey = "ContainerType";
+inline constexpr std::string_view kContainerTypeApp = "App";
+inline constexpr std::string_view kContainerTypeVPNBundle = "VPNBundle";
+
+// Files the migrator reads and writes.
+inline constexpr std::string_view kMigrationMarkerFileName =
+    "com.zentrel.corvane.container_migrator.plist";
+inline constexpr std::string_view kHarborMapFileName = "SafeHarbor.plist";
+inline constexpr std::string_view kVersionRecordFileName = "AppMigratorLastSystemVersion.plist";
+inline constexpr std::string_view kStrayEntryFileName = "WhereDidMyApplicationsGo.txt";
+
+class CVAppMigrator final : public MavrelMigrator {
+ public:
+  // The services the migrator works with; all outlive it.
+  struct Environment {
+    CVGlobalConfiguration* configuration = nullptr;
+    platform::InstallerService* installer = nullptr;
+    platform::ApplicationRegistry* registry = nullptr;
+    const platform::SystemVersionSource* systemVersion = nullptr;
+    CVURL temporaryDirectory;
+  };
+
+  // Set-up. Returns null when an existing legacy directory cannot be listed.
+  static std::unique_ptr<CVAppMigrator> create(Environment environment);
+
+  std::string dataClassName() const override { return "CVAppMigrator"; }
+  bool performMigration() override;
+  float estimatedDuration() const override;
+  float migrationProgress() const override;
+
+  // ---- Steps of the pass, one per operation; public so tests can drive them.
+
+  // Classifies one legacy entry into a container info record, or yields nothing
+  // (after removing the entry, or leaving it). Sets `*orderResultEarly` when the
+  // record's primary bundle is an application.
+  std::optional<CVDictionary> _introspectContainer(const CVURL& containerURL,
+                                                   bool* orderResultEarly);
+  // The identifier of the bundle at `bundleURL`, or nullopt when there is no
+  // readable bundle or it has no identifier.
+  std::optional<std::string> _bundleIdentifierForBundle(const CVURL& bundleURL);
+  // The container info record saved in a marker file, or nullopt (logged) when
+  // the marker is unreadable or invalid.
+  std::optional<CVDictionary> _loadAndValidateMigrationMarkerAtURL(const CVURL& markerURL);
+  // Writes `info` durably as the marker file of the container at `containerURL`.
+  // A failed write is logged; a missing marker is not fatal.
+  void _writeMigrationMarker(const CVDictionary& info, const CVURL& containerURL);
+  // Migrates one container described by an info record.
+  bool _migrateContainerWithInfo(const CVDictionary& info);
+  // Registers every safe harbor of the harbor map, then retires the map.
+  bool _migrateSafeHarbors();
+
+  // Read-only views of the set-up state, for tests and the host.
+  const std::optional<std::vector<CVURL>>& itemsToMigrate() const { return _itemsToMigrate; }
+  const std::optional<CVDictionary>& installMap() const { return _installMap; }
+  const std::optional<CVDictionary>& harborMap() const { return _harborMap; }
+  const std::optional<CVDictionary>& groupContainerMap() const { return _groupContainerMap; }
+  const std::optional<std::string>& lastSystemBuildVersion() const {
+    return _lastSystemBuildVersion;
+  }
+  std::uint64_t countItemsMigrated() const { return _countItemsMigrated.load(); }
+
+ private:
+  explicit CVAppMigrator(Environment environment);
+  bool init();
+
+  // The pass's phases.
+  std::deque<CVDictionary> classifyLegacyEntries();
+  bool migrateContainers(const std::deque<CVDictionary>& workList);
+  bool removeLegacyTreeIfEmpty();
+  void recordSystemVersion();
+
+  CVURL dataDirectoryFileURL(std::string_view name);
+
+  Environment environment_;
+  // Polled by the host from another thread while the pass runs.
+  std::atomic<std::uint64_t> _countItemsMigrated{0};
+  std::optional<std::vector<CVURL>> _itemsToMigrate;
+  std::optional<CVDictionary> _installMap;
+  std::optional<CVDictionary> _harborMap;
+  std::optional<CVDictionary> _groupContainerMap;
+  std::optional<std::string> _lastSystemBuildVersion;
+};

@@ -1,0 +1,51 @@
+// Safe harbors: data kept at paths of their own for absent applications, each
+// registered again with the installer service after the upgrade.
+#include "AppMigrator/AppMigrator.h"
+#include "platform/Log.h"
+#include "shared/filemanager/CVFileManager.h"
+
+namespace {
+constexpr std::string_view kFunction = "-[CVAppMigrator _migrateSafeHarbors]";
+constexpr std::string_view kHarborPathKey = "HarborPathKey";
+}  // namespace
+
+bool CVAppMigrator::_migrateSafeHarbors() {
+  using platform::kLogLevelError;
+  using platform::logMigration;
+  if (!_harborMap) return true;
+
+  bool succeeded = true;
+  // Keys of a property-list dictionary are always strings, so every entry has a
+  // string identifier; malformed entries are skipped without failing the pass.
+  for (std::size_t i = 0; i < _harborMap->count(); ++i) {
+    const std::string& identifier = _harborMap->keys()[i];
+    const CVDictionary* entry = _harborMap->valueAt(i).asDictionary();
+    if (entry == nullptr) {
+      logMigration(kLogLevelError, kFunction,
+                   "CVAppMigrator: Failed to get harbor info for identifier %@", identifier);
+      continue;
+    }
+    const std::string* path = entry->findString(kHarborPathKey);
+    if (path == nullptr) {
+      logMigration(kLogLevelError, kFunction,
+                   "CVAppMigrator: Failed to get harbor path from harbor entry for %@ : %@",
+                   identifier, *entry);
+      continue;
+    }
+    logMigration(platform::kLogLevelNotice, kFunction,
+                 "CVAppMigrator: Migrating safe harbor for %@ at %@", identifier, *path);
+    if (!environment_.installer->CorvaneRegisterSafeHarborForContainerType(
+            *path, identifier, platform::kSafeHarborContainerType, nullptr)) {
+      // The service reports no error record here; the message prints the null marker.
+      logMigration(kLogLevelError, kFunction,
+                   "CVAppMigrator: Failed to migrate safe harbor for identifier %@ at %@ : %@",
+                   identifier, *path, nullptr);
+      succeeded = false;
+    }
+  }
+  // A failed registration keeps the map, so that a later attempt registers again.
+  if (!succeeded) return false;
+  CVFileManager::defaultManager().removeItemAtURL(dataDirectoryFileURL(kHarborMapFileName),
+                                                  nullptr);
+  return true;
+}

@@ -1,0 +1,148 @@
+#include "host/CommandLine.h"
+
+#include <charconv>
+
+namespace mavrel_host {
+namespace {
+
+constexpr int kMinimumLogLevel = 0;
+constexpr int kMaximumLogLevel = 7;
+
+ParsedCommand failure(std::string message) {
+  ParsedCommand command;
+  command.kind = ParsedCommand::Kind::Error;
+  command.error = std::move(message);
+  return command;
+}
+
+ParsedCommand ofKind(ParsedCommand::Kind kind) {
+  ParsedCommand command;
+  command.kind = kind;
+  return command;
+}
+
+std::optional<int> parseLevel(std::string_view text) {
+  int value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, code] = std::from_chars(text.data(), end, value);
+  if (text.empty() || code != std::errc() || stop != end) return std::nullopt;
+  if (value < kMinimumLogLevel || value > kMaximumLogLevel) return std::nullopt;
+  return value;
+}
+
+// Parses the words after "migrate".
+ParsedCommand parseMigrate(std::span<const std::string_view> words) {
+  ParsedCommand command = ofKind(ParsedCommand::Kind::Migrate);
+  MigrateOptions& options = command.options;
+  bool haveRoot = false;
+
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    std::string_view word = words[i];
+    if (word == "--help" || word == "-h") return ofKind(ParsedCommand::Kind::MigrateHelp);
+
+    // Accept both "--option value" and "--option=value".
+    std::string_view name = word;
+    std::optional<std::string_view> inlineValue;
+    if (word.starts_with("--")) {
+      if (const auto equals = word.find('='); equals != std::string_view::npos) {
+        name = word.substr(0, equals);
+        inlineValue = word.substr(equals + 1);
+      }
+    }
+    const bool known = name == "--root" || name == "--log-json" || name == "--installer-log-json" ||
+                       name == "--log-level" || name == "--plugin-dir";
+    if (!known) {
+      if (word.starts_with("-")) return failure("unknown option '" + std::string(name) + "'");
+      return failure("unexpected argument '" + std::string(word) + "'");
+    }
+
+    std::string_view value;
+    if (inlineValue) {
+      value = *inlineValue;
+    } else {
+      if (i + 1 >= words.size()) return failure("option '" + std::string(name) + "' needs a value");
+      value = words[++i];
+    }
+    if (value.empty()) return failure("option '" + std::string(name) + "' needs a non-empty value");
+
+    if (name == "--root") {
+      if (haveRoot) return failure("option '--root' given more than once");
+      haveRoot = true;
+      options.root = std::string(value);
+    } else if (name == "--log-json") {
+      if (options.migrationLogJSON) return failure("option '--log-json' given more than once");
+      options.migrationLogJSON = std::string(value);
+    } else if (name == "--installer-log-json") {
+      if (options.installerLogJSON)
+        return failure("option '--installer-log-json' given more than once");
+      options.installerLogJSON = std::string(value);
+    } else if (name == "--log-level") {
+      if (options.logLevel) return failure("option '--log-level' given more than once");
+      options.logLevel = parseLevel(value);
+      if (!options.logLevel)
+        return failure("option '--log-level' needs a whole number from 0 to 7, not '" +
+                       std::string(value) + "'");
+    } else {
+      if (options.pluginDirectory) return failure("option '--plugin-dir' given more than once");
+      options.pluginDirectory = std::string(value);
+    }
+  }
+
+  if (!haveRoot) return failure("option '--root' is required: the device image to migrate");
+  return command;
+}
+
+}  // namespace
+
+ParsedCommand parseCommandLine(std::span<const std::string_view> arguments) {
+  if (arguments.empty()) return failure("no command given");
+  const std::string_view first = arguments.front();
+  if (first == "--help" || first == "-h" || first == "help") {
+    if (arguments.size() > 1)
+      return failure("unexpected argument '" + std::string(arguments[1]) + "'");
+    return ofKind(ParsedCommand::Kind::Help);
+  }
+  if (first == "--version") {
+    if (arguments.size() > 1)
+      return failure("unexpected argument '" + std::string(arguments[1]) + "'");
+    return ofKind(ParsedCommand::Kind::Version);
+  }
+  if (first == "migrate") return parseMigrate(arguments.subspan(1));
+  if (first.starts_with("-")) return failure("unknown option '" + std::string(first) + "'");
+  return failure("unknown command '" + std::string(first) + "'");
+}
+
+std::string_view generalUsageText() {
+  return "usage: mavrel migrate --root DIR [options]\n"
+         "       mavrel --help | --version\n"
+         "\n"
+         "Commands:\n"
+         "  migrate    migrate the applications of a device image to the current layout\n"
+         "\n"
+         "Run 'mavrel migrate --help' for the options of migrate.\n";
+}
+
+std::string_view migrateUsageText() {
+  return "usage: mavrel migrate --root DIR [options]\n"
+         "\n"
+         "Runs every migrator plug-in over the device image whose root directory is DIR.\n"
+         "\n"
+         "Options:\n"
+         "  --root DIR                  the device image's root directory (required)\n"
+         "  --log-json FILE             also write the migration log to FILE, one JSON object\n"
+         "                              per line\n"
+         "  --installer-log-json FILE   also write the installer log to FILE as JSON lines\n"
+         "  --log-level N               log level of both logs (0-7; 7 adds trace lines)\n"
+         "  --plugin-dir DIR            load plug-ins (*.migrator) from DIR instead of the\n"
+         "                              plugins directory beside the program\n"
+         "  --help                      show this text\n"
+         "\n"
+         "Exit status: 0 when every migration succeeded, 1 when one failed, 2 for a usage\n"
+         "error or a failed set-up.\n";
+}
+
+std::string versionText() {
+  return "mavrel 0.1.0\n";
+}
+
+}  // namespace mavrel_host

@@ -1,0 +1,43 @@
+// The host's command line:
+//
+//   mavrel migrate --root DIR [--log-json FILE] [--installer-log-json FILE]
+//                  [--log-level N] [--plugin-dir DIR]
+//   mavrel --help | mavrel migrate --help | mavrel --version
+//
+// Error contract: parseCommandLine never exits and never touches the file
+// system; a malformed command line gives a ParsedCommand of kind Error whose
+// message names the option (or word) at fault. Whether --root names a
+// directory is checked later, by resolveRootDirectory (RootDirectory.h).
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace mavrel_host {
+
+struct MigrateOptions {
+  std::string root;
+  std::optional<std::string> migrationLogJSON;
+  std::optional<std::string> installerLogJSON;
+  std::optional<int> logLevel;
+  std::optional<std::string> pluginDirectory;
+};
+
+struct ParsedCommand {
+  enum class Kind { Migrate, Help, MigrateHelp, Version, Error };
+  Kind kind = Kind::Error;
+  MigrateOptions options;  // meaningful for Migrate
+  std::string error;       // meaningful for Error: one line, without the program name
+};
+
+// `arguments` excludes the program name (argv[1] onwards).
+ParsedCommand parseCommandLine(std::span<const std::string_view> arguments);
+
+// Texts printed by --help, migrate --help and --version.
+std::string_view generalUsageText();
+std::string_view migrateUsageText();
+std::string versionText();
+
+}  // namespace mavrel_host

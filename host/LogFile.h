@@ -1,0 +1,44 @@
+// An append-only log file. Each line goes out with one write(2) of the whole
+// line (retried only for the part a short write left over), so lines of
+// concurrent writers never interleave mid-line.
+//
+// Error contract: open functions return nullopt and a one-line reason; write
+// and sync return false and keep the first failure's errno (firstError()).
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "host/UniqueFd.h"
+
+namespace mavrel_host {
+
+class AppendOnlyFile {
+ public:
+  // Opens or creates `path` (mode 0644) for appending.
+  static std::optional<AppendOnlyFile> open(const std::string& path, std::string* reason);
+  // The same for `name` inside the open directory `directory`; a symbolic link
+  // at `name` is refused. `displayPath` names the file in messages.
+  static std::optional<AppendOnlyFile> openInDirectory(int directory, const std::string& name,
+                                                       const std::string& displayPath,
+                                                       std::string* reason);
+
+  // Writes `line` as it is (the caller supplies the newline).
+  bool write(std::string_view line);
+  // Flushes the file to stable storage.
+  bool sync();
+
+  const std::string& path() const { return path_; }
+  int firstError() const { return firstError_; }
+
+ private:
+  AppendOnlyFile(UniqueFd fd, std::string path) : fd_(std::move(fd)), path_(std::move(path)) {}
+  bool fail(int code);
+
+  UniqueFd fd_;
+  std::string path_;
+  int firstError_ = 0;
+};
+
+}  // namespace mavrel_host

@@ -1,0 +1,200 @@
+#include "host/MigrationHost.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/HostLogs.h"
+#include "host/PluginLoader.h"
+#include "host/ProgressDisplay.h"
+#include "host/ProgressTracker.h"
+#include "host/RootDirectory.h"
+#include "installer/MinimalInstallerService.h"
+#include "platform/DeviceRoot.h"
+#include "platform/Log.h"
+#include "platform/SystemVersion.h"
+
+namespace mavrel_host {
+namespace {
+
+// Staging goes here so that it stays on the image's file system.
+constexpr std::string_view kTemporaryDirectory = "private/var/tmp/mavrel";
+constexpr mode_t kTemporaryDirectoryMode = 0700;
+
+void printText(std::FILE* stream, std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stream);
+}
+
+void printLine(std::FILE* stream, std::string_view text) {
+  printText(stream, text);
+  std::fputc('\n', stream);
+  std::fflush(stream);
+}
+
+int setUpFailure(std::FILE* err, std::string_view reason) {
+  printLine(err, "mavrel: " + std::string(reason));
+  return kExitUsageOrSetUp;
+}
+
+// A set-up migrator and the entry count it announced while setting up.
+struct ReadyMigrator {
+  LoadedMigrator loaded;
+  std::optional<std::uint64_t> announcedTotal;
+};
+
+// Runs one migrator's pass with the progress shown on `out`.
+bool runPass(ReadyMigrator& ready, ProgressTracker& tracker, std::FILE* out) {
+  MavrelMigrator& migrator = *ready.loaded.migrator;
+  tracker.beginPass(ready.announcedTotal);
+  const bool live = ::isatty(::fileno(out)) == 1;
+  if (live) {
+    tracker.setApplicationListener({});
+    const LiveProgressDisplay display(tracker, migrator, out);
+    return migrator.performMigration();
+  }
+  tracker.setApplicationListener(
+      [out](const ProgressSnapshot& snapshot) { printLine(out, formatApplicationLine(snapshot)); });
+  const bool succeeded = migrator.performMigration();
+  tracker.setApplicationListener({});
+  return succeeded;
+}
+
+// Loads every plug-in, or none: a plug-in that fails to set up fails the run.
+std::optional<std::vector<ReadyMigrator>> loadMigrators(const MigrateOptions& options,
+                                                        const MavrelHostServices& services,
+                                                        ProgressTracker& tracker,
+                                                        std::string* reason) {
+  const std::string directory =
+      options.pluginDirectory ? *options.pluginDirectory : defaultPluginDirectory();
+  const auto paths = findPlugins(directory, reason);
+  if (!paths) return std::nullopt;
+  if (paths->empty()) {
+    *reason = "no plug-ins (*.migrator) found in '" + directory + "'";
+    return std::nullopt;
+  }
+  std::vector<ReadyMigrator> migrators;
+  for (const std::string& path : *paths) {
+    tracker.reset();
+    auto loaded = loadMigrator(path, services, reason);
+    if (!loaded) return std::nullopt;
+    migrators.push_back(ReadyMigrator{std::move(*loaded), tracker.snapshot().total});
+  }
+  return migrators;
+}
+
+// Everything after the logs are open: services, plug-ins, passes.
+int migrateWithLogs(const std::string& root, const MigrateOptions& options,
+                    ProgressTracker& tracker, const std::string& logPath, std::FILE* out,
+                    std::FILE* err) {
+  const platform::DeviceRoot deviceRoot(root);
+  mavrel_installer::MinimalInstallerService installer;
+  const platform::DeviceSystemVersion systemVersion(deviceRoot.rootURL());
+  MavrelHostServices services;
+  services.installer = &installer;
+  services.registry = &installer;
+  services.systemVersion = &systemVersion;
+  services.temporaryDirectory =
+      deviceRoot.rootURL().URLByAppendingPathComponent(kTemporaryDirectory, true);
+
+  printLine(out, "Migrating device image at " + root);
+  std::string reason;
+  auto migrators = loadMigrators(options, services, tracker, &reason);
+  if (!migrators) return setUpFailure(err, reason);
+
+  int exitCode = kExitSucceeded;
+  for (ReadyMigrator& ready : *migrators) {
+    const std::string name = ready.loaded.migrator->dataClassName();
+    const auto start = std::chrono::steady_clock::now();
+    const bool succeeded = runPass(ready, tracker, out);
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    printLine(out, formatSummaryLine(name, succeeded, elapsed, logPath));
+    if (!succeeded) exitCode = kExitMigrationFailed;
+  }
+  // The migrators go before their modules are closed, and both before the
+  // services they were given.
+  migrators->clear();
+  return exitCode;
+}
+
+}  // namespace
+
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err) {
+  raiseDescriptorLimit();
+  const std::time_t runTime = std::time(nullptr);
+
+  std::string reason;
+  const auto root = resolveRootDirectory(options.root, &reason);
+  if (!root) {
+    printLine(err, "mavrel: option '--root': " + reason);
+    printLine(err, "Run 'mavrel migrate --help' for usage.");
+    return kExitUsageOrSetUp;
+  }
+  // Before anything reads the configuration or touches the file manager.
+  platform::setProcessDeviceRoot(platform::DeviceRoot(*root));
+
+  if (!makeDirectoryInsideRoot(*root, kTemporaryDirectory, kTemporaryDirectoryMode, &reason)
+           .valid())
+    return setUpFailure(err, reason);
+  const std::string temporaryPath =
+      *root + (*root == "/" ? "" : "/") + std::string(kTemporaryDirectory);
+  ::setenv("TMPDIR", temporaryPath.c_str(), 1);
+
+  auto logs = openHostLogs(*root, options, runTime, &reason);
+  if (!logs) return setUpFailure(err, reason);
+
+  int exitCode = kExitSucceeded;
+  {
+    auto tracker = std::make_shared<ProgressTracker>(logs->migration);
+    const platform::ScopedLogSink migrationSink(platform::migrationLog(), tracker,
+                                                logs->migrationHandleLevel);
+    const platform::ScopedLogSink installerSink(platform::installerLog(), logs->installer,
+                                                logs->installerHandleLevel);
+    exitCode = migrateWithLogs(*root, options, *tracker, logs->migration->textPath(), out, err);
+  }
+
+  // A lost log line is worth a warning but does not change the migration's
+  // outcome.
+  for (FileLogSink* sink : {logs->migration.get(), logs->installer.get()}) {
+    if (!sink->finish(&reason)) printLine(err, "mavrel: warning: " + reason);
+  }
+  return exitCode;
+}
+
+int runHost(std::span<const std::string_view> arguments, std::FILE* out, std::FILE* err) {
+  const ParsedCommand command = parseCommandLine(arguments);
+  switch (command.kind) {
+    case ParsedCommand::Kind::Help:
+      printText(out, generalUsageText());
+      return kExitSucceeded;
+    case ParsedCommand::Kind::MigrateHelp:
+      printText(out, migrateUsageText());
+      return kExitSucceeded;
+    case ParsedCommand::Kind::Version:
+      printText(out, versionText());
+      return kExitSucceeded;
+    case ParsedCommand::Kind::Error:
+      printLine(err, "mavrel: " + command.error);
+      printText(err, generalUsageText());
+      return kExitUsageOrSetUp;
+    case ParsedCommand::Kind::Migrate:
+      break;
+  }
+  return runMigrate(command.options, out, err);
+}
+
+}  // namespace mavrel_host

@@ -1,0 +1,33 @@
+// The host program: parses the command line, prepares the device image (root,
+// logs, temporary directory, services), loads the migrator plug-ins and runs
+// each one's pass while showing its progress.
+//
+// Exit codes: 0 when every pass returned true, 1 when one returned false, 2
+// for a usage error or a failed set-up (bad root, log files that cannot be
+// opened, a plug-in that cannot be loaded or set up, no plug-in at all). A log
+// write that fails later is reported as a warning and leaves the code alone.
+// Messages for the user go to the given streams.
+#pragma once
+
+#include <cstdio>
+#include <span>
+#include <string_view>
+
+#include "host/CommandLine.h"
+
+namespace mavrel_host {
+
+inline constexpr int kExitSucceeded = 0;
+inline constexpr int kExitMigrationFailed = 1;
+inline constexpr int kExitUsageOrSetUp = 2;
+
+// `arguments` excludes the program name.
+int runHost(std::span<const std::string_view> arguments, std::FILE* out, std::FILE* err);
+
+int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err);
+
+// Raises the soft limit of open descriptors to the hard limit: removing deep
+// trees keeps one descriptor per level open.
+void raiseDescriptorLimit();
+
+}  // namespace mavrel_host

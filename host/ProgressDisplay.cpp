@@ -1,0 +1,120 @@
+#include "host/ProgressDisplay.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "platform/MavrelMigrator.h"
+
+namespace mavrel_host {
+namespace {
+
+constexpr auto kRedrawInterval = std::chrono::milliseconds(250);
+constexpr std::string_view kClearLine = "\r\x1b[K";
+
+std::string countText(const ProgressSnapshot& snapshot, std::uint64_t count) {
+  if (!snapshot.total) return std::to_string(count);
+  // Never show more done than there is: a count past the announced total
+  // raises the total shown instead.
+  const std::uint64_t total = *snapshot.total < count ? count : *snapshot.total;
+  return std::to_string(count) + "/" + std::to_string(total);
+}
+
+std::size_t terminalWidth(std::FILE* out) {
+  winsize size{};
+  if (::ioctl(::fileno(out), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+  return 80;
+}
+
+}  // namespace
+
+std::string formatElapsed(std::chrono::seconds elapsed) {
+  const long long total = elapsed.count() < 0 ? 0 : elapsed.count();
+  const long long hours = total / 3600, minutes = total / 60 % 60, seconds = total % 60;
+  char text[32];
+  if (hours > 0)
+    std::snprintf(text, sizeof text, "%lld:%02lld:%02lld", hours, minutes, seconds);
+  else
+    std::snprintf(text, sizeof text, "%lld:%02lld", minutes, seconds);
+  return text;
+}
+
+std::string formatApplicationLine(const ProgressSnapshot& snapshot) {
+  return "[" + countText(snapshot, snapshot.applicationsBegun) + "] " + snapshot.currentApplication;
+}
+
+std::string formatLiveLine(const ProgressSnapshot& snapshot, bool allCounted,
+                           std::chrono::seconds elapsed, std::size_t width) {
+  std::string line;
+  if (allCounted) {
+    line = "Finishing";
+    if (snapshot.total) line += " (" + std::to_string(*snapshot.total) + " entries dealt with)";
+  } else if (snapshot.phase == ProgressSnapshot::Phase::Migrating) {
+    line = "Migrating " + formatApplicationLine(snapshot);
+  } else if (snapshot.phase == ProgressSnapshot::Phase::Examining) {
+    line = "Examining entries " + countText(snapshot, snapshot.examined);
+  } else {
+    line = "Working";
+  }
+  line += "  " + formatElapsed(elapsed);
+  if (snapshot.errors > 0)
+    line += "  " + std::to_string(snapshot.errors) + (snapshot.errors == 1 ? " error" : " errors");
+  if (width > 1 && line.size() >= width) line.resize(width - 1);
+  return line;
+}
+
+std::string formatSummaryLine(std::string_view name, bool succeeded,
+                              std::chrono::duration<double> elapsed, std::string_view logPath) {
+  std::string line(name);
+  if (succeeded) {
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.1f", elapsed.count());
+    line += ": succeeded in " + std::string(seconds) + " s";
+  } else {
+    line += ": failed (see " + std::string(logPath) + ")";
+  }
+  return line;
+}
+
+LiveProgressDisplay::LiveProgressDisplay(const ProgressTracker& tracker,
+                                         const MavrelMigrator& migrator, std::FILE* out)
+    : tracker_(tracker),
+      migrator_(migrator),
+      out_(out),
+      start_(std::chrono::steady_clock::now()),
+      thread_([this] { run(); }) {}
+
+LiveProgressDisplay::~LiveProgressDisplay() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_one();
+  thread_.join();
+  std::fwrite(kClearLine.data(), 1, kClearLine.size(), out_);
+  std::fflush(out_);
+}
+
+void LiveProgressDisplay::run() {
+  // Draw at once, then on every tick until told to stop.
+  for (;;) {
+    draw();
+    std::unique_lock lock(mutex_);
+    if (wake_.wait_for(lock, kRedrawInterval, [this] { return stopping_; })) return;
+  }
+}
+
+void LiveProgressDisplay::draw() {
+  const auto elapsed =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
+  // The migrator's figure is 1.0 exactly when every entry has been counted.
+  const bool allCounted = migrator_.migrationProgress() >= 1.0f;
+  const std::string line =
+      formatLiveLine(tracker_.snapshot(), allCounted, elapsed, terminalWidth(out_));
+  std::fwrite(kClearLine.data(), 1, kClearLine.size(), out_);
+  std::fwrite(line.data(), 1, line.size(), out_);
+  std::fflush(out_);
+}
+
+}  // namespace mavrel_host

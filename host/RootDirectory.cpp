@@ -1,0 +1,94 @@
+#include "host/RootDirectory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace mavrel_host {
+namespace {
+
+constexpr mode_t kIntermediateMode = 0755;
+
+void setReason(std::string* reason, std::string text) {
+  if (reason != nullptr) *reason = std::move(text);
+}
+
+std::string systemError(int code) {
+  return std::strerror(code);
+}
+
+}  // namespace
+
+std::optional<std::string> resolveRootDirectory(std::string_view path, std::string* reason) {
+  const std::string given(path);
+  std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(given.c_str(), nullptr),
+                                                       &std::free);
+  if (!resolved) {
+    const int code = errno;
+    if (code == ENOENT)
+      setReason(reason, "the root '" + given + "' does not exist");
+    else
+      setReason(reason, "cannot resolve the root '" + given + "': " + systemError(code));
+    return std::nullopt;
+  }
+  struct stat status {};
+  if (::stat(resolved.get(), &status) != 0) {
+    setReason(reason, "cannot examine the root '" + given + "': " + systemError(errno));
+    return std::nullopt;
+  }
+  if (!S_ISDIR(status.st_mode)) {
+    setReason(reason, "the root '" + given + "' is not a directory");
+    return std::nullopt;
+  }
+  return std::string(resolved.get());
+}
+
+UniqueFd makeDirectoryInsideRoot(const std::string& root, std::string_view relative, mode_t mode,
+                                 std::string* reason) {
+  UniqueFd current(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!current.valid()) {
+    setReason(reason, "cannot open '" + root + "': " + systemError(errno));
+    return {};
+  }
+  std::string walked = root;
+  while (!relative.empty()) {
+    const std::size_t slash = relative.find('/');
+    const std::string component(relative.substr(0, slash));
+    relative = slash == std::string_view::npos ? std::string_view() : relative.substr(slash + 1);
+    if (component.empty()) continue;
+    walked += "/" + component;
+    const mode_t componentMode = relative.empty() ? mode : kIntermediateMode;
+
+    bool created = false;
+    if (::mkdirat(current.get(), component.c_str(), componentMode) == 0) {
+      created = true;
+    } else if (errno != EEXIST) {
+      setReason(reason, "cannot create '" + walked + "': " + systemError(errno));
+      return {};
+    }
+    // O_NOFOLLOW: a symbolic link here could lead out of the image.
+    UniqueFd next(::openat(current.get(), component.c_str(),
+                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!next.valid()) {
+      const int code = errno;
+      if (code == ELOOP || code == ENOTDIR)
+        setReason(reason, "cannot use '" + walked + "': it is not a directory inside the root");
+      else
+        setReason(reason, "cannot open '" + walked + "': " + systemError(code));
+      return {};
+    }
+    if (created && ::fchmod(next.get(), componentMode) != 0) {
+      setReason(reason, "cannot set the mode of '" + walked + "': " + systemError(errno));
+      return {};
+    }
+    current = std::move(next);
+  }
+  return current;
+}
+
+}  // namespace mavrel_host

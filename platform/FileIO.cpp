@@ -1,0 +1,238 @@
+#include "platform/FileIO.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <limits>
+#include <random>
+#include <string>
+#include <utility>
+
+#include "platform/FileIOPosix.h"
+
+namespace platform {
+namespace {
+
+// Owns one file descriptor and closes it when it goes away.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  // Closes now; returns 0 or the errno of close, which matters for writes.
+  int close() {
+    if (fd_ < 0) return 0;
+    const int result = ::close(std::exchange(fd_, -1));
+    return result == 0 ? 0 : errno;
+  }
+  void reset() {
+    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+// Removes a file on every path out of a scope unless told it was committed.
+class AsideFile {
+ public:
+  explicit AsideFile(std::string path) : path_(std::move(path)) {}
+  ~AsideFile() {
+    if (!committed_) ::unlink(path_.c_str());
+  }
+  AsideFile(const AsideFile&) = delete;
+  AsideFile& operator=(const AsideFile&) = delete;
+  void commit() { committed_ = true; }
+
+ private:
+  std::string path_;
+  bool committed_ = false;
+};
+
+std::string displayPath(const CVURL& url) {
+  return url.isNil() ? "(null)" : url.path();
+}
+
+// The aside file's name: hidden, unique, and short enough for NAME_MAX even
+// when the target's own name is long.
+std::string asideName(const std::string& targetName) {
+  thread_local std::mt19937_64 generator{std::random_device{}()};
+  char suffix[24];
+  std::snprintf(suffix, sizeof suffix, ".%016llx", static_cast<unsigned long long>(generator()));
+  return "." + targetName.substr(0, 200) + suffix + ".tmp";
+}
+
+bool writeAll(int fd, std::span<const std::uint8_t> bytes, int& failedErrno) {
+  std::size_t written = 0;
+  while (written < bytes.size()) {
+    const ssize_t result = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (result < 0) {
+      if (errno == EINTR) continue;
+      failedErrno = errno;
+      return false;
+    }
+    written += static_cast<std::size_t>(result);
+  }
+  return true;
+}
+
+int fsyncRetrying(int fd) {
+  while (::fsync(fd) != 0) {
+    if (errno != EINTR) return errno;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::optional<std::vector<std::uint8_t>> readFileContents(const CVURL& url, std::size_t maxSize,
+                                                          CVError* error) {
+  const std::string path = displayPath(url);
+  if (url.isNil()) {
+    CVSetError(error, posixCallError(EINVAL, "open", path));
+    return std::nullopt;
+  }
+  // O_NONBLOCK: opening a FIFO must not wait for a writer; the type check
+  // below refuses it anyway. It has no effect on regular files.
+  int openErrno = 0;
+  UniqueFd fd;
+  do {
+    fd = UniqueFd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    openErrno = fd.valid() ? 0 : errno;
+  } while (openErrno == EINTR);
+  if (!fd.valid()) {
+    CVSetError(error, posixCallError(openErrno, "open", path));
+    return std::nullopt;
+  }
+  struct stat status {};
+  if (::fstat(fd.get(), &status) != 0) {
+    CVSetError(error, posixCallError(errno, "fstat", path));
+    return std::nullopt;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    CVSetError(error, CVError::posix(EINVAL, "read of " + path + " refused: not a regular file"));
+    return std::nullopt;
+  }
+  const auto tooLarge = [&] {
+    CVSetError(error, CVError::posix(EFBIG, "read of " + path + " refused: larger than " +
+                                                std::to_string(maxSize) + " bytes"));
+  };
+  if (status.st_size < 0 || static_cast<std::uint64_t>(status.st_size) > maxSize) {
+    tooLarge();
+    return std::nullopt;
+  }
+
+  // Read to the end rather than trusting st_size: the file may change while
+  // it is read. One byte more than the cap is let in so that growth past the
+  // cap is noticed.
+  const std::size_t bufferLimit =
+      maxSize == std::numeric_limits<std::size_t>::max() ? maxSize : maxSize + 1;
+  std::vector<std::uint8_t> bytes(
+      std::min(bufferLimit, static_cast<std::size_t>(status.st_size) + 1));
+  std::size_t filled = 0;
+  while (true) {
+    if (filled == bytes.size()) {
+      if (filled > maxSize) {
+        tooLarge();
+        return std::nullopt;
+      }
+      bytes.resize(std::min(bufferLimit, std::max<std::size_t>(bytes.size() * 2, 4096)));
+    }
+    const ssize_t result = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
+    if (result < 0) {
+      if (errno == EINTR) continue;
+      CVSetError(error, posixCallError(errno, "read", path));
+      return std::nullopt;
+    }
+    if (result == 0) break;
+    filled += static_cast<std::size_t>(result);
+  }
+  if (filled > maxSize) {
+    tooLarge();
+    return std::nullopt;
+  }
+  bytes.resize(filled);
+  return bytes;
+}
+
+bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, CVError* error) {
+  if (url.isNil() || url.path() == "/") {
+    CVSetError(error, posixCallError(EINVAL, "open", displayPath(url)));
+    return false;
+  }
+  const std::string targetPath = url.path();
+  const std::string directoryPath = url.URLByDeletingLastPathComponent().path();
+  const std::string separator = directoryPath == "/" ? "" : "/";
+
+  // A fresh name in the same directory, so that the rename stays within one
+  // file system. O_EXCL makes a name collision (or a planted link) fail
+  // rather than be reused; then another name is tried.
+  UniqueFd fd;
+  std::string asidePath;
+  int openErrno = 0;
+  for (int attempt = 0; attempt < 16 && !fd.valid(); ++attempt) {
+    asidePath = directoryPath + separator + asideName(url.lastPathComponent());
+    fd = UniqueFd(::open(asidePath.c_str(),
+                         O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0644));
+    openErrno = fd.valid() ? 0 : errno;
+    if (openErrno != 0 && openErrno != EEXIST && openErrno != EINTR) break;
+  }
+  if (!fd.valid()) {
+    CVSetError(error, posixCallError(openErrno, "open", asidePath));
+    return false;
+  }
+  AsideFile aside(asidePath);
+
+  int failedErrno = 0;
+  if (!writeAll(fd.get(), bytes, failedErrno)) {
+    CVSetError(error, posixCallError(failedErrno, "write", asidePath));
+    return false;
+  }
+  if (const int syncErrno = fsyncRetrying(fd.get()); syncErrno != 0) {
+    CVSetError(error, posixCallError(syncErrno, "fsync", asidePath));
+    return false;
+  }
+  if (const int closeErrno = fd.close(); closeErrno != 0) {
+    CVSetError(error, posixCallError(closeErrno, "close", asidePath));
+    return false;
+  }
+  if (::rename(asidePath.c_str(), targetPath.c_str()) != 0) {
+    const int renameErrno = errno;
+    CVSetError(error, CVError::posix(renameErrno, "rename of " + asidePath + " to " + targetPath +
+                                                      " failed: " + errnoDescription(renameErrno)));
+    return false;
+  }
+  aside.commit();
+
+  // Flush the directory so that the rename itself survives a crash.
+  UniqueFd directory(::open(directoryPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.valid()) {
+    CVSetError(error, posixCallError(errno, "open", directoryPath));
+    return false;
+  }
+  // EINVAL: the file system cannot flush directories; the rename stands.
+  if (const int syncErrno = fsyncRetrying(directory.get()); syncErrno != 0 && syncErrno != EINVAL) {
+    CVSetError(error, posixCallError(syncErrno, "fsync", directoryPath));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace platform

@@ -1,0 +1,31 @@
+// Whole-file reads and durable whole-file writes.
+//
+// Errors: POSIX-domain CVError records whose description names the call and
+// the path, with the errno of the failing call as code.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "platform/Error.h"
+#include "platform/URL.h"
+
+namespace platform {
+
+// Reads a whole regular file without following a final symbolic link. A file
+// larger than `maxSize` fails with EFBIG; a non-regular file with EINVAL (or
+// ELOOP for a link). Opening never waits (a FIFO is refused, not waited on).
+std::optional<std::vector<std::uint8_t>> readFileContents(const CVURL& url, std::size_t maxSize,
+                                                          CVError* error);
+
+// Writes `bytes` durably: to a uniquely named file beside `url`, flushed,
+// renamed over `url`, then the directory is flushed. On failure the old file is
+// untouched and the aside file removed. The one exception is a failure to
+// flush the directory after the rename: the new contents are then in place,
+// but the call still fails because their durability is not assured.
+bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, CVError* error);
+
+}  // namespace platform

@@ -1,0 +1,174 @@
+#include "platform/PropertyList.h"
+
+#include <plist/plist.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/FileIO.h"
+#include "platform/FileIOPosix.h"
+#include "platform/PropertyListGuard.h"
+#include "platform/PropertyListNodes.h"
+
+namespace platform {
+namespace {
+
+// A binary list may share objects; expanded, its tree may not have more nodes
+// than this (a few hundred megabytes of libplist nodes).
+constexpr std::uint64_t kMaxBinaryPropertyListNodes = std::uint64_t{1} << 22;
+
+constexpr std::string_view kBinaryMagic = "bplist00";
+
+struct ParseOutcome {
+  std::optional<CVValue> value;
+  std::string reason;  // why there is no value
+};
+
+ParseOutcome parseBytes(std::span<const std::uint8_t> bytes) {
+  if (bytes.empty()) return {std::nullopt, "the data is empty"};
+  if (bytes.size() > kMaxPropertyListFileSize) {
+    return {std::nullopt,
+            "the data is larger than " + std::to_string(kMaxPropertyListFileSize) + " bytes"};
+  }
+  const bool binary = bytes.size() >= kBinaryMagic.size() &&
+                      std::memcmp(bytes.data(), kBinaryMagic.data(), kBinaryMagic.size()) == 0;
+  const char* const format = binary ? "binary" : "XML";
+  // The guard runs first: libplist recurses per nesting level and would
+  // overflow the stack on deep input.
+  const auto refusal =
+      binary ? plist_guard::checkBinary(bytes, kMaxPropertyListDepth, kMaxBinaryPropertyListNodes)
+             // Elements: the <plist> wrapper and a scalar's own element add two.
+             : plist_guard::checkXML(bytes, kMaxPropertyListDepth + 2);
+  if (refusal)
+    return {std::nullopt,
+            "not a valid " + std::string(format) + " property list (" + *refusal + ")"};
+
+  plist_t root = nullptr;
+  const char* data = reinterpret_cast<const char*>(bytes.data());
+  const auto length = static_cast<std::uint32_t>(bytes.size());
+  if (binary) {
+    plist_from_bin(data, length, &root);
+  } else {
+    plist_from_xml(data, length, &root);
+  }
+  const plist_nodes::PlistNode owner(root);
+  if (root == nullptr)
+    return {std::nullopt, "not a valid " + std::string(format) + " property list"};
+  std::string reason;
+  auto value = plist_nodes::valueFromNode(root, kMaxPropertyListDepth, reason);
+  if (!value) return {std::nullopt, "the property list " + reason};
+  return {std::move(value), {}};
+}
+
+CVError platformError(long code, std::string description, const CVError& underlying = {}) {
+  CVDictionary userInfo;
+  userInfo.set(std::string(kLocalizedDescriptionKey), std::move(description));
+  if (underlying) userInfo.set(std::string(kUnderlyingErrorKey), underlying);
+  return CVError(std::string(kPlatformErrorDomain), code, std::move(userInfo));
+}
+
+std::string readFailureDescription(const CVURL& url, std::string_view reason) {
+  return "The property list at " + (url.isNil() ? std::string("(null)") : url.path()) +
+         " could not be read: " + std::string(reason);
+}
+
+// Why a file could not be read, from the POSIX error of readFileContents.
+std::string fileReadReason(const CVError& posixError) {
+  switch (posixError.code()) {
+    case ENOENT:
+      return "no such file";
+    case ELOOP:
+      return "it is a symbolic link";
+    case EINVAL:
+      return "not a regular file";
+    case EFBIG:
+      return "larger than " + std::to_string(kMaxPropertyListFileSize) + " bytes";
+    default:
+      return errnoDescription(static_cast<int>(posixError.code()));
+  }
+}
+
+std::string_view rootKindName(const CVValue& value) {
+  return value.asNumber() && value.asNumber()->isBoolean() ? std::string_view("boolean")
+                                                           : CVValue::kindName(value.kind());
+}
+
+}  // namespace
+
+std::optional<CVValue> parsePropertyList(std::span<const std::uint8_t> bytes, CVError* error) {
+  ParseOutcome outcome = parseBytes(bytes);
+  if (!outcome.value) {
+    CVSetError(error,
+               platformError(kPlatformPropertyListReadCorruptError,
+                             "The data could not be read as a property list: " + outcome.reason));
+  }
+  return std::move(outcome.value);
+}
+
+std::optional<CVValue> readPropertyList(const CVURL& url, CVError* error) {
+  CVError readError;
+  const auto bytes = readFileContents(url, kMaxPropertyListFileSize, &readError);
+  if (!bytes) {
+    const long code = readError.code() == ENOENT ? kPlatformFileReadNoSuchFileError
+                                                 : kPlatformFileReadUnknownError;
+    CVSetError(error, platformError(code, readFailureDescription(url, fileReadReason(readError)),
+                                    readError));
+    return std::nullopt;
+  }
+  ParseOutcome outcome = parseBytes(*bytes);
+  if (!outcome.value) {
+    CVSetError(error, platformError(kPlatformPropertyListReadCorruptError,
+                                    readFailureDescription(url, outcome.reason)));
+  }
+  return std::move(outcome.value);
+}
+
+std::optional<CVDictionary> readPropertyListDictionary(const CVURL& url, CVError* error) {
+  std::optional<CVValue> value = readPropertyList(url, error);
+  if (!value) return std::nullopt;
+  CVDictionary* dictionary = value->asDictionary();
+  if (dictionary == nullptr) {
+    CVSetError(error, platformError(kPlatformPropertyListReadCorruptError,
+                                    readFailureDescription(
+                                        url, "not a dictionary (the root is " +
+                                                 std::string(rootKindName(*value)) + ")")));
+    return std::nullopt;
+  }
+  return std::move(*dictionary);
+}
+
+std::string encodeXMLPropertyList(const CVValue& value) {
+  const plist_nodes::PlistNode root = plist_nodes::nodeFromValue(value, kMaxPropertyListDepth);
+  if (!root) return {};
+  char* xml = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(root.get(), &xml, &length);
+  if (xml == nullptr) return {};
+  std::string text(xml, length);
+  plist_to_xml_free(xml);
+  return text;
+}
+
+bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error) {
+  const std::string path = url.isNil() ? std::string("(null)") : url.path();
+  const std::string xml = encodeXMLPropertyList(value);
+  if (xml.empty()) {
+    CVSetError(error, platformError(kPlatformFileWriteUnknownError,
+                                    "The property list could not be written to " + path +
+                                        ": it is nested more than " +
+                                        std::to_string(kMaxPropertyListDepth) + " levels deep"));
+    return false;
+  }
+  CVError writeError;
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(xml.data());
+  if (!writeFileAtomically(url, std::span(bytes, xml.size()), &writeError)) {
+    CVSetError(error, platformError(kPlatformFileWriteUnknownError,
+                                    "The property list could not be written to " + path + ": " +
+                                        writeError.localizedDescription(),
+                                    writeError));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace platform

@@ -1,0 +1,59 @@
+// Property lists: reading XML and binary property lists into the value model,
+// and writing XML property lists durably.
+//
+// Encoding and decoding go through libplist. Reading refuses anything that is
+// not a regular file (a directory, a symbolic link, a FIFO) and files larger
+// than kMaxPropertyListFileSize, so a hostile file can neither block the reader
+// nor exhaust memory. Every failure yields a CVError that names the file.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "platform/Error.h"
+#include "platform/URL.h"
+#include "platform/Value.h"
+
+namespace platform {
+
+// Larger property lists are refused unread.
+inline constexpr std::size_t kMaxPropertyListFileSize = 64 * 1024 * 1024;
+// Property lists with more nested arrays and dictionaries are refused, both
+// when read and when written, so that no step recurses without bound.
+inline constexpr std::size_t kMaxPropertyListDepth = 512;
+
+// Parses XML or binary property-list bytes. Failure: nullopt and a
+// kPlatformErrorDomain / kPlatformPropertyListReadCorruptError record.
+std::optional<CVValue> parsePropertyList(std::span<const std::uint8_t> bytes, CVError* error);
+
+// Reads a property-list file (XML or binary), not following a final symbolic
+// link. Failure: nullopt; a missing file gives kPlatformFileReadNoSuchFileError
+// and a file that cannot be read for another reason (a link, a directory, too
+// large, no permission) kPlatformFileReadUnknownError, both with the POSIX
+// error as underlying error; bytes that are no property list give
+// kPlatformPropertyListReadCorruptError.
+std::optional<CVValue> readPropertyList(const CVURL& url, CVError* error);
+
+// Reads a property-list file whose root must be a dictionary; any other root is
+// a failure to read.
+std::optional<CVDictionary> readPropertyListDictionary(const CVURL& url, CVError* error);
+
+// The XML encoding of `value`. Values that property lists cannot hold (null,
+// sets, URLs, errors) are encoded by their nearest form: a set as an array, a
+// URL as its string form, an error and null as their description. Dates keep
+// whole seconds. A value nested more than kMaxPropertyListDepth deep encodes
+// as the empty string.
+std::string encodeXMLPropertyList(const CVValue& value);
+
+// Writes `value` as an XML property list: written aside in the same directory,
+// flushed, renamed into place, and the directory flushed. On failure the file
+// at `url` is left as it was and nothing is left aside (see
+// writeFileAtomically for the one exception). Failure: a kPlatformErrorDomain
+// / kPlatformFileWriteUnknownError record, with the POSIX error as underlying
+// error when a system call failed.
+bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error);
+
+}  // namespace platform

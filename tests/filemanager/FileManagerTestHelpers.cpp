@@ -1,0 +1,54 @@
+#include "tests/filemanager/FileManagerTestHelpers.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/linux/FileDescriptor.h"
+
+namespace filemanager_test {
+
+void makeImmutable(const std::string& path) {
+  ASSERT_EQ(std::system(("chattr +i '" + path + "'").c_str()), 0) << "chattr +i " << path;
+}
+
+void makeDeepTree(const std::string& root, int levels, const std::string& name) {
+  platform::sys::UniqueFd current(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_TRUE(current) << root;
+  for (int level = 0; level < levels; ++level) {
+    ASSERT_EQ(::mkdirat(current.get(), name.c_str(), 0755), 0) << "level " << level;
+    current.reset(::openat(current.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_TRUE(current) << "level " << level;
+  }
+  const platform::sys::UniqueFd leaf(
+      ::openat(current.get(), "leaf", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  ASSERT_TRUE(leaf);
+}
+
+std::set<std::string> entryNames(const std::string& directory) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    names.insert(entry.path().filename().string());
+  return names;
+}
+
+CVError sentinelError() {
+  return CVError("SentinelDomain", 12345);
+}
+
+ScopedDescriptorLimit::ScopedDescriptorLimit(rlim_t softLimit) {
+  EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &previous_), 0);
+  rlimit lowered = previous_;
+  lowered.rlim_cur = softLimit;
+  EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+}
+
+ScopedDescriptorLimit::~ScopedDescriptorLimit() {
+  ::setrlimit(RLIMIT_NOFILE, &previous_);
+}
+
+}  // namespace filemanager_test

@@ -1,0 +1,235 @@
+// The recursive removal facility under removeItemAtURL: its callback
+// contract, very deep trees with few descriptors, and trees that change
+// while they are being removed.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <functional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/FileDescriptor.h"
+#include "platform/linux/TreeWipe.h"
+#include "tests/filemanager/FileManagerTestHelpers.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+namespace sys = platform::sys;
+using filemanager_test::entryNames;
+using filemanager_test::makeDeepTree;
+using filemanager_test::makeImmutable;
+using filemanager_test::ScopedDescriptorLimit;
+using testing_support::makeDirectories;
+using testing_support::makeSymlink;
+using testing_support::pathExists;
+using testing_support::readFile;
+using testing_support::TemporaryDirectory;
+using testing_support::writeFile;
+
+using Report = std::pair<std::string, int>;  // path, error number
+
+// Records every report; can act on the tree when called and answer stop.
+struct Recorder {
+  std::vector<Report> reports;
+  std::function<void(const std::string& path)> onReport;
+  int verdict = sys::kTreeWipeProceed;
+
+  static int callback(sys::TreeWipeState* state, const char* path, void* context) {
+    auto* self = static_cast<Recorder*>(context);
+    int errorNumber = 0;
+    EXPECT_EQ(sys::treeWipeStateGetErrorNumber(state, &errorNumber), 0);
+    self->reports.emplace_back(path, errorNumber);
+    if (self->onReport) self->onReport(path);
+    return self->verdict;
+  }
+
+  sys::TreeWipeStatePtr install() {
+    sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
+    EXPECT_EQ(sys::treeWipeStateSetErrorCallback(state.get(), &Recorder::callback), 0);
+    EXPECT_EQ(sys::treeWipeStateSetErrorContext(state.get(), this), 0);
+    return state;
+  }
+
+  bool reported(const std::string& path, int errorNumber) const {
+    for (const Report& report : reports) {
+      if (report == Report(path, errorNumber)) return true;
+    }
+    return false;
+  }
+};
+
+std::string repeat(const std::string& part, int times) {
+  std::string result;
+  for (int i = 0; i < times; ++i)
+    result += part;
+  return result;
+}
+
+class TreeWipeTest : public ::testing::Test {
+ protected:
+  TemporaryDirectory temp_;
+};
+
+TEST_F(TreeWipeTest, MissingRootFailsWithENOENTWithoutReport) {
+  Recorder recorder;
+  const sys::TreeWipeStatePtr state = recorder.install();
+  errno = 0;
+  EXPECT_EQ(sys::treeWipe((temp_ / "absent").c_str(), state.get(), sys::kTreeWipeRecursive), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_TRUE(recorder.reports.empty());
+}
+
+TEST_F(TreeWipeTest, StateWithoutObjectRefusesSettings) {
+  int number = 0;
+  EXPECT_EQ(sys::treeWipeStateSetErrorCallback(nullptr, &Recorder::callback), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(sys::treeWipeStateSetErrorContext(nullptr, nullptr), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(sys::treeWipeStateGetErrorNumber(nullptr, &number), -1);
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(TreeWipeTest, WithoutCallbackReturnsTheFirstErrorAfterRemovingTheRest) {
+  makeDirectories(temp_ / "root/sub/deeper");
+  writeFile(temp_ / "root/sub/deeper/file", "");
+  writeFile(temp_ / "root/locked", "");
+  makeImmutable(temp_ / "root/locked");
+
+  errno = 0;
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), nullptr, sys::kTreeWipeRecursive), -1);
+
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(entryNames(temp_ / "root"), std::set<std::string>{"locked"});
+}
+
+TEST_F(TreeWipeTest, CallbackAnsweringStopEndsTheRemoval) {
+  makeDirectories(temp_ / "root/sub");
+  writeFile(temp_ / "root/sub/file", "");
+  writeFile(temp_ / "root/locked", "");
+  makeImmutable(temp_ / "root/locked");
+  Recorder recorder;
+  recorder.verdict = sys::kTreeWipeStop;
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  errno = 0;
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), state.get(), sys::kTreeWipeRecursive), -1);
+
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(recorder.reports, (std::vector<Report>{{temp_ / "root/locked", EPERM}}));
+  // Files go while the directory is read; subdirectories only afterwards.
+  EXPECT_TRUE(pathExists(temp_ / "root/sub/file"));
+}
+
+TEST_F(TreeWipeTest, WithoutRecursiveFlagOnlyAnEmptyDirectoryGoes) {
+  makeDirectories(temp_ / "empty");
+  makeDirectories(temp_ / "full/sub");
+  Recorder recorder;
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  EXPECT_EQ(sys::treeWipe((temp_ / "empty").c_str(), state.get(), 0), 0);
+  EXPECT_EQ(sys::treeWipe((temp_ / "full").c_str(), state.get(), 0), 0);
+
+  EXPECT_FALSE(pathExists(temp_ / "empty"));
+  EXPECT_TRUE(pathExists(temp_ / "full/sub"));
+  EXPECT_EQ(recorder.reports, (std::vector<Report>{{temp_ / "full", ENOTEMPTY}}));
+}
+
+TEST_F(TreeWipeTest, RemovesATreeDeeperThanTheDescriptorLimit) {
+  makeDirectories(temp_ / "deep");
+  makeDeepTree(temp_ / "deep", 600);
+  {
+    // Few descriptors are in use at this point; leave room for a handful.
+    const sys::UniqueFd probe(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    ASSERT_LT(probe.get(), 24);
+  }
+  Recorder recorder;
+  const sys::TreeWipeStatePtr state = recorder.install();
+  int result = 0;
+  {
+    ScopedDescriptorLimit limit(32);
+    result = sys::treeWipe((temp_ / "deep").c_str(), state.get(), sys::kTreeWipeRecursive);
+  }
+
+  EXPECT_EQ(result, 0);
+  EXPECT_TRUE(recorder.reports.empty()) << recorder.reports.front().first.substr(0, 200);
+  EXPECT_FALSE(pathExists(temp_ / "deep"));
+}
+
+TEST_F(TreeWipeTest, LinkSwappedInForADirectoryDuringTheWalkIsRemovedNotFollowed) {
+  makeDirectories(temp_ / "canary");
+  writeFile(temp_ / "canary/keep", "kept");
+  makeDirectories(temp_ / "root/sub");
+  writeFile(temp_ / "root/sub/file", "");
+  writeFile(temp_ / "root/locked", "");
+  makeImmutable(temp_ / "root/locked");
+  // The locked file is reported while "root" is being read, after "sub" has
+  // been seen as a directory and before the walk goes into it: swap it then.
+  Recorder recorder;
+  recorder.onReport = [&](const std::string& path) {
+    if (path != temp_ / "root/locked") return;
+    ASSERT_EQ(std::rename((temp_ / "root/sub").c_str(), (temp_ / "moved-sub").c_str()), 0);
+    makeSymlink(temp_ / "canary", temp_ / "root/sub");
+  };
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), state.get(), sys::kTreeWipeRecursive), 0);
+
+  EXPECT_EQ(readFile(temp_ / "canary/keep"), "kept");
+  EXPECT_EQ(entryNames(temp_ / "root"), std::set<std::string>{"locked"});
+  EXPECT_TRUE(pathExists(temp_ / "moved-sub/file"));
+  EXPECT_EQ(recorder.reports,
+            (std::vector<Report>{{temp_ / "root/locked", EPERM}, {temp_ / "root", ENOTEMPTY}}));
+}
+
+TEST_F(TreeWipeTest, EntryVanishingDuringTheWalkIsReportedAsENOENT) {
+  makeDirectories(temp_ / "root/vanishing");
+  writeFile(temp_ / "root/locked", "");
+  makeImmutable(temp_ / "root/locked");
+  Recorder recorder;
+  recorder.onReport = [&](const std::string& path) {
+    if (path == temp_ / "root/locked") ::rmdir((temp_ / "root/vanishing").c_str());
+  };
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), state.get(), sys::kTreeWipeRecursive), 0);
+
+  EXPECT_TRUE(recorder.reported(temp_ / "root/vanishing", ENOENT));
+}
+
+// While the walk is 300 levels down, the ancestors near the root have their
+// descriptors closed. A directory among them is moved out of the tree: the
+// way back up must notice that ".." now leads elsewhere, finish the rest of
+// the tree from the root, and leave the directory it was moved to alone.
+TEST_F(TreeWipeTest, DirectoryMovedOutOfTheTreeBelowClosedAncestorsIsNotFollowedOut) {
+  makeDirectories(temp_ / "root");
+  makeDeepTree(temp_ / "root", 300);
+  const std::string level9 = temp_ / "root" + repeat("/d", 9);
+  makeDirectories(level9 + "/sibling");
+  writeFile(level9 + "/sibling/file", "");
+  makeDirectories(temp_ / "outside");
+  writeFile(temp_ / "outside/keep", "kept");
+  const std::string deepest = temp_ / "root" + repeat("/d", 300);
+  makeImmutable(deepest + "/leaf");
+
+  Recorder recorder;
+  recorder.onReport = [&](const std::string& path) {
+    if (path != deepest + "/leaf") return;
+    ASSERT_EQ(std::rename((level9 + "/d").c_str(), (temp_ / "outside/moved").c_str()), 0);
+  };
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), state.get(), sys::kTreeWipeRecursive), 0);
+
+  EXPECT_FALSE(pathExists(temp_ / "root"));
+  EXPECT_EQ(entryNames(temp_ / "outside"), (std::set<std::string>{"keep", "moved"}));
+  EXPECT_EQ(readFile(temp_ / "outside/keep"), "kept");
+  EXPECT_TRUE(pathExists(temp_ / "outside/moved" + repeat("/d", 290) + "/leaf"));
+  EXPECT_TRUE(recorder.reported(level9 + "/d", ENOENT));
+}
+
+}  // namespace

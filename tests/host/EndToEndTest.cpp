@@ -1,0 +1,312 @@
+// The mavrel program run as a user runs it, on device images in a temporary
+// directory: exit codes, what it writes inside the image (logs, version
+// record, removed legacy items), what it prints, and that nothing outside the
+// image changes.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <map>
+#include <sstream>
+
+#include "platform/PropertyList.h"
+#include "tests/host/HostProcess.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using host_test::ProgramRun;
+using host_test::runMavrel;
+using testing_support::makeDirectories;
+using testing_support::makeSymlink;
+using testing_support::pathExists;
+using testing_support::readFile;
+using testing_support::TemporaryDirectory;
+using testing_support::writeFile;
+
+constexpr const char* kBuild = "23A344";
+
+std::string plist(const std::string& body) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+         "<plist version=\"1.0\">\n" +
+         body + "\n</plist>\n";
+}
+
+// Every entry under `directory`: type, size, modification time and content.
+std::map<std::string, std::string> snapshotTree(const std::string& directory) {
+  std::map<std::string, std::string> entries;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+    struct stat status {};
+    const std::string path = entry.path().string();
+    if (::lstat(path.c_str(), &status) != 0) continue;
+    std::ostringstream description;
+    description << std::oct << status.st_mode << std::dec << " " << status.st_size << " "
+                << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
+    if (S_ISREG(status.st_mode)) description << " " << readFile(path);
+    entries[path] = description.str();
+  }
+  return entries;
+}
+
+std::vector<std::string> filesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  if (!pathExists(directory)) return names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Whether `text` matches `shape`, where '9' in the shape stands for any digit
+// and every other character for itself.
+bool hasShape(std::string_view text, std::string_view shape) {
+  if (text.size() != shape.size()) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool digit = text[i] >= '0' && text[i] <= '9';
+    if (shape[i] == '9' ? !digit : text[i] != shape[i]) return false;
+  }
+  return true;
+}
+
+// "2026-11-21 08:32:00.123 <5> MavrelHost AppMigrator.cpp:123 <function>: CVAppMigrator: ..."
+bool isMigrationTextLine(std::string_view line) {
+  constexpr std::string_view kStamp = "9999-99-99 99:99:99.999 <9> MavrelHost ";
+  if (line.size() < kStamp.size() || !hasShape(line.substr(0, kStamp.size()), kStamp)) return false;
+  const std::string_view rest = line.substr(kStamp.size());
+  const std::size_t place = rest.find(".cpp:");
+  const std::size_t function = rest.find(' ');
+  return place != std::string_view::npos && function > place &&
+         rest.find(": CVAppMigrator: ", function) != std::string_view::npos;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+// A device image in a temporary directory, with a canary directory beside it
+// that no run may touch.
+class EndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = std::filesystem::canonical(directory_.path()).string() + "/image";
+    makeDirectories(root_ + "/System/Library/CoreServices");
+    makeDirectories(home() + "/Library");
+    writeFile(root_ + "/System/Library/CoreServices/SystemBuild.plist",
+              plist("<dict><key>SystemBuildVersion</key><string>" + std::string(kBuild) +
+                    "</string><key>SystemName</key><string>Corvane OS</string>"
+                    "<key>SystemVersion</key><string>17.0</string></dict>"));
+    makeDirectories(canary() + "/nested");
+    writeFile(canary() + "/nested/keep.txt", "canary");
+    makeDirectories(directory_ / "scratch");
+    makeDirectories(directory_ / "json");
+    canaryBefore_ = snapshotTree(canary());
+  }
+
+  void TearDown() override {
+    EXPECT_EQ(snapshotTree(canary()), canaryBefore_) << "something outside the image changed";
+  }
+
+  std::string home() const { return root_ + "/private/var/mobile"; }
+  std::string canary() const { return directory_ / "canary"; }
+  std::string migrationJSON() const { return directory_ / "json/migration.json"; }
+  std::string installerJSON() const { return directory_ / "json/installer.json"; }
+
+  ProgramRun migrate(std::vector<std::string> extra = {}) {
+    std::vector<std::string> arguments = {"migrate",      "--root",        root_,
+                                          "--log-json",   migrationJSON(), "--installer-log-json",
+                                          installerJSON()};
+    arguments.insert(arguments.end(), extra.begin(), extra.end());
+    return runMavrel(arguments, directory_ / "scratch");
+  }
+
+  std::string onlyLog(const std::string& subdirectory, const std::string& prefix) {
+    const std::string directory = home() + "/Library/Logs/" + subdirectory;
+    const std::vector<std::string> names = filesIn(directory);
+    EXPECT_EQ(names.size(), 1u) << directory;
+    if (names.empty()) return {};
+    EXPECT_TRUE(hasShape(names[0], prefix + "-9999-99-99-999999.log")) << names[0];
+    return directory + "/" + names[0];
+  }
+
+  TemporaryDirectory directory_;
+  std::string root_;
+  std::map<std::string, std::string> canaryBefore_;
+};
+
+TEST_F(EndToEndTest, WithoutLegacyTreeRecordsTheSystemVersionAndWritesBothLogs) {
+  const ProgramRun run = migrate();
+  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+
+  const auto recorded = platform::readPropertyListDictionary(
+      CVURL::fileURLWithPath(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist", false),
+      nullptr);
+  const auto expected = platform::readPropertyListDictionary(
+      CVURL::fileURLWithPath(root_ + "/System/Library/CoreServices/SystemBuild.plist", false),
+      nullptr);
+  ASSERT_TRUE(recorded);
+  ASSERT_TRUE(expected);
+  EXPECT_EQ(*recorded, *expected);
+
+  const std::string migrationLog = onlyLog("Mavrel", "Mavrel");
+  onlyLog("Corvane", "Corvane");
+  const std::vector<std::string> textLines = linesOf(readFile(migrationLog));
+  ASSERT_FALSE(textLines.empty());
+  for (const std::string& line : textLines)
+    EXPECT_TRUE(isMigrationTextLine(line)) << line;
+
+  const std::string recordedMessage =
+      std::string(R"("message":"CVAppMigrator: Recorded current system version as )") + kBuild +
+      "\"}";
+  bool found = false;
+  for (const std::string& line : linesOf(readFile(migrationJSON()))) {
+    EXPECT_EQ(line.front(), '{') << line;
+    EXPECT_EQ(line.back(), '}') << line;
+    EXPECT_NE(line.find(R"("category":"MavrelHost")"), std::string::npos) << line;
+    if (line.ends_with(recordedMessage)) {
+      found = true;
+      EXPECT_NE(line.find(R"("level":5,)"), std::string::npos) << line;
+    }
+  }
+  EXPECT_TRUE(found) << readFile(migrationJSON());
+
+  EXPECT_NE(run.out.find("Migrating device image at " + root_), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find(": succeeded in "), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("failed"), std::string::npos) << run.out;
+  // Log directories and the staging directory are made with fixed modes.
+  struct stat status {};
+  ASSERT_EQ(::stat((home() + "/Library/Logs/Mavrel").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0755u);
+  ASSERT_EQ(::stat((root_ + "/private/var/tmp/mavrel").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0700u);
+}
+
+TEST_F(EndToEndTest, RemovesALegacyTreeHoldingOnlyTheNoteAndTheInstallMap) {
+  makeDirectories(home() + "/Applications");
+  writeFile(home() + "/Applications/WhereDidMyApplicationsGo.txt", "They moved.");
+  makeDirectories(home() + "/Library/Caches");
+  writeFile(home() + "/Library/Caches/com.zentrel.corvane.plist", plist("<dict/>"));
+
+  const ProgramRun run = migrate();
+  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+  EXPECT_FALSE(pathExists(home() + "/Applications"));
+  EXPECT_FALSE(pathExists(home() + "/Library/Caches/com.zentrel.corvane.plist"));
+  EXPECT_TRUE(pathExists(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist"));
+}
+
+TEST_F(EndToEndTest, AFailedPassExitsOneAndSaysSo) {
+  // A safe harbor outside the image: the installer refuses it, so the pass
+  // fails, keeps the harbor map and records no version.
+  makeDirectories(home() + "/Library/Corvane");
+  const std::string harborMap = home() + "/Library/Corvane/SafeHarbor.plist";
+  writeFile(harborMap, plist("<dict><key>com.example.gone</key><dict><key>HarborPathKey</key>"
+                             "<string>" +
+                             canary() + "/nested</string></dict></dict>"));
+
+  const ProgramRun run = migrate({"--log-level", "3"});
+  EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
+  EXPECT_TRUE(pathExists(harborMap));
+  EXPECT_FALSE(pathExists(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist"));
+
+  const std::string migrationLog = onlyLog("Mavrel", "Mavrel");
+  EXPECT_NE(run.out.find(": failed (see " + migrationLog + ")"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
+
+  // --log-level 3 keeps notices out of the files, failures in.
+  const std::string text = readFile(migrationLog);
+  EXPECT_EQ(text.find(" <5> "), std::string::npos) << text;
+  EXPECT_NE(text.find(" <3> "), std::string::npos) << text;
+  const std::string installerJSONText = readFile(installerJSON());
+  EXPECT_NE(installerJSONText.find(R"("level":3,)"), std::string::npos) << installerJSONText;
+  EXPECT_NE(installerJSONText.find("Refusing safe harbor for com.example.gone at " + canary() +
+                                   "/nested"),
+            std::string::npos)
+      << installerJSONText;
+}
+
+TEST_F(EndToEndTest, PrintsOneLinePerApplicationWithoutATerminal) {
+  const std::string container = home() + "/Applications/0A1B2C3D";
+  makeDirectories(container + "/Example.app");
+  writeFile(container + "/Example.app/Info.plist",
+            plist("<dict><key>QXBundleIdentifier</key><string>com.example.app</string>"
+                  "<key>QXBundleExecutable</key><string>Example</string></dict>"));
+
+  const ProgramRun run = migrate();
+  // This build cannot install applications, so the container stays and the
+  // pass fails; the progress line comes all the same.
+  EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
+  EXPECT_NE(run.out.find("\n[1/1] com.example.app\n"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find('\r'), std::string::npos) << "no live redraw without a terminal";
+}
+
+TEST_F(EndToEndTest, UsageErrorsExitTwoWithAClearMessage) {
+  const std::string scratch = directory_ / "scratch";
+
+  ProgramRun run = runMavrel({"migrate"}, scratch);
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_NE(run.err.find("option '--root' is required"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("usage: mavrel migrate --root DIR"), std::string::npos) << run.err;
+
+  writeFile(directory_ / "plain-file", "not an image");
+  run = runMavrel({"migrate", "--root", directory_ / "plain-file"}, scratch);
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_NE(run.err.find("option '--root': the root '" + (directory_ / "plain-file") +
+                         "' is not a directory"),
+            std::string::npos)
+      << run.err;
+
+  run = runMavrel({"migrate", "--root", directory_ / "absent"}, scratch);
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_NE(run.err.find("does not exist"), std::string::npos) << run.err;
+  EXPECT_FALSE(pathExists(directory_ / "absent"));
+
+  run = runMavrel({"migrate", "--root", root_, "--colour"}, scratch);
+  EXPECT_EQ(run.exitCode, 2);
+  EXPECT_NE(run.err.find("unknown option '--colour'"), std::string::npos) << run.err;
+  EXPECT_FALSE(pathExists(home() + "/Library/Logs")) << "a usage error must not touch the image";
+
+  run = runMavrel({"migrate", "--help"}, scratch);
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_NE(run.out.find("--installer-log-json FILE"), std::string::npos) << run.out;
+  run = runMavrel({"--help"}, scratch);
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_NE(run.out.find("usage: mavrel migrate --root DIR"), std::string::npos) << run.out;
+  run = runMavrel({"--version"}, scratch);
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.out.rfind("mavrel ", 0), 0u) << run.out;
+}
+
+TEST_F(EndToEndTest, ALinkOutOfTheImageStopsTheRunBeforeAnythingIsWritten) {
+  makeDirectories(home() + "/Library");
+  makeSymlink(canary(), home() + "/Library/Logs");
+  const ProgramRun run = migrate();
+  EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
+  EXPECT_NE(run.err.find(home() + "/Library/Logs"), std::string::npos) << run.err;
+  EXPECT_FALSE(pathExists(canary() + "/Mavrel"));
+}
+
+TEST_F(EndToEndTest, AMigratorThatCannotSetUpStopsTheRun) {
+  // A regular file where the legacy directory should be cannot be listed, so
+  // the migrator's set-up fails and no pass runs.
+  writeFile(home() + "/Applications", "not a directory");
+  const ProgramRun run = migrate();
+  EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
+  EXPECT_NE(run.err.find("AppMigrator.migrator' failed to set up its migrator"), std::string::npos)
+      << run.err;
+  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
+  EXPECT_FALSE(pathExists(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist"));
+}
+
+TEST_F(EndToEndTest, AnEmptyPluginDirectoryIsAFailedSetUp) {
+  makeDirectories(directory_ / "no-plugins");
+  const ProgramRun run = migrate({"--plugin-dir", directory_ / "no-plugins"});
+  EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
+  EXPECT_NE(run.err.find("no plug-ins"), std::string::npos) << run.err;
+}
+
+}  // namespace

@@ -1,0 +1,90 @@
+// The device's system version dictionary, read from its file on every call.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "platform/PropertyList.h"
+#include "platform/SystemVersion.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using testing_support::CapturedLog;
+using testing_support::makeDirectories;
+using testing_support::TemporaryDirectory;
+using testing_support::writeFile;
+
+class SystemVersionTest : public ::testing::Test {
+ protected:
+  std::string versionPath() const {
+    return root_ / "System/Library/CoreServices/SystemBuild.plist";
+  }
+  void writeVersion(const CVValue& value) {
+    makeDirectories(root_ / "System/Library/CoreServices");
+    writeFile(versionPath(), platform::encodeXMLPropertyList(value));
+  }
+
+  TemporaryDirectory root_;
+  platform::DeviceSystemVersion version_{root_.url()};
+};
+
+TEST_F(SystemVersionTest, FileLocation) {
+  EXPECT_EQ(version_.fileURL(), CVURL::fileURLWithPath(versionPath(), false));
+}
+
+TEST_F(SystemVersionTest, PresentFileIsReadWhole) {
+  const CVDictionary contents{{"ProductBuildVersion", "x"},
+                              {std::string(platform::kSystemBuildVersionKey), "21A329"},
+                              {"SystemName", "Orvos"},
+                              {"SystemVersion", "17.0"}};
+  writeVersion(CVValue(contents));
+  CapturedLog log(platform::installerLog());
+  const CVDictionary read = version_.copySystemVersionDictionary();
+  EXPECT_EQ(read, contents);
+  EXPECT_EQ(read.keys(), contents.keys());
+  EXPECT_EQ(log.count(), 0u) << log.dump();
+}
+
+TEST_F(SystemVersionTest, EveryCallReadsTheFileAgain) {
+  writeVersion(CVValue(CVDictionary{{"SystemBuildVersion", "1A1"}}));
+  EXPECT_EQ(*version_.copySystemVersionDictionary().findString("SystemBuildVersion"), "1A1");
+  writeVersion(CVValue(CVDictionary{{"SystemBuildVersion", "2B2"}}));
+  EXPECT_EQ(*version_.copySystemVersionDictionary().findString("SystemBuildVersion"), "2B2");
+}
+
+TEST_F(SystemVersionTest, AbsentFileGivesEmptyDictionaryAndANotice) {
+  CapturedLog log(platform::installerLog());
+  EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
+  ASSERT_EQ(log.count(), 1u) << log.dump();
+  EXPECT_TRUE(log.contains(platform::kLogLevelNotice, "No system version file at " + versionPath()))
+      << log.dump();
+}
+
+TEST_F(SystemVersionTest, CorruptFileGivesEmptyDictionaryAndAFailureLine) {
+  makeDirectories(root_ / "System/Library/CoreServices");
+  writeFile(versionPath(), "<plist><dict><key>SystemBuildVersion</key>");
+  CapturedLog log(platform::installerLog());
+  EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
+  ASSERT_EQ(log.count(), 1u) << log.dump();
+  const auto line = log.lines()[0];
+  EXPECT_EQ(line.level, platform::kLogLevelError);
+  EXPECT_EQ(line.message.rfind("Failed to read system version from " + versionPath() + " : ", 0),
+            0u)
+      << line.message;
+}
+
+TEST_F(SystemVersionTest, NonDictionaryRootCountsAsUnreadable) {
+  writeVersion(CVValue(CVArray{"21A329"}));
+  CapturedLog log(platform::installerLog());
+  EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
+  ASSERT_EQ(log.count(), 1u) << log.dump();
+  EXPECT_EQ(log.lines()[0].level, platform::kLogLevelError);
+}
+
+TEST_F(SystemVersionTest, NoticeIsSuppressedByAFailureLevelHandle) {
+  CapturedLog log(platform::installerLog(), platform::kLogLevelError);
+  EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
+  EXPECT_EQ(log.count(), 0u) << log.dump();
+}
+
+}  // namespace

@@ -1,0 +1,140 @@
+// Reading bundles' Info.plist files: whole, filtered, and hostile.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "platform/Bundle.h"
+#include "platform/Log.h"
+#include "shared/support/CVInfoPlist.h"
+#include "tests/support/DeviceImage.h"
+
+namespace {
+
+using platform::kLogLevelDebug;
+using platform::kLogLevelError;
+using testing_support::CapturedLog;
+using testing_support::DeviceImage;
+using testing_support::makeDirectories;
+using testing_support::makeSymlink;
+using testing_support::writeFile;
+
+class InfoPlistTest : public ::testing::Test {
+ protected:
+  CVURL bundleURL(std::string_view name) const {
+    return CVURL::fileURLWithPath(image_.rootPath() + "/" + std::string(name), true);
+  }
+  DeviceImage image_;
+};
+
+TEST_F(InfoPlistTest, WholeReadHasNoBookkeepingEntry) {
+  const CVDictionary info{{"QXBundleIdentifier", "com.example.foo"},
+                          {"QXBundleVersion", "12"},
+                          {"QXBundleIconFiles", CVArray{"Icon", "Icon@2x"}}};
+  image_.writeBundle(bundleURL("Foo.app").path(), info);
+  const auto whole = CVLoadInfoPlist(bundleURL("Foo.app"), nullptr);
+  ASSERT_TRUE(whole.has_value());
+  EXPECT_EQ(*whole, info);
+  EXPECT_FALSE(whole->contains("QXBundleInfoPlistURL"));
+  // The platform's own read does carry it: the removal above is real.
+  const auto bundle = platform::Bundle::create(bundleURL("Foo.app"));
+  ASSERT_NE(bundle, nullptr);
+  EXPECT_TRUE(bundle->infoDictionary()->contains("QXBundleInfoPlistURL"));
+}
+
+TEST_F(InfoPlistTest, FilteredReadKeepsOnlyKeysThatExist) {
+  image_.writeBundle(
+      bundleURL("Foo.app").path(),
+      CVDictionary{{"QXBundleIdentifier", "com.example.foo"}, {"QXBundleExecutable", "Foo"}});
+  const CVSet keys{"QXBundleIdentifier", "QXBundleVersion"};
+  const auto filtered = CVLoadInfoPlist(bundleURL("Foo.app"), &keys);
+  ASSERT_TRUE(filtered.has_value());
+  EXPECT_EQ(*filtered, (CVDictionary{{"QXBundleIdentifier", "com.example.foo"}}));
+
+  const CVSet absent{"Nothing"};
+  const auto empty = CVLoadInfoPlist(bundleURL("Foo.app"), &absent);
+  ASSERT_TRUE(empty.has_value());
+  EXPECT_TRUE(empty->empty());
+}
+
+TEST_F(InfoPlistTest, MissingInfoPlistIsOnlyATrace) {
+  makeDirectories(bundleURL("Bare.app").path());
+  {
+    CapturedLog log(platform::installerLog());
+    EXPECT_FALSE(CVLoadInfoPlist(bundleURL("Bare.app"), nullptr).has_value());
+    EXPECT_EQ(log.count(), 0u) << log.dump();
+  }
+  CapturedLog verbose(platform::installerLog(), kLogLevelDebug);
+  EXPECT_FALSE(CVLoadInfoPlist(bundleURL("Bare.app"), nullptr).has_value());
+  ASSERT_EQ(verbose.count(), 1u);
+  EXPECT_TRUE(verbose.contains(kLogLevelDebug, "Missing Info.plist at file://" +
+                                                   bundleURL("Bare.app").path() + "/Info.plist"));
+  EXPECT_EQ(verbose.lines()[0].function, "CVLoadInfoPlist");
+}
+
+TEST_F(InfoPlistTest, HostileInfoPlistsYieldNothingWithAReason) {
+  const std::string base = image_.rootPath();
+  const std::vector<std::pair<std::string, std::function<void(const std::string&)>>> cases = {
+      {"Garbage.app", [](const std::string& p) { writeFile(p, "\x01\x02 not a plist"); }},
+      {"Truncated.app",
+       [](const std::string& p) { writeFile(p, "<?xml version=\"1.0\"?><plist><dict><key>"); }},
+      {"BadOffsets.app",
+       [](const std::string& p) {
+         std::string bytes = "bplist00";
+         bytes += std::string("\x51\x61", 2);
+         bytes += std::string(26, '\xff');
+         writeFile(p, bytes);
+       }},
+      {"Directory.app", [](const std::string& p) { makeDirectories(p); }},
+      {"Link.app",
+       [&base](const std::string& p) {
+         writeFile(base + "/outside.plist",
+                   "<?xml version=\"1.0\"?><plist><dict><key>QXBundleIdentifier</key>"
+                   "<string>com.example.linked</string></dict></plist>");
+         makeSymlink(base + "/outside.plist", p);
+       }},
+      {"ArrayRoot.app",
+       [](const std::string& p) {
+         writeFile(p, "<?xml version=\"1.0\"?><plist><array><string>x</string></array></plist>");
+       }},
+  };
+  for (const auto& [name, make] : cases) {
+    makeDirectories(base + "/" + name);
+    make(base + "/" + name + "/Info.plist");
+    CapturedLog log(platform::installerLog());
+    EXPECT_FALSE(CVLoadInfoPlist(bundleURL(name), nullptr).has_value()) << name;
+    EXPECT_TRUE(log.containsFragment("QXBundleGetInfoDictionary failed for bundle"))
+        << name << log.dump();
+    const CVSet keys{"QXBundleIdentifier"};
+    EXPECT_FALSE(CVLoadInfoPlist(bundleURL(name), &keys).has_value()) << name;
+  }
+}
+
+TEST_F(InfoPlistTest, ABundleReplacedOnDiskIsReadAnew) {
+  image_.writeBundle(bundleURL("Foo.app").path(), "com.example.old");
+  EXPECT_EQ(*CVLoadInfoPlist(bundleURL("Foo.app"), nullptr)->findString("QXBundleIdentifier"),
+            "com.example.old");
+  image_.writeBundle(bundleURL("Foo.app").path(), "com.example.new");
+  EXPECT_EQ(*CVLoadInfoPlist(bundleURL("Foo.app"), nullptr)->findString("QXBundleIdentifier"),
+            "com.example.new");
+}
+
+TEST_F(InfoPlistTest, ConcurrentReadersAllSucceed) {
+  image_.writeBundle(bundleURL("Foo.app").path(), "com.example.foo");
+  std::atomic<int> successes{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 50; ++i) {
+        if (CVLoadInfoPlist(bundleURL("Foo.app"), nullptr)) ++successes;
+      }
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(successes.load(), 200);
+}
+
+}  // namespace
