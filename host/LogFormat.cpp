@@ -116,7 +116,7 @@ void appendKey(std::string& out, std::string_view key) {
 
 std::string formatLineTimestamp(const timespec& when) {
   const std::tm parts = localTime(when.tv_sec);
-  char text[40];
+  char text[96];  // room for any int values the compiler cannot bound
   std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03ld", parts.tm_year + 1900,
                 parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
                 static_cast<long>(when.tv_nsec / 1000000));
@@ -125,7 +125,7 @@ std::string formatLineTimestamp(const timespec& when) {
 
 std::string formatFileTimestamp(std::time_t when) {
   const std::tm parts = localTime(when);
-  char text[40];
+  char text[96];
   std::snprintf(text, sizeof text, "%04d-%02d-%02d-%02d%02d%02d", parts.tm_year + 1900,
                 parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
   return text;

@@ -25,8 +25,9 @@ UniqueFd openDirectory(const char* path, FinalLink finalLink);
 
 // Opens the directory `name` inside the open directory `parent`, never
 // following a symbolic link: a link or other non-directory fails with
-// ENOTDIR (ELOOP on systems that report links apart). The name is resolved relative to the
-// descriptor, so a link swapped in for a directory higher up the path cannot redirect the open.
+// ENOTDIR (ELOOP on systems that report links apart). The name is resolved
+// relative to the descriptor, so a link swapped in for a directory higher up
+// the path cannot redirect the open.
 UniqueFd openDirectoryAt(int parent, const char* name);
 
 enum class EntryType { Unknown, Directory, Symlink, Regular, Other };

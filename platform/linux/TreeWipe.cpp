@@ -126,8 +126,8 @@ class Walk {
 
   const char* root_;
   TreeWipeState* state_;
-  std::deque<Frame>
-      frames_;  // frames_[0, depth_) is the current branch; the rest are kept for reuse
+  // frames_[0, depth_) is the current branch; frames beyond are kept for reuse.
+  std::deque<Frame> frames_;
   std::size_t depth_ = 0;
   std::size_t firstOpen_ = 0;  // frames below this level have their descriptor closed
   std::unique_ptr<char[]> buffer_;
@@ -203,7 +203,8 @@ void Walk::readDirectory(std::size_t level) {
     const ssize_t size = ::getdents64(fd, buffer_.get(), kReadBufferSize);
     if (size == 0) return;
     if (size < 0) {
-      report(pathOf(level), errno);
+      const int error = errno;
+      report(pathOf(level), error);
       return;
     }
     for (ssize_t offset = 0; offset < size;) {
@@ -240,7 +241,10 @@ void Walk::descend(const char* name) {
     if ((error == EMFILE || error == ENFILE) && closeOldestOpen()) continue;
     if (error == ENOTDIR || error == ELOOP) {
       // A link or a file took the directory's place: remove it, never follow it.
-      if (::unlinkat(frames_[parent].fd.get(), name, 0) != 0) report(pathOf(parent, name), errno);
+      if (::unlinkat(frames_[parent].fd.get(), name, 0) != 0) {
+        const int unlinkError = errno;
+        report(pathOf(parent, name), unlinkError);
+      }
     } else {
       report(pathOf(parent, name), error);
     }
@@ -248,7 +252,8 @@ void Walk::descend(const char* name) {
   }
   Identity identity;
   if (!identify(child.get(), identity)) {
-    report(pathOf(parent, name), errno);
+    const int error = errno;
+    report(pathOf(parent, name), error);
     return;
   }
   Frame& frame = push();
@@ -266,7 +271,10 @@ void Walk::ascend() {
   if (level == 0) {
     frames_[0].fd.reset();
     depth_ = 0;
-    if (::rmdir(root_) != 0) report(root_, errno);
+    if (::rmdir(root_) != 0) {
+      const int error = errno;
+      report(root_, error);
+    }
     return;
   }
   const std::size_t parent = level - 1;
@@ -274,8 +282,10 @@ void Walk::ascend() {
   Frame& frame = frames_[level];
   frame.fd.reset();
   depth_ = level;
-  if (::unlinkat(frames_[parent].fd.get(), frame.name.c_str(), AT_REMOVEDIR) != 0)
-    report(pathOf(parent, frame.name), errno);
+  if (::unlinkat(frames_[parent].fd.get(), frame.name.c_str(), AT_REMOVEDIR) != 0) {
+    const int error = errno;
+    report(pathOf(parent, frame.name), error);
+  }
 }
 
 // Reopens the closed parent of the frame at `level` through "..", checking
