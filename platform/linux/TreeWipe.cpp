@@ -121,6 +121,9 @@ class Walk {
   Frame& push();
   bool matches(int fd, std::size_t level) const;
   bool report(const std::string& path, int errorNumber);
+  // Reports the failed call's errno for the entry `name` at `level`. errno is
+  // read before the path is built, since building it may allocate.
+  bool reportErrno(std::size_t level, std::string_view name = {});
   std::string pathOf(std::size_t level, std::string_view name = {}) const;
   int finish() const;
 
@@ -203,8 +206,7 @@ void Walk::readDirectory(std::size_t level) {
     const ssize_t size = ::getdents64(fd, buffer_.get(), kReadBufferSize);
     if (size == 0) return;
     if (size < 0) {
-      const int error = errno;
-      report(pathOf(level), error);
+      reportErrno(level);
       return;
     }
     for (ssize_t offset = 0; offset < size;) {
@@ -241,10 +243,7 @@ void Walk::descend(const char* name) {
     if ((error == EMFILE || error == ENFILE) && closeOldestOpen()) continue;
     if (error == ENOTDIR || error == ELOOP) {
       // A link or a file took the directory's place: remove it, never follow it.
-      if (::unlinkat(frames_[parent].fd.get(), name, 0) != 0) {
-        const int unlinkError = errno;
-        report(pathOf(parent, name), unlinkError);
-      }
+      if (::unlinkat(frames_[parent].fd.get(), name, 0) != 0) reportErrno(parent, name);
     } else {
       report(pathOf(parent, name), error);
     }
@@ -252,8 +251,7 @@ void Walk::descend(const char* name) {
   }
   Identity identity;
   if (!identify(child.get(), identity)) {
-    const int error = errno;
-    report(pathOf(parent, name), error);
+    reportErrno(parent, name);
     return;
   }
   Frame& frame = push();
@@ -283,8 +281,7 @@ void Walk::ascend() {
   frame.fd.reset();
   depth_ = level;
   if (::unlinkat(frames_[parent].fd.get(), frame.name.c_str(), AT_REMOVEDIR) != 0) {
-    const int error = errno;
-    report(pathOf(parent, frame.name), error);
+    reportErrno(parent, frame.name);
   }
 }
 
@@ -383,6 +380,11 @@ bool Walk::report(const std::string& path, int errorNumber) {
   stopped_ = true;
   stopError_ = errorNumber;
   return false;
+}
+
+bool Walk::reportErrno(std::size_t level, std::string_view name) {
+  const int errorNumber = errno;
+  return report(pathOf(level, name), errorNumber);
 }
 
 // The path of the directory at `level`, or of the entry `name` inside it.
