@@ -12,11 +12,17 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "platform/Error.h"
 #include "platform/URL.h"
+
+namespace platform::sys {
+struct WalkEntry;  // one entry of the tree walker: path, stat record, kind, error
+}
 
 class CVFileManager {
  public:
@@ -50,6 +56,78 @@ class CVFileManager {
                             std::int32_t dataProtectionClass, CVError* error);
   bool createDirectoryAtURL(const CVURL& url, bool withIntermediateDirectories, mode_t mode,
                             CVError* error);
+
+  // --- Copying, moving, temporary directories and symbolic links ---
+
+  // Copies an item, never following a link on either side: a link is copied
+  // as a link, a directory as a whole tree, keeping modes, owner, group, times
+  // and extended attributes. With `failIfSrcMissing` false a missing source is
+  // success with nothing copied. A failed copy leaves what it made.
+  bool _copyItemAtURL(const CVURL& src, const CVURL& dst, bool failIfSrcMissing, CVError* error);
+  // Renames an item. Across file systems the item is copied instead, with the
+  // long-standing outcome: a successful copy answers false with no error and
+  // keeps the source; a failed copy removes the source and answers true.
+  bool _moveItemAtURL(const CVURL& src, const CVURL& dst, bool failIfSrcMissing, CVError* error);
+  bool copyItemAtURL(const CVURL& src, const CVURL& dst, CVError* error);
+  bool moveItemAtURL(const CVURL& src, const CVURL& dst, CVError* error);
+  bool copyItemIfExistsAtURL(const CVURL& src, const CVURL& dst, CVError* error);
+  bool moveItemIfExistsAtURL(const CVURL& src, const CVURL& dst, CVError* error);
+
+  // Makes "<directory>/temp.XXXXXX" with owner-only permissions. Clears the
+  // error place first; a failure is logged and gives a nil URL.
+  CVURL createTemporaryDirectoryInDirectoryURL(const CVURL& directory, CVError* error);
+
+  // Makes a link at `url` whose content is `destinationURL`'s path as given.
+  bool createSymbolicLinkAtURL(const CVURL& url, const CVURL& destinationURL, CVError* error);
+  // The content of a link (cut at 1024 bytes) as a file URL; nil on failure.
+  CVURL destinationOfSymbolicLinkAtURL(const CVURL& url, CVError* error);
+
+  // --- Tree traversal and ownership ---
+
+  // Walks the tree at `url` physically, on one file system, in directory
+  // order, handing every entry (directories before and after their contents)
+  // to `block`. The walk stops when the block answers false (with the block's
+  // error) or at an entry the walker could not read.
+  using TraversalBlock = std::function<bool(const platform::sys::WalkEntry& entry, CVError* error)>;
+  bool _traverseDirectory(const CVURL& url, CVError* error, const TraversalBlock& block);
+
+  // Gives every item of the tree (links themselves, not their targets) the
+  // owner `uid` and group `gid`, and fails at the first symbolic link that
+  // leads outside the tree. Items changed before a failure stay changed.
+  bool standardizeOwnershipAndValidateSymlinksAtURL(const CVURL& url, std::uint32_t uid,
+                                                    std::uint32_t gid, CVError* error);
+
+  // --- Contained path resolution ---
+
+  // The fully resolved URL of `suspiciousURL` when it lies inside `baseURL`
+  // after every link is resolved; nil otherwise (the reason is logged).
+  CVURL realPathForURL(const CVURL& suspiciousURL, const CVURL& baseURL);
+  CVURL _realPathForURL(const CVURL& url, bool allowNonExistentPathComponents);
+  CVURL _realPathWhatExistsInPath(const std::string& path);
+  bool _validateSymlink(const std::string* path, std::int32_t startingDepth,
+                        std::int32_t* endingDepth);
+
+  // --- Protection classes, placeholder marks, store data, disk usage ---
+
+  bool dataProtectionClassOfItemAtURL(const CVURL& url, std::int32_t* protectionClass,
+                                      CVError* error);
+  // With a predicate, the class is changed only when the predicate, given the
+  // current class, answers true; otherwise the call is a successful no-op.
+  bool setDataProtectionClassOfItemAtURL(const CVURL& url, std::int32_t protectionClass,
+                                         const std::function<bool(std::int32_t)>* predicate,
+                                         CVError* error);
+
+  bool markBundleAsPlaceholder(const CVURL& bundleURL, CVError* error);
+  bool bundleAtURLIsPlaceholder(const CVURL& bundleURL);
+
+  // Copies or moves "Manifest.plist", "SorvikArtwork", "SorvikMetadata.plist"
+  // and "GeoJSON" from one directory to another; missing items are skipped.
+  bool captureStoreDataFromDirectory(const CVURL& srcDirectory, const CVURL& dstDirectory,
+                                     bool doCopy, bool failureIsFatal, CVError* error);
+
+  // Allocated bytes of the files below a directory, hard-linked files counted
+  // once; what cannot be read is left out (and logged).
+  std::uint64_t diskUsageForURL(const CVURL& url);
 
  private:
   CVFileManager() = default;
