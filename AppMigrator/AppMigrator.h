@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/IconService.h"
 #include "platform/InstallerService.h"
 #include "platform/MavrelMigrator.h"
 #include "platform/SystemVersion.h"
@@ -37,6 +38,16 @@ inline constexpr std::string_view kMigrationMarkerFileName =
 inline constexpr std::string_view kHarborMapFileName = "SafeHarbor.plist";
 inline constexpr std::string_view kVersionRecordFileName = "AppMigratorLastSystemVersion.plist";
 inline constexpr std::string_view kStrayEntryFileName = "WhereDidMyApplicationsGo.txt";
+// Names a legacy container may still hold once its application has moved.
+inline constexpr std::string_view kLegacyMigrationMarkerFileName =
+    "com.zentrel.corvane.migration_marker";
+inline constexpr std::string_view kLegacyPlaceholderFileName = "com.zentrel.corvane.placeholder";
+// Where placeholders are staged, under the process's temporary directory.
+inline constexpr std::string_view kPlaceholderStagingDirectoryName = "com.zentrel.corvane.migrator";
+
+namespace platform {
+class Bundle;
+}
 
 class CVAppMigrator final : public MavrelMigrator {
  public:
@@ -47,6 +58,8 @@ class CVAppMigrator final : public MavrelMigrator {
     platform::ApplicationRegistry* registry = nullptr;
     const platform::SystemVersionSource* systemVersion = nullptr;
     CVURL temporaryDirectory;
+    // The platform's icon service when null.
+    platform::IconService* iconService = nullptr;
   };
 
   // Set-up. Returns null when an existing legacy directory cannot be listed.
@@ -73,8 +86,37 @@ class CVAppMigrator final : public MavrelMigrator {
   // Writes `info` durably as the marker file of the container at `containerURL`.
   // A failed write is logged; a missing marker is not fatal.
   void _writeMigrationMarker(const CVDictionary& info, const CVURL& containerURL);
-  // Migrates one container described by an info record.
+  // Migrates one container described by an info record: placeholder, data
+  // move, install, group containers, removal. True when fully migrated.
   bool _migrateContainerWithInfo(const CVDictionary& info);
+  // True when the container holds anything besides marker files, or cannot be
+  // listed.
+  bool _containerHasMissedItems(const CVURL& containerURL, const std::string& identifier);
+
+  // Builds "<container>/Staging" with the bundle (and VPN plug-in) under
+  // "Payload" and the store data beside it, and installs it. An installer
+  // refusal because the system carries the application built in is success.
+  bool _stageAndInstallBundleAtURL(const CVURL& bundleURL, const std::string& identifier,
+                                   const CVURL& vpnPluginURL, const CVURL& containerURL);
+  // Installs a placeholder carrying the bundle's identity, versions and icon.
+  // Nothing of the legacy container changes; the staged copy never outlives
+  // the call.
+  bool _stageAndInstallPlaceholderForBundleAtURL(const CVURL& bundleURL,
+                                                 const std::string& identifier,
+                                                 const CVURL& containerURL);
+  // Writes the bundle's home-screen icon as PNG to `url`, atomically.
+  bool _writeIconForBundle(const platform::Bundle& bundle, const CVURL& url);
+
+  // Moves the user-data items of a legacy container into a data container,
+  // replacing what is there. False at the first item that fails to move.
+  bool _migrateDataContainerForIdentifier(const std::string& identifier, const CVURL& srcURL,
+                                          const CVURL& dstURL);
+  // Moves the legacy group containers of an installed application into the
+  // group containers the registry assigns it.
+  bool _migrateGroupContainersForIdentifier(const std::string& identifier);
+  // Moves every entry of one directory into another, replacing same-named
+  // items. False only when the source cannot be listed.
+  bool _moveAllItemsInGroupContainerURL(const CVURL& srcURL, const CVURL& dstURL);
   // Registers every safe harbor of the harbor map, then retires the map.
   bool _migrateSafeHarbors();
 

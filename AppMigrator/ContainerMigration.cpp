@@ -1,8 +1,134 @@
-// Migration of one classified legacy container.
+// Migration of one classified legacy container: placeholder, user data,
+// install, group containers, missed-items check and removal.
 #include "AppMigrator/AppMigrator.h"
+#include "platform/Log.h"
+#include "shared/filemanager/CVFileManager.h"
 
-// Until the installer service can take bundles, no container is migrated.
+namespace {
+
+using platform::kLogLevelError;
+using platform::kLogLevelNotice;
+using platform::logMigration;
+
+constexpr std::string_view kMigrateFunction = "-[CVAppMigrator _migrateContainerWithInfo:]";
+constexpr std::string_view kMissedItemsFunction =
+    "-[CVAppMigrator _containerHasMissedItems:withIdentifier:]";
+
+CVURL fileURLOfRecordPath(const CVDictionary& info, std::string_view key, bool isDirectory) {
+  const std::string* path = info.findString(key);
+  return path ? CVURL::fileURLWithPath(*path, isDirectory) : CVURL();
+}
+
+bool isMarkerFileName(const std::string& name) {
+  return name == kMigrationMarkerFileName || name == kLegacyMigrationMarkerFileName ||
+         name == kLegacyPlaceholderFileName;
+}
+
+// Says what the registry knew of an application whose data container is missing.
+void logRecordWithoutDataContainer(const platform::BundleRecord& record,
+                                   const std::string& identifier) {
+  logMigration(kLogLevelError, kMigrateFunction,
+               "CVAppMigrator: Failed to get data container URL for %@", identifier);
+  logMigration(kLogLevelError, kMigrateFunction, "CVAppMigrator: Proxy had bundle identifier %@",
+               record.bundleIdentifier);
+  logMigration(kLogLevelError, kMigrateFunction, "CVAppMigrator: Proxy had bundle type %@",
+               record.bundleType);
+  logMigration(kLogLevelError, kMigrateFunction, "CVAppMigrator: Proxy had bundle URL %@",
+               record.bundleURL);
+  logMigration(kLogLevelError, kMigrateFunction, "CVAppMigrator: Proxy had bundle container URL %@",
+               record.bundleContainerURL);
+  logMigration(kLogLevelError, kMigrateFunction, "CVAppMigrator: Proxy %s have backing bundle",
+               record.foundBackingBundle ? "did" : "did not");
+}
+
+}  // namespace
+
 bool CVAppMigrator::_migrateContainerWithInfo(const CVDictionary& info) {
-  (void)info;
-  return false;
+  const CVURL containerURL = fileURLOfRecordPath(info, kContainerPathKey, true);
+  const CVURL bundleURL = fileURLOfRecordPath(info, kBundlePathKey, true);
+  const CVURL vpnPluginURL = fileURLOfRecordPath(info, kSecondBundlePathKey, true);
+  const std::string* identifierValue = info.findString(kBundleIdentifierKey);
+  const std::string identifier = identifierValue ? *identifierValue : std::string();
+  const std::string* type = info.findString(kContainerTypeKey);
+  CVFileManager& fileManager = CVFileManager::defaultManager();
+
+  const bool bundleIsPlaceholder = fileManager.bundleAtURLIsPlaceholder(bundleURL);
+  // The marker lets a pass interrupted from here on resume this container.
+  _writeMigrationMarker(info, containerURL);
+
+  if (type != nullptr && *type == kContainerTypeApp) {
+    if (environment_.registry->isApplicationInstalled(identifier)) {
+      logMigration(kLogLevelNotice, kMigrateFunction,
+                   "CVAppMigrator: App %@ is already installed, so not creating placeholder.",
+                   identifier);
+    } else if (!_stageAndInstallPlaceholderForBundleAtURL(bundleURL, identifier, containerURL)) {
+      return false;
+    }
+  }
+
+  const std::optional<platform::BundleRecord> record =
+      environment_.registry->bundleRecordForIdentifier(identifier);
+  if (!record) {
+    logMigration(kLogLevelError, kMigrateFunction,
+                 "CVAppMigrator: Failed to get bundle proxy for identifier %@", identifier);
+    return false;
+  }
+  if (!record->dataContainerURL) {
+    logRecordWithoutDataContainer(*record, identifier);
+    return false;
+  }
+
+  logMigration(kLogLevelNotice, kMigrateFunction,
+               "CVAppMigrator: Moving data from container %@ to %@", containerURL.path(),
+               record->dataContainerURL.path());
+  if (!_migrateDataContainerForIdentifier(identifier, containerURL, record->dataContainerURL)) {
+    return false;
+  }
+
+  bool result = true;
+  if (!bundleIsPlaceholder) {
+    logMigration(kLogLevelNotice, kMigrateFunction,
+                 "CVAppMigrator: Staging and installing app %@ at %@ (and secondary %@)",
+                 identifier, bundleURL.path(),
+                 vpnPluginURL ? CVValue(vpnPluginURL.path()) : CVValue());
+    if (!_stageAndInstallBundleAtURL(bundleURL, identifier, vpnPluginURL, containerURL)) {
+      // The user data has already left the container, so the container is
+      // not kept for another attempt: it is removed below all the same.
+      result = false;
+    } else if (!_migrateGroupContainersForIdentifier(identifier) ||
+               _containerHasMissedItems(containerURL, identifier)) {
+      return false;
+    }
+  }
+
+  logMigration(kLogLevelNotice, kMigrateFunction, "CVAppMigrator: Removing container for %@ at %@",
+               identifier, containerURL.path());
+  CVError error;
+  if (!fileManager.removeItemAtURL(containerURL, &error)) {
+    logMigration(kLogLevelError, kMigrateFunction,
+                 "CVAppMigrator: Failed to remove container %@ : %@", containerURL.path(), error);
+  }
+  return result;
+}
+
+bool CVAppMigrator::_containerHasMissedItems(const CVURL& containerURL,
+                                             const std::string& identifier) {
+  CVError error;
+  const auto entries = CVFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
+      containerURL, /*ignoringSymlinks=*/false, &error);
+  if (!entries) {
+    logMigration(kLogLevelError, kMissedItemsFunction,
+                 "CVAppMigrator: Failed to enumerate container %@ for %@ : %@", containerURL.path(),
+                 identifier, error);
+    return true;
+  }
+  CVArray missed;
+  for (const CVURL& entry : *entries) {
+    if (!isMarkerFileName(entry.lastPathComponent())) missed.append(CVValue(entry));
+  }
+  if (missed.empty()) return false;
+  logMigration(kLogLevelError, kMissedItemsFunction,
+               "CVAppMigrator: Found missed items in %@ for %@: %@", containerURL.path(),
+               identifier, missed);
+  return true;
 }

@@ -92,6 +92,38 @@ ParsedCommand parseMigrate(std::span<const std::string_view> words) {
   return command;
 }
 
+// Parses the words after "apps".
+ParsedCommand parseApps(std::span<const std::string_view> words) {
+  ParsedCommand command = ofKind(ParsedCommand::Kind::Apps);
+  bool haveRoot = false;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    const std::string_view word = words[i];
+    if (word == "--help" || word == "-h") return ofKind(ParsedCommand::Kind::AppsHelp);
+    if (word == "--json") {
+      if (command.apps.json) return failure("option '--json' given more than once");
+      command.apps.json = true;
+      continue;
+    }
+    std::string_view value;
+    if (word.starts_with("--root=")) {
+      value = word.substr(7);
+    } else if (word == "--root") {
+      if (i + 1 >= words.size()) return failure("option '--root' needs a value");
+      value = words[++i];
+    } else if (word.starts_with("-")) {
+      return failure("unknown option '" + std::string(word.substr(0, word.find('='))) + "'");
+    } else {
+      return failure("unexpected argument '" + std::string(word) + "'");
+    }
+    if (value.empty()) return failure("option '--root' needs a non-empty value");
+    if (haveRoot) return failure("option '--root' given more than once");
+    haveRoot = true;
+    command.apps.root = std::string(value);
+  }
+  if (!haveRoot) return failure("option '--root' is required: the device image to list");
+  return command;
+}
+
 }  // namespace
 
 ParsedCommand parseCommandLine(std::span<const std::string_view> arguments) {
@@ -108,18 +140,21 @@ ParsedCommand parseCommandLine(std::span<const std::string_view> arguments) {
     return ofKind(ParsedCommand::Kind::Version);
   }
   if (first == "migrate") return parseMigrate(arguments.subspan(1));
+  if (first == "apps") return parseApps(arguments.subspan(1));
   if (first.starts_with("-")) return failure("unknown option '" + std::string(first) + "'");
   return failure("unknown command '" + std::string(first) + "'");
 }
 
 std::string_view generalUsageText() {
   return "usage: mavrel migrate --root DIR [options]\n"
+         "       mavrel apps --root DIR [--json]\n"
          "       mavrel --help | --version\n"
          "\n"
          "Commands:\n"
          "  migrate    migrate the applications of a device image to the current layout\n"
+         "  apps       list the applications and safe harbors the image's registry holds\n"
          "\n"
-         "Run 'mavrel migrate --help' for the options of migrate.\n";
+         "Run 'mavrel migrate --help' or 'mavrel apps --help' for their options.\n";
 }
 
 std::string_view migrateUsageText() {
@@ -139,6 +174,23 @@ std::string_view migrateUsageText() {
          "\n"
          "Exit status: 0 when every migration succeeded, 1 when one failed, 2 for a usage\n"
          "error or a failed set-up.\n";
+}
+
+std::string_view appsUsageText() {
+  return "usage: mavrel apps --root DIR [--json]\n"
+         "\n"
+         "Lists what the application registry of the device image whose root directory is\n"
+         "DIR holds: each application's identifier, kind (application, placeholder or\n"
+         "system), version, bundle container, data container and group containers, and\n"
+         "the safe harbors. Nothing in the image is changed, and a migration may be running.\n"
+         "\n"
+         "Options:\n"
+         "  --root DIR   the device image's root directory (required)\n"
+         "  --json       print one JSON object instead of text\n"
+         "  --help       show this text\n"
+         "\n"
+         "Exit status: 0 when the registry could be read (or the image has none yet), 2 for\n"
+         "a usage error or a registry that cannot be read.\n";
 }
 
 std::string versionText() {

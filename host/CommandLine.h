@@ -2,7 +2,8 @@
 //
 //   mavrel migrate --root DIR [--log-json FILE] [--installer-log-json FILE]
 //                  [--log-level N] [--plugin-dir DIR]
-//   mavrel --help | mavrel migrate --help | mavrel --version
+//   mavrel apps --root DIR [--json]
+//   mavrel --help | mavrel migrate --help | mavrel apps --help | mavrel --version
 //
 // Error contract: parseCommandLine never exits and never touches the file
 // system; a malformed command line gives a ParsedCommand of kind Error whose
@@ -25,19 +26,26 @@ struct MigrateOptions {
   std::optional<std::string> pluginDirectory;
 };
 
+struct AppsOptions {
+  std::string root;
+  bool json = false;
+};
+
 struct ParsedCommand {
-  enum class Kind { Migrate, Help, MigrateHelp, Version, Error };
+  enum class Kind { Migrate, Apps, Help, MigrateHelp, AppsHelp, Version, Error };
   Kind kind = Kind::Error;
   MigrateOptions options;  // meaningful for Migrate
+  AppsOptions apps;        // meaningful for Apps
   std::string error;       // meaningful for Error: one line, without the program name
 };
 
 // `arguments` excludes the program name (argv[1] onwards).
 ParsedCommand parseCommandLine(std::span<const std::string_view> arguments);
 
-// Texts printed by --help, migrate --help and --version.
+// Texts printed by --help, migrate --help, apps --help and --version.
 std::string_view generalUsageText();
 std::string_view migrateUsageText();
+std::string_view appsUsageText();
 std::string versionText();
 
 }  // namespace mavrel_host

@@ -12,15 +12,17 @@
 #include <string>
 #include <vector>
 
+#include "host/AppsCommand.h"
 #include "host/HostLogs.h"
 #include "host/PluginLoader.h"
 #include "host/ProgressDisplay.h"
 #include "host/ProgressTracker.h"
 #include "host/RootDirectory.h"
-#include "installer/MinimalInstallerService.h"
+#include "installer/EmbeddedInstallerService.h"
 #include "platform/DeviceRoot.h"
 #include "platform/Log.h"
 #include "platform/SystemVersion.h"
+#include "shared/configuration/CVGlobalConfiguration.h"
 
 namespace mavrel_host {
 namespace {
@@ -95,11 +97,17 @@ int migrateWithLogs(const std::string& root, const MigrateOptions& options,
                     ProgressTracker& tracker, const std::string& logPath, std::FILE* out,
                     std::FILE* err) {
   const platform::DeviceRoot deviceRoot(root);
-  mavrel_installer::MinimalInstallerService installer;
+  CVError installerError;
+  const auto installer = mavrel_installer::EmbeddedInstallerService::open(
+      CVGlobalConfiguration::sharedInstance(), &installerError);
+  if (!installer) {
+    return setUpFailure(
+        err, "cannot open the application registry: " + installerError.localizedDescription());
+  }
   const platform::DeviceSystemVersion systemVersion(deviceRoot.rootURL());
   MavrelHostServices services;
-  services.installer = &installer;
-  services.registry = &installer;
+  services.installer = installer.get();
+  services.registry = installer.get();
   services.systemVersion = &systemVersion;
   services.temporaryDirectory =
       deviceRoot.rootURL().URLByAppendingPathComponent(kTemporaryDirectory, true);
@@ -184,6 +192,11 @@ int runHost(std::span<const std::string_view> arguments, std::FILE* out, std::FI
     case ParsedCommand::Kind::MigrateHelp:
       printText(out, migrateUsageText());
       return kExitSucceeded;
+    case ParsedCommand::Kind::AppsHelp:
+      printText(out, appsUsageText());
+      return kExitSucceeded;
+    case ParsedCommand::Kind::Apps:
+      return runApps(command.apps, out, err);
     case ParsedCommand::Kind::Version:
       printText(out, versionText());
       return kExitSucceeded;

@@ -76,7 +76,11 @@ std::string asideName(const std::string& targetName) {
   thread_local std::mt19937_64 generator{std::random_device{}()};
   char suffix[24];
   std::snprintf(suffix, sizeof suffix, ".%016llx", static_cast<unsigned long long>(generator()));
-  return "." + targetName.substr(0, 200) + suffix + ".tmp";
+  // Built by appending: GCC 12 at -O3 misreports `"." + std::string` as an
+  // overlapping copy.
+  std::string name(1, '.');
+  name.append(targetName, 0, 200).append(suffix).append(".tmp");
+  return name;
 }
 
 bool writeAll(int fd, std::span<const std::uint8_t> bytes, int& failedErrno) {

@@ -149,6 +149,18 @@ std::string encodeXMLPropertyList(const CVValue& value) {
   return text;
 }
 
+std::vector<std::uint8_t> encodeBinaryPropertyList(const CVValue& value) {
+  const plist_nodes::PlistNode root = plist_nodes::nodeFromValue(value, kMaxPropertyListDepth);
+  if (!root) return {};
+  char* binary = nullptr;
+  std::uint32_t length = 0;
+  plist_to_bin(root.get(), &binary, &length);
+  if (binary == nullptr) return {};
+  std::vector<std::uint8_t> bytes(binary, binary + length);
+  plist_to_bin_free(binary);
+  return bytes;
+}
+
 bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error) {
   const std::string path = url.isNil() ? std::string("(null)") : url.path();
   const std::string xml = encodeXMLPropertyList(value);

@@ -12,6 +12,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "platform/Error.h"
 #include "platform/URL.h"
@@ -47,6 +48,10 @@ std::optional<CVDictionary> readPropertyListDictionary(const CVURL& url, CVError
 // whole seconds. A value nested more than kMaxPropertyListDepth deep encodes
 // as the empty string.
 std::string encodeXMLPropertyList(const CVValue& value);
+
+// The binary ("bplist00") encoding of `value`, with the same substitutions and
+// depth limit as encodeXMLPropertyList; empty when nested too deeply.
+std::vector<std::uint8_t> encodeBinaryPropertyList(const CVValue& value);
 
 // Writes `value` as an XML property list: written aside in the same directory,
 // flushed, renamed into place, and the directory flushed. On failure the file

@@ -1,5 +1,8 @@
 #include "platform/linux/Paths.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <string>
 
@@ -7,6 +10,14 @@ namespace platform::sys {
 
 int lstatPath(const char* path, struct stat* status) {
   return ::lstat(path, status);
+}
+
+UniqueFd openItemNoFollow(const char* path) {
+  return UniqueFd(::open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+int changeOwnerNoFollow(const char* path, uid_t owner, gid_t group) {
+  return ::lchown(path, owner, group);
 }
 
 int makeDirectory(const char* path, mode_t mode) {

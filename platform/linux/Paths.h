@@ -1,19 +1,30 @@
-// Path-level calls: looking at an item without following a final link, and
-// making directories.
+// Path-level calls: looking at, opening and changing the owner of an item
+// without following a final link, and making directories.
 //
 // Error contract: lstatPath and makeDirectory return 0, or -1 with the call's
-// error number in errno. spanDirectories returns an error number (0 when it
-// made the directory, EEXIST when an item of any kind is already at the path)
-// and leaves the error number of its last failing call in errno.
+// error number in errno; so does changeOwnerNoFollow, and openItemNoFollow
+// returns an invalid UniqueFd with errno set. spanDirectories returns an
+// error number (0 when it made the directory, EEXIST when an item of any kind
+// is already at the path) and leaves the error number of its last failing
+// call in errno.
 #pragma once
 
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include "platform/linux/FileDescriptor.h"
+
 namespace platform::sys {
 
 // lstat: a symbolic link is looked at, not followed.
 int lstatPath(const char* path, struct stat* status);
+
+// Opens `path` read-only without following a final symbolic link (a link
+// fails with ELOOP). Invalid UniqueFd with errno set on failure.
+UniqueFd openItemNoFollow(const char* path);
+
+// lchown: the owner and group of a symbolic link itself change, not its target's.
+int changeOwnerNoFollow(const char* path, uid_t owner, gid_t group);
 
 // mkdir with `mode` (the process umask applies).
 int makeDirectory(const char* path, mode_t mode);

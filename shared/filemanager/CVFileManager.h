@@ -101,14 +101,25 @@ class CVFileManager {
 
   // The fully resolved URL of `suspiciousURL` when it lies inside `baseURL`
   // after every link is resolved; nil otherwise (the reason is logged).
+  // No error record is ever made.
   CVURL realPathForURL(const CVURL& suspiciousURL, const CVURL& baseURL);
+  // realpath of the URL's path; nil (and a level-3 line) on failure. With
+  // `allowNonExistentPathComponents`, a missing tail is resolved through the
+  // longest existing prefix instead.
   CVURL _realPathForURL(const CVURL& url, bool allowNonExistentPathComponents);
+  // The resolved longest existing prefix (the root alone never counts) with
+  // the rest of the path appended; nil when no prefix resolves.
   CVURL _realPathWhatExistsInPath(const std::string& path);
+  // Walks the components of `path` from `startingDepth` ("." and "" stay,
+  // ".." goes up, anything else down). False (and `endingDepth` untouched)
+  // for a nil path or as soon as the depth falls below the start.
   bool _validateSymlink(const std::string* path, std::int32_t startingDepth,
                         std::int32_t* endingDepth);
 
   // --- Protection classes, placeholder marks, store data, disk usage ---
 
+  // Both open the item itself (a symbolic link fails to open) and fail with
+  // POSIX-domain records that are not logged.
   bool dataProtectionClassOfItemAtURL(const CVURL& url, std::int32_t* protectionClass,
                                       CVError* error);
   // With a predicate, the class is changed only when the predicate, given the
@@ -117,11 +128,17 @@ class CVFileManager {
                                          const std::function<bool(std::int32_t)>* predicate,
                                          CVError* error);
 
+  // Sets the placeholder attribute on the bundle itself (never through a
+  // link). Failure: "CVInstallerErrorDomain" code 4 over the POSIX error,
+  // logged.
   bool markBundleAsPlaceholder(const CVURL& bundleURL, CVError* error);
+  // Whether the bundle carries a four-byte placeholder attribute.
   bool bundleAtURLIsPlaceholder(const CVURL& bundleURL);
 
   // Copies or moves "Manifest.plist", "SorvikArtwork", "SorvikMetadata.plist"
   // and "GeoJSON" from one directory to another; missing items are skipped.
+  // A failing item is logged as "CVInstallerErrorDomain" code 24 with its
+  // legacy failure name; it ends the call only when `failureIsFatal`.
   bool captureStoreDataFromDirectory(const CVURL& srcDirectory, const CVURL& dstDirectory,
                                      bool doCopy, bool failureIsFatal, CVError* error);
 

@@ -1,0 +1,229 @@
+// Installing a customer package: a staging directory holding "Payload".
+//
+// Order of events, each committed or done before the next:
+//   1. the journal records how to put the staging directory back (commit);
+//   2. one rename consumes the staging directory into the staging root;
+//   3. the bundle is checked there; a failure puts the directory back;
+//   4. a data container and new group containers are prepared as entries of
+//      their own in the staging root;
+//   5. the registration and the finish steps replace the journal entry
+//      (commit);
+//   6. the finish steps turn the consumed directory into the bundle container
+//      (the bundles come up out of "Payload", what is not installed goes),
+//      rename it and the prepared containers into place, and remove a
+//      replaced bundle container.
+// A crash before 5 is undone at the next opening (2 reversed, prepared
+// entries swept), a crash after it is finished (6 done again).
+#include <algorithm>
+
+#include "installer/EmbeddedInstallerService.h"
+#include "installer/FaultInjection.h"
+#include "platform/Log.h"
+#include "shared/filemanager/CVFileManager.h"
+
+namespace mavrel_installer {
+namespace {
+
+constexpr std::string_view kFunction = "-[EmbeddedInstallerService installApplication]";
+constexpr std::string_view kPayloadName = "Payload";
+
+}  // namespace
+
+bool EmbeddedInstallerService::isProtectedLocation(const std::string& path) const {
+  const std::string containers = layout_.home() + "/Containers";
+  for (const std::string* place : {&dataDirectory_, &stagingRoot_,
+                                   &layout_.directoryFor(ContainerClass::Bundle), &containers}) {
+    if (pathIsWithin(path, *place) || pathIsWithin(*place, path)) return true;
+  }
+  return false;
+}
+
+void EmbeddedInstallerService::restoreStagingDirectory(std::int64_t journal,
+                                                       const std::string& staged,
+                                                       const std::string& origin) {
+  const JournalStep restore{JournalStep::Action::Rename, relative(staged), relative(origin)};
+  CVError error;
+  if (!performJournalSteps(layout_, {&restore, 1}, &error)) {
+    platform::logInstaller(platform::kLogLevelError, kFunction,
+                           "Could not put %s back at %s; the next start tries again: %@", staged,
+                           origin, error);
+    return;
+  }
+  doneJournal_.push_back(journal);
+}
+
+bool EmbeddedInstallerService::answerRepeatedRequest(const std::string& origin,
+                                                     const InstallRequest& request,
+                                                     const InstallProgress& progress,
+                                                     CVError* error) {
+  std::optional<ApplicationEntry> existing;
+  CVError lookupError;
+  if (!store_->findApplication(request.identifier, existing, &lookupError)) {
+    return progress.fail(
+        kFunction,
+        {InstallError::RegistryFailure, "cannot look up " + request.identifier, lookupError},
+        error);
+  }
+  // Only the request that installed the application, asked again after a
+  // crash that came before the caller's next step.
+  if (!existing || existing->kind != ApplicationKind::User ||
+      existing->installedFrom != relative(origin)) {
+    return progress.fail(
+        kFunction, {InstallError::EmptyPayload, origin + "/Payload holds nothing to install", {}},
+        error);
+  }
+  discardStagingDirectory(origin);
+  platform::logInstaller(platform::kLogLevelNotice, kFunction,
+                         "%@ was already installed from %s; nothing more to do", request.identifier,
+                         origin);
+  progress.report(kStatusComplete);
+  return true;
+}
+
+bool EmbeddedInstallerService::refuseBuiltIn(const std::string& origin,
+                                             const InstallRequest& request,
+                                             const InstallProgress& progress, CVError* error) {
+  // The system's own copy wins; the legacy copy is not kept.
+  discardStagingDirectory(origin);
+  return progress.fail(kFunction,
+                       {InstallError::ApplicationAlreadyInstalled,
+                        request.identifier + " is built into the system image",
+                        {}},
+                       error);
+}
+
+bool EmbeddedInstallerService::installCustomer(const std::string& url,
+                                               const InstallRequest& request,
+                                               const InstallProgress& progress, CVError* error) {
+  InstallFailure failure;
+  const auto origin = canonicalPath(url);
+  if (!origin || itemKindAtPath(*origin) != ItemKind::Directory) {
+    return progress.fail(
+        kFunction, {InstallError::InvalidInstallSource, url + " is not a directory", {}}, error);
+  }
+  if (!pathIsWithin(*origin, layout_.root()) || isProtectedLocation(*origin)) {
+    return progress.fail(kFunction,
+                         {InstallError::InvalidInstallSource,
+                          *origin + " is not a staging directory inside the device image",
+                          {}},
+                         error);
+  }
+  const auto contents = inspectPayload(*origin + "/" + std::string(kPayloadName), &failure);
+  if (!contents) return progress.fail(kFunction, failure, error);
+  if (contents->applicationName.empty())
+    return answerRepeatedRequest(*origin, request, progress, error);
+  if (builtIns_.count(request.identifier) != 0)
+    return refuseBuiltIn(*origin, request, progress, error);
+
+  progress.report(kStatusStaging);
+  const auto staged = newStagingPath(&failure);
+  if (!staged) return progress.fail(kFunction, failure, error);
+  std::optional<std::int64_t> journal;
+  {
+    CVError writeError;
+    WriteTransaction transaction(store_->database());
+    const JournalStep restore{JournalStep::Action::Rename, relative(*staged), relative(*origin)};
+    const bool written = beginWrite(transaction, &writeError) &&
+                         (journal = store_->addJournal(request.identifier, JournalPurpose::Restore,
+                                                       {&restore, 1}, &writeError))
+                             .has_value();
+    faultPoint("intent about to commit");
+    if (!written || !commitWrite(transaction, &writeError)) {
+      return progress.fail(kFunction,
+                           {InstallError::RegistryFailure,
+                            "cannot record the install of " + request.identifier, writeError},
+                           error);
+    }
+  }
+  faultPoint("intent committed");
+  if (CVError renameError; !renameItem(*origin, *staged, &renameError)) {
+    doneJournal_.push_back(*journal);  // nothing moved: the entry has nothing to undo
+    return progress.fail(kFunction, {InstallError::StagingFailed, *origin, renameError}, error);
+  }
+  faultPoint("staging directory consumed");
+
+  // From here on a failure puts the staging directory back.
+  Preparation preparation;
+  const auto restoreAndFail = [&](const InstallFailure& reason) {
+    discardStagingItems(preparation.prepared);
+    restoreStagingDirectory(*journal, *staged, *origin);
+    return progress.fail(kFunction, reason, error);
+  };
+
+  progress.report(kStatusVerifying);
+  const std::string payload = *staged + "/" + std::string(kPayloadName);
+  const auto facts = verifyBundle(payload + "/" + contents->applicationName, request, &failure);
+  if (!facts || !checkBlacklist(request, blacklist_, &failure)) return restoreAndFail(failure);
+  // What the bundle container keeps: the bundles and the store metadata.
+  std::vector<std::string> bundles{contents->applicationName};
+  if (!contents->vpnPluginName.empty()) bundles.push_back(contents->vpnPluginName);
+  std::vector<std::string> kept;
+  for (const std::string& bundle : bundles)
+    kept.push_back(std::string(kPayloadName) + "/" + bundle);
+  for (const std::string& name : metadataItemNames_) {
+    if (itemExists(*staged + "/" + name)) kept.push_back(name);
+  }
+  for (const std::string& item : kept) {
+    if (!standardizeInstalledItem(*staged + "/" + item, owner_, &failure))
+      return restoreAndFail(failure);
+  }
+  std::optional<ApplicationEntry> existing;
+  if (CVError lookupError; !store_->findApplication(request.identifier, existing, &lookupError)) {
+    return restoreAndFail(
+        {InstallError::RegistryFailure, "cannot look up " + request.identifier, lookupError});
+  }
+
+  progress.report(kStatusCreatingContainers);
+  const auto bundleContainer = layout_.newContainerPath(ContainerClass::Bundle);
+  CVError listError;
+  const auto entries = CVFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
+      CVURL::fileURLWithPath(*staged, true), /*ignoringSymlinks=*/false, &listError);
+  if (!bundleContainer || !entries ||
+      !setModeAndOwner(*staged, kContainerMode, owner_, &listError)) {
+    return restoreAndFail({InstallError::ContainerCreationFailed,
+                           "cannot make a bundle container for " + request.identifier, listError});
+  }
+  // Whatever else came in the staging directory is not installed.
+  for (const CVURL& entry : *entries) {
+    const std::string name = entry.lastPathComponent();
+    if (name != kPayloadName && std::find(kept.begin(), kept.end(), name) == kept.end()) {
+      preparation.steps.push_back({JournalStep::Action::Remove, relative(entry.path()), {}});
+    }
+  }
+  for (const std::string& bundle : bundles) {
+    preparation.steps.push_back({JournalStep::Action::Rename, relative(payload + "/" + bundle),
+                                 relative(*staged + "/" + bundle)});
+  }
+  preparation.steps.push_back({JournalStep::Action::Remove, relative(payload), {}});
+  preparation.steps.push_back(
+      {JournalStep::Action::Rename, relative(*staged), relative(*bundleContainer)});
+
+  ApplicationEntry& entry = preparation.entry;
+  entry.identifier = request.identifier;
+  entry.kind = ApplicationKind::User;
+  entry.version = facts->version;
+  entry.shortVersion = facts->shortVersion;
+  entry.bundleContainer = relative(*bundleContainer);
+  entry.bundlePath = relative(*bundleContainer + "/" + contents->applicationName);
+  if (!contents->vpnPluginName.empty())
+    entry.vpnPluginPath = relative(*bundleContainer + "/" + contents->vpnPluginName);
+  if (existing) entry.dataContainer = existing->dataContainer;
+  entry.installedFrom = relative(*origin);
+  if (!prepareContainers(preparation, facts->groups, &failure)) return restoreAndFail(failure);
+  if (existing && !existing->bundleContainer.empty()) {
+    preparation.steps.push_back({JournalStep::Action::Remove, existing->bundleContainer, {}});
+  }
+
+  progress.report(kStatusRegistering);
+  if (!registerAndFinish(preparation, journal, &failure)) {
+    // Not registered: undone now. Registered: finished at the next opening.
+    if (failure.error == InstallError::RegistryFailure) return restoreAndFail(failure);
+    return progress.fail(kFunction, failure, error);
+  }
+  platform::logInstaller(platform::kLogLevelNotice, kFunction, "Installed %@ %@ into %s",
+                         request.identifier, facts->shortVersion, *bundleContainer);
+  progress.report(kStatusComplete);
+  return true;
+}
+
+}  // namespace mavrel_installer

@@ -1,0 +1,53 @@
+// The install journal: what an install is about to do on disk, recorded in
+// the registry before it is done, so that a crash at any instant is finished
+// or undone the next time the registry is opened.
+//
+// Two kinds of entries (see JournalPurpose):
+// - "restore", recorded before an install consumes its staging directory:
+//   one step that puts the directory back. The install replaces it by a
+//   "finish" entry in the transaction that registers the application.
+// - "finish", committed together with the registration: the renames that put
+//   the prepared containers and the bundle in place, then the removals of the
+//   replaced bundle container and of the install's staging area.
+// Every step can be performed again without harm, so recovery simply
+// performs every recorded entry again, in order.
+//
+// Error contract: false with a record in `*error` (the failing system call's
+// POSIX record, or a registry record) when a step or the registry failed;
+// steps done before the failure stay done.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "installer/ContainerLayout.h"
+#include "installer/RegistryStore.h"
+
+namespace mavrel_installer {
+
+// A rename has happened when its source is gone and its target is there, and
+// is done now when the source is there and the target is not; both there is a
+// conflict (nothing is overwritten), neither there is logged and passed
+// over. A removal of something missing has happened. Paths are relative to
+// the layout's root; a step naming the root itself, an absolute path or a
+// ".." component is refused (EINVAL) and nothing of it is done.
+bool performJournalSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
+                         CVError* error);
+
+struct RecoveryReport {
+  std::size_t restored = 0;  // staging directories put back
+  std::size_t finished = 0;  // committed installs put in place
+  std::size_t failed = 0;    // entries kept for the next attempt
+  std::size_t swept = 0;     // leftovers removed from the staging root
+};
+
+// Performs every pending entry, deletes those that are done (one
+// transaction), then removes whatever else is in `stagingRoot` (absolute)
+// except what entries that could not be performed still need. False only
+// when the registry could not be read or written; entries that failed are
+// counted and logged, and kept.
+bool recoverPendingInstalls(RegistryStore& store, const ContainerLayout& layout,
+                            const std::string& stagingRoot, RecoveryReport* report, CVError* error);
+
+}  // namespace mavrel_installer

@@ -1,0 +1,131 @@
+// Installing a placeholder package: an ".app" directory that the caller
+// keeps (and removes) itself.
+//
+// The bundle is copied into a bundle container prepared in the staging root,
+// checked, marked as a placeholder and given its store metadata; a data
+// container is prepared beside it. Until the one commit that registers it,
+// everything lives in the staging root, which the next opening sweeps after a
+// crash; after the commit the journal's finish steps rename it into place.
+#include "installer/EmbeddedInstallerService.h"
+#include "installer/FaultInjection.h"
+#include "platform/Log.h"
+#include "shared/filemanager/CVFileManager.h"
+
+namespace mavrel_installer {
+namespace {
+
+constexpr std::string_view kFunction = "-[EmbeddedInstallerService installApplication]";
+constexpr mode_t kMetadataFileMode = 0644;
+
+}  // namespace
+
+bool EmbeddedInstallerService::installPlaceholder(const std::string& url,
+                                                  const InstallRequest& request,
+                                                  const InstallProgress& progress, CVError* error) {
+  InstallFailure failure;
+  // The source is only read, so it may lie outside the device root.
+  const auto source = canonicalPath(url);
+  if (!source || itemKindAtPath(*source) != ItemKind::Directory) {
+    return progress.fail(
+        kFunction, {InstallError::InvalidInstallSource, url + " is not a directory", {}}, error);
+  }
+  if (builtIns_.count(request.identifier) != 0) {
+    return progress.fail(kFunction,
+                         {InstallError::ApplicationAlreadyInstalled,
+                          request.identifier + " is built into the system image",
+                          {}},
+                         error);
+  }
+  std::optional<ApplicationEntry> existing;
+  if (CVError lookupError; !store_->findApplication(request.identifier, existing, &lookupError)) {
+    return progress.fail(
+        kFunction,
+        {InstallError::RegistryFailure, "cannot look up " + request.identifier, lookupError},
+        error);
+  }
+  // A placeholder never takes the place of an installed application.
+  if (existing && existing->kind != ApplicationKind::Placeholder) {
+    return progress.fail(kFunction,
+                         {InstallError::ApplicationAlreadyInstalled,
+                          request.identifier + " is installed as an application",
+                          {}},
+                         error);
+  }
+
+  progress.report(kStatusStaging);
+  // The placeholder's bundle container is prepared as an entry of the
+  // staging root and renamed into place once registered.
+  Preparation preparation;
+  const auto discardAndFail = [&](const InstallFailure& reason) {
+    discardStagingItems(preparation.prepared);
+    return progress.fail(kFunction, reason, error);
+  };
+  const auto prepared = newStagingPath(&failure);
+  if (!prepared) return progress.fail(kFunction, failure, error);
+  const std::string bundleName = CVURL::fileURLWithPath(*source, true).lastPathComponent();
+  const std::string copy = *prepared + "/" + bundleName;
+  CVFileManager& fileManager = CVFileManager::defaultManager();
+  if (CVError makeError; !makeOwnedDirectory(*prepared, kContainerMode, owner_, &makeError)) {
+    return discardAndFail({InstallError::ContainerCreationFailed, *prepared, makeError});
+  }
+  preparation.prepared.push_back(*prepared);
+  if (CVError copyError; !fileManager.copyItemAtURL(
+          CVURL::fileURLWithPath(*source, true), CVURL::fileURLWithPath(copy, true), &copyError)) {
+    return discardAndFail({InstallError::BundleCopyFailed, *source, copyError});
+  }
+  faultPoint("placeholder copied");
+
+  // The copy is what gets installed, so the copy is what is checked.
+  progress.report(kStatusVerifying);
+  const auto facts = verifyBundle(copy, request, &failure);
+  if (!facts || !checkBlacklist(request, blacklist_, &failure) ||
+      !standardizeInstalledItem(copy, owner_, &failure))
+    return discardAndFail(failure);
+  if (CVError markError;
+      !fileManager.markBundleAsPlaceholder(CVURL::fileURLWithPath(copy, true), &markError)) {
+    return discardAndFail({InstallError::PlaceholderMarkFailed, copy, markError});
+  }
+  if (request.storeMetadata) {
+    const std::string metadata = *prepared + "/" + std::string(kStoreMetadataFileName);
+    if (CVError writeError;
+        !writeNewFile(metadata, *request.storeMetadata, kMetadataFileMode, owner_, &writeError)) {
+      return discardAndFail({InstallError::MetadataWriteFailed, metadata, writeError});
+    }
+  }
+  faultPoint("placeholder prepared");
+
+  progress.report(kStatusCreatingContainers);
+  const auto bundleContainer = layout_.newContainerPath(ContainerClass::Bundle);
+  if (!bundleContainer) {
+    return discardAndFail({InstallError::ContainerCreationFailed,
+                           "cannot name a bundle container for " + request.identifier,
+                           {}});
+  }
+  preparation.steps.push_back(
+      {JournalStep::Action::Rename, relative(*prepared), relative(*bundleContainer)});
+  ApplicationEntry& entry = preparation.entry;
+  entry.identifier = request.identifier;
+  entry.kind = ApplicationKind::Placeholder;
+  entry.version = facts->version;
+  entry.shortVersion = facts->shortVersion;
+  entry.bundleContainer = relative(*bundleContainer);
+  entry.bundlePath = relative(*bundleContainer + "/" + bundleName);
+  if (existing) entry.dataContainer = existing->dataContainer;
+  if (!prepareContainers(preparation, facts->groups, &failure)) return discardAndFail(failure);
+  if (existing && !existing->bundleContainer.empty()) {
+    preparation.steps.push_back({JournalStep::Action::Remove, existing->bundleContainer, {}});
+  }
+
+  progress.report(kStatusRegistering);
+  if (!registerAndFinish(preparation, std::nullopt, &failure)) {
+    if (failure.error == InstallError::RegistryFailure) return discardAndFail(failure);
+    return progress.fail(kFunction, failure, error);
+  }
+  platform::logInstaller(platform::kLogLevelNotice, kFunction,
+                         "Installed a placeholder for %@ into %s", request.identifier,
+                         *bundleContainer);
+  progress.report(kStatusComplete);
+  return true;
+}
+
+}  // namespace mavrel_installer

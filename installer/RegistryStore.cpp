@@ -1,0 +1,469 @@
+#include "installer/RegistryStore.h"
+
+#include <sqlite3.h>
+
+#include <map>
+
+namespace mavrel_installer {
+namespace {
+
+// "MVRG": marks the file as this program's registry.
+constexpr std::int64_t kRegistryApplicationId = 0x4D565247;
+
+constexpr const char* kCreateSchema = R"sql(
+CREATE TABLE applications (
+  identifier TEXT PRIMARY KEY NOT NULL,
+  kind TEXT NOT NULL CHECK (kind IN ('User', 'Placeholder', 'System')),
+  version TEXT,
+  short_version TEXT,
+  bundle_container TEXT UNIQUE,
+  bundle_path TEXT,
+  vpn_plugin_path TEXT,
+  data_container TEXT UNIQUE,
+  installed_from TEXT
+) WITHOUT ROWID;
+CREATE TABLE group_containers (
+  group_identifier TEXT PRIMARY KEY NOT NULL,
+  container TEXT NOT NULL UNIQUE
+) WITHOUT ROWID;
+CREATE TABLE application_groups (
+  application TEXT NOT NULL REFERENCES applications (identifier) ON DELETE CASCADE,
+  group_identifier TEXT NOT NULL REFERENCES group_containers (group_identifier),
+  position INTEGER NOT NULL,
+  PRIMARY KEY (application, group_identifier)
+) WITHOUT ROWID;
+CREATE TABLE safe_harbors (
+  identifier TEXT NOT NULL,
+  container_type INTEGER NOT NULL,
+  path TEXT NOT NULL,
+  options BLOB,
+  PRIMARY KEY (identifier, container_type)
+) WITHOUT ROWID;
+CREATE TABLE journal (
+  id INTEGER PRIMARY KEY,
+  identifier TEXT NOT NULL,
+  purpose TEXT NOT NULL CHECK (purpose IN ('restore', 'finish'))
+);
+CREATE TABLE journal_steps (
+  journal INTEGER NOT NULL REFERENCES journal (id) ON DELETE CASCADE,
+  position INTEGER NOT NULL,
+  action TEXT NOT NULL CHECK (action IN ('rename', 'remove')),
+  source TEXT NOT NULL,
+  target TEXT,
+  PRIMARY KEY (journal, position)
+) WITHOUT ROWID;
+PRAGMA application_id = 1297502791;
+PRAGMA user_version = 1;
+)sql";
+
+const char* const kStatementText[] = {
+    // kFindApplication
+    "SELECT identifier, kind, version, short_version, bundle_container, bundle_path, "
+    "vpn_plugin_path, data_container, installed_from FROM applications WHERE identifier = ?1",
+    // kFindMemberships
+    "SELECT m.group_identifier, g.container FROM application_groups m JOIN group_containers g "
+    "USING (group_identifier) WHERE m.application = ?1 ORDER BY m.position",
+    // kListApplications
+    "SELECT identifier, kind, version, short_version, bundle_container, bundle_path, "
+    "vpn_plugin_path, data_container, installed_from FROM applications ORDER BY identifier",
+    // kListMemberships
+    "SELECT m.application, m.group_identifier, g.container FROM application_groups m JOIN "
+    "group_containers g USING (group_identifier) ORDER BY m.application, m.position",
+    // kUpsertApplication
+    "INSERT INTO applications (identifier, kind, version, short_version, bundle_container, "
+    "bundle_path, vpn_plugin_path, data_container, installed_from) VALUES (?1, ?2, ?3, ?4, ?5, "
+    "?6, ?7, ?8, ?9) ON CONFLICT (identifier) DO UPDATE SET kind = excluded.kind, version = "
+    "excluded.version, short_version = excluded.short_version, bundle_container = "
+    "excluded.bundle_container, bundle_path = excluded.bundle_path, vpn_plugin_path = "
+    "excluded.vpn_plugin_path, data_container = excluded.data_container, installed_from = "
+    "excluded.installed_from",
+    // kClearMemberships
+    "DELETE FROM application_groups WHERE application = ?1",
+    // kAddGroup
+    "INSERT INTO group_containers (group_identifier, container) VALUES (?1, ?2) ON CONFLICT "
+    "(group_identifier) DO NOTHING",
+    // kAddMembership
+    "INSERT INTO application_groups (application, group_identifier, position) VALUES (?1, ?2, "
+    "?3)",
+    // kFindGroup
+    "SELECT container FROM group_containers WHERE group_identifier = ?1",
+    // kUpsertHarbor
+    "INSERT INTO safe_harbors (identifier, container_type, path, options) VALUES (?1, ?2, ?3, ?4) "
+    "ON CONFLICT (identifier, container_type) DO UPDATE SET path = excluded.path, options = "
+    "excluded.options",
+    // kListHarbors
+    "SELECT identifier, container_type, path, options FROM safe_harbors ORDER BY identifier, "
+    "container_type",
+    // kAddJournal
+    "INSERT INTO journal (identifier, purpose) VALUES (?1, ?2) RETURNING id",
+    // kUpdateJournal
+    "UPDATE journal SET purpose = ?2 WHERE id = ?1",
+    // kClearJournalSteps
+    "DELETE FROM journal_steps WHERE journal = ?1",
+    // kAddJournalStep
+    "INSERT INTO journal_steps (journal, position, action, source, target) VALUES (?1, ?2, ?3, "
+    "?4, ?5)",
+    // kRemoveJournal
+    "DELETE FROM journal WHERE id = ?1",
+    // kListJournal
+    "SELECT id, identifier, purpose FROM journal ORDER BY id",
+    // kListJournalSteps
+    "SELECT journal, action, source, target FROM journal_steps ORDER BY journal, position",
+};
+static_assert(std::size(kStatementText) == 18);
+
+std::string_view purposeName(JournalPurpose purpose) {
+  return purpose == JournalPurpose::Finish ? "finish" : "restore";
+}
+
+ApplicationKind kindFromName(std::string_view name) {
+  if (name == "Placeholder") return ApplicationKind::Placeholder;
+  if (name == "System") return ApplicationKind::System;
+  return ApplicationKind::User;
+}
+
+ApplicationEntry readApplication(const Statement::Use& use) {
+  ApplicationEntry entry;
+  entry.identifier = use.text(0);
+  entry.kind = kindFromName(use.text(1));
+  entry.version = use.text(2);
+  entry.shortVersion = use.text(3);
+  entry.bundleContainer = use.text(4);
+  entry.bundlePath = use.text(5);
+  entry.vpnPluginPath = use.text(6);
+  entry.dataContainer = use.text(7);
+  entry.installedFrom = use.text(8);
+  return entry;
+}
+
+}  // namespace
+
+std::string_view applicationKindName(ApplicationKind kind) {
+  switch (kind) {
+    case ApplicationKind::Placeholder:
+      return "Placeholder";
+    case ApplicationKind::System:
+      return "System";
+    case ApplicationKind::User:
+      break;
+  }
+  return "User";
+}
+
+std::unique_ptr<RegistryStore> RegistryStore::open(const std::string& path,
+                                                   RegistryDatabase::Access access,
+                                                   CVError* error) {
+  auto database = RegistryDatabase::open(path, access, error);
+  if (!database) return nullptr;
+  std::unique_ptr<RegistryStore> store(new RegistryStore(std::move(database)));
+  if (!store->prepareSchema(error)) return nullptr;
+  return store;
+}
+
+bool RegistryStore::prepareSchema(CVError* error) {
+  RegistryDatabase& database = *database_;
+  const auto applicationId = database.queryText("PRAGMA application_id", error);
+  const auto version =
+      applicationId ? database.queryText("PRAGMA user_version", error) : std::nullopt;
+  const auto tables =
+      version ? database.queryText("SELECT count(*) FROM sqlite_schema", error) : std::nullopt;
+  if (!tables) return false;
+
+  const bool fresh = *applicationId == "0" && *version == "0" && *tables == "0";
+  if (fresh) {
+    if (database.access() == RegistryDatabase::Access::ReadOnly) {
+      empty_ = true;
+      return true;
+    }
+    WriteTransaction transaction(database);
+    return transaction.begin(error) && database.execute(kCreateSchema, error) &&
+           transaction.commit(error);
+  }
+  if (*applicationId != std::to_string(kRegistryApplicationId)) {
+    CVSetError(error, database.refusal("it is not an application registry (application id " +
+                                       *applicationId + ")"));
+    return false;
+  }
+  if (*version != std::to_string(kRegistrySchemaVersion)) {
+    CVSetError(error, database.refusal("its schema version " + *version + " is not the version " +
+                                       std::to_string(kRegistrySchemaVersion) +
+                                       " this program reads and writes"));
+    return false;
+  }
+  return true;
+}
+
+Statement* RegistryStore::statement(Slot slot, CVError* error) {
+  std::optional<Statement>& cached = statements_[slot];
+  if (!cached) {
+    cached = database_->prepare(kStatementText[slot], error);
+    if (!cached) return nullptr;
+  }
+  return &*cached;
+}
+
+bool RegistryStore::findApplication(std::string_view identifier,
+                                    std::optional<ApplicationEntry>& entry, CVError* error) {
+  entry.reset();
+  if (empty_) return true;
+  Statement* find = statement(kFindApplication, error);
+  Statement* memberships = find ? statement(kFindMemberships, error) : nullptr;
+  if (memberships == nullptr) return false;
+  {
+    Statement::Use use(*find);
+    use.bind(1, identifier);
+    CVError stepError;
+    if (!use.next(&stepError)) {
+      if (!stepError) return true;
+      CVSetError(error, std::move(stepError));
+      return false;
+    }
+    entry = readApplication(use);
+  }
+  Statement::Use use(*memberships);
+  use.bind(1, identifier);
+  CVError stepError;
+  while (use.next(&stepError))
+    entry->groups.push_back(GroupMembership{use.text(0), use.text(1)});
+  if (stepError) {
+    entry.reset();
+    CVSetError(error, std::move(stepError));
+    return false;
+  }
+  return true;
+}
+
+bool RegistryStore::listApplications(std::vector<ApplicationEntry>& entries, CVError* error) {
+  entries.clear();
+  if (empty_) return true;
+  Statement* list = statement(kListApplications, error);
+  Statement* memberships = list ? statement(kListMemberships, error) : nullptr;
+  if (memberships == nullptr) return false;
+  std::map<std::string, std::size_t, std::less<>> positions;
+  CVError stepError;
+  {
+    Statement::Use use(*list);
+    while (use.next(&stepError)) {
+      entries.push_back(readApplication(use));
+      positions.emplace(entries.back().identifier, entries.size() - 1);
+    }
+  }
+  if (!stepError) {
+    Statement::Use use(*memberships);
+    while (use.next(&stepError)) {
+      const auto found = positions.find(use.text(0));
+      if (found != positions.end())
+        entries[found->second].groups.push_back(GroupMembership{use.text(1), use.text(2)});
+    }
+  }
+  if (stepError) {
+    entries.clear();
+    CVSetError(error, std::move(stepError));
+    return false;
+  }
+  return true;
+}
+
+bool RegistryStore::putApplication(const ApplicationEntry& entry, CVError* error) {
+  Statement* upsert = statement(kUpsertApplication, error);
+  Statement* clear = upsert ? statement(kClearMemberships, error) : nullptr;
+  Statement* addGroup = clear ? statement(kAddGroup, error) : nullptr;
+  Statement* addMembership = addGroup ? statement(kAddMembership, error) : nullptr;
+  if (addMembership == nullptr) return false;
+  {
+    Statement::Use use(*upsert);
+    use.bind(1, entry.identifier)
+        .bind(2, applicationKindName(entry.kind))
+        .bindOptional(3, entry.version)
+        .bindOptional(4, entry.shortVersion)
+        .bindOptional(5, entry.bundleContainer)
+        .bindOptional(6, entry.bundlePath)
+        .bindOptional(7, entry.vpnPluginPath)
+        .bindOptional(8, entry.dataContainer)
+        .bindOptional(9, entry.installedFrom);
+    if (!use.run(error)) return false;
+  }
+  {
+    Statement::Use use(*clear);
+    if (!use.bind(1, entry.identifier).run(error)) return false;
+  }
+  std::int64_t position = 0;
+  for (const GroupMembership& membership : entry.groups) {
+    {
+      Statement::Use use(*addGroup);
+      if (!use.bind(1, membership.groupIdentifier).bind(2, membership.container).run(error))
+        return false;
+    }
+    Statement::Use use(*addMembership);
+    if (!use.bind(1, entry.identifier)
+             .bind(2, membership.groupIdentifier)
+             .bind(3, position++)
+             .run(error))
+      return false;
+  }
+  return true;
+}
+
+bool RegistryStore::findGroupContainer(std::string_view groupIdentifier,
+                                       std::optional<std::string>& container, CVError* error) {
+  container.reset();
+  if (empty_) return true;
+  Statement* find = statement(kFindGroup, error);
+  if (find == nullptr) return false;
+  Statement::Use use(*find);
+  use.bind(1, groupIdentifier);
+  CVError stepError;
+  if (use.next(&stepError)) {
+    container = use.text(0);
+    return true;
+  }
+  if (!stepError) return true;
+  CVSetError(error, std::move(stepError));
+  return false;
+}
+
+bool RegistryStore::putHarbor(const HarborEntry& entry, CVError* error) {
+  Statement* upsert = statement(kUpsertHarbor, error);
+  if (upsert == nullptr) return false;
+  Statement::Use use(*upsert);
+  use.bind(1, entry.identifier).bind(2, entry.containerType).bind(3, entry.path);
+  if (entry.options) {
+    use.bindBlob(4, *entry.options);
+  } else {
+    use.bindNull(4);
+  }
+  return use.run(error);
+}
+
+bool RegistryStore::listHarbors(std::vector<HarborEntry>& entries, CVError* error) {
+  entries.clear();
+  if (empty_) return true;
+  Statement* list = statement(kListHarbors, error);
+  if (list == nullptr) return false;
+  Statement::Use use(*list);
+  CVError stepError;
+  while (use.next(&stepError)) {
+    HarborEntry entry;
+    entry.identifier = use.text(0);
+    entry.containerType = use.integer(1);
+    entry.path = use.text(2);
+    if (!use.isNull(3)) entry.options = use.blob(3);
+    entries.push_back(std::move(entry));
+  }
+  if (!stepError) return true;
+  entries.clear();
+  CVSetError(error, std::move(stepError));
+  return false;
+}
+
+bool RegistryStore::addJournalSteps(std::int64_t id, std::span<const JournalStep> steps,
+                                    CVError* error) {
+  Statement* add = statement(kAddJournalStep, error);
+  if (add == nullptr) return false;
+  std::int64_t position = 0;
+  for (const JournalStep& step : steps) {
+    Statement::Use use(*add);
+    use.bind(1, id)
+        .bind(2, position++)
+        .bind(3, std::string_view(step.action == JournalStep::Action::Rename ? "rename" : "remove"))
+        .bind(4, step.source);
+    if (step.action == JournalStep::Action::Rename) {
+      use.bind(5, step.target);
+    } else {
+      use.bindNull(5);
+    }
+    if (!use.run(error)) return false;
+  }
+  return true;
+}
+
+std::optional<std::int64_t> RegistryStore::addJournal(std::string_view identifier,
+                                                      JournalPurpose purpose,
+                                                      std::span<const JournalStep> steps,
+                                                      CVError* error) {
+  Statement* add = statement(kAddJournal, error);
+  if (add == nullptr) return std::nullopt;
+  std::int64_t id = 0;
+  {
+    Statement::Use use(*add);
+    use.bind(1, identifier).bind(2, purposeName(purpose));
+    CVError stepError;
+    if (!use.next(&stepError)) {
+      CVSetError(error, stepError ? std::move(stepError)
+                                  : database_->errorFor("record an install", SQLITE_ERROR));
+      return std::nullopt;
+    }
+    id = use.integer(0);
+    if (!use.run(error)) return std::nullopt;
+  }
+  if (!addJournalSteps(id, steps, error)) return std::nullopt;
+  return id;
+}
+
+bool RegistryStore::replaceJournal(std::int64_t id, JournalPurpose purpose,
+                                   std::span<const JournalStep> steps, CVError* error) {
+  Statement* update = statement(kUpdateJournal, error);
+  Statement* clear = update ? statement(kClearJournalSteps, error) : nullptr;
+  if (clear == nullptr) return false;
+  {
+    Statement::Use use(*update);
+    if (!use.bind(1, id).bind(2, purposeName(purpose)).run(error)) return false;
+  }
+  {
+    Statement::Use use(*clear);
+    if (!use.bind(1, id).run(error)) return false;
+  }
+  return addJournalSteps(id, steps, error);
+}
+
+bool RegistryStore::removeJournal(std::span<const std::int64_t> ids, CVError* error) {
+  Statement* remove = statement(kRemoveJournal, error);
+  if (remove == nullptr) return false;
+  for (const std::int64_t id : ids) {
+    Statement::Use use(*remove);
+    if (!use.bind(1, id).run(error)) return false;
+  }
+  return true;
+}
+
+bool RegistryStore::listJournal(std::vector<JournalEntry>& entries, CVError* error) {
+  entries.clear();
+  if (empty_) return true;
+  Statement* list = statement(kListJournal, error);
+  Statement* steps = list ? statement(kListJournalSteps, error) : nullptr;
+  if (steps == nullptr) return false;
+  std::map<std::int64_t, std::size_t> positions;
+  CVError stepError;
+  {
+    Statement::Use use(*list);
+    while (use.next(&stepError)) {
+      JournalEntry entry;
+      entry.id = use.integer(0);
+      entry.identifier = use.text(1);
+      entry.purpose = use.text(2) == "finish" ? JournalPurpose::Finish : JournalPurpose::Restore;
+      positions.emplace(entry.id, entries.size());
+      entries.push_back(std::move(entry));
+    }
+  }
+  if (!stepError) {
+    Statement::Use use(*steps);
+    while (use.next(&stepError)) {
+      const auto found = positions.find(use.integer(0));
+      if (found == positions.end()) continue;
+      JournalStep step;
+      step.action =
+          use.text(1) == "rename" ? JournalStep::Action::Rename : JournalStep::Action::Remove;
+      step.source = use.text(2);
+      step.target = use.text(3);
+      entries[found->second].steps.push_back(std::move(step));
+    }
+  }
+  if (stepError) {
+    entries.clear();
+    CVSetError(error, std::move(stepError));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace mavrel_installer

@@ -1,0 +1,141 @@
+// The application registry's tables and the typed reads and writes on them.
+//
+// Every path stored is relative to the device root (see ContainerLayout.h).
+// The schema is versioned with SQLite's user_version and marked with an
+// application id of its own, so that another SQLite file at the registry's
+// path is refused rather than written into.
+//
+// Writes are meant to run inside a WriteTransaction of database(); reads may
+// run inside a ReadTransaction for one consistent snapshot.
+//
+// Error contract: every function returns false/nullopt on failure with a
+// record from RegistryDatabase in `*error`. "Not found" is no failure: it is
+// an empty optional with a true result.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "installer/RegistryDatabase.h"
+
+namespace mavrel_installer {
+
+inline constexpr int kRegistrySchemaVersion = 1;
+
+enum class ApplicationKind { User, Placeholder, System };
+// "User", "Placeholder", "System": the bundle types of bundle records.
+std::string_view applicationKindName(ApplicationKind kind);
+
+struct GroupMembership {
+  std::string groupIdentifier;
+  std::string container;  // relative to the root
+};
+
+struct ApplicationEntry {
+  std::string identifier;
+  ApplicationKind kind = ApplicationKind::User;
+  std::string version;                  // "QXBundleVersion", "" when none
+  std::string shortVersion;             // "QXBundleShortVersionString", "" when none
+  std::string bundleContainer;          // "" for built-in applications
+  std::string bundlePath;               // the .app bundle
+  std::string vpnPluginPath;            // "" when none
+  std::string dataContainer;            // "" until one is made
+  std::string installedFrom;            // the staging directory of the last customer install
+  std::vector<GroupMembership> groups;  // in the order of the entitlements
+};
+
+struct HarborEntry {
+  std::string identifier;
+  std::int64_t containerType = 0;
+  std::string path;
+  std::optional<CVData> options;  // the options as an XML property list
+};
+
+// One step of an install's journal, replayed until it has happened.
+struct JournalStep {
+  enum class Action { Rename, Remove };
+  Action action = Action::Rename;
+  std::string source;
+  std::string target;  // Rename only
+};
+
+// "restore": put the consumed staging directory back (the install had not
+// reached its commit). "finish": the install is committed; put everything
+// in place.
+enum class JournalPurpose { Restore, Finish };
+
+struct JournalEntry {
+  std::int64_t id = 0;
+  std::string identifier;
+  JournalPurpose purpose = JournalPurpose::Restore;
+  std::vector<JournalStep> steps;
+};
+
+class RegistryStore {
+ public:
+  // Opens the database and makes (ReadWrite) or checks the schema. A
+  // ReadOnly store over a file that has no schema yet reads as empty.
+  static std::unique_ptr<RegistryStore> open(const std::string& path,
+                                             RegistryDatabase::Access access, CVError* error);
+
+  RegistryDatabase& database() { return *database_; }
+
+  bool findApplication(std::string_view identifier, std::optional<ApplicationEntry>& entry,
+                       CVError* error);
+  bool listApplications(std::vector<ApplicationEntry>& entries, CVError* error);
+  // Inserts or replaces the application and its group memberships; group
+  // containers not yet known are recorded.
+  bool putApplication(const ApplicationEntry& entry, CVError* error);
+  bool findGroupContainer(std::string_view groupIdentifier, std::optional<std::string>& container,
+                          CVError* error);
+
+  bool putHarbor(const HarborEntry& entry, CVError* error);
+  bool listHarbors(std::vector<HarborEntry>& entries, CVError* error);
+
+  std::optional<std::int64_t> addJournal(std::string_view identifier, JournalPurpose purpose,
+                                         std::span<const JournalStep> steps, CVError* error);
+  bool replaceJournal(std::int64_t id, JournalPurpose purpose, std::span<const JournalStep> steps,
+                      CVError* error);
+  bool removeJournal(std::span<const std::int64_t> ids, CVError* error);
+  // In the order the entries were made.
+  bool listJournal(std::vector<JournalEntry>& entries, CVError* error);
+
+ private:
+  enum Slot {
+    kFindApplication,
+    kFindMemberships,
+    kListApplications,
+    kListMemberships,
+    kUpsertApplication,
+    kClearMemberships,
+    kAddGroup,
+    kAddMembership,
+    kFindGroup,
+    kUpsertHarbor,
+    kListHarbors,
+    kAddJournal,
+    kUpdateJournal,
+    kClearJournalSteps,
+    kAddJournalStep,
+    kRemoveJournal,
+    kListJournal,
+    kListJournalSteps,
+    kSlotCount
+  };
+  explicit RegistryStore(std::unique_ptr<RegistryDatabase> database)
+      : database_(std::move(database)) {}
+  bool prepareSchema(CVError* error);
+  Statement* statement(Slot slot, CVError* error);
+  bool addJournalSteps(std::int64_t id, std::span<const JournalStep> steps, CVError* error);
+
+  std::unique_ptr<RegistryDatabase> database_;
+  // Destroyed before database_ (members go in reverse order).
+  std::optional<Statement> statements_[kSlotCount];
+  bool empty_ = false;  // a ReadOnly store over a file without schema
+};
+
+}  // namespace mavrel_installer

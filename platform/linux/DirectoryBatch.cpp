@@ -1,0 +1,78 @@
+#include "platform/linux/DirectoryBatch.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+namespace platform::sys {
+
+namespace {
+
+constexpr unsigned kAttributeMask = STATX_TYPE | STATX_INO | STATX_NLINK | STATX_BLOCKS;
+constexpr int kAttributeFlags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
+
+bool isDotOrDotDot(const char* name) {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+}  // namespace
+
+DirectoryBatchReader DirectoryBatchReader::open(const char* path) {
+  DirectoryBatchReader reader;
+  reader.directory_.reset(::open(path, O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC));
+  return reader;
+}
+
+ssize_t DirectoryBatchReader::readBatch(std::span<std::byte> buffer) {
+  cursor_ = end_ = nullptr;
+  const ssize_t length = ::getdents64(directory_.get(), buffer.data(), buffer.size());
+  if (length > 0) {
+    cursor_ = buffer.data();
+    end_ = cursor_ + length;
+  }
+  return length;
+}
+
+bool DirectoryBatchReader::nextEntry(BatchEntry& entry) {
+  // Records are read field by field, so the buffer needs no alignment.
+  while (cursor_ != nullptr && cursor_ < end_) {
+    const std::byte* record = cursor_;
+    unsigned short recordLength = 0;
+    std::memcpy(&recordLength, record + offsetof(struct dirent64, d_reclen), sizeof recordLength);
+    if (recordLength == 0) break;  // never from the kernel; guards the loop
+    cursor_ += recordLength;
+
+    const char* name = reinterpret_cast<const char*>(record + offsetof(struct dirent64, d_name));
+    if (isDotOrDotDot(name)) continue;
+
+    unsigned char type = DT_UNKNOWN;
+    std::memcpy(&type, record + offsetof(struct dirent64, d_type), sizeof type);
+    entry = BatchEntry{};
+    entry.name = name;
+    if (type == DT_DIR) {
+      entry.isDirectory = true;
+      std::memcpy(&entry.fileIdentifier, record + offsetof(struct dirent64, d_ino),
+                  sizeof entry.fileIdentifier);
+      return true;
+    }
+
+    struct statx attributes;
+    if (::statx(directory_.get(), name, kAttributeFlags, kAttributeMask, &attributes) != 0) {
+      entry.errorNumber = errno;
+      return true;
+    }
+    entry.isDirectory = (attributes.stx_mask & STATX_TYPE) != 0 && S_ISDIR(attributes.stx_mode);
+    entry.fileIdentifier = attributes.stx_ino;
+    entry.linkCount = attributes.stx_nlink;
+    entry.allocatedBytes = static_cast<std::uint64_t>(attributes.stx_blocks) * 512;
+    return true;
+  }
+  cursor_ = end_ = nullptr;
+  return false;
+}
+
+}  // namespace platform::sys

@@ -1,0 +1,73 @@
+// A physical walk over a whole tree with the C library's file-hierarchy walker
+// (fts), owned by an RAII object.
+//
+// The walk never follows a symbolic link (the root included), never changes
+// the working directory and does not descend into other file systems. There
+// is no sort function: entries come in the order the directories yield them,
+// and every directory comes twice, before its contents and after them.
+//
+// Error contract: TreeWalker::open returns a walker that is not valid, with the
+// error number in errno, when the walker cannot be opened. next() returns
+// false at the end of the walk (and after a walker error, which it does not
+// report). close() returns 0, or -1 with the error number in errno; the
+// destructor closes a walker that was not closed.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <memory>
+
+namespace platform::sys {
+
+// The kinds of entries the walker reports.
+enum class WalkKind {
+  Directory,            // a directory, before its contents
+  DirectoryPost,        // a directory, after its contents
+  DirectoryCycle,       // a directory that is its own ancestor
+  DirectoryUnreadable,  // a directory whose contents could not be read
+  File,                 // a regular file
+  Symlink,              // a symbolic link (never followed)
+  SymlinkDangling,      // a symbolic link whose target is missing
+  Dot,                  // "." or ".." given as a root
+  Default,              // any other kind of item (device, FIFO, socket)
+  NoStat,               // an item that could not be looked at (errorNumber says why)
+  NoStatRequested,      // an item not looked at because nobody asked
+  Error,                // a general walker error (errorNumber says why)
+};
+
+// One entry as the walker gives it. The pointers stay valid until the next
+// call of next() or close().
+struct WalkEntry {
+  const char* path = nullptr;           // the root path with the entry's names appended
+  const struct stat* status = nullptr;  // lstat record (meaningless for NoStat, Error)
+  WalkKind kind = WalkKind::Error;
+  int errorNumber = 0;  // for NoStat, Error and DirectoryUnreadable
+  int level = 0;        // 0 for the root
+};
+
+class TreeWalker {
+ public:
+  TreeWalker();
+  ~TreeWalker();
+  TreeWalker(TreeWalker&&) noexcept;
+  TreeWalker& operator=(TreeWalker&&) noexcept;
+  TreeWalker(const TreeWalker&) = delete;
+  TreeWalker& operator=(const TreeWalker&) = delete;
+
+  // Opens a walker on the single root `path`.
+  static TreeWalker open(const char* path);
+
+  bool valid() const { return walker_ != nullptr; }
+
+  // Fills `entry` with the next entry; false at the end of the walk.
+  bool next(WalkEntry& entry);
+
+  // Closes the walker; the walker is not valid afterwards.
+  int close();
+
+ private:
+  struct Walker;
+  std::unique_ptr<Walker> walker_;
+};
+
+}  // namespace platform::sys

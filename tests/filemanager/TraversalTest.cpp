@@ -1,0 +1,317 @@
+// CVFileManager::_traverseDirectory and
+// standardizeOwnershipAndValidateSymlinksAtURL: what the walk hands on, where
+// it stops, and the owners it leaves behind.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/Value.h"
+#include "platform/linux/TreeWalker.h"
+#include "shared/filemanager/CVFileManager.h"
+#include "tests/filemanager/FileManagerTestHelpers.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using filemanager_test::makeDeepTree;
+using filemanager_test::makeImmutable;
+using filemanager_test::sentinelError;
+using platform::sys::WalkEntry;
+using platform::sys::WalkKind;
+using testing_support::CapturedLog;
+using testing_support::makeDirectories;
+using testing_support::makeSymlink;
+using testing_support::TemporaryDirectory;
+using testing_support::writeFile;
+
+constexpr const char* kTraverseFunction = "-[CVFileManager _traverseDirectory:error:withBlock:]";
+constexpr const char* kStandardizeFunction =
+    "-[CVFileManager standardizeOwnershipAndValidateSymlinksAtURL:toUID:GID:error:]";
+constexpr const char* kBlockFunction =
+    "__78-[CVFileManager standardizeOwnershipAndValidateSymlinksAtURL:toUID:GID:error:]_block_"
+    "invoke";
+constexpr uid_t kOwner = 501;
+constexpr gid_t kGroup = 501;
+
+struct Owner {
+  uid_t uid;
+  gid_t gid;
+  bool operator==(const Owner&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Owner& owner) {
+  return out << owner.uid << ":" << owner.gid;
+}
+
+Owner ownerOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+  return Owner{status.st_uid, status.st_gid};
+}
+
+class TraversalTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(::geteuid(), 0u) << "ownership tests run as root"; }
+
+  CVFileManager& manager_ = CVFileManager::defaultManager();
+  TemporaryDirectory temp_;
+};
+
+// --- The walk itself ---
+
+TEST_F(TraversalTest, HandsOnEveryEntryWithDirectoriesBeforeAndAfterTheirContents) {
+  makeDirectories(temp_ / "root/dir");
+  writeFile(temp_ / "root/dir/file", "x");
+  writeFile(temp_ / "root/top", "y");
+  makeSymlink("dir", temp_ / "root/link");
+  ASSERT_EQ(::mkfifo((temp_ / "root/fifo").c_str(), 0600), 0);
+  std::vector<std::pair<std::string, WalkKind>> seen;
+  CVError error = sentinelError();
+
+  const bool walked = manager_._traverseDirectory(temp_.directoryURL("root"), &error,
+                                                  [&](const WalkEntry& entry, CVError*) {
+                                                    seen.emplace_back(entry.path, entry.kind);
+                                                    return true;
+                                                  });
+
+  EXPECT_TRUE(walked);
+  EXPECT_EQ(error, sentinelError());
+  std::map<std::string, std::vector<WalkKind>> kinds;
+  std::map<std::string, std::size_t> firstSeen, lastSeen;
+  for (std::size_t index = 0; index < seen.size(); ++index) {
+    kinds[seen[index].first].push_back(seen[index].second);
+    firstSeen.emplace(seen[index].first, index);
+    lastSeen[seen[index].first] = index;
+  }
+  const std::string root = temp_ / "root";
+  EXPECT_EQ(seen.size(), 8u);
+  EXPECT_EQ(kinds[root], (std::vector{WalkKind::Directory, WalkKind::DirectoryPost}));
+  EXPECT_EQ(kinds[root + "/dir"], (std::vector{WalkKind::Directory, WalkKind::DirectoryPost}));
+  EXPECT_EQ(kinds[root + "/dir/file"], std::vector{WalkKind::File});
+  EXPECT_EQ(kinds[root + "/top"], std::vector{WalkKind::File});
+  EXPECT_EQ(kinds[root + "/link"], std::vector{WalkKind::Symlink});  // not followed
+  EXPECT_EQ(kinds[root + "/fifo"], std::vector{WalkKind::Default});
+  EXPECT_EQ(firstSeen[root], 0u);
+  EXPECT_EQ(lastSeen[root], seen.size() - 1);
+  EXPECT_LT(firstSeen[root + "/dir"], firstSeen[root + "/dir/file"]);
+  EXPECT_GT(lastSeen[root + "/dir"], firstSeen[root + "/dir/file"]);
+}
+
+TEST_F(TraversalTest, BlockAnsweringFalseStopsTheWalkWithItsError) {
+  makeDirectories(temp_ / "root/a/b");
+  int calls = 0;
+  CVError error;
+
+  const bool walked = manager_._traverseDirectory(temp_.directoryURL("root"), &error,
+                                                  [&](const WalkEntry&, CVError* blockError) {
+                                                    ++calls;
+                                                    EXPECT_NE(blockError, nullptr);
+                                                    if (calls == 2) {
+                                                      *blockError = CVError("BlockDomain", 7);
+                                                      return false;
+                                                    }
+                                                    return true;
+                                                  });
+
+  EXPECT_FALSE(walked);
+  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(error.domain(), "BlockDomain");
+  EXPECT_EQ(error.code(), 7);
+}
+
+TEST_F(TraversalTest, BlockGetsNoErrorPlaceWhenTheCallerGaveNone) {
+  makeDirectories(temp_ / "root");
+  bool sawPlace = false;
+  EXPECT_FALSE(manager_._traverseDirectory(temp_.directoryURL("root"), nullptr,
+                                           [&](const WalkEntry&, CVError* blockError) {
+                                             sawPlace = blockError != nullptr;
+                                             return false;
+                                           }));
+  EXPECT_FALSE(sawPlace);
+}
+
+TEST_F(TraversalTest, MissingRootStopsAtTheFirstEntryNamingTheRoot) {
+  int calls = 0;
+  CVError error;
+
+  EXPECT_FALSE(manager_._traverseDirectory(temp_.directoryURL("absent"), &error,
+                                           [&](const WalkEntry&, CVError*) {
+                                             ++calls;
+                                             return true;
+                                           }));
+
+  EXPECT_EQ(calls, 0);
+  EXPECT_TRUE(error.isPOSIX(ENOENT)) << error.description();
+  EXPECT_EQ(error.localizedDescription(),
+            "Error for path " + (temp_ / "absent") + ": No such file or directory");
+  EXPECT_EQ(*error.userInfo().findString("FunctionName"), kTraverseFunction);
+}
+
+// An entry deep below the root whose path exceeds PATH_MAX cannot be looked
+// at; the error still names the root.
+TEST_F(TraversalTest, UnreadableEntryDeepInTheTreeStopsTheWalkNamingTheRoot) {
+  makeDirectories(temp_ / "root");
+  makeDeepTree(temp_ / "root", 400, "directory-with-a-long-name");
+  int calls = 0;
+  CVError error;
+
+  EXPECT_FALSE(manager_._traverseDirectory(temp_.directoryURL("root"), &error,
+                                           [&](const WalkEntry&, CVError*) {
+                                             ++calls;
+                                             return true;
+                                           }));
+
+  EXPECT_GT(calls, 10);
+  EXPECT_TRUE(error.isPOSIX(ENAMETOOLONG)) << error.description();
+  EXPECT_EQ(error.localizedDescription(),
+            "Error for path " + (temp_ / "root") + ": File name too long");
+}
+
+TEST_F(TraversalTest, WalkerThatCannotOpenFails) {
+  CVError error;
+  EXPECT_FALSE(manager_._traverseDirectory(CVURL(), &error,
+                                           [](const WalkEntry&, CVError*) { return true; }));
+  EXPECT_TRUE(error.isPOSIX(ENOENT)) << error.description();
+  EXPECT_EQ(error.localizedDescription(),
+            "fts_open failed for  with error No such file or directory");
+}
+
+// --- Ownership ---
+
+TEST_F(TraversalTest, EveryItemGetsTheOwnerLinksThemselvesIncluded) {
+  makeDirectories(temp_ / "root/dir/sub");
+  writeFile(temp_ / "root/dir/sub/file", "x");
+  writeFile(temp_ / "root/file", "y");
+  makeSymlink("../file", temp_ / "root/dir/up-link");
+  makeSymlink("sub/missing", temp_ / "root/dir/dangling-link");
+  ASSERT_EQ(::lchown((temp_ / "root/dir").c_str(), kOwner, 0), 0);  // only the group differs
+  CapturedLog log(platform::installerLog());
+  CVError error = sentinelError();
+
+  EXPECT_TRUE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
+                                                                    kOwner, kGroup, &error));
+
+  EXPECT_EQ(error, sentinelError());
+  for (const char* item : {"root", "root/dir", "root/dir/sub", "root/dir/sub/file", "root/file",
+                           "root/dir/up-link", "root/dir/dangling-link"}) {
+    EXPECT_EQ(ownerOf(temp_ / item), (Owner{kOwner, kGroup})) << item;
+  }
+  EXPECT_EQ(ownerOf(temp_.path()), (Owner{0, 0}));
+  EXPECT_FALSE(log.containsFragment("Could not chown")) << log.dump();
+  EXPECT_FALSE(log.containsFragment("Rejecting")) << log.dump();
+}
+
+TEST_F(TraversalTest, AbsoluteLinkStopsTheWalkWithCode70AfterChangingTheLinkItself) {
+  makeDirectories(temp_ / "root");
+  writeFile(temp_ / "outside", "target");
+  makeSymlink(temp_ / "outside", temp_ / "root/absolute");
+  const std::string link = temp_ / "root/absolute";
+  CapturedLog log(platform::installerLog());
+  CVError error;
+
+  EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
+                                                                     kOwner, kGroup, &error));
+
+  EXPECT_EQ(error.domain(), "CVInstallerErrorDomain");
+  EXPECT_EQ(error.code(), 70);
+  EXPECT_EQ(error.localizedDescription(), "invalid symlink at " + link);
+  ASSERT_NE(error.userInfo().findNumber("LegacyErrorString"), nullptr);
+  EXPECT_EQ(error.userInfo().findNumber("LegacyErrorString")->int64Value(), 70);
+  EXPECT_EQ(*error.userInfo().findString("FunctionName"), kBlockFunction);
+  EXPECT_TRUE(log.containsFragment(": invalid symlink at " + link)) << log.dump();
+  EXPECT_TRUE(log.contains(3, "Rejecting " + link + " -> " + (temp_ / "outside") +
+                                  ", as absolute symlinks are not allowed"))
+      << log.dump();
+  // Met before the stop: the root and the link itself, not the link's target.
+  EXPECT_EQ(ownerOf(temp_ / "root"), (Owner{kOwner, kGroup}));
+  EXPECT_EQ(ownerOf(link), (Owner{kOwner, kGroup}));
+  EXPECT_EQ(ownerOf(temp_ / "outside"), (Owner{0, 0}));
+}
+
+TEST_F(TraversalTest, InvalidLinkWithoutAnErrorPlaceBuildsAndLogsNoRecord) {
+  makeDirectories(temp_ / "root/a");
+  makeSymlink("../../elsewhere", temp_ / "root/a/climbing");
+  CapturedLog log(platform::installerLog());
+
+  EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
+                                                                     kOwner, kGroup, nullptr));
+
+  EXPECT_FALSE(log.containsFragment("invalid symlink at")) << log.dump();
+  EXPECT_TRUE(log.containsFragment("as it is points outside or to the base")) << log.dump();
+}
+
+TEST_F(TraversalTest, LinkClimbingAboveTheRootIsInvalid) {
+  makeDirectories(temp_ / "root/a");
+  makeSymlink("../../elsewhere", temp_ / "root/a/climbing");
+  CVError error;
+
+  EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
+                                                                     kOwner, kGroup, &error));
+
+  EXPECT_EQ(error.code(), 70);
+  EXPECT_EQ(error.localizedDescription(), "invalid symlink at " + (temp_ / "root/a/climbing"));
+}
+
+TEST_F(TraversalTest, ItemThatCannotBeChownedIsLoggedAndTheWalkGoesOn) {
+  makeDirectories(temp_ / "root");
+  writeFile(temp_ / "root/stuck", "x");
+  writeFile(temp_ / "root/other", "y");
+  makeImmutable(temp_ / "root/stuck");
+  CapturedLog log(platform::installerLog());
+  CVError error = sentinelError();
+
+  EXPECT_TRUE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
+                                                                    kOwner, kGroup, &error));
+
+  EXPECT_EQ(error, sentinelError());
+  EXPECT_TRUE(
+      log.contains(3, "Could not chown " + (temp_ / "root/stuck") + ": Operation not permitted"))
+      << log.dump();
+  EXPECT_EQ(log.lines().at(0).function, kBlockFunction);
+  EXPECT_EQ(ownerOf(temp_ / "root/stuck"), (Owner{0, 0}));
+  EXPECT_EQ(ownerOf(temp_ / "root/other"), (Owner{kOwner, kGroup}));
+}
+
+TEST_F(TraversalTest, MissingRootReportsTheFailedStatOverTheWalkError) {
+  CVError error;
+
+  EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("absent"),
+                                                                     kOwner, kGroup, &error));
+
+  EXPECT_TRUE(error.isPOSIX(ENOENT)) << error.description();
+  EXPECT_EQ(error.localizedDescription(),
+            "Could not stat " + (temp_ / "absent") + ": No such file or directory");
+  EXPECT_EQ(*error.userInfo().findString("FunctionName"), kStandardizeFunction);
+}
+
+TEST_F(TraversalTest, RootThatIsALinkIsChangedItselfAndNotFollowed) {
+  makeDirectories(temp_ / "target");
+  writeFile(temp_ / "target/file", "x");
+  makeSymlink("target", temp_ / "root");
+
+  EXPECT_TRUE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.fileURL("root"), kOwner,
+                                                                    kGroup, nullptr));
+
+  EXPECT_EQ(ownerOf(temp_ / "root"), (Owner{kOwner, kGroup}));
+  EXPECT_EQ(ownerOf(temp_ / "target"), (Owner{0, 0}));
+  EXPECT_EQ(ownerOf(temp_ / "target/file"), (Owner{0, 0}));
+}
+
+TEST_F(TraversalTest, RootThatIsAnAbsoluteLinkIsInvalid) {
+  makeDirectories(temp_ / "target");
+  makeSymlink(temp_ / "target", temp_ / "root");
+  CVError error;
+
+  EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.fileURL("root"), kOwner,
+                                                                     kGroup, &error));
+
+  EXPECT_EQ(error.code(), 70);
+  EXPECT_EQ(ownerOf(temp_ / "root"), (Owner{kOwner, kGroup}));
+}
+
+}  // namespace

@@ -1,0 +1,139 @@
+// The image's built-in applications: installed system applications to the
+// registry, with data containers made on first need; a legacy copy of one is
+// refused as "ApplicationAlreadyInstalled"; the data-protection update.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "installer/RegistryDatabase.h"
+#include "platform/linux/ExtendedAttributes.h"
+#include "platform/linux/ProtectionClass.h"
+#include "tests/installer/InstallerFixture.h"
+#include "tests/support/TestSupport.h"
+
+namespace installer_test {
+namespace {
+
+using testing_support::pathExists;
+using testing_support::readFile;
+using testing_support::writeFile;
+
+std::optional<std::int32_t> protectionClassOf(const std::string& path) {
+  std::vector<char> value;
+  if (platform::sys::getAttribute(platform::sys::AttributeItem::link(path.c_str()),
+                                  platform::sys::kProtectionClassAttributeName, value) != 0 ||
+      value.size() != sizeof(std::int32_t))
+    return std::nullopt;
+  std::int32_t number = 0;
+  std::memcpy(&number, value.data(), sizeof number);
+  return number;
+}
+
+class BuiltInApplicationTest : public InstallerFixture {
+ protected:
+  void SetUp() override {
+    InstallerFixture::SetUp();
+    BundleSpec weather{"com.zentrel.weather"};
+    weather.version = "500";
+    weather.groups = {"group.zentrel.weather"};
+    weatherBundle_ = writeBuiltInApplication(weather);
+    writeBuiltInApplication({"com.zentrel.clock"});
+    reopenWithNewConfiguration();
+  }
+  std::string weatherBundle_;
+};
+
+TEST_F(BuiltInApplicationTest, AreInstalledSystemApplicationsWithADataContainerMadeOnFirstNeed) {
+  EXPECT_TRUE(service_->isApplicationInstalled("com.zentrel.weather"));
+  EXPECT_EQ(entriesOf(dataContainers()), std::vector<std::string>{})
+      << "asking whether it is installed makes nothing";
+
+  const auto weather = record("com.zentrel.weather");
+  ASSERT_TRUE(weather);
+  EXPECT_EQ(weather->bundleType, "System");
+  EXPECT_EQ(weather->bundleURL.path(), weatherBundle_);
+  EXPECT_TRUE(weather->foundBackingBundle);
+  EXPECT_TRUE(weather->bundleContainerURL.isNil());
+  ASSERT_FALSE(weather->dataContainerURL.isNil());
+  EXPECT_EQ(entriesOf(weather->dataContainerURL.path()),
+            (std::vector<std::string>{"Documents", "Library", "tmp"}));
+  ASSERT_TRUE(weather->groupContainerURLs);
+  EXPECT_EQ(weather->groupContainerURLs->keys(), std::vector<std::string>{"group.zentrel.weather"});
+
+  // The same container from then on, also after reopening.
+  EXPECT_EQ(record("com.zentrel.weather")->dataContainerURL, weather->dataContainerURL);
+  reopen();
+  EXPECT_EQ(record("com.zentrel.weather")->dataContainerURL, weather->dataContainerURL);
+  EXPECT_EQ(entriesOf(dataContainers()).size(), 1u);
+  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
+}
+
+TEST_F(BuiltInApplicationTest, ALegacyCopyGivesItsDataAndIsRefusedAsAlreadyInstalled) {
+  // What the migrator does: the data moves into the built-in's container...
+  const auto weather = record("com.zentrel.weather");
+  ASSERT_TRUE(weather);
+  writeFile(weather->dataContainerURL.path() + "/Documents/cities.plist", "Oslo");
+
+  // ...and the legacy bundle's install is refused.
+  const std::string staging =
+      stageCustomerPackage("W1", {"com.zentrel.weather"}, false, {"Manifest.plist"});
+  const InstallOutcome outcome = installCustomer(staging, "com.zentrel.weather");
+  EXPECT_FALSE(outcome.succeeded);
+  EXPECT_EQ(outcome.errorName(), "ApplicationAlreadyInstalled") << outcome.dump();
+  // The legacy copy is not kept, so that its container can go.
+  EXPECT_FALSE(pathExists(staging));
+  EXPECT_EQ(entriesOf(home("Applications/W1")), std::vector<std::string>{});
+
+  const auto after = record("com.zentrel.weather");
+  EXPECT_EQ(after->bundleType, "System");
+  EXPECT_EQ(after->dataContainerURL, weather->dataContainerURL);
+  EXPECT_EQ(readFile(after->dataContainerURL.path() + "/Documents/cities.plist"), "Oslo");
+  EXPECT_EQ(entriesOf(bundleContainers()), std::vector<std::string>{});
+  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
+
+  // Nor is a placeholder of it accepted.
+  testing_support::TemporaryDirectory temporary;
+  EXPECT_EQ(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.zentrel.clock"}),
+                               "com.zentrel.clock")
+                .errorName(),
+            "ApplicationAlreadyInstalled");
+}
+
+TEST_F(BuiltInApplicationTest, DataProtectionIsSetOnTheSystemDataContainersTheRegistryKnows) {
+  const auto weather = record("com.zentrel.weather");
+  ASSERT_TRUE(installCustomer(stageCustomerPackage("U1", {"com.example.user"}), "com.example.user")
+                  .succeeded);
+  const auto user = record("com.example.user");
+
+  EXPECT_TRUE(service_->CorvaneUpdateContainerDataProtectionForMigratorOnly(CVDictionary{}));
+  EXPECT_EQ(protectionClassOf(weather->dataContainerURL.path()), std::nullopt)
+      << "without the option nothing is updated";
+
+  const CVDictionary options{
+      {std::string(platform::kCVUpdateSystemAppDataContainerDataProtection), CVValue(true)}};
+  EXPECT_TRUE(service_->CorvaneUpdateContainerDataProtectionForMigratorOnly(options));
+  EXPECT_EQ(protectionClassOf(weather->dataContainerURL.path()),
+            mavrel_installer::kSystemDataContainerProtectionClass);
+  EXPECT_EQ(protectionClassOf(user->dataContainerURL.path()), std::nullopt);
+  // The clock never needed a container, so none was made for the update.
+  EXPECT_EQ(entriesOf(dataContainers()).size(), 2u);
+}
+
+TEST_F(BuiltInApplicationTest, DataProtectionFailsOnlyWhenTheRegistryCannotBeRead) {
+  record("com.zentrel.weather");
+  // Another connection takes the registry's tables away underneath the service.
+  CVError error;
+  auto other = mavrel_installer::RegistryDatabase::open(
+      registryPath(), mavrel_installer::RegistryDatabase::Access::ReadWrite, &error);
+  ASSERT_TRUE(other) << error.description();
+  ASSERT_TRUE(other->execute("DROP TABLE application_groups; DROP TABLE applications;", &error))
+      << error.description();
+  testing_support::CapturedLog log(platform::installerLog());
+  const CVDictionary options{
+      {std::string(platform::kCVUpdateSystemAppDataContainerDataProtection), CVValue(true)}};
+  EXPECT_FALSE(service_->CorvaneUpdateContainerDataProtectionForMigratorOnly(options));
+  EXPECT_TRUE(log.containsFragment("Could not read the application registry")) << log.dump();
+}
+
+}  // namespace
+}  // namespace installer_test

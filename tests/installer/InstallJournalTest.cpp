@@ -1,0 +1,130 @@
+// The install journal's steps and the recovery that replays them.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "installer/InstallJournal.h"
+#include "tests/installer/InstallerFixture.h"
+#include "tests/support/TestSupport.h"
+
+namespace installer_test {
+namespace {
+
+using mavrel_installer::ContainerLayout;
+using mavrel_installer::JournalPurpose;
+using mavrel_installer::JournalStep;
+using mavrel_installer::RegistryDatabase;
+using mavrel_installer::RegistryStore;
+using testing_support::makeDirectories;
+using testing_support::pathExists;
+using testing_support::readFile;
+using testing_support::TemporaryDirectory;
+using testing_support::writeFile;
+
+JournalStep rename(std::string source, std::string target) {
+  return {JournalStep::Action::Rename, std::move(source), std::move(target)};
+}
+JournalStep remove(std::string path) {
+  return {JournalStep::Action::Remove, std::move(path), {}};
+}
+
+class InstallJournalTest : public ::testing::Test {
+ protected:
+  std::string path(const std::string& relative) const { return root_ + "/" + relative; }
+  bool perform(std::vector<JournalStep> steps, CVError* error = nullptr) {
+    return mavrel_installer::performJournalSteps(layout_, steps, error);
+  }
+
+  TemporaryDirectory directory_;
+  std::string root_ = std::filesystem::canonical(directory_.path()).string();
+  ContainerLayout layout_{root_, "home"};
+};
+
+TEST_F(InstallJournalTest, StepsCanBePerformedAgainWithoutHarm) {
+  writeFile(path("a/item/file"), "content");
+  makeDirectories(path("b"));
+  const std::vector<JournalStep> steps{rename("a/item", "b/item"), remove("a")};
+  ASSERT_TRUE(perform(steps));
+  EXPECT_EQ(readFile(path("b/item/file")), "content");
+  EXPECT_FALSE(pathExists(path("a")));
+  // Again, as recovery does: everything has happened already.
+  EXPECT_TRUE(perform(steps));
+  EXPECT_EQ(readFile(path("b/item/file")), "content");
+  // Neither end there: passed over.
+  EXPECT_TRUE(perform({rename("gone/x", "b/x")}));
+}
+
+TEST_F(InstallJournalTest, ARenameNeverOverwrites) {
+  writeFile(path("a/item"), "one");
+  writeFile(path("b/item"), "two");
+  CVError error;
+  EXPECT_FALSE(perform({rename("a/item", "b/item"), remove("a")}, &error));
+  EXPECT_TRUE(error.isPOSIX(EEXIST)) << error.description();
+  EXPECT_EQ(readFile(path("a/item")), "one");
+  EXPECT_EQ(readFile(path("b/item")), "two");
+}
+
+TEST_F(InstallJournalTest, StepsThatLeaveTheRootAreRefused) {
+  TemporaryDirectory outside;
+  writeFile(outside / "keep", "x");
+  writeFile(path("a"), "a");
+  const std::string sibling = outside.path().substr(outside.path().find_last_of('/') + 1);
+  for (const JournalStep& step :
+       {remove("../" + sibling + "/keep"), remove(outside / "keep"), remove(""),
+        remove("a/../../" + sibling), rename("a", "../" + sibling + "/a")}) {
+    CVError error;
+    EXPECT_FALSE(perform({step}, &error)) << step.source << " " << step.target;
+    EXPECT_TRUE(error.isPOSIX(EINVAL)) << error.description();
+  }
+  EXPECT_EQ(readFile(outside / "keep"), "x");
+  EXPECT_EQ(readFile(path("a")), "a");
+}
+
+TEST_F(InstallJournalTest, RecoveryReplaysEntriesKeepsWhatFailsAndSweepsTheRest) {
+  const std::string staging = "home/staging";
+  makeDirectories(path(staging));
+  CVError error;
+  auto store =
+      RegistryStore::open(path("registry.sqlite"), RegistryDatabase::Access::ReadWrite, &error);
+  ASSERT_TRUE(store) << error.description();
+  // An install to undo, one to finish, one that cannot go on, and a leftover.
+  writeFile(path(staging + "/UNDO/Payload/a.app/Info.plist"), "a");
+  writeFile(path(staging + "/FINISH/b.app/Info.plist"), "b");
+  writeFile(path(staging + "/STUCK/c.app/Info.plist"), "c");
+  writeFile(path("home/Applications/C/Staging"), "something took its place");
+  writeFile(path(staging + "/LEFTOVER/junk"), "junk");
+  makeDirectories(path("containers"));
+  {
+    mavrel_installer::WriteTransaction transaction(store->database());
+    ASSERT_TRUE(transaction.begin(&error));
+    const std::vector<JournalStep> undo{rename(staging + "/UNDO", "home/Applications/A/Staging")};
+    const std::vector<JournalStep> finish{rename(staging + "/FINISH", "containers/B")};
+    const std::vector<JournalStep> stuck{rename(staging + "/STUCK", "home/Applications/C/Staging")};
+    ASSERT_TRUE(store->addJournal("a", JournalPurpose::Restore, undo, &error));
+    ASSERT_TRUE(store->addJournal("b", JournalPurpose::Finish, finish, &error));
+    ASSERT_TRUE(store->addJournal("c", JournalPurpose::Restore, stuck, &error));
+    ASSERT_TRUE(transaction.commit(&error)) << error.description();
+  }
+  makeDirectories(path("home/Applications/A"));
+
+  mavrel_installer::RecoveryReport report;
+  ASSERT_TRUE(
+      mavrel_installer::recoverPendingInstalls(*store, layout_, path(staging), &report, &error))
+      << error.description();
+  EXPECT_EQ(report.restored, 1u);
+  EXPECT_EQ(report.finished, 1u);
+  EXPECT_EQ(report.failed, 1u);
+  EXPECT_EQ(report.swept, 1u);
+  EXPECT_EQ(readFile(path("home/Applications/A/Staging/Payload/a.app/Info.plist")), "a");
+  EXPECT_EQ(readFile(path("containers/B/b.app/Info.plist")), "b");
+  // The stuck install keeps its entry and the only copy of its bundle.
+  EXPECT_EQ(readFile(path(staging + "/STUCK/c.app/Info.plist")), "c");
+  EXPECT_EQ(entriesOf(path(staging)), std::vector<std::string>{"STUCK"});
+  std::vector<mavrel_installer::JournalEntry> left;
+  ASSERT_TRUE(store->listJournal(left, &error));
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_EQ(left[0].identifier, "c");
+}
+
+}  // namespace
+}  // namespace installer_test
