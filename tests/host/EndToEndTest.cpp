@@ -237,8 +237,8 @@ TEST_F(EndToEndTest, PrintsOneLinePerApplicationWithoutATerminal) {
                   "<key>QXBundleExecutable</key><string>Example</string></dict>"));
 
   const ProgramRun run = migrate();
-  // This build cannot install applications, so the container stays and the
-  // pass fails; the progress line comes all the same.
+  // The bundle has no executable, so the installer refuses it and the pass
+  // fails; the progress line comes all the same.
   EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
   EXPECT_NE(run.out.find("\n[1/1] com.example.app\n"), std::string::npos) << run.out;
   EXPECT_EQ(run.out.find('\r'), std::string::npos) << "no live redraw without a terminal";
