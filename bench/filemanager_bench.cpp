@@ -27,6 +27,7 @@ void check(bool ok, const CVError& error, const std::string& what) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // progress shows even when redirected
   const bench::Options options = bench::parseOptions(argc, argv, 200000);
   CVFileManager& manager = CVFileManager::defaultManager();
   const std::string scratch = bench::makeScratchDirectory(options.directory, "filemanager-bench");
