@@ -4,17 +4,17 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/ChildProgram.h"
+
 namespace host_test {
 
-struct ProgramRun {
-  int exitCode = -1;  // -1 when the child did not exit normally
-  std::string out;
-  std::string err;
-};
+using testing_support::ProgramRun;
 
 // Runs MAVREL_BINARY_DIR "/bin/mavrel" with `arguments`; its standard output
 // and error are captured through files in `scratchDirectory`.
-ProgramRun runMavrel(const std::vector<std::string>& arguments,
-                     const std::string& scratchDirectory);
+inline ProgramRun runMavrel(const std::vector<std::string>& arguments,
+                            const std::string& scratchDirectory) {
+  return testing_support::runProgram(MAVREL_BINARY_DIR "/bin/mavrel", arguments, scratchDirectory);
+}
 
 }  // namespace host_test

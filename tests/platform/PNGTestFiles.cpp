@@ -1,18 +1,14 @@
 #include "tests/platform/PNGTestFiles.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 
-extern char** environ;
+#include "tests/support/ChildProgram.h"
 
 namespace png_test {
 namespace {
@@ -159,25 +155,7 @@ void writeBytes(const std::string& path, std::span<const std::uint8_t> bytes) {
 }
 
 int runPngcheck(const std::string& path) {
-  std::string program = "pngcheck";
-  std::string quiet = "-q";
-  std::string argument = path;
-  char* argv[] = {program.data(), quiet.data(), argument.data(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  pid_t child = -1;
-  const int spawned = posix_spawnp(&child, program.c_str(), &actions, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) {
-    ADD_FAILURE() << "cannot run pngcheck: " << std::strerror(spawned);
-    return -1;
-  }
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return testing_support::runProgram("pngcheck", {"-q", path}).exitCode;
 }
 
 }  // namespace png_test

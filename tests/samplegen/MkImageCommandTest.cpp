@@ -1,19 +1,13 @@
 // The mavrel-mkimage program: its summary, its JSON manifest, its exit codes
 // and its refusals.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
-
-extern char** environ;
 
 namespace {
 
@@ -22,45 +16,13 @@ using testing_support::pathExists;
 using testing_support::readFile;
 using testing_support::writeFile;
 
-struct ProgramRun {
-  int exitCode = -1;
-  std::string out;
-  std::string err;
-};
+using testing_support::ProgramRun;
 
 class MkImageCommandTest : public ::testing::Test {
  protected:
   ProgramRun run(const std::vector<std::string>& arguments) {
-    const std::string program = MAVREL_BINARY_DIR "/bin/mavrel-mkimage";
-    const std::string outPath = scratch_ / "stdout.txt";
-    const std::string errPath = scratch_ / "stderr.txt";
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& argument : arguments)
-      argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0644);
-    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0644);
-    pid_t child = -1;
-    const int spawned =
-        posix_spawn(&child, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ProgramRun result;
-    if (spawned != 0) {
-      ADD_FAILURE() << "cannot run " << program << ": " << std::strerror(spawned);
-      return result;
-    }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-    result.out = readFile(outPath);
-    result.err = readFile(errPath);
-    return result;
+    return testing_support::runProgram(MAVREL_BINARY_DIR "/bin/mavrel-mkimage", arguments,
+                                       scratch_.path());
   }
 
   testing_support::TemporaryDirectory scratch_;

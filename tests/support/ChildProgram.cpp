@@ -1,4 +1,4 @@
-#include "tests/host/HostProcess.h"
+#include "tests/support/ChildProgram.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,13 +12,13 @@
 
 extern char** environ;
 
-namespace host_test {
+namespace testing_support {
 
-ProgramRun runMavrel(const std::vector<std::string>& arguments,
-                     const std::string& scratchDirectory) {
-  const std::string program = MAVREL_BINARY_DIR "/bin/mavrel";
-  const std::string outPath = scratchDirectory + "/stdout.txt";
-  const std::string errPath = scratchDirectory + "/stderr.txt";
+ProgramRun runProgram(const std::string& program, const std::vector<std::string>& arguments,
+                      const std::string& scratchDirectory) {
+  const bool capture = !scratchDirectory.empty();
+  const std::string outPath = capture ? scratchDirectory + "/stdout.txt" : "/dev/null";
+  const std::string errPath = capture ? scratchDirectory + "/stderr.txt" : "/dev/null";
 
   std::vector<char*> argv;
   argv.push_back(const_cast<char*>(program.c_str()));
@@ -33,7 +33,8 @@ ProgramRun runMavrel(const std::vector<std::string>& arguments,
   posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                    0644);
   pid_t child = -1;
-  const int spawned = posix_spawn(&child, program.c_str(), &actions, nullptr, argv.data(), environ);
+  const int spawned =
+      posix_spawnp(&child, program.c_str(), &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
 
   ProgramRun run;
@@ -42,12 +43,15 @@ ProgramRun runMavrel(const std::vector<std::string>& arguments,
     return run;
   }
   int status = 0;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  while (::waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) return run;
   }
   if (WIFEXITED(status)) run.exitCode = WEXITSTATUS(status);
-  run.out = testing_support::readFile(outPath);
-  run.err = testing_support::readFile(errPath);
+  if (capture) {
+    run.out = readFile(outPath);
+    run.err = readFile(errPath);
+  }
   return run;
 }
 
-}  // namespace host_test
+}  // namespace testing_support
