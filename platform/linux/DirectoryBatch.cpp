@@ -8,16 +8,14 @@
 #include <cstddef>
 #include <cstring>
 
+#include "platform/linux/DirentRecords.h"
+
 namespace platform::sys {
 
 namespace {
 
 constexpr unsigned kAttributeMask = STATX_TYPE | STATX_INO | STATX_NLINK | STATX_BLOCKS;
 constexpr int kAttributeFlags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
-
-bool isDotOrDotDot(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
 
 }  // namespace
 
@@ -29,7 +27,7 @@ DirectoryBatchReader DirectoryBatchReader::open(const char* path) {
 
 ssize_t DirectoryBatchReader::readBatch(std::span<std::byte> buffer) {
   cursor_ = end_ = nullptr;
-  const ssize_t length = ::getdents64(directory_.get(), buffer.data(), buffer.size());
+  const ssize_t length = readDirents(directory_.get(), buffer.data(), buffer.size());
   if (length > 0) {
     cursor_ = buffer.data();
     end_ = cursor_ + length;
@@ -38,25 +36,19 @@ ssize_t DirectoryBatchReader::readBatch(std::span<std::byte> buffer) {
 }
 
 bool DirectoryBatchReader::nextEntry(BatchEntry& entry) {
-  // Records are read field by field, so the buffer needs no alignment.
   while (cursor_ != nullptr && cursor_ < end_) {
-    const std::byte* record = cursor_;
-    unsigned short recordLength = 0;
-    std::memcpy(&recordLength, record + offsetof(struct dirent64, d_reclen), sizeof recordLength);
+    DirentRecord record;
+    const std::size_t recordLength = decodeDirent(cursor_, &record);
     if (recordLength == 0) break;  // never from the kernel; guards the loop
     cursor_ += recordLength;
+    if (isDotOrDotDot(record.name)) continue;
 
-    const char* name = reinterpret_cast<const char*>(record + offsetof(struct dirent64, d_name));
-    if (isDotOrDotDot(name)) continue;
-
-    unsigned char type = DT_UNKNOWN;
-    std::memcpy(&type, record + offsetof(struct dirent64, d_type), sizeof type);
+    const char* name = record.name;
     entry = BatchEntry{};
     entry.name = name;
-    if (type == DT_DIR) {
+    if (record.type == DT_DIR) {
       entry.isDirectory = true;
-      std::memcpy(&entry.fileIdentifier, record + offsetof(struct dirent64, d_ino),
-                  sizeof entry.fileIdentifier);
+      entry.fileIdentifier = record.inode;
       return true;
     }
 

@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/DirentRecords.h"
 #include "platform/linux/ExtendedAttributes.h"
 #include "platform/linux/FileDescriptor.h"
 
@@ -49,10 +50,6 @@ struct IdentityHash {
 
 Identity identityOf(const struct stat& status) {
   return Identity{status.st_dev, status.st_ino};
-}
-
-bool isDotOrDotDot(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
 // Closes a descriptor that was written through, so that a late write error
@@ -223,24 +220,19 @@ bool Copy::readDirectory(std::size_t level) {
   if (!readBuffer_) readBuffer_.reset(new char[kReadBufferSize]);
   const int fd = frame.source.get();
   for (;;) {
-    const ssize_t size = ::getdents64(fd, readBuffer_.get(), kReadBufferSize);
+    const ssize_t size = readDirents(fd, readBuffer_.get(), kReadBufferSize);
     if (size == 0) return true;
     if (size < 0) return fail();
-    for (ssize_t offset = 0; offset < size;) {
-      const char* record = readBuffer_.get() + offset;
-      unsigned short length = 0;
-      std::memcpy(&length, record + offsetof(struct dirent64, d_reclen), sizeof length);
-      const auto type = static_cast<unsigned char>(record[offsetof(struct dirent64, d_type)]);
-      const char* name = record + offsetof(struct dirent64, d_name);
-      offset += length;
-      if (isDotOrDotDot(name)) continue;
-      if (type == DT_DIR) {
-        frame.pending.append(name);
-        frame.pending.push_back('\0');
-      } else if (!copyEntry(level, name, type)) {
-        return false;
-      }
-    }
+    const bool copied = forEachDirent(readBuffer_.get(), static_cast<std::size_t>(size),
+                                      [&](const DirentRecord& entry) {
+                                        if (entry.type == DT_DIR) {
+                                          frame.pending.append(entry.name);
+                                          frame.pending.push_back('\0');
+                                          return true;
+                                        }
+                                        return copyEntry(level, entry.name, entry.type);
+                                      });
+    if (!copied) return false;
   }
 }
 

@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "platform/linux/DirectoryStream.h"
+#include "platform/linux/DirentRecords.h"
 #include "platform/linux/FileDescriptor.h"
 
 namespace platform::sys {
@@ -88,10 +89,6 @@ bool identify(int fd, Identity& identity) {
   if (::fstat(fd, &status) != 0) return false;
   identity = Identity{status.st_dev, status.st_ino};
   return true;
-}
-
-bool isDotOrDotDot(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
 // One directory of the branch being removed.
@@ -203,32 +200,27 @@ void Walk::readDirectory(std::size_t level) {
   if (!buffer_) buffer_.reset(new char[kReadBufferSize]);
   const int fd = frame.fd.get();
   for (;;) {
-    const ssize_t size = ::getdents64(fd, buffer_.get(), kReadBufferSize);
+    const ssize_t size = readDirents(fd, buffer_.get(), kReadBufferSize);
     if (size == 0) return;
     if (size < 0) {
       reportErrno(level);
       return;
     }
-    for (ssize_t offset = 0; offset < size;) {
-      const char* record = buffer_.get() + offset;
-      unsigned short length = 0;
-      std::memcpy(&length, record + offsetof(struct dirent64, d_reclen), sizeof length);
-      const auto type = static_cast<unsigned char>(record[offsetof(struct dirent64, d_type)]);
-      const char* name = record + offsetof(struct dirent64, d_name);
-      offset += length;
-      if (isDotOrDotDot(name)) continue;
-      if (type != DT_DIR) {
-        if (::unlinkat(fd, name, 0) == 0) continue;
-        const int error = errno;
-        // EISDIR: the type was not reported, or a directory took the entry's place.
-        if (error != EISDIR) {
-          if (!report(pathOf(level, name), error)) return;
-          continue;
-        }
-      }
-      frame.pending.append(name);
-      frame.pending.push_back('\0');
-    }
+    const bool goOn = forEachDirent(buffer_.get(), static_cast<std::size_t>(size),
+                                    [&](const DirentRecord& entry) {
+                                      if (entry.type != DT_DIR) {
+                                        if (::unlinkat(fd, entry.name, 0) == 0) return true;
+                                        const int error = errno;
+                                        // EISDIR: the type was not reported, or a directory took
+                                        // the entry's place.
+                                        if (error != EISDIR)
+                                          return report(pathOf(level, entry.name), error);
+                                      }
+                                      frame.pending.append(entry.name);
+                                      frame.pending.push_back('\0');
+                                      return true;
+                                    });
+    if (!goOn) return;
   }
 }
 
