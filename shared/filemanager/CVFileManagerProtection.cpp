@@ -10,25 +10,39 @@
 
 namespace sys = platform::sys;
 
+namespace {
+
+// Opens the item itself (a final link fails to open); an invalid descriptor
+// after storing the error.
+sys::UniqueFd openItem(std::string_view function, const char* path, CVError* error) {
+  sys::UniqueFd item = sys::openItemNoFollow(path);
+  if (!item) {
+    const int code = errno;
+    CVSetError(error, CreatePOSIXError(function, code, "Failed to open %s : %s", path,
+                                       std::strerror(code)));
+  }
+  return item;
+}
+
+bool readClass(std::string_view function, const sys::UniqueFd& item, const char* path,
+               std::int32_t* current, CVError* error) {
+  if (sys::getProtectionClass(item.get(), current) >= 0) return true;
+  const int code = errno;
+  CVSetError(error, CreatePOSIXError(function, code, "Failed to getclass of file %s: %s", path,
+                                     std::strerror(code)));
+  return false;
+}
+
+}  // namespace
+
 bool CVFileManager::dataProtectionClassOfItemAtURL(const CVURL& url, std::int32_t* protectionClass,
                                                    CVError* error) {
   static constexpr std::string_view kFunction =
       "-[CVFileManager dataProtectionClassOfItemAtURL:class:error:]";
   const char* path = url.fileSystemRepresentation();
-  const sys::UniqueFd item = sys::openItemNoFollow(path);
-  if (!item) {
-    const int code = errno;
-    CVSetError(error, CreatePOSIXError(kFunction, code, "Failed to open %s : %s", path,
-                                       std::strerror(code)));
-    return false;
-  }
+  const sys::UniqueFd item = openItem(kFunction, path, error);
   std::int32_t current = 0;
-  if (sys::getProtectionClass(item.get(), &current) < 0) {
-    const int code = errno;
-    CVSetError(error, CreatePOSIXError(kFunction, code, "Failed to getclass of file %s: %s", path,
-                                       std::strerror(code)));
-    return false;
-  }
+  if (!item || !readClass(kFunction, item, path, &current, error)) return false;
   if (protectionClass != nullptr) *protectionClass = current;
   return true;
 }
@@ -39,21 +53,11 @@ bool CVFileManager::setDataProtectionClassOfItemAtURL(
   static constexpr std::string_view kFunction =
       "-[CVFileManager setDataProtectionClassOfItemAtURL:toClass:ifPredicate:error:]";
   const char* path = url.fileSystemRepresentation();
-  const sys::UniqueFd item = sys::openItemNoFollow(path);
-  if (!item) {
-    const int code = errno;
-    CVSetError(error, CreatePOSIXError(kFunction, code, "Failed to open %s : %s", path,
-                                       std::strerror(code)));
-    return false;
-  }
+  const sys::UniqueFd item = openItem(kFunction, path, error);
+  if (!item) return false;
   if (predicate != nullptr && *predicate) {
     std::int32_t current = 0;
-    if (sys::getProtectionClass(item.get(), &current) < 0) {
-      const int code = errno;
-      CVSetError(error, CreatePOSIXError(kFunction, code, "Failed to getclass of file %s: %s", path,
-                                         std::strerror(code)));
-      return false;
-    }
+    if (!readClass(kFunction, item, path, &current, error)) return false;
     if (!(*predicate)(current)) return true;
   }
   if (sys::setProtectionClass(item.get(), protectionClass) != 0) {
