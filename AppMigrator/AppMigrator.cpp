@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "AppMigrator/ContainerClassification.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -96,7 +97,8 @@ std::deque<CVDictionary> CVAppMigrator::classifyLegacyEntries() {
     logMigration(kLogLevelNotice, kPerformFunction, "CVAppMigrator: Introspecting %@",
                  entry.path());
     if (entry.lastPathComponent() == kStrayEntryFileName) {
-      CVFileManager::defaultManager().removeItemAtURL(entry, nullptr);
+      const bool removed = CVFileManager::defaultManager().removeItemAtURL(entry, nullptr);
+      reportDiscardedEntry(entry, /*removalAttempted=*/true, removed);
       ++_countItemsMigrated;
       continue;
     }
@@ -108,11 +110,7 @@ std::deque<CVDictionary> CVAppMigrator::classifyLegacyEntries() {
     }
     // Applications go before VPN-only containers, and among applications the
     // listing order is reversed; both follow from front insertion.
-    if (orderResultEarly) {
-      workList.push_front(std::move(*record));
-    } else {
-      workList.push_back(std::move(*record));
-    }
+    CVAddToWorkList(workList, std::move(*record), orderResultEarly);
   }
   return workList;
 }

@@ -60,6 +60,8 @@ class CVAppMigrator final : public MavrelMigrator {
     CVURL temporaryDirectory;
     // The platform's icon service when null.
     platform::IconService* iconService = nullptr;
+    // Told what happens to each legacy entry; may be null.
+    MavrelMigrationObserver* observer = nullptr;
   };
 
   // Set-up. Returns null when an existing legacy directory cannot be listed.
@@ -142,6 +144,13 @@ class CVAppMigrator final : public MavrelMigrator {
 
   CVURL dataDirectoryFileURL(std::string_view name);
 
+  // Calls to the observer, when there is one.
+  void reportEntryBegan(const CVDictionary& info);
+  void reportEntryStep(const CVDictionary& info, MavrelEntryStep step);
+  void reportEntryFinished(const CVDictionary& info, const MavrelEntryResult& result);
+  // An entry that classification discarded: removed, or left where it is.
+  void reportDiscardedEntry(const CVURL& entryURL, bool removalAttempted, bool removed);
+
   Environment environment_;
   // Polled by the host from another thread while the pass runs.
   std::atomic<std::uint64_t> _countItemsMigrated{0};
@@ -150,4 +159,7 @@ class CVAppMigrator final : public MavrelMigrator {
   std::optional<CVDictionary> _harborMap;
   std::optional<CVDictionary> _groupContainerMap;
   std::optional<std::string> _lastSystemBuildVersion;
+  // Set by the last install when the service refused it because the system
+  // carries the application built in.
+  bool _installRefusedAsBuiltIn = false;
 };

@@ -103,7 +103,10 @@ bool CVAppMigrator::_stageAndInstallBundleAtURL(const CVURL& bundleURL,
                                                  &installError, progress)) {
     return true;
   }
-  if (alreadyInstalled.load()) return true;
+  if (alreadyInstalled.load()) {
+    _installRefusedAsBuiltIn = true;
+    return true;
+  }
   logMigration(kLogLevelError, kFunction, "CVAppMigrator: Failed to install %@ : %@", stagingURL,
                installError);
   return false;

@@ -7,6 +7,8 @@
 #include <cstring>
 
 #include "AppMigrator/AppMigrator.h"
+#include "AppMigrator/ContainerClassification.h"
+#include "AppMigrator/DeviceRootContainment.h"
 #include "platform/Bundle.h"
 #include "platform/Log.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -21,15 +23,59 @@ constexpr std::string_view kFunction = "-[CVAppMigrator _introspectContainer:ord
 
 }  // namespace
 
-std::optional<std::string> CVAppMigrator::_bundleIdentifierForBundle(const CVURL& bundleURL) {
+std::optional<std::string> CVBundleIdentifierForBundle(const CVURL& bundleURL) {
   const auto bundle = platform::Bundle::create(bundleURL);
   if (!bundle) return std::nullopt;
   return bundle->bundleIdentifier();
 }
 
+std::optional<std::string> CVAppMigrator::_bundleIdentifierForBundle(const CVURL& bundleURL) {
+  return CVBundleIdentifierForBundle(bundleURL);
+}
+
+LegacyEntryClassification CVClassifyLegacyEntry(const CVURL& entryURL) {
+  if (entryURL.lastPathComponent() == kStrayEntryFileName) {
+    LegacyEntryClassification classification;
+    classification.kind = LegacyEntryKind::StrayNote;
+    classification.removeEntry = true;
+    return classification;
+  }
+  return CVClassifyLegacyContainer(entryURL);
+}
+
+void CVAddToWorkList(std::deque<CVDictionary>& workList, CVDictionary record,
+                     bool orderResultEarly) {
+  if (orderResultEarly) {
+    workList.push_front(std::move(record));
+  } else {
+    workList.push_back(std::move(record));
+  }
+}
+
 std::optional<CVDictionary> CVAppMigrator::_introspectContainer(const CVURL& containerURL,
                                                                 bool* orderResultEarly) {
+  LegacyEntryClassification classification = CVClassifyLegacyContainer(containerURL);
+  *orderResultEarly = classification.orderResultEarly;
+  if (classification.record) return std::move(classification.record);
+  bool removed = false;
+  if (classification.removeEntry) {
+    removed = CVFileManager::defaultManager().removeItemAtURL(containerURL, nullptr);
+  }
+  reportDiscardedEntry(containerURL, classification.removeEntry, removed);
+  return std::nullopt;
+}
+
+// Reads only: what the pass is to remove is marked, not removed, here.
+LegacyEntryClassification CVClassifyLegacyContainer(const CVURL& containerURL) {
   CVFileManager& fileManager = CVFileManager::defaultManager();
+  LegacyEntryClassification result;
+  bool* const orderResultEarly = &result.orderResultEarly;
+  const auto leave = [&result](LegacyEntryKind kind, std::string subject) {
+    result.kind = kind;
+    result.subject = std::move(subject);
+    result.record.reset();
+    return result;
+  };
   CVDictionary record;
 
   CVError error;
@@ -39,19 +85,20 @@ std::optional<CVDictionary> CVAppMigrator::_introspectContainer(const CVURL& con
     if (error.isPOSIX(ENOTDIR)) {
       logMigration(kLogLevelError, kFunction, "CVAppMigrator: Found regular file at %@ ; removing",
                    containerURL.path());
-      fileManager.removeItemAtURL(containerURL, nullptr);
+      result.removeEntry = true;
+      return leave(LegacyEntryKind::RegularFile, containerURL.path());
     } else if (error.isPOSIX(ENOENT)) {
       // The installer service removed it between listing and introspection.
       logMigration(kLogLevelNotice, kFunction,
                    "CVAppMigrator: Got ENOENT when introspecting %@ ; ignoring (likely raced with "
                    "corvaned)",
                    containerURL.path());
-    } else {
-      logMigration(kLogLevelError, kFunction,
-                   "CVAppMigrator: Failed to get URLs in container %@ : %@", containerURL.path(),
-                   error);
+      return leave(LegacyEntryKind::Vanished, containerURL.path());
     }
-    return std::nullopt;
+    logMigration(kLogLevelError, kFunction,
+                 "CVAppMigrator: Failed to get URLs in container %@ : %@", containerURL.path(),
+                 error);
+    return leave(LegacyEntryKind::Unlistable, containerURL.path());
   }
 
   record.set(std::string(kContainerPathKey), containerURL.path());
@@ -65,7 +112,7 @@ std::optional<CVDictionary> CVAppMigrator::_introspectContainer(const CVURL& con
     if (::lstat(entry.fileSystemRepresentation(), &status) != 0) {
       logMigration(kLogLevelError, kFunction, "CVAppMigrator: Failed to stat path %s : %s",
                    entry.fileSystemRepresentation(), std::strerror(errno));
-      return std::nullopt;
+      return leave(LegacyEntryKind::Unexaminable, entry.path());
     }
     const bool isSymlink = S_ISLNK(status.st_mode);
 
@@ -73,10 +120,10 @@ std::optional<CVDictionary> CVAppMigrator::_introspectContainer(const CVURL& con
       if (isSymlink) {
         logMigration(kLogLevelError, kFunction,
                      "CVAppMigrator: Skipping container with app symlink at %@", entry.path());
-        return std::nullopt;
+        return leave(LegacyEntryKind::SymlinkBundle, entry.path());
       }
       logMigration(kLogLevelNotice, kFunction, "CVAppMigrator: Found app %@", entry.path());
-      const auto identifier = _bundleIdentifierForBundle(entry);
+      const auto identifier = CVBundleIdentifierForBundle(entry);
       if (!identifier) {
         logMigration(kLogLevelError, kFunction,
                      "CVAppMigrator: Could not get identifier for bundle at %@", entry.path());
@@ -92,9 +139,9 @@ std::optional<CVDictionary> CVAppMigrator::_introspectContainer(const CVURL& con
       if (isSymlink) {
         logMigration(kLogLevelError, kFunction,
                      "CVAppMigrator: VPN plugin was symlink; skipping container %@", entry.path());
-        return std::nullopt;
+        return leave(LegacyEntryKind::SymlinkBundle, entry.path());
       }
-      const auto identifier = _bundleIdentifierForBundle(entry);
+      const auto identifier = CVBundleIdentifierForBundle(entry);
       if (!identifier) continue;
       vpnPluginBundle = entry;
       if (!applicationBundle) {
@@ -110,18 +157,32 @@ std::optional<CVDictionary> CVAppMigrator::_introspectContainer(const CVURL& con
         logMigration(kLogLevelError, kFunction,
                      "CVAppMigrator: Migration marker was symlink; skipping container %@",
                      entry.path());
-        return std::nullopt;
+        return leave(LegacyEntryKind::SymlinkMarker, entry.path());
       }
-      if (auto saved = _loadAndValidateMigrationMarkerAtURL(entry)) {
+      if (auto saved = CVLoadAndValidateMigrationMarker(entry)) {
+        for (const std::string_view key :
+             {kContainerPathKey, kBundlePathKey, kSecondBundlePathKey}) {
+          const std::string* path = saved->findString(key);
+          if (path == nullptr || CVPathLiesInsideDeviceRoot(*path)) continue;
+          // Resuming would move and remove whatever the marker names.
+          logMigration(kLogLevelError, kFunction,
+                       "CVAppMigrator: Migration marker %@ names %@ outside the device root; "
+                       "skipping container",
+                       entry.path(), *path);
+          return leave(LegacyEntryKind::UnreadableMarker, entry.path());
+        }
         // A marker wins over whatever the scan gathered: the bundles may
         // already have moved away.
         const std::string* type = saved->findString(kContainerTypeKey);
         *orderResultEarly = type != nullptr && *type == kContainerTypeApp;
-        return saved;
+        result.kind = LegacyEntryKind::Resumed;
+        result.record = std::move(saved);
+        return result;
       }
       logMigration(kLogLevelError, kFunction,
                    "CVAppMigrator: Failed to load migration marker file from %@", entry);
       discarded = true;
+      result.subject = entry.path();
     }
   }
 
@@ -129,12 +190,14 @@ std::optional<CVDictionary> CVAppMigrator::_introspectContainer(const CVURL& con
     logMigration(kLogLevelError, kFunction,
                  "CVAppMigrator: No app or vpn bundle found in container %@ ; removing it",
                  containerURL.path());
-    fileManager.removeItemAtURL(containerURL, nullptr);
-    return std::nullopt;
+    result.removeEntry = true;
+    return leave(LegacyEntryKind::NoBundle, containerURL.path());
   }
   if (applicationBundle && vpnPluginBundle) {
     record.set(std::string(kSecondBundlePathKey), vpnPluginBundle->path());
   }
-  if (discarded) return std::nullopt;
-  return record;
+  if (discarded) return leave(LegacyEntryKind::UnreadableMarker, result.subject);
+  result.kind = applicationBundle ? LegacyEntryKind::Application : LegacyEntryKind::VPNOnly;
+  result.record = std::move(record);
+  return result;
 }

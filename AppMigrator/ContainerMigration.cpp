@@ -51,9 +51,16 @@ bool CVAppMigrator::_migrateContainerWithInfo(const CVDictionary& info) {
   const std::string identifier = identifierValue ? *identifierValue : std::string();
   const std::string* type = info.findString(kContainerTypeKey);
   CVFileManager& fileManager = CVFileManager::defaultManager();
+  reportEntryBegan(info);
+  // A failure that keeps the container.
+  const auto failKept = [this, &info](MavrelEntryStep step) {
+    reportEntryFinished(info, {MavrelEntryOutcome::Failed, step, false});
+    return false;
+  };
 
   const bool bundleIsPlaceholder = fileManager.bundleAtURLIsPlaceholder(bundleURL);
   // The marker lets a pass interrupted from here on resume this container.
+  reportEntryStep(info, MavrelEntryStep::Marker);
   _writeMigrationMarker(info, containerURL);
 
   if (type != nullptr && *type == kContainerTypeApp) {
@@ -61,53 +68,74 @@ bool CVAppMigrator::_migrateContainerWithInfo(const CVDictionary& info) {
       logMigration(kLogLevelNotice, kMigrateFunction,
                    "CVAppMigrator: App %@ is already installed, so not creating placeholder.",
                    identifier);
-    } else if (!_stageAndInstallPlaceholderForBundleAtURL(bundleURL, identifier, containerURL)) {
-      return false;
+    } else {
+      reportEntryStep(info, MavrelEntryStep::Placeholder);
+      if (!_stageAndInstallPlaceholderForBundleAtURL(bundleURL, identifier, containerURL)) {
+        return failKept(MavrelEntryStep::Placeholder);
+      }
     }
   }
 
+  reportEntryStep(info, MavrelEntryStep::BundleRecord);
   const std::optional<platform::BundleRecord> record =
       environment_.registry->bundleRecordForIdentifier(identifier);
   if (!record) {
     logMigration(kLogLevelError, kMigrateFunction,
                  "CVAppMigrator: Failed to get bundle proxy for identifier %@", identifier);
-    return false;
+    return failKept(MavrelEntryStep::BundleRecord);
   }
   if (!record->dataContainerURL) {
     logRecordWithoutDataContainer(*record, identifier);
-    return false;
+    return failKept(MavrelEntryStep::BundleRecord);
   }
 
   logMigration(kLogLevelNotice, kMigrateFunction,
                "CVAppMigrator: Moving data from container %@ to %@", containerURL.path(),
                record->dataContainerURL.path());
+  reportEntryStep(info, MavrelEntryStep::DataMove);
   if (!_migrateDataContainerForIdentifier(identifier, containerURL, record->dataContainerURL)) {
-    return false;
+    return failKept(MavrelEntryStep::DataMove);
   }
 
   bool result = true;
+  MavrelEntryResult outcome{MavrelEntryOutcome::PlaceholderOnly, MavrelEntryStep::Examining, false};
   if (!bundleIsPlaceholder) {
     logMigration(kLogLevelNotice, kMigrateFunction,
                  "CVAppMigrator: Staging and installing app %@ at %@ (and secondary %@)",
                  identifier, bundleURL.path(),
                  vpnPluginURL ? CVValue(vpnPluginURL.path()) : CVValue());
+    reportEntryStep(info, MavrelEntryStep::Install);
+    _installRefusedAsBuiltIn = false;
     if (!_stageAndInstallBundleAtURL(bundleURL, identifier, vpnPluginURL, containerURL)) {
       // The user data has already left the container, so the container is
       // not kept for another attempt: it is removed below all the same.
       result = false;
-    } else if (!_migrateGroupContainersForIdentifier(identifier) ||
-               _containerHasMissedItems(containerURL, identifier)) {
-      return false;
+      outcome = {MavrelEntryOutcome::Failed, MavrelEntryStep::Install, false};
+    } else {
+      outcome.outcome = _installRefusedAsBuiltIn ? MavrelEntryOutcome::RefusedAsBuiltIn
+                                                 : MavrelEntryOutcome::Migrated;
+      reportEntryStep(info, MavrelEntryStep::GroupContainers);
+      if (!_migrateGroupContainersForIdentifier(identifier)) {
+        return failKept(MavrelEntryStep::GroupContainers);
+      }
+      reportEntryStep(info, MavrelEntryStep::MissedItems);
+      if (_containerHasMissedItems(containerURL, identifier)) {
+        return failKept(MavrelEntryStep::MissedItems);
+      }
     }
   }
 
   logMigration(kLogLevelNotice, kMigrateFunction, "CVAppMigrator: Removing container for %@ at %@",
                identifier, containerURL.path());
+  reportEntryStep(info, MavrelEntryStep::Removal);
   CVError error;
-  if (!fileManager.removeItemAtURL(containerURL, &error)) {
+  if (fileManager.removeItemAtURL(containerURL, &error)) {
+    outcome.containerRemoved = true;
+  } else {
     logMigration(kLogLevelError, kMigrateFunction,
                  "CVAppMigrator: Failed to remove container %@ : %@", containerURL.path(), error);
   }
+  reportEntryFinished(info, outcome);
   return result;
 }
 

@@ -5,6 +5,7 @@
 // user's data and wins. Removals before a move are silent, since the move that
 // follows reports the real problem.
 #include "AppMigrator/AppMigrator.h"
+#include "AppMigrator/DeviceRootContainment.h"
 #include "platform/Log.h"
 #include "shared/filemanager/CVFileManager.h"
 
@@ -90,6 +91,14 @@ bool CVAppMigrator::_migrateGroupContainersForIdentifier(const std::string& iden
     if (!fileManager.itemExistsAtURL(sourceURL)) {
       logMigration(kLogLevelError, kGroupsFunction,
                    "CVAppMigrator: Missing source group container at %@", legacyPath);
+      continue;
+    }
+    if (!CVPathLiesInsideDeviceRoot(legacyPath)) {
+      // Moving its items and removing it would reach outside the image.
+      logMigration(kLogLevelError, kGroupsFunction,
+                   "CVAppMigrator: Source group container %@ of %@[%@] lies outside the device "
+                   "root; not migrating it",
+                   legacyPath, identifier, groupIdentifier);
       continue;
     }
     if (newURL == nullptr || !*newURL) {

@@ -1,6 +1,7 @@
 // The migration marker: a container's info record, saved inside the container
 // before its first move so that an interrupted run can resume from it.
 #include "AppMigrator/AppMigrator.h"
+#include "AppMigrator/ContainerClassification.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
 
@@ -16,7 +17,11 @@ constexpr std::string_view kWriteFunction = "-[CVAppMigrator _migrateContainerWi
 
 void CVAppMigrator::_writeMigrationMarker(const CVDictionary& info, const CVURL& containerURL) {
   const CVURL markerURL = containerURL.URLByAppendingPathComponent(kMigrationMarkerFileName, false);
-  if (!platform::writePropertyListAtomically(CVValue(info), markerURL, nullptr)) {
+  // The marker only has to reach the disk before the moves it guards, and the
+  // file system commits the renames that follow it in order: its contents are
+  // flushed before it takes its name, its directory is not flushed after.
+  if (!platform::writePropertyListAtomically(CVValue(info), markerURL, nullptr,
+                                             platform::WriteDurability::ContentsFlushed)) {
     logMigration(kLogLevelError, kWriteFunction,
                  "CVAppMigrator: Failed to write out container marker dictionary... hopefully we "
                  "don't need it to recover.");
@@ -25,6 +30,10 @@ void CVAppMigrator::_writeMigrationMarker(const CVDictionary& info, const CVURL&
 
 std::optional<CVDictionary> CVAppMigrator::_loadAndValidateMigrationMarkerAtURL(
     const CVURL& markerURL) {
+  return CVLoadAndValidateMigrationMarker(markerURL);
+}
+
+std::optional<CVDictionary> CVLoadAndValidateMigrationMarker(const CVURL& markerURL) {
   auto marker = platform::readPropertyListDictionary(markerURL, nullptr);
   if (!marker) {
     logMigration(kLogLevelError, kLoadFunction,

@@ -66,6 +66,16 @@ bool CVAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const CVURL& bundl
 
   CVFileManager& fileManager = CVFileManager::defaultManager();
   CVError error;
+  // The staged directory is one entry of the staging area, named after the
+  // identifier; an identifier with a separator (or "." or "..") would name a
+  // directory elsewhere, which the removal below would then delete.
+  if (identifier.empty() || identifier == "." || identifier == ".." ||
+      identifier.find('/') != std::string::npos) {
+    logMigration(kLogLevelError, kPlaceholderFunction,
+                 "CVAppMigrator: Failed to create staged placeholder directory at %@ : %@",
+                 stagedURL.path(), "the identifier is not a plain file name");
+    return false;
+  }
   if (!fileManager.createDirectoryAtURL(stagedURL, /*withIntermediateDirectories=*/true, 0755,
                                         &error)) {
     logMigration(kLogLevelError, kPlaceholderFunction,
@@ -113,8 +123,11 @@ bool CVAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const CVURL& bundl
                  iconURL);
   }
 
+  // The staged files live only until this call removes the staged directory,
+  // so their writes do not wait for the disk.
   const CVURL infoURL = stagedURL.URLByAppendingPathComponent("Info.plist", false);
-  if (!platform::writePropertyListAtomically(CVValue(std::move(info)), infoURL, nullptr)) {
+  if (!platform::writePropertyListAtomically(CVValue(std::move(info)), infoURL, nullptr,
+                                             platform::WriteDurability::NotFlushed)) {
     logMigration(kLogLevelError, kPlaceholderFunction,
                  "CVAppMigrator: Failed to write placeholder Info.plist to %@", infoURL);
     return false;
@@ -173,8 +186,10 @@ bool CVAppMigrator::_writeIconForBundle(const platform::Bundle& bundle, const CV
     return false;
   }
 
+  // The icon goes into a placeholder's staged directory, which does not
+  // outlive the install: the write does not wait for the disk.
   CVError error;
-  if (!platform::writeFileAtomically(url, data, &error)) {
+  if (!platform::writeFileAtomically(url, data, &error, platform::WriteDurability::NotFlushed)) {
     logMigration(kLogLevelError, kIconFunction,
                  "CVAppMigrator: Failed to write image data to %@ : %@", url, error);
     return false;

@@ -14,5 +14,6 @@ extern "C" __attribute__((visibility("default"))) MavrelMigrator* MavrelCreateMi
   environment.registry = services->registry;
   environment.systemVersion = services->systemVersion;
   environment.temporaryDirectory = services->temporaryDirectory;
+  environment.observer = services->observer;
   return CVAppMigrator::create(std::move(environment)).release();
 }

@@ -6,6 +6,10 @@
 // the median of each side and their ratio (ours / peer; lower is better).
 // Peers run as child processes (posix_spawn, output to /dev/null) and are
 // timed with a steady clock around the whole child, start-up included.
+// When the environment names a file in MAVREL_BENCH_TABLE, every row is also
+// appended there as a Markdown table row (operation, peer, workload, medians,
+// ratio, goal), so that a driver can print the rows of several programs as
+// one table.
 // Failures of the set-up abort the program with a message: a benchmark has
 // no error contract beyond its exit status.
 #pragma once
@@ -26,6 +30,7 @@
 #include <iostream>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -87,10 +92,19 @@ inline double median(std::vector<double> values) {
   return values.size() % 2 != 0 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
+// What one child run gave: its exit status (-1 when it did not exit), its
+// peak resident set in KiB and its processor time (user + system), from the
+// rusage that wait4 reports.
+struct ChildResult {
+  int status = -1;
+  long peakResidentKilobytes = 0;
+  double processorSeconds = 0;
+};
+
 // Runs `argv` (argv[0] looked up in PATH) and waits for it. Standard output
 // goes to `outputFd` (or /dev/null when it is -1), standard error to
-// /dev/null. Returns the exit status, or -1 when the child did not exit.
-inline int runPeer(const std::vector<std::string>& argv, int outputFd = -1) {
+// /dev/null.
+inline ChildResult runChild(const std::vector<std::string>& argv, int outputFd = -1) {
   std::vector<char*> arguments;
   for (const std::string& argument : argv)
     arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -110,10 +124,20 @@ inline int runPeer(const std::vector<std::string>& argv, int outputFd = -1) {
   posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) die("cannot run " + argv[0] + ": " + std::strerror(spawned));
   int status = 0;
-  while (::waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) die("waitpid failed");
+  rusage usage{};
+  while (::wait4(child, &status, 0, &usage) < 0) {
+    if (errno != EINTR) die("wait4 failed");
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  const auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+  };
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, usage.ru_maxrss,
+          seconds(usage.ru_utime) + seconds(usage.ru_stime)};
+}
+
+// The exit status of runChild, or -1 when the child did not exit.
+inline int runPeer(const std::vector<std::string>& argv, int outputFd = -1) {
+  return runChild(argv, outputFd).status;
 }
 
 // Runs a peer that must succeed and returns the seconds it took.
@@ -141,16 +165,24 @@ inline std::string peerOutput(const std::vector<std::string>& argv) {
 // Our side and the peer's side of one operation, timed alternately: even
 // repetitions run ours first, odd ones the peer first. `prepare` runs before
 // each timed run, outside the timing.
-struct Measurement {
+// What a row says about itself: our operation, the peer it is measured
+// against, the exact workload and the goal for the ratio.
+struct RowLabel {
   std::string operation;
+  std::string peer;
+  std::string workload;
+  std::string goal;
+};
+
+struct Measurement {
+  RowLabel label;
   std::vector<double> ours;
   std::vector<double> peer;
 };
 
 template <class Prepare, class Ours, class Peer>
-Measurement measure(const std::string& operation, int repetitions, Prepare&& prepare, Ours&& ours,
-                    Peer&& peer) {
-  Measurement measurement{operation, {}, {}};
+Measurement measure(RowLabel label, int repetitions, Prepare&& prepare, Ours&& ours, Peer&& peer) {
+  Measurement measurement{std::move(label), {}, {}};
   for (int repetition = 0; repetition < repetitions; ++repetition) {
     for (int turn = 0; turn < 2; ++turn) {
       const bool oursNow = (turn == 0) == (repetition % 2 == 0);
@@ -169,11 +201,38 @@ inline void printHeader() {
   std::printf("%-48s %10s %10s %8s\n", "operation", "ours (s)", "peer (s)", "ratio");
 }
 
+// Appends one Markdown row to the file named by MAVREL_BENCH_TABLE, if any.
+inline void appendTableRow(const RowLabel& label, double ours, double peer) {
+  const char* table = std::getenv("MAVREL_BENCH_TABLE");
+  if (table == nullptr || *table == '\0') return;
+  std::FILE* file = std::fopen(table, "a");
+  if (file == nullptr) die(std::string("cannot append to ") + table);
+  std::fprintf(file, "| `%s` | `%s` | %s | %.3f | %.3f | %.2f | %s |\n", label.operation.c_str(),
+               label.peer.c_str(), label.workload.c_str(), ours, peer, peer > 0 ? ours / peer : 0.0,
+               label.goal.c_str());
+  std::fclose(file);
+}
+
+// Prints `text` as one line and appends it to the file named by
+// MAVREL_BENCH_NOTES, if any: figures that belong below the table.
+inline void printNote(const std::string& text) {
+  std::printf("%s\n", text.c_str());
+  std::fflush(stdout);
+  const char* notes = std::getenv("MAVREL_BENCH_NOTES");
+  if (notes == nullptr || *notes == '\0') return;
+  std::FILE* file = std::fopen(notes, "a");
+  if (file == nullptr) die(std::string("cannot append to ") + notes);
+  std::fprintf(file, "%s\n", text.c_str());
+  std::fclose(file);
+}
+
 inline void printRow(bool verbose, const Measurement& measurement) {
   const double ours = median(measurement.ours);
   const double peer = median(measurement.peer);
-  std::printf("%-48s %10.3f %10.3f %8.2f\n", measurement.operation.c_str(), ours, peer,
+  const std::string title = measurement.label.operation + " vs " + measurement.label.peer;
+  std::printf("%-48s %10.3f %10.3f %8.2f\n", title.c_str(), ours, peer,
               peer > 0 ? ours / peer : 0.0);
+  appendTableRow(measurement.label, ours, peer);
   if (verbose) {
     for (std::size_t i = 0; i < measurement.ours.size() && i < measurement.peer.size(); ++i)
       std::printf("    repetition %zu: %10.3f %10.3f\n", i + 1, measurement.ours[i],

@@ -40,10 +40,15 @@ int main(int argc, char** argv) {
 
   std::printf("making the workload in %s ...\n", scratch.c_str());
   std::fflush(stdout);
+  std::string treeWorkload;
   const double making = bench::timeSeconds([&] {
     const bench::TreeStats stats = bench::makeTree(tree, options.files);
-    std::printf("tree: %zu files, %zu directories, %zu links, %.1f MB\n", stats.files,
-                stats.directories, stats.links, static_cast<double>(stats.bytes) / 1e6);
+    char text[160];
+    std::snprintf(text, sizeof text, "tree of %zu files, %zu directories, %zu links, %.0f MB",
+                  stats.files, stats.directories, stats.links,
+                  static_cast<double>(stats.bytes) / 1e6);
+    treeWorkload = text;
+    std::printf("%s\n", treeWorkload.c_str());
     bench::makeFlatDirectory(flat, flatEntries);
     std::printf("flat directory: %zu entries\n", flatEntries);
   });
@@ -57,7 +62,9 @@ int main(int argc, char** argv) {
     bench::syncDisks();
   };
   bench::printRow(options.verbose, bench::measure(
-                                       "removeItemAtURL vs rm -rf", options.repetitions, freshCopy,
+                                       {"removeItemAtURL:error:", "rm -rf",
+                                        treeWorkload + " (fresh cp -a copy, synced)", "<= 1.0"},
+                                       options.repetitions, freshCopy,
                                        [&] {
                                          CVError error;
                                          check(manager.removeItemAtURL(workURL, &error), error,
@@ -74,7 +81,9 @@ int main(int argc, char** argv) {
   };
   bench::printRow(options.verbose,
                   bench::measure(
-                      "copyItemAtURL vs cp -a", options.repetitions, clearDestination,
+                      {"copyItemAtURL:toURL:error:", "cp -a",
+                       "the same " + treeWorkload + " (destination cleared, synced)", "<= 1.0"},
+                      options.repetitions, clearDestination,
                       [&] {
                         CVError error;
                         check(manager.copyItemAtURL(treeURL, workURL, &error), error,
@@ -88,29 +97,33 @@ int main(int argc, char** argv) {
   // Disk usage with a warm cache; both answers are printed below the table.
   std::uint64_t ours = manager.diskUsageForURL(treeURL);
   const std::string peerAnswer = bench::peerOutput({"du", "-s", "-B1", tree});
-  bench::printRow(options.verbose, bench::measure(
-                                       "diskUsageForURL vs du -s -B1 (warm)", options.repetitions,
-                                       [] {}, [&] { ours = manager.diskUsageForURL(treeURL); },
-                                       [&] {
-                                         bench::timePeer({"du", "-s", "-B1", tree});
-                                       }));
+  bench::printRow(options.verbose,
+                  bench::measure(
+                      {"diskUsageForURL:", "du -s -B1", "the same " + treeWorkload + ", warm cache",
+                       "<= 1.0, aim 0.6"},
+                      options.repetitions, [] {}, [&] { ours = manager.diskUsageForURL(treeURL); },
+                      [&] {
+                        bench::timePeer({"du", "-s", "-B1", tree});
+                      }));
 
   const CVURL flatURL = CVURL::fileURLWithPath(flat, true);
   std::size_t listed = 0;
-  bench::printRow(options.verbose,
-                  bench::measure(
-                      "urlsForItemsInDirectoryAtURL vs ls -f (" + std::to_string(flatEntries) + ")",
-                      options.repetitions, [] {},
-                      [&] {
-                        CVError error;
-                        const auto urls =
-                            manager.urlsForItemsInDirectoryAtURL(flatURL, false, &error);
-                        check(urls.has_value(), error, "urlsForItemsInDirectoryAtURL");
-                        listed = urls->size();
-                      },
-                      [&] {
-                        bench::timePeer({"ls", "-f", flat});
-                      }));
+  bench::printRow(
+      options.verbose,
+      bench::measure(
+          {"urlsForItemsInDirectoryAtURL:ignoringSymlinks:error:", "ls -f",
+           "one directory of " + std::to_string(flatEntries) + " empty files, warm cache",
+           "<= 1.0"},
+          options.repetitions, [] {},
+          [&] {
+            CVError error;
+            const auto urls = manager.urlsForItemsInDirectoryAtURL(flatURL, false, &error);
+            check(urls.has_value(), error, "urlsForItemsInDirectoryAtURL");
+            listed = urls->size();
+          },
+          [&] {
+            bench::timePeer({"ls", "-f", flat});
+          }));
 
   std::printf("\npeak resident set of this process: %.1f MB\n",
               static_cast<double>(bench::peakResidentKilobytes()) / 1024.0);

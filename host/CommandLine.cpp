@@ -39,6 +39,11 @@ ParsedCommand parseMigrate(std::span<const std::string_view> words) {
   for (std::size_t i = 0; i < words.size(); ++i) {
     std::string_view word = words[i];
     if (word == "--help" || word == "-h") return ofKind(ParsedCommand::Kind::MigrateHelp);
+    if (word == "--verify") {
+      if (options.verify) return failure("option '--verify' given more than once");
+      options.verify = true;
+      continue;
+    }
 
     // Accept both "--option value" and "--option=value".
     std::string_view name = word;
@@ -49,8 +54,9 @@ ParsedCommand parseMigrate(std::span<const std::string_view> words) {
         inlineValue = word.substr(equals + 1);
       }
     }
+    if (name == "--verify") return failure("option '--verify' takes no value");
     const bool known = name == "--root" || name == "--log-json" || name == "--installer-log-json" ||
-                       name == "--log-level" || name == "--plugin-dir";
+                       name == "--log-level" || name == "--plugin-dir" || name == "--report";
     if (!known) {
       if (word.starts_with("-")) return failure("unknown option '" + std::string(name) + "'");
       return failure("unexpected argument '" + std::string(word) + "'");
@@ -82,6 +88,9 @@ ParsedCommand parseMigrate(std::span<const std::string_view> words) {
       if (!options.logLevel)
         return failure("option '--log-level' needs a whole number from 0 to 7, not '" +
                        std::string(value) + "'");
+    } else if (name == "--report") {
+      if (options.reportPath) return failure("option '--report' given more than once");
+      options.reportPath = std::string(value);
     } else {
       if (options.pluginDirectory) return failure("option '--plugin-dir' given more than once");
       options.pluginDirectory = std::string(value);
@@ -92,13 +101,14 @@ ParsedCommand parseMigrate(std::span<const std::string_view> words) {
   return command;
 }
 
-// Parses the words after "apps".
-ParsedCommand parseApps(std::span<const std::string_view> words) {
-  ParsedCommand command = ofKind(ParsedCommand::Kind::Apps);
+// Parses the words after "apps" or "plan" (the same options).
+ParsedCommand parseApps(std::span<const std::string_view> words, ParsedCommand::Kind kind,
+                        ParsedCommand::Kind helpKind, std::string_view rootPurpose) {
+  ParsedCommand command = ofKind(kind);
   bool haveRoot = false;
   for (std::size_t i = 0; i < words.size(); ++i) {
     const std::string_view word = words[i];
-    if (word == "--help" || word == "-h") return ofKind(ParsedCommand::Kind::AppsHelp);
+    if (word == "--help" || word == "-h") return ofKind(helpKind);
     if (word == "--json") {
       if (command.apps.json) return failure("option '--json' given more than once");
       command.apps.json = true;
@@ -120,7 +130,8 @@ ParsedCommand parseApps(std::span<const std::string_view> words) {
     haveRoot = true;
     command.apps.root = std::string(value);
   }
-  if (!haveRoot) return failure("option '--root' is required: the device image to list");
+  if (!haveRoot)
+    return failure("option '--root' is required: the device image to " + std::string(rootPurpose));
   return command;
 }
 
@@ -140,21 +151,34 @@ ParsedCommand parseCommandLine(std::span<const std::string_view> arguments) {
     return ofKind(ParsedCommand::Kind::Version);
   }
   if (first == "migrate") return parseMigrate(arguments.subspan(1));
-  if (first == "apps") return parseApps(arguments.subspan(1));
+  if (first == "apps")
+    return parseApps(arguments.subspan(1), ParsedCommand::Kind::Apps, ParsedCommand::Kind::AppsHelp,
+                     "list");
+  if (first == "plan")
+    return parseApps(arguments.subspan(1), ParsedCommand::Kind::Plan, ParsedCommand::Kind::PlanHelp,
+                     "plan for");
   if (first.starts_with("-")) return failure("unknown option '" + std::string(first) + "'");
   return failure("unknown command '" + std::string(first) + "'");
 }
 
 std::string_view generalUsageText() {
   return "usage: mavrel migrate --root DIR [options]\n"
+         "       mavrel plan --root DIR [--json]\n"
          "       mavrel apps --root DIR [--json]\n"
          "       mavrel --help | --version\n"
          "\n"
          "Commands:\n"
          "  migrate    migrate the applications of a device image to the current layout\n"
+         "  plan       show what a migration would do with each legacy entry, changing nothing\n"
          "  apps       list the applications and safe harbors the image's registry holds\n"
          "\n"
-         "Run 'mavrel migrate --help' or 'mavrel apps --help' for their options.\n";
+         "Options:\n"
+         "  --help     alone: this text; after a command: the command and all its options\n"
+         "             ('mavrel COMMAND --help')\n"
+         "  --version  print the program's version\n"
+         "\n"
+         "Run 'mavrel migrate --help', 'mavrel plan --help' or 'mavrel apps --help' for their\n"
+         "options.\n";
 }
 
 std::string_view migrateUsageText() {
@@ -170,10 +194,39 @@ std::string_view migrateUsageText() {
          "  --log-level N               log level of both logs (0-7; 7 adds trace lines)\n"
          "  --plugin-dir DIR            load plug-ins (*.migrator) from DIR instead of the\n"
          "                              plugins directory beside the program\n"
+         "  --verify                    before the pass, record the size and SHA-256 digest of\n"
+         "                              every user-data file of every legacy container and\n"
+         "                              legacy group container; after it, check each file at\n"
+         "                              its new place and print what was verified, missing\n"
+         "                              or changed\n"
+         "  --report FILE               write a JSON report of the run to FILE: each legacy\n"
+         "                              entry's outcome, totals, durations and the log files\n"
          "  --help                      show this text\n"
          "\n"
          "Exit status: 0 when every migration succeeded, 1 when one failed, 2 for a usage\n"
-         "error or a failed set-up.\n";
+         "error or a failed set-up, 3 when --verify found a user-data file missing or\n"
+         "changed.\n";
+}
+
+std::string_view planUsageText() {
+  return "usage: mavrel plan --root DIR [--json]\n"
+         "\n"
+         "Shows what 'mavrel migrate' would do with each entry of the legacy container\n"
+         "directory of the device image whose root directory is DIR: the application (or\n"
+         "VPN plug-in) it holds and whether the registry already knows it or carries it\n"
+         "built in, the container to resume from its migration marker, what will be removed\n"
+         "and what will be left, and the predicted outcome. With each entry its user data\n"
+         "(files, bytes) and group containers; then the safe harbors and a space check.\n"
+         "Nothing in the image is written: the registry is read without being opened for\n"
+         "writing, and no log, directory or temporary file is made.\n"
+         "\n"
+         "Options:\n"
+         "  --root DIR   the device image's root directory (required)\n"
+         "  --json       print one JSON object instead of text\n"
+         "  --help       show this text\n"
+         "\n"
+         "Exit status: 0 when the plan was made (whatever it predicts), 2 for a usage error\n"
+         "or an image that cannot be read.\n";
 }
 
 std::string_view appsUsageText() {

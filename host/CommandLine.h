@@ -1,9 +1,10 @@
 // The host's command line:
 //
 //   mavrel migrate --root DIR [--log-json FILE] [--installer-log-json FILE]
-//                  [--log-level N] [--plugin-dir DIR]
+//                  [--log-level N] [--plugin-dir DIR] [--verify] [--report FILE]
+//   mavrel plan --root DIR [--json]
 //   mavrel apps --root DIR [--json]
-//   mavrel --help | mavrel migrate --help | mavrel apps --help | mavrel --version
+//   mavrel --help | mavrel COMMAND --help | mavrel --version
 //
 // Error contract: parseCommandLine never exits and never touches the file
 // system; a malformed command line gives a ParsedCommand of kind Error whose
@@ -24,6 +25,10 @@ struct MigrateOptions {
   std::optional<std::string> installerLogJSON;
   std::optional<int> logLevel;
   std::optional<std::string> pluginDirectory;
+  // Check every user-data file at its new place after the pass.
+  bool verify = false;
+  // Where to write the JSON report of the run.
+  std::optional<std::string> reportPath;
 };
 
 struct AppsOptions {
@@ -31,20 +36,24 @@ struct AppsOptions {
   bool json = false;
 };
 
+// `plan` takes the same options as `apps`.
+using PlanOptions = AppsOptions;
+
 struct ParsedCommand {
-  enum class Kind { Migrate, Apps, Help, MigrateHelp, AppsHelp, Version, Error };
+  enum class Kind { Migrate, Apps, Plan, Help, MigrateHelp, AppsHelp, PlanHelp, Version, Error };
   Kind kind = Kind::Error;
   MigrateOptions options;  // meaningful for Migrate
-  AppsOptions apps;        // meaningful for Apps
+  AppsOptions apps;        // meaningful for Apps and Plan
   std::string error;       // meaningful for Error: one line, without the program name
 };
 
 // `arguments` excludes the program name (argv[1] onwards).
 ParsedCommand parseCommandLine(std::span<const std::string_view> arguments);
 
-// Texts printed by --help, migrate --help, apps --help and --version.
+// Texts printed by --help, migrate --help, plan --help, apps --help and --version.
 std::string_view generalUsageText();
 std::string_view migrateUsageText();
+std::string_view planUsageText();
 std::string_view appsUsageText();
 std::string versionText();
 

@@ -13,11 +13,19 @@
 #include <vector>
 
 #include "host/AppsCommand.h"
+#include "host/Confinement.h"
+#include "host/DataUsage.h"
+#include "host/DroppingLogSink.h"
+#include "host/EntryRecorder.h"
 #include "host/HostLogs.h"
+#include "host/ParallelFor.h"
+#include "host/PlanCommand.h"
 #include "host/PluginLoader.h"
 #include "host/ProgressDisplay.h"
 #include "host/ProgressTracker.h"
 #include "host/RootDirectory.h"
+#include "host/RunReport.h"
+#include "host/UserDataVerification.h"
 #include "installer/EmbeddedInstallerService.h"
 #include "platform/DeviceRoot.h"
 #include "platform/Log.h"
@@ -55,7 +63,7 @@ struct ReadyMigrator {
 // Runs one migrator's pass with the progress shown on `out`.
 bool runPass(ReadyMigrator& ready, ProgressTracker& tracker, std::FILE* out) {
   MavrelMigrator& migrator = *ready.loaded.migrator;
-  tracker.beginPass(ready.announcedTotal);
+  tracker.beginPass(ready.announcedTotal, /*observed=*/true);
   const bool live = ::isatty(::fileno(out)) == 1;
   if (live) {
     tracker.setApplicationListener({});
@@ -92,11 +100,27 @@ std::optional<std::vector<ReadyMigrator>> loadMigrators(const MigrateOptions& op
   return migrators;
 }
 
-// Everything after the logs are open: services, plug-ins, passes.
+// The manifest of the user data, taken with the migration log quiet: the
+// classification that names each container's application writes the pass's
+// notices there.
+UserDataManifest recordUserData(std::FILE* out) {
+  const auto drop = std::make_shared<DroppingLogSink>();
+  const platform::ScopedLogSink quiet(platform::migrationLog(), drop, std::nullopt);
+  UserDataManifest manifest =
+      collectUserDataManifest(CVGlobalConfiguration::sharedInstance(), defaultWorkerCount());
+  printLine(out, "Recorded " + std::to_string(manifest.fileCount()) + " user-data files (" +
+                     formatBytes(manifest.byteCount()) + ") to verify after the migration");
+  return manifest;
+}
+
+// Everything after the logs are open: services, plug-ins, passes, and the
+// check of the user data. What the run did goes into `report`.
 int migrateWithLogs(const std::string& root, const MigrateOptions& options,
-                    ProgressTracker& tracker, const std::string& logPath, std::FILE* out,
-                    std::FILE* err) {
+                    ProgressTracker& tracker, EntryRecorder& recorder, const std::string& logPath,
+                    RunReport& report, std::FILE* out, std::FILE* err) {
   const platform::DeviceRoot deviceRoot(root);
+  std::optional<UserDataManifest> manifest;
+  if (options.verify) manifest = recordUserData(out);
   CVError installerError;
   const auto installer = mavrel_installer::EmbeddedInstallerService::open(
       CVGlobalConfiguration::sharedInstance(), &installerError);
@@ -111,6 +135,7 @@ int migrateWithLogs(const std::string& root, const MigrateOptions& options,
   services.systemVersion = &systemVersion;
   services.temporaryDirectory =
       deviceRoot.rootURL().URLByAppendingPathComponent(kTemporaryDirectory, true);
+  services.observer = &recorder;
 
   printLine(out, "Migrating device image at " + root);
   std::string reason;
@@ -119,12 +144,24 @@ int migrateWithLogs(const std::string& root, const MigrateOptions& options,
 
   int exitCode = kExitSucceeded;
   for (ReadyMigrator& ready : *migrators) {
-    const std::string name = ready.loaded.migrator->dataClassName();
+    MigratorRun run;
+    run.name = ready.loaded.migrator->dataClassName();
+    run.entriesFound = ready.announcedTotal;
+    recorder.beginMigrator(run.name);
     const auto start = std::chrono::steady_clock::now();
-    const bool succeeded = runPass(ready, tracker, out);
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-    printLine(out, formatSummaryLine(name, succeeded, elapsed, logPath));
-    if (!succeeded) exitCode = kExitMigrationFailed;
+    run.succeeded = runPass(ready, tracker, out);
+    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    printText(out, formatPassSummary(run, recorder.entries(), logPath));
+    std::fflush(out);
+    if (!run.succeeded) exitCode = kExitMigrationFailed;
+    report.migrators.push_back(std::move(run));
+  }
+  if (manifest) {
+    const VerificationResult result = verifyUserData(*manifest, *installer, defaultWorkerCount());
+    printText(out, formatVerification(result, exitCode == kExitSucceeded));
+    std::fflush(out);
+    if (result.dataLost()) exitCode = kExitUserDataLost;
+    report.verification = result;
   }
   // The migrators go before their modules are closed, and both before the
   // services they were given.
@@ -144,6 +181,7 @@ void raiseDescriptorLimit() {
 int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err) {
   raiseDescriptorLimit();
   const std::time_t runTime = std::time(nullptr);
+  const auto runStart = std::chrono::steady_clock::now();
 
   std::string reason;
   const auto root = resolveRootDirectory(options.root, &reason);
@@ -152,6 +190,13 @@ int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err) {
     printLine(err, "Run 'mavrel migrate --help' for usage.");
     return kExitUsageOrSetUp;
   }
+  if (options.reportPath && !checkReportDestination(*options.reportPath, &reason)) {
+    printLine(err, "mavrel: " + reason);
+    return kExitUsageOrSetUp;
+  }
+  // Before anything is made in the image: a link there must not lead out.
+  if (!confineWrites(writablePlacesForMigration(*root, options), err, &reason))
+    return setUpFailure(err, reason);
   // Before anything reads the configuration or touches the file manager.
   platform::setProcessDeviceRoot(platform::DeviceRoot(*root));
 
@@ -165,20 +210,42 @@ int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err) {
   auto logs = openHostLogs(*root, options, runTime, &reason);
   if (!logs) return setUpFailure(err, reason);
 
+  RunReport report;
+  report.root = *root;
+  report.startedAt = runTime;
+  report.migrationLog = logs->migration->textPath();
+  report.installerLog = logs->installer->textPath();
+  report.migrationLogJSON = options.migrationLogJSON;
+  report.installerLogJSON = options.installerLogJSON;
   int exitCode = kExitSucceeded;
   {
+    // Log lines go through the recorder, then the tracker, then the files;
+    // the recorder passes the plug-in's reports on to the tracker.
     auto tracker = std::make_shared<ProgressTracker>(logs->migration);
-    const platform::ScopedLogSink migrationSink(platform::migrationLog(), tracker,
+    auto recorder = std::make_shared<EntryRecorder>(tracker, tracker.get());
+    const platform::ScopedLogSink migrationSink(platform::migrationLog(), recorder,
                                                 logs->migrationHandleLevel);
     const platform::ScopedLogSink installerSink(platform::installerLog(), logs->installer,
                                                 logs->installerHandleLevel);
-    exitCode = migrateWithLogs(*root, options, *tracker, logs->migration->textPath(), out, err);
+    exitCode = migrateWithLogs(*root, options, *tracker, *recorder, logs->migration->textPath(),
+                               report, out, err);
+    report.entries = recorder->entries();
   }
 
   // A lost log line is worth a warning but does not change the migration's
   // outcome.
   for (FileLogSink* sink : {logs->migration.get(), logs->installer.get()}) {
     if (!sink->finish(&reason)) printLine(err, "mavrel: warning: " + reason);
+  }
+  if (options.reportPath) {
+    report.exitCode = exitCode;
+    report.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - runStart).count();
+    if (writeRunReport(*options.reportPath, report, &reason)) {
+      printLine(out, "Report written to " + *options.reportPath);
+    } else {
+      printLine(err, "mavrel: warning: " + reason);
+    }
   }
   return exitCode;
 }
@@ -197,6 +264,11 @@ int runHost(std::span<const std::string_view> arguments, std::FILE* out, std::FI
       return kExitSucceeded;
     case ParsedCommand::Kind::Apps:
       return runApps(command.apps, out, err);
+    case ParsedCommand::Kind::PlanHelp:
+      printText(out, planUsageText());
+      return kExitSucceeded;
+    case ParsedCommand::Kind::Plan:
+      return runPlan(command.apps, out, err);
     case ParsedCommand::Kind::Version:
       printText(out, versionText());
       return kExitSucceeded;

@@ -4,9 +4,16 @@
 //
 // Exit codes: 0 when every pass returned true, 1 when one returned false, 2
 // for a usage error or a failed set-up (bad root, log files that cannot be
-// opened, a plug-in that cannot be loaded or set up, no plug-in at all). A log
-// write that fails later is reported as a warning and leaves the code alone.
-// Messages for the user go to the given streams.
+// opened, a report that cannot be written where it was asked for, a plug-in
+// that cannot be loaded or set up, no plug-in at all), 3 when --verify found
+// user data missing or changed (whatever the passes returned). A log or
+// report write that fails later is reported as a warning and leaves the code
+// alone. Messages for the user go to the given streams.
+//
+// With --verify the user data is recorded before the passes and checked after
+// them (UserDataVerification.h); with --report a JSON report is written once
+// the logs are closed (RunReport.h). Each plug-in is given an observer that
+// records its entries' outcomes and drives the progress display.
 #pragma once
 
 #include <cstdio>
@@ -20,6 +27,7 @@ namespace mavrel_host {
 inline constexpr int kExitSucceeded = 0;
 inline constexpr int kExitMigrationFailed = 1;
 inline constexpr int kExitUsageOrSetUp = 2;
+inline constexpr int kExitUserDataLost = 3;
 
 // `arguments` excludes the program name.
 int runHost(std::span<const std::string_view> arguments, std::FILE* out, std::FILE* err);

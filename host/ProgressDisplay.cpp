@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "host/EntryOutcomeNames.h"
 #include "platform/MavrelMigrator.h"
 
 namespace mavrel_host {
@@ -44,12 +45,37 @@ std::string formatApplicationLine(const ProgressSnapshot& snapshot) {
   return "[" + countText(snapshot, snapshot.applicationsBegun) + "] " + snapshot.currentApplication;
 }
 
+namespace {
+
+// The line of a plug-in that reports its entries: "[5/40] com.example.app:
+// moving data", or what has stalled.
+std::string observedLine(const ProgressSnapshot& snapshot, std::chrono::seconds sinceAdvance) {
+  std::string line = "[" + countText(snapshot, snapshot.dealtWith) + "] ";
+  const bool working = snapshot.phase == ProgressSnapshot::Phase::Migrating &&
+                       !snapshot.currentApplication.empty() && snapshot.currentStep;
+  const std::string step =
+      snapshot.currentStep ? std::string(stepDescription(*snapshot.currentStep)) : std::string();
+  if (sinceAdvance >= kStallNotice) {
+    line += working ? "still migrating " + snapshot.currentApplication + " (" + step + ")"
+                    : std::string("still working");
+    return line + ", " + std::to_string(sinceAdvance.count()) + " s";
+  }
+  if (working) return line + snapshot.currentApplication + ": " + step;
+  return line +
+         (snapshot.phase == ProgressSnapshot::Phase::Migrating ? "migrating" : "examining entries");
+}
+
+}  // namespace
+
 std::string formatLiveLine(const ProgressSnapshot& snapshot, bool allCounted,
-                           std::chrono::seconds elapsed, std::size_t width) {
+                           std::chrono::seconds elapsed, std::size_t width,
+                           std::chrono::seconds sinceAdvance) {
   std::string line;
   if (allCounted) {
     line = "Finishing";
     if (snapshot.total) line += " (" + std::to_string(*snapshot.total) + " entries dealt with)";
+  } else if (snapshot.observed) {
+    line = observedLine(snapshot, sinceAdvance);
   } else if (snapshot.phase == ProgressSnapshot::Phase::Migrating) {
     line = "Migrating " + formatApplicationLine(snapshot);
   } else if (snapshot.phase == ProgressSnapshot::Phase::Examining) {
@@ -110,8 +136,11 @@ void LiveProgressDisplay::draw() {
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
   // The migrator's figure is 1.0 exactly when every entry has been counted.
   const bool allCounted = migrator_.migrationProgress() >= 1.0f;
+  const ProgressSnapshot snapshot = tracker_.snapshot();
+  const auto sinceAdvance = std::chrono::duration_cast<std::chrono::seconds>(
+      std::chrono::steady_clock::now() - snapshot.lastAdvance);
   const std::string line =
-      formatLiveLine(tracker_.snapshot(), allCounted, elapsed, terminalWidth(out_));
+      formatLiveLine(snapshot, allCounted, elapsed, terminalWidth(out_), sinceAdvance);
   std::fwrite(kClearLine.data(), 1, kClearLine.size(), out_);
   std::fwrite(line.data(), 1, line.size(), out_);
   std::fflush(out_);

@@ -2,8 +2,11 @@
 //
 // On a terminal, LiveProgressDisplay redraws one line in place a few times a
 // second from a thread of its own: the phase, the count against the total,
-// the application being migrated and the elapsed time. Elsewhere, plain lines
-// are printed: one per application ("[12/40] com.example.app").
+// the application being migrated and the elapsed time. With a plug-in that
+// reports its entries, the count is of entries dealt with (it never goes
+// back), the line names the step under way, and a pass that has not advanced
+// for a while says so ("still migrating X (moving data), 40 s"). Elsewhere,
+// plain lines are printed: one per application ("[12/40] com.example.app").
 //
 // The formatting functions are pure and cannot fail.
 #pragma once
@@ -28,8 +31,12 @@ std::string formatElapsed(std::chrono::seconds elapsed);
 std::string formatApplicationLine(const ProgressSnapshot& snapshot);
 // The live line, cut to `width` columns (0: no limit). `allCounted` is true
 // once the migrator's own progress figure reports every entry dealt with.
+// `sinceAdvance` is the time since the snapshot's figures last changed.
 std::string formatLiveLine(const ProgressSnapshot& snapshot, bool allCounted,
-                           std::chrono::seconds elapsed, std::size_t width);
+                           std::chrono::seconds elapsed, std::size_t width,
+                           std::chrono::seconds sinceAdvance = std::chrono::seconds(0));
+// How long nothing may advance before the live line says so.
+inline constexpr std::chrono::seconds kStallNotice{15};
 // "CVAppMigrator: succeeded in 3.2 s" or "CVAppMigrator: failed (see <log>)".
 std::string formatSummaryLine(std::string_view name, bool succeeded,
                               std::chrono::duration<double> elapsed, std::string_view logPath);

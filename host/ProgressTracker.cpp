@@ -68,6 +68,7 @@ void ProgressTracker::write(const platform::LogLine& line) {
       listener = listener_;
     } else if (isIntrospectionNotice(line.message)) {
       ++state_.examined;
+      state_.lastAdvance = std::chrono::steady_clock::now();
       if (state_.phase == ProgressSnapshot::Phase::Waiting)
         state_.phase = ProgressSnapshot::Phase::Examining;
     } else if (const auto count = announcedItemCount(line.message)) {
@@ -79,6 +80,30 @@ void ProgressTracker::write(const platform::LogLine& line) {
   if (applicationBegan && listener) listener(began);
 }
 
+void ProgressTracker::migrationEntryBegan(std::string_view, std::string_view identifier) {
+  std::lock_guard lock(mutex_);
+  state_.observed = true;
+  state_.phase = ProgressSnapshot::Phase::Migrating;
+  state_.currentApplication = std::string(identifier);
+  state_.currentStep.reset();
+  state_.lastAdvance = std::chrono::steady_clock::now();
+}
+
+void ProgressTracker::migrationEntryStep(std::string_view, MavrelEntryStep step) {
+  std::lock_guard lock(mutex_);
+  state_.observed = true;
+  state_.currentStep = step;
+  state_.lastAdvance = std::chrono::steady_clock::now();
+}
+
+void ProgressTracker::migrationEntryFinished(std::string_view, const MavrelEntryResult&) {
+  std::lock_guard lock(mutex_);
+  state_.observed = true;
+  ++state_.dealtWith;
+  state_.currentStep.reset();
+  state_.lastAdvance = std::chrono::steady_clock::now();
+}
+
 ProgressSnapshot ProgressTracker::snapshot() const {
   std::lock_guard lock(mutex_);
   return state_;
@@ -87,12 +112,15 @@ ProgressSnapshot ProgressTracker::snapshot() const {
 void ProgressTracker::reset() {
   std::lock_guard lock(mutex_);
   state_ = ProgressSnapshot{};
+  state_.lastAdvance = std::chrono::steady_clock::now();
 }
 
-void ProgressTracker::beginPass(std::optional<std::uint64_t> total) {
+void ProgressTracker::beginPass(std::optional<std::uint64_t> total, bool observed) {
   std::lock_guard lock(mutex_);
   state_ = ProgressSnapshot{};
   state_.total = total;
+  state_.observed = observed;
+  state_.lastAdvance = std::chrono::steady_clock::now();
 }
 
 void ProgressTracker::setApplicationListener(ApplicationListener listener) {

@@ -8,10 +8,16 @@
 // The log calls write() under its own lock on the logging thread; snapshot()
 // may be called from any other thread at the same time.
 //
+// It is also the migrator's observer (platform/MavrelMigrator.h): a plug-in
+// that reports its entries gives the count of entries dealt with, the
+// application under way and its step, and the time of the last advance, so
+// that a pass that has stalled can be told from one that is working.
+//
 // The figures only grow and the phase only advances (Waiting, Examining,
 // Migrating), so a display built from snapshots never moves backwards.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,6 +27,7 @@
 #include <string_view>
 
 #include "platform/Log.h"
+#include "platform/MavrelMigrator.h"
 
 namespace mavrel_host {
 
@@ -32,12 +39,19 @@ struct ProgressSnapshot {
   std::uint64_t applicationsBegun = 0;  // applications whose migration has begun
   std::string currentApplication;       // identifier of the latest one
   std::uint64_t errors = 0;             // level-3 lines seen
+  // From the observer: whether the plug-in reports its entries, how many it
+  // has finished, and the step of the application under way.
+  bool observed = false;
+  std::uint64_t dealtWith = 0;
+  std::optional<MavrelEntryStep> currentStep;
+  // When any figure last changed (the start of the pass before that).
+  std::chrono::steady_clock::time_point lastAdvance{};
 
   // The count of the current phase: entries examined, then applications begun.
   std::uint64_t count() const { return phase == Phase::Migrating ? applicationsBegun : examined; }
 };
 
-class ProgressTracker final : public platform::LogSink {
+class ProgressTracker final : public platform::LogSink, public MavrelMigrationObserver {
  public:
   // Called on the logging thread each time an application's migration begins,
   // after the snapshot has been updated.
@@ -47,12 +61,17 @@ class ProgressTracker final : public platform::LogSink {
   explicit ProgressTracker(std::shared_ptr<platform::LogSink> next);
 
   void write(const platform::LogLine& line) override;
+  void migrationEntryBegan(std::string_view entryPath, std::string_view identifier) override;
+  void migrationEntryStep(std::string_view entryPath, MavrelEntryStep step) override;
+  void migrationEntryFinished(std::string_view entryPath, const MavrelEntryResult& result) override;
   ProgressSnapshot snapshot() const;
   // Starts over, for the next migrator.
   void reset();
   // Starts over for a pass whose migrator announced `total` at set-up (the
-  // announcement comes before the pass begins).
-  void beginPass(std::optional<std::uint64_t> total);
+  // announcement comes before the pass begins). `observed`: the migrator was
+  // given this tracker as its observer, so the count of entries dealt with is
+  // shown from the start.
+  void beginPass(std::optional<std::uint64_t> total, bool observed = false);
   void setApplicationListener(ApplicationListener listener);
 
  private:

@@ -110,6 +110,8 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   }
   const auto contents = inspectPayload(*origin + "/" + std::string(kPayloadName), &failure);
   if (!contents) return progress.fail(kFunction, failure, error);
+  if (contents->applicationName.empty() && !contents->vpnPluginName.empty())
+    return acceptPluginPayload(*origin, contents->vpnPluginName, request, progress, error);
   if (contents->applicationName.empty())
     return answerRepeatedRequest(*origin, request, progress, error);
   if (builtIns_.count(request.identifier) != 0)
@@ -205,8 +207,13 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   entry.shortVersion = facts->shortVersion;
   entry.bundleContainer = relative(*bundleContainer);
   entry.bundlePath = relative(*bundleContainer + "/" + contents->applicationName);
-  if (!contents->vpnPluginName.empty())
+  if (!contents->vpnPluginName.empty()) {
     entry.vpnPluginPath = relative(*bundleContainer + "/" + contents->vpnPluginName);
+    // Known under its own identifier, so that the data of a legacy container
+    // that held the plug-in alone finds a home.
+    const std::string plugin = readBundleIdentifier(payload + "/" + contents->vpnPluginName);
+    if (plugin != request.identifier) entry.vpnPluginIdentifier = plugin;
+  }
   if (existing) entry.dataContainer = existing->dataContainer;
   entry.installedFrom = relative(*origin);
   if (!prepareContainers(preparation, facts->groups, &failure)) return restoreAndFail(failure);

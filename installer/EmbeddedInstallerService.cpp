@@ -262,7 +262,7 @@ std::optional<platform::BundleRecord> EmbeddedInstallerService::bundleRecordForI
   }
   if (entry) return recordFor(*entry);
   const auto builtIn = builtIns_.find(identifier);
-  if (builtIn == builtIns_.end()) return std::nullopt;
+  if (builtIn == builtIns_.end()) return pluginRecord(identifier);
   if (auto registered = registerSystemApplication(identifier)) return recordFor(*registered);
   // Without a data container, so that the caller says what is missing.
   ApplicationEntry bare;

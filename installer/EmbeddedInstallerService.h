@@ -18,6 +18,10 @@
 // Built-in applications of the image are known as installed "System"
 // applications; their data containers are made on first need, and installing
 // one is refused as "ApplicationAlreadyInstalled".
+// A VPN plug-in installed with an application is known under its own
+// identifier (bundle type "VPNPlugin", no groups), with a data container made
+// on first need. A package holding such a plug-in alone is accepted: the copy
+// installed with its application stays, the package is consumed.
 //
 // Crash safety: every install records in the registry what it is about to do
 // before doing it (InstallJournal.h), so that an install interrupted at any
@@ -56,6 +60,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -121,8 +126,8 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   bool CorvaneUpdateContainerDataProtectionForMigratorOnly(const CVDictionary& options) override;
 
   bool isApplicationInstalled(std::string_view identifier) override;
-  // For a built-in application, makes its data container first if it has
-  // none yet.
+  // For a built-in application or a VPN plug-in, makes its data container
+  // first if it has none yet.
   std::optional<platform::BundleRecord> bundleRecordForIdentifier(
       std::string_view identifier) override;
 
@@ -158,6 +163,12 @@ class EmbeddedInstallerService final : public platform::InstallerService,
                           const InstallProgress& progress, CVError* error);
   bool answerRepeatedRequest(const std::string& origin, const InstallRequest& request,
                              const InstallProgress& progress, CVError* error);
+  bool acceptPluginPayload(const std::string& origin, const std::string& pluginName,
+                           const InstallRequest& request, const InstallProgress& progress,
+                           CVError* error);
+  std::optional<platform::BundleRecord> pluginRecord(std::string_view identifier);
+  // Makes the plug-in's data container and records it.
+  bool registerPluginDataContainer(PluginEntry& plugin);
   bool refuseBuiltIn(const std::string& origin, const InstallRequest& request,
                      const InstallProgress& progress, CVError* error);
   // Puts the consumed staging directory back where it came from.
@@ -186,6 +197,10 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   // then performs the steps.
   bool registerAndFinish(Preparation& preparation, std::optional<std::int64_t> journal,
                          InstallFailure* failure);
+  // The same with another registration than the preparation's entry.
+  using RegistryWrite = std::function<bool(CVError* error)>;
+  bool commitAndFinish(Preparation& preparation, std::optional<std::int64_t> journal,
+                       const RegistryWrite& record, InstallFailure* failure);
   bool beginWrite(WriteTransaction& transaction, CVError* error);
   bool commitWrite(WriteTransaction& transaction, CVError* error);
   std::string relative(const std::string& absolutePath) const;

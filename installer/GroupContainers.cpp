@@ -1,6 +1,7 @@
 #include "installer/GroupContainers.h"
 
-#include <algorithm>
+#include <string_view>
+#include <unordered_set>
 
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
@@ -30,10 +31,12 @@ std::vector<std::string> readApplicationGroups(const std::string& bundlePath) {
                            "Ignoring \"%@\" of %@: not an array", kApplicationGroupsKey, url);
     return groups;
   }
+  // Duplicates are found through a set: the array may hold millions of names.
+  std::unordered_set<std::string_view> seen;
   for (const CVValue& item : *array) {
     const std::string* group = item.asString();
     if (group == nullptr || group->empty()) continue;
-    if (std::find(groups.begin(), groups.end(), *group) == groups.end()) groups.push_back(*group);
+    if (seen.insert(*group).second) groups.push_back(*group);
   }
   return groups;
 }

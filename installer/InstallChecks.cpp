@@ -103,11 +103,6 @@ std::optional<PayloadContents> inspectPayload(const std::string& payloadPath,
     }
     *slot = name;
   }
-  if (contents.applicationName.empty() && !contents.vpnPluginName.empty()) {
-    fail(failure, InstallError::UnexpectedPayloadContents,
-         payloadPath + " holds a VPN plug-in but no application");
-    return std::nullopt;
-  }
   return contents;
 }
 
@@ -148,6 +143,13 @@ std::optional<BundleFacts> verifyBundle(const std::string& bundlePath,
   facts.shortVersion = stringOrEmpty(*info, kShortVersionKey);
   facts.groups = readApplicationGroups(bundlePath);
   return facts;
+}
+
+std::string readBundleIdentifier(const std::string& bundlePath) {
+  CVError error;
+  const auto info = platform::readPropertyListDictionary(
+      CVURL::fileURLWithPath(bundlePath + "/Info.plist", false), &error);
+  return info ? stringOrEmpty(*info, platform::kBundleIdentifierKey) : std::string();
 }
 
 bool checkBlacklist(const InstallRequest& request, const CVSet& blacklist,

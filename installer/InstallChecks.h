@@ -34,9 +34,10 @@ struct PayloadContents {
   std::string vpnPluginName;    // "" when there is none
 };
 
-// `payloadPath` must be a directory holding exactly one ".app" directory, at
-// most one ".vpnplugin" directory and nothing else; an empty directory is
-// reported as such (applicationName empty), not as a failure.
+// `payloadPath` must be a directory holding at most one ".app" directory, at
+// most one ".vpnplugin" directory and nothing else. An empty directory, or one
+// holding a plug-in alone, is reported as such (applicationName empty), not
+// as a failure: the caller decides.
 std::optional<PayloadContents> inspectPayload(const std::string& payloadPath,
                                               InstallFailure* failure);
 
@@ -51,6 +52,9 @@ struct BundleFacts {
 // bundle.
 std::optional<BundleFacts> verifyBundle(const std::string& bundlePath,
                                         const InstallRequest& request, InstallFailure* failure);
+
+// The identifier the bundle's Info.plist names; "" when it cannot be read.
+std::string readBundleIdentifier(const std::string& bundlePath);
 
 bool checkBlacklist(const InstallRequest& request, const CVSet& blacklist, InstallFailure* failure);
 

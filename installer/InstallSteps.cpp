@@ -120,12 +120,20 @@ bool EmbeddedInstallerService::commitWrite(WriteTransaction& transaction, CVErro
 bool EmbeddedInstallerService::registerAndFinish(Preparation& preparation,
                                                  std::optional<std::int64_t> journal,
                                                  InstallFailure* failure) {
+  return commitAndFinish(
+      preparation, journal,
+      [&](CVError* error) { return store_->putApplication(preparation.entry, error); }, failure);
+}
+
+bool EmbeddedInstallerService::commitAndFinish(Preparation& preparation,
+                                               std::optional<std::int64_t> journal,
+                                               const RegistryWrite& record,
+                                               InstallFailure* failure) {
   CVError error;
   std::optional<std::int64_t> id = journal;
   {
     WriteTransaction transaction(store_->database());
-    bool written =
-        beginWrite(transaction, &error) && store_->putApplication(preparation.entry, &error);
+    bool written = beginWrite(transaction, &error) && record(&error);
     if (written && journal) {
       written = store_->replaceJournal(*journal, JournalPurpose::Finish, preparation.steps, &error);
     } else if (written) {

@@ -37,6 +37,23 @@ CVError makeError(const std::string& path, std::string_view action, int result,
                            action, message, result);
 }
 
+// "file:<path>?immutable=1", with the characters a URI gives a meaning escaped.
+std::string immutableURI(const std::string& path) {
+  std::string uri = "file:";
+  for (const char c : path) {
+    if (c == '%' || c == '?' || c == '#') {
+      static constexpr char kHex[] = "0123456789ABCDEF";
+      const auto byte = static_cast<unsigned char>(c);
+      uri += '%';
+      uri += kHex[byte >> 4];
+      uri += kHex[byte & 0xF];
+    } else {
+      uri += c;
+    }
+  }
+  return uri + "?immutable=1";
+}
+
 }  // namespace
 
 // ---- Statement ----
@@ -144,8 +161,11 @@ std::unique_ptr<RegistryDatabase> RegistryDatabase::open(const std::string& path
   int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW;
   flags |= access == Access::ReadWrite ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE
                                        : SQLITE_OPEN_READONLY;
+  // "immutable=1" makes SQLite take no lock and create no companion file.
+  const std::string name = access == Access::Immutable ? immutableURI(path) : path;
+  if (access == Access::Immutable) flags |= SQLITE_OPEN_URI;
   sqlite3* handle = nullptr;
-  const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
+  const int result = sqlite3_open_v2(name.c_str(), &handle, flags, nullptr);
   if (result != SQLITE_OK) {
     const std::string message = handle != nullptr ? sqlite3_errmsg(handle) : sqlite3_errstr(result);
     sqlite3_close_v2(handle);
@@ -155,7 +175,7 @@ std::unique_ptr<RegistryDatabase> RegistryDatabase::open(const std::string& path
   std::unique_ptr<RegistryDatabase> database(new RegistryDatabase(handle, path, access));
   sqlite3_extended_result_codes(handle, 1);
   sqlite3_busy_timeout(handle, kBusyTimeoutMilliseconds);
-  if (access == Access::ReadOnly) {
+  if (access != Access::ReadWrite) {
     // Reading the schema version touches the file: a damaged one shows here.
     if (!database->queryText("PRAGMA user_version", error)) return nullptr;
     return database;

@@ -90,7 +90,10 @@ class Statement {
 
 class RegistryDatabase {
  public:
-  enum class Access { ReadWrite, ReadOnly };
+  // Immutable reads like ReadOnly but writes nothing at all, not even the
+  // "-wal" and "-shm" companions: only for a database that nobody writes
+  // while it is open and whose WAL holds nothing (there is no "-wal" file).
+  enum class Access { ReadWrite, ReadOnly, Immutable };
 
   // Opens (ReadWrite: creating when missing) the database at `path`, never
   // following a symbolic link there. ReadWrite also switches to WAL mode,

@@ -37,7 +37,7 @@ std::string registryPathForConfiguration(const CVGlobalConfiguration& configurat
 }
 
 std::optional<RegistryListing> readRegistryListing(CVGlobalConfiguration& configuration,
-                                                   CVError* error) {
+                                                   CVError* error, bool writeNothing) {
   RegistryListing listing;
   listing.registryPath = registryPathForConfiguration(configuration);
   // Paths are stored relative to the root, so the configuration's own root
@@ -53,8 +53,10 @@ std::optional<RegistryListing> readRegistryListing(CVGlobalConfiguration& config
   std::vector<JournalEntry> journal;
   listing.registryExists = itemExists(listing.registryPath);
   if (listing.registryExists) {
-    auto store =
-        RegistryStore::open(listing.registryPath, RegistryDatabase::Access::ReadOnly, error);
+    auto store = RegistryStore::open(
+        listing.registryPath,
+        writeNothing ? RegistryDatabase::Access::Immutable : RegistryDatabase::Access::ReadOnly,
+        error);
     if (!store) return std::nullopt;
     ReadTransaction snapshot(store->database());
     if (!snapshot.begin(error) || !store->listApplications(entries, error) ||

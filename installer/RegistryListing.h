@@ -56,7 +56,9 @@ struct RegistryListing {
 // The registry's location under the configuration's home.
 std::string registryPathForConfiguration(const CVGlobalConfiguration& configuration);
 
+// With `writeNothing` the database is opened Immutable (RegistryDatabase.h):
+// no companion file is made, and changes still in a "-wal" file are not seen.
 std::optional<RegistryListing> readRegistryListing(CVGlobalConfiguration& configuration,
-                                                   CVError* error);
+                                                   CVError* error, bool writeNothing = false);
 
 }  // namespace mavrel_installer

@@ -10,7 +10,7 @@ namespace {
 // "MVRG": marks the file as this program's registry.
 constexpr std::int64_t kRegistryApplicationId = 0x4D565247;
 
-constexpr const char* kCreateSchema = R"sql(
+constexpr const char* kCreateSchemaVersion1 = R"sql(
 CREATE TABLE applications (
   identifier TEXT PRIMARY KEY NOT NULL,
   kind TEXT NOT NULL CHECK (kind IN ('User', 'Placeholder', 'System')),
@@ -54,6 +54,18 @@ CREATE TABLE journal_steps (
 ) WITHOUT ROWID;
 PRAGMA application_id = 1297502791;
 PRAGMA user_version = 1;
+)sql";
+
+// Version 2 knows VPN plug-ins under their own identifiers. A new registry is
+// made as version 1 and upgraded, so that there is one definition of each table.
+constexpr const char* kUpgradeFromVersion1 = R"sql(
+CREATE TABLE plugins (
+  identifier TEXT PRIMARY KEY NOT NULL,
+  application TEXT NOT NULL REFERENCES applications (identifier) ON DELETE CASCADE,
+  bundle_path TEXT NOT NULL,
+  data_container TEXT UNIQUE
+) WITHOUT ROWID;
+PRAGMA user_version = 2;
 )sql";
 
 const char* const kStatementText[] = {
@@ -109,8 +121,24 @@ const char* const kStatementText[] = {
     "SELECT id, identifier, purpose FROM journal ORDER BY id",
     // kListJournalSteps
     "SELECT journal, action, source, target FROM journal_steps ORDER BY journal, position",
+    // kFindPlugin
+    "SELECT identifier, application, bundle_path, data_container FROM plugins WHERE identifier "
+    "= ?1",
+    // kListPlugins
+    "SELECT identifier, application, bundle_path, data_container FROM plugins ORDER BY "
+    "identifier",
+    // kUpsertPlugin: a plug-in that moves to another application keeps its data container.
+    "INSERT INTO plugins (identifier, application, bundle_path) VALUES (?1, ?2, ?3) ON CONFLICT "
+    "(identifier) DO UPDATE SET application = excluded.application, bundle_path = "
+    "excluded.bundle_path",
+    // kDropOtherPlugins
+    "DELETE FROM plugins WHERE application = ?1 AND identifier IS NOT ?2",
+    // kSetPluginDataContainer
+    "UPDATE plugins SET data_container = ?2 WHERE identifier = ?1",
+    // kPluginOfApplication
+    "SELECT identifier FROM plugins WHERE application = ?1",
 };
-static_assert(std::size(kStatementText) == 18);
+static_assert(std::size(kStatementText) == 24);
 
 std::string_view purposeName(JournalPurpose purpose) {
   return purpose == JournalPurpose::Finish ? "finish" : "restore";
@@ -134,6 +162,10 @@ ApplicationEntry readApplication(const Statement::Use& use) {
   entry.dataContainer = use.text(7);
   entry.installedFrom = use.text(8);
   return entry;
+}
+
+PluginEntry readPlugin(const Statement::Use& use) {
+  return PluginEntry{use.text(0), use.text(1), use.text(2), use.text(3)};
 }
 
 }  // namespace
@@ -171,18 +203,27 @@ bool RegistryStore::prepareSchema(CVError* error) {
 
   const bool fresh = *applicationId == "0" && *version == "0" && *tables == "0";
   if (fresh) {
-    if (database.access() == RegistryDatabase::Access::ReadOnly) {
+    if (database.access() != RegistryDatabase::Access::ReadWrite) {
       empty_ = true;
       return true;
     }
     WriteTransaction transaction(database);
-    return transaction.begin(error) && database.execute(kCreateSchema, error) &&
-           transaction.commit(error);
+    return transaction.begin(error) && database.execute(kCreateSchemaVersion1, error) &&
+           database.execute(kUpgradeFromVersion1, error) && transaction.commit(error);
   }
   if (*applicationId != std::to_string(kRegistryApplicationId)) {
     CVSetError(error, database.refusal("it is not an application registry (application id " +
                                        *applicationId + ")"));
     return false;
+  }
+  if (*version == "1" && database.access() == RegistryDatabase::Access::ReadWrite) {
+    WriteTransaction transaction(database);
+    return transaction.begin(error) && database.execute(kUpgradeFromVersion1, error) &&
+           transaction.commit(error);
+  }
+  if (*version == "1") {
+    withoutPlugins_ = true;  // read as it is; the next writer upgrades it
+    return true;
   }
   if (*version != std::to_string(kRegistrySchemaVersion)) {
     CVSetError(error, database.refusal("its schema version " + *version + " is not the version " +
@@ -220,11 +261,23 @@ bool RegistryStore::findApplication(std::string_view identifier,
     }
     entry = readApplication(use);
   }
-  Statement::Use use(*memberships);
-  use.bind(1, identifier);
   CVError stepError;
-  while (use.next(&stepError))
-    entry->groups.push_back(GroupMembership{use.text(0), use.text(1)});
+  {
+    Statement::Use use(*memberships);
+    use.bind(1, identifier);
+    while (use.next(&stepError))
+      entry->groups.push_back(GroupMembership{use.text(0), use.text(1)});
+  }
+  if (!stepError && !withoutPlugins_) {
+    Statement* plugin = statement(kPluginOfApplication, error);
+    if (plugin == nullptr) {
+      entry.reset();
+      return false;
+    }
+    Statement::Use use(*plugin);
+    use.bind(1, identifier);
+    if (use.next(&stepError)) entry->vpnPluginIdentifier = use.text(0);
+  }
   if (stepError) {
     entry.reset();
     CVSetError(error, std::move(stepError));
@@ -255,6 +308,16 @@ bool RegistryStore::listApplications(std::vector<ApplicationEntry>& entries, CVE
       if (found != positions.end())
         entries[found->second].groups.push_back(GroupMembership{use.text(1), use.text(2)});
     }
+  }
+  std::vector<PluginEntry> plugins;
+  if (!stepError && !listPlugins(plugins, &stepError)) {
+    entries.clear();
+    CVSetError(error, std::move(stepError));
+    return false;
+  }
+  for (const PluginEntry& plugin : plugins) {
+    const auto found = positions.find(plugin.application);
+    if (found != positions.end()) entries[found->second].vpnPluginIdentifier = plugin.identifier;
   }
   if (stepError) {
     entries.clear();
@@ -301,7 +364,66 @@ bool RegistryStore::putApplication(const ApplicationEntry& entry, CVError* error
              .run(error))
       return false;
   }
-  return true;
+  return putPlugins(entry, error);
+}
+
+bool RegistryStore::putPlugins(const ApplicationEntry& entry, CVError* error) {
+  if (!entry.vpnPluginPath.empty() && entry.vpnPluginIdentifier.empty()) return true;
+  Statement* drop = statement(kDropOtherPlugins, error);
+  Statement* upsert = drop ? statement(kUpsertPlugin, error) : nullptr;
+  if (upsert == nullptr) return false;
+  {
+    Statement::Use use(*drop);
+    if (!use.bind(1, entry.identifier).bindOptional(2, entry.vpnPluginIdentifier).run(error))
+      return false;
+  }
+  if (entry.vpnPluginIdentifier.empty()) return true;
+  Statement::Use use(*upsert);
+  return use.bind(1, entry.vpnPluginIdentifier)
+      .bind(2, entry.identifier)
+      .bind(3, entry.vpnPluginPath)
+      .run(error);
+}
+
+bool RegistryStore::findPlugin(std::string_view identifier, std::optional<PluginEntry>& entry,
+                               CVError* error) {
+  entry.reset();
+  if (empty_ || withoutPlugins_) return true;
+  Statement* find = statement(kFindPlugin, error);
+  if (find == nullptr) return false;
+  Statement::Use use(*find);
+  use.bind(1, identifier);
+  CVError stepError;
+  if (use.next(&stepError)) {
+    entry = readPlugin(use);
+    return true;
+  }
+  if (!stepError) return true;
+  CVSetError(error, std::move(stepError));
+  return false;
+}
+
+bool RegistryStore::listPlugins(std::vector<PluginEntry>& entries, CVError* error) {
+  entries.clear();
+  if (empty_ || withoutPlugins_) return true;
+  Statement* list = statement(kListPlugins, error);
+  if (list == nullptr) return false;
+  Statement::Use use(*list);
+  CVError stepError;
+  while (use.next(&stepError))
+    entries.push_back(readPlugin(use));
+  if (!stepError) return true;
+  entries.clear();
+  CVSetError(error, std::move(stepError));
+  return false;
+}
+
+bool RegistryStore::setPluginDataContainer(std::string_view identifier,
+                                           std::string_view dataContainer, CVError* error) {
+  Statement* update = statement(kSetPluginDataContainer, error);
+  if (update == nullptr) return false;
+  Statement::Use use(*update);
+  return use.bind(1, identifier).bind(2, dataContainer).run(error);
 }
 
 bool RegistryStore::findGroupContainer(std::string_view groupIdentifier,

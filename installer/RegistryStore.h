@@ -24,7 +24,7 @@
 
 namespace mavrel_installer {
 
-inline constexpr int kRegistrySchemaVersion = 1;
+inline constexpr int kRegistrySchemaVersion = 2;
 
 enum class ApplicationKind { User, Placeholder, System };
 // "User", "Placeholder", "System": the bundle types of bundle records.
@@ -38,14 +38,26 @@ struct GroupMembership {
 struct ApplicationEntry {
   std::string identifier;
   ApplicationKind kind = ApplicationKind::User;
-  std::string version;                  // "QXBundleVersion", "" when none
-  std::string shortVersion;             // "QXBundleShortVersionString", "" when none
-  std::string bundleContainer;          // "" for built-in applications
-  std::string bundlePath;               // the .app bundle
-  std::string vpnPluginPath;            // "" when none
+  std::string version;          // "QXBundleVersion", "" when none
+  std::string shortVersion;     // "QXBundleShortVersionString", "" when none
+  std::string bundleContainer;  // "" for built-in applications
+  std::string bundlePath;       // the .app bundle
+  std::string vpnPluginPath;    // "" when none
+  // The plug-in's own identifier, under which the registry knows it; "" when
+  // the application ships none or its plug-in has no readable identifier.
+  std::string vpnPluginIdentifier;
   std::string dataContainer;            // "" until one is made
   std::string installedFrom;            // the staging directory of the last customer install
   std::vector<GroupMembership> groups;  // in the order of the entitlements
+};
+
+// A VPN plug-in installed with an application, known under its own
+// identifier, with a data container of its own once one is needed.
+struct PluginEntry {
+  std::string identifier;
+  std::string application;    // the application that ships it
+  std::string bundlePath;     // the .vpnplugin bundle, inside the application's bundle container
+  std::string dataContainer;  // "" until one is made
 };
 
 struct HarborEntry {
@@ -88,8 +100,15 @@ class RegistryStore {
                        CVError* error);
   bool listApplications(std::vector<ApplicationEntry>& entries, CVError* error);
   // Inserts or replaces the application and its group memberships; group
-  // containers not yet known are recorded.
+  // containers not yet known are recorded. With a plug-in identifier the
+  // plug-in is recorded too (keeping its data container); without a plug-in
+  // path the application's plug-ins are forgotten; a plug-in path without an
+  // identifier leaves them as they are.
   bool putApplication(const ApplicationEntry& entry, CVError* error);
+  bool findPlugin(std::string_view identifier, std::optional<PluginEntry>& entry, CVError* error);
+  bool listPlugins(std::vector<PluginEntry>& entries, CVError* error);
+  bool setPluginDataContainer(std::string_view identifier, std::string_view dataContainer,
+                              CVError* error);
   bool findGroupContainer(std::string_view groupIdentifier, std::optional<std::string>& container,
                           CVError* error);
 
@@ -124,6 +143,12 @@ class RegistryStore {
     kRemoveJournal,
     kListJournal,
     kListJournalSteps,
+    kFindPlugin,
+    kListPlugins,
+    kUpsertPlugin,
+    kDropOtherPlugins,
+    kSetPluginDataContainer,
+    kPluginOfApplication,
     kSlotCount
   };
   explicit RegistryStore(std::unique_ptr<RegistryDatabase> database)
@@ -135,7 +160,9 @@ class RegistryStore {
   std::unique_ptr<RegistryDatabase> database_;
   // Destroyed before database_ (members go in reverse order).
   std::optional<Statement> statements_[kSlotCount];
-  bool empty_ = false;  // a ReadOnly store over a file without schema
+  bool empty_ = false;           // a ReadOnly store over a file without schema
+  bool withoutPlugins_ = false;  // a ReadOnly store over a version 1 schema
+  bool putPlugins(const ApplicationEntry& entry, CVError* error);
 };
 
 }  // namespace mavrel_installer

@@ -176,7 +176,8 @@ std::optional<std::vector<std::uint8_t>> readFileContents(const CVURL& url, std:
   return bytes;
 }
 
-bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, CVError* error) {
+bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, CVError* error,
+                         WriteDurability durability) {
   if (url.isNil() || url.path() == "/") {
     CVSetError(error, posixCallError(EINVAL, "open", displayPath(url)));
     return false;
@@ -209,7 +210,8 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, 
     CVSetError(error, posixCallError(failedErrno, "write", asidePath));
     return false;
   }
-  if (const int syncErrno = fsyncRetrying(fd.get()); syncErrno != 0) {
+  const bool flushContents = durability != WriteDurability::NotFlushed;
+  if (const int syncErrno = flushContents ? fsyncRetrying(fd.get()) : 0; syncErrno != 0) {
     CVSetError(error, posixCallError(syncErrno, "fsync", asidePath));
     return false;
   }
@@ -224,6 +226,7 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, 
     return false;
   }
   aside.commit();
+  if (durability != WriteDurability::Flushed) return true;
 
   // Flush the directory so that the rename itself survives a crash.
   UniqueFd directory(::open(directoryPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -71,7 +71,7 @@ class InstallerService {
 // What the registry knows of one installed application.
 struct BundleRecord {
   std::string bundleIdentifier;
-  std::string bundleType;  // "User", "System" or "Placeholder"
+  std::string bundleType;  // "User", "System", "Placeholder" or "VPNPlugin"
   CVURL bundleURL;
   CVURL bundleContainerURL;
   CVURL dataContainerURL;  // nil when the application has none

@@ -161,7 +161,8 @@ std::vector<std::uint8_t> encodeBinaryPropertyList(const CVValue& value) {
   return bytes;
 }
 
-bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error) {
+bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error,
+                                 WriteDurability durability) {
   const std::string path = url.isNil() ? std::string("(null)") : url.path();
   const std::string xml = encodeXMLPropertyList(value);
   if (xml.empty()) {
@@ -173,7 +174,7 @@ bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError
   }
   CVError writeError;
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(xml.data());
-  if (!writeFileAtomically(url, std::span(bytes, xml.size()), &writeError)) {
+  if (!writeFileAtomically(url, std::span(bytes, xml.size()), &writeError, durability)) {
     CVSetError(error, platformError(kPlatformFileWriteUnknownError,
                                     "The property list could not be written to " + path + ": " +
                                         writeError.localizedDescription(),

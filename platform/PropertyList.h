@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/Error.h"
+#include "platform/FileIO.h"
 #include "platform/URL.h"
 #include "platform/Value.h"
 
@@ -56,9 +57,10 @@ std::vector<std::uint8_t> encodeBinaryPropertyList(const CVValue& value);
 // Writes `value` as an XML property list: written aside in the same directory,
 // flushed, renamed into place, and the directory flushed. On failure the file
 // at `url` is left as it was and nothing is left aside (see
-// writeFileAtomically for the one exception). Failure: a kPlatformErrorDomain
-// / kPlatformFileWriteUnknownError record, with the POSIX error as underlying
-// error when a system call failed.
-bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error);
+// writeFileAtomically for the one exception; and for `durability`). Failure:
+// a kPlatformErrorDomain / kPlatformFileWriteUnknownError record, with the
+// POSIX error as underlying error when a system call failed.
+bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error,
+                                 WriteDurability durability = WriteDurability::Flushed);
 
 }  // namespace platform

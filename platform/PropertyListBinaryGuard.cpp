@@ -10,7 +10,10 @@ namespace {
 constexpr std::size_t kHeaderSize = 8;  // "bplist00"
 constexpr std::size_t kTrailerSize = 32;
 
-// Object markers (high nibble) of the container kinds.
+// Object markers (high nibble) of the container kinds and of the two string
+// kinds a dictionary key may be.
+constexpr std::uint8_t kASCIIStringMarker = 0x5;
+constexpr std::uint8_t kUTF16StringMarker = 0x6;
 constexpr std::uint8_t kArrayMarker = 0xA;
 constexpr std::uint8_t kSetMarker = 0xC;
 constexpr std::uint8_t kDictionaryMarker = 0xD;
@@ -51,26 +54,57 @@ class BinaryScan {
     return static_cast<std::size_t>(offset);
   }
 
+  // The count of the object at `offset` (elements, characters or UTF-16
+  // units): the marker's low nibble, or the integer object that follows it.
+  // `position` is left just after the count.
+  std::optional<std::string> readCount(std::size_t offset, std::uint64_t& count,
+                                       std::size_t& position) const {
+    count = bytes_[offset] & 0x0F;
+    position = offset + 1;
+    if (count != 0x0F) return std::nullopt;
+    // The count follows as an integer object of 1, 2, 4 or 8 bytes.
+    const std::size_t end = bytes_.size() - kTrailerSize;
+    if (position >= end) return "count outside the data";
+    const std::uint8_t countMarker = bytes_[position];
+    const std::size_t width = std::size_t{1} << (countMarker & 0x0F);
+    if ((countMarker >> 4) != 0x1 || width > 8) return "invalid count";
+    if (end - position - 1 < width) return "count outside the data";
+    count = readBigEndian(bytes_, position + 1, width);
+    position += 1 + width;
+    return std::nullopt;
+  }
+
+  // Whether object `index` can be a dictionary key: a string, ASCII or
+  // UTF-16, without a NUL character (libplist asserts on such a key).
+  std::optional<std::string> checkKey(std::uint64_t index) const {
+    const auto offset = objectOffset(index);
+    if (!offset) return "object offset outside the data";
+    const std::uint8_t kind = bytes_[*offset] >> 4;
+    if (kind != kASCIIStringMarker && kind != kUTF16StringMarker)
+      return "a dictionary key that is not a string";
+    std::uint64_t length = 0;
+    std::size_t position = 0;
+    if (auto reason = readCount(*offset, length, position)) return reason;
+    const std::size_t unit = kind == kUTF16StringMarker ? 2 : 1;
+    const std::size_t end = bytes_.size() - kTrailerSize;
+    if (position > end || length > (end - position) / unit) return "string outside the data";
+    for (std::size_t i = 0; i < length; ++i) {
+      if (readBigEndian(bytes_, position + i * unit, unit) == 0)
+        return "a dictionary key holding a NUL character";
+    }
+    return std::nullopt;
+  }
+
   // The references of the object at `offset` (none for a scalar), or a reason.
   std::optional<std::string> references(std::size_t offset, References& result) const {
     result = References{};
-    const std::uint8_t marker = bytes_[offset];
-    const std::uint8_t kind = marker >> 4;
+    const std::uint8_t kind = bytes_[offset] >> 4;
     if (kind != kArrayMarker && kind != kSetMarker && kind != kDictionaryMarker)
       return std::nullopt;
-    std::uint64_t count = marker & 0x0F;
-    std::size_t position = offset + 1;
+    std::uint64_t count = 0;
+    std::size_t position = 0;
+    if (auto reason = readCount(offset, count, position)) return "container " + *reason;
     const std::size_t end = bytes_.size() - kTrailerSize;
-    if (count == 0x0F) {
-      // The count follows as an integer object of 1, 2, 4 or 8 bytes.
-      if (position >= end) return "container count outside the data";
-      const std::uint8_t countMarker = bytes_[position];
-      const std::size_t width = std::size_t{1} << (countMarker & 0x0F);
-      if ((countMarker >> 4) != 0x1 || width > 8) return "invalid container count";
-      if (end - position - 1 < width) return "container count outside the data";
-      count = readBigEndian(bytes_, position + 1, width);
-      position += 1 + width;
-    }
     if (kind == kDictionaryMarker) {
       if (count > (end / 2)) return "container references outside the data";
       count *= 2;
@@ -119,6 +153,7 @@ struct Frame {
   std::uint64_t nextReference = 0;
   std::uint64_t nodes = 1;  // this object plus the children finished so far
   std::size_t height = 1;   // containers on the longest chain below and including it
+  bool dictionary = false;  // its first half of references are keys
 };
 
 }  // namespace
@@ -139,6 +174,7 @@ std::optional<std::string> checkBinary(std::span<const std::uint8_t> bytes,
   std::vector<Visit> state(count, Visit::New);
   std::vector<std::uint64_t> nodes(count, 0);
   std::vector<std::uint32_t> heights(count, 0);
+  std::vector<bool> keyChecked(count, false);
   std::vector<Frame> stack;
 
   const auto enter = [&](std::uint64_t object) -> std::optional<std::string> {
@@ -151,6 +187,7 @@ std::optional<std::string> checkBinary(std::span<const std::uint8_t> bytes,
                              (bytes[*offset] >> 4) == kSetMarker ||
                              (bytes[*offset] >> 4) == kDictionaryMarker;
     frame.height = isContainer ? 1 : 0;
+    frame.dictionary = (bytes[*offset] >> 4) == kDictionaryMarker;
     if (isContainer && stack.size() + 1 > maxContainerDepth) return "nested too deeply";
     state[static_cast<std::size_t>(object)] = Visit::Open;
     stack.push_back(frame);
@@ -175,8 +212,14 @@ std::optional<std::string> checkBinary(std::span<const std::uint8_t> bytes,
       }
       continue;
     }
+    const bool isKey = frame.dictionary && frame.nextReference < frame.references.count / 2;
     const std::uint64_t child = scan.reference(frame.references, frame.nextReference++);
     if (child >= trailer.objectCount) return "object reference outside the object table";
+    if (isKey && !keyChecked[static_cast<std::size_t>(child)]) {
+      // Once per object: a key may be referenced from many dictionaries.
+      if (auto reason = scan.checkKey(child)) return reason;
+      keyChecked[static_cast<std::size_t>(child)] = true;
+    }
     switch (state[static_cast<std::size_t>(child)]) {
       case Visit::Open:
         return "contains a reference cycle";

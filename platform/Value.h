@@ -71,9 +71,11 @@ class CVArray {
   CVArray() = default;
   CVArray(std::initializer_list<CVValue> values);
 
-  std::size_t count() const { return items_.size(); }
+  // Defined after CVValue: clang instantiates the vector's constexpr members
+  // here and needs the element type complete.
+  std::size_t count() const;
   bool empty() const { return items_.empty(); }
-  const CVValue& operator[](std::size_t index) const { return items_[index]; }
+  const CVValue& operator[](std::size_t index) const;
   void append(CVValue value);
   void insertAtFront(CVValue value);
   auto begin() const { return items_.begin(); }
@@ -130,7 +132,7 @@ class CVSet {
  public:
   CVSet() = default;
   CVSet(std::initializer_list<CVValue> values);
-  std::size_t count() const { return items_.size(); }
+  std::size_t count() const;  // defined after CVValue, as CVArray::count
   bool empty() const { return items_.empty(); }
   bool contains(const CVValue& value) const;
   // Adds `value` unless an equal value is already present.
@@ -200,3 +202,13 @@ class CVValue {
                CVURL, CVError>
       storage_;
 };
+
+inline std::size_t CVArray::count() const {
+  return items_.size();
+}
+inline const CVValue& CVArray::operator[](std::size_t index) const {
+  return items_[index];
+}
+inline std::size_t CVSet::count() const {
+  return items_.size();
+}

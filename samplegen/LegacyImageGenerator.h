@@ -53,7 +53,8 @@ struct GeneratorOptions {
   std::uint64_t seed = 1;
   // Multiplies the size of every user-data file (0 keeps the files, empty).
   double dataScale = 1.0;
-  // VPN-only containers; by default one per 50 applications (at least one
+  // VPN-only containers, each holding the data of a plug-in that one of the
+  // applications ships; by default one per 50 applications (at least one
   // from 4 applications on).
   std::optional<std::size_t> vpnOnlyCount;
   // Applications (by identifier or zero-based index) whose bundle lacks its

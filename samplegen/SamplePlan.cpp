@@ -296,17 +296,28 @@ class Planner {
     }
   }
 
+  // A VPN-only container holds the data of a VPN plug-in that an application
+  // also ships: the plug-in had a container of its own on the old system.
   void planVPNOnlyContainers() {
     const std::size_t apps = options_.applicationCount;
     const std::size_t count = options_.vpnOnlyCount.value_or(
         apps >= kEveryKindFrom ? std::max<std::size_t>(1, apps / 50) : 0);
-    for (std::size_t index = 0; index < count; ++index) {
+    std::vector<std::size_t> shipping;
+    for (const ApplicationPlan& app : plan_.applications) {
+      if (app.vpnPlugin) shipping.push_back(app.index);
+    }
+    for (std::size_t index = 0; index < plan_.applications.size() && shipping.size() < count;
+         ++index) {
+      ApplicationPlan& app = plan_.applications[index];
+      if (app.vpnPlugin || app.builtInDuplicate) continue;
+      addVPNPlugin(app);
+      shipping.push_back(index);
+    }
+    for (std::size_t index = 0; index < count && index < shipping.size(); ++index) {
       VPNOnlyPlan container;
       container.index = index;
       container.containerName = random_.uuid();
-      const VendorName vendor = makeVendorName(random_);
-      auto [identifier, product] = freshIdentity(vendor, ".vpnplugin");
-      container.plugin = pluginBundle(identifier, product.bundle + "VPN");
+      container.plugin = *plan_.applications[shipping[index]].vpnPlugin;
       plan_.vpnOnlyContainers.push_back(std::move(container));
     }
   }

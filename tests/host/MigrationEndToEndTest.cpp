@@ -43,7 +43,6 @@ class MigrationEndToEndTest : public ::testing::Test {
         samplegen::prepareImageRoot(image_.path() + "/image", /*replace=*/false, &error);
     EXPECT_TRUE(root.has_value()) << error.description();
     options.root = root.value_or("");
-    options.vpnOnlyCount = 0;
     auto manifest = samplegen::generateLegacyImage(options, &error);
     EXPECT_TRUE(manifest.has_value()) << error.description();
     return manifest.value_or(samplegen::ImageManifest());
@@ -124,6 +123,7 @@ TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrives) {
 
   const auto registry = openRegistry(manifest);
   ASSERT_NE(registry, nullptr);
+  EXPECT_GT(manifest.vpnOnlyCount(), 0u);
   for (const auto& container : manifest.containers) {
     expectDataArrived(*registry, container.identifier);
     const auto record = registry->bundleRecordForIdentifier(container.identifier);
@@ -132,7 +132,10 @@ TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrives) {
       EXPECT_EQ(record->bundleType, "System") << container.identifier;
       continue;
     }
-    EXPECT_EQ(record->bundleType, "User") << container.identifier;
+    // A VPN-only container's data belongs to the plug-in that its
+    // application installed.
+    EXPECT_EQ(record->bundleType, container.containerType == "VPNBundle" ? "VPNPlugin" : "User")
+        << container.identifier;
     EXPECT_TRUE(record->foundBackingBundle) << container.identifier;
     // Group contents arrived in the group containers the registry assigned.
     ASSERT_TRUE(record->groupContainerURLs.has_value());

@@ -1,0 +1,283 @@
+#include "host/UserDataVerification.h"
+
+#include <map>
+#include <optional>
+
+#include "AppMigrator/AppMigrator.h"
+#include "AppMigrator/ContainerClassification.h"
+#include "host/DataUsage.h"
+#include "host/ParallelFor.h"
+#include "installer/InstallerFiles.h"
+#include "platform/PropertyList.h"
+#include "shared/configuration/CVGlobalConfiguration.h"
+#include "shared/filemanager/CVFileManager.h"
+#include "shared/support/CVFileDigest.h"
+
+namespace mavrel_host {
+namespace {
+
+constexpr std::string_view kGroupContainersKey = "GroupContainers";
+constexpr std::string_view kGroupContainerPathKey = "Container";
+constexpr std::size_t kExamplesKept = 20;
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+std::optional<std::array<std::uint8_t, 32>> digestOf(const std::string& path) {
+  const auto hex = CVCreateSHA256Digest(path);
+  if (!hex || hex->size() != 64) return std::nullopt;
+  std::array<std::uint8_t, 32> bytes{};
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const int high = hexValue((*hex)[2 * i]);
+    const int low = hexValue((*hex)[2 * i + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    bytes[i] = static_cast<std::uint8_t>(high * 16 + low);
+  }
+  return bytes;
+}
+
+// The regular files below `root`, prefixed with `prefix`; digests come later.
+void listFiles(const std::string& root, const std::string& prefix, ManifestSource& source) {
+  walkRegularFiles(root, [&](std::string_view relative, std::uint64_t size) {
+    source.files.push_back(ManifestFile{prefix + std::string(relative), size, {}});
+  });
+}
+
+// Fills in every digest on `workers` threads; drops (and counts) the files
+// that cannot be read.
+void computeDigests(UserDataManifest& manifest, unsigned workers) {
+  struct Slot {
+    ManifestSource* source;
+    std::size_t index;
+  };
+  std::vector<Slot> slots;
+  for (ManifestSource& source : manifest.sources) {
+    for (std::size_t i = 0; i < source.files.size(); ++i)
+      slots.push_back({&source, i});
+  }
+  std::vector<std::uint8_t> unreadable(slots.size(), 0);
+  parallelFor(slots.size(), workers, [&](std::size_t i) {
+    ManifestFile& file = slots[i].source->files[slots[i].index];
+    const auto digest = digestOf(slots[i].source->legacyPath + "/" + file.relativePath);
+    if (digest) {
+      file.digest = *digest;
+    } else {
+      unreadable[i] = 1;
+    }
+  });
+  // Drop the unreadable files; the slots are in the sources' order.
+  std::size_t slot = 0;
+  for (ManifestSource& source : manifest.sources) {
+    std::vector<ManifestFile> kept;
+    kept.reserve(source.files.size());
+    for (ManifestFile& file : source.files) {
+      if (unreadable[slot++] != 0) {
+        ++manifest.unreadable;
+      } else {
+        kept.push_back(std::move(file));
+      }
+    }
+    source.files = std::move(kept);
+  }
+}
+
+// Where each source's files should be after the pass, from the registry.
+std::vector<std::string> newPlaces(const UserDataManifest& manifest,
+                                   platform::ApplicationRegistry& registry) {
+  std::map<std::string, std::string, std::less<>> groupPlaces;
+  std::vector<std::string> places(manifest.sources.size());
+  for (std::size_t i = 0; i < manifest.sources.size(); ++i) {
+    const ManifestSource& source = manifest.sources[i];
+    if (source.kind != ManifestSource::Kind::Container || source.identifier.empty()) continue;
+    const auto record = registry.bundleRecordForIdentifier(source.identifier);
+    if (!record) continue;
+    if (record->dataContainerURL) places[i] = record->dataContainerURL.path();
+    if (!record->groupContainerURLs) continue;
+    for (std::size_t g = 0; g < record->groupContainerURLs->count(); ++g) {
+      const CVURL* url = record->groupContainerURLs->valueAt(g).asURL();
+      if (url != nullptr && *url)
+        groupPlaces.emplace(record->groupContainerURLs->keys()[g], url->path());
+    }
+  }
+  for (std::size_t i = 0; i < manifest.sources.size(); ++i) {
+    const ManifestSource& source = manifest.sources[i];
+    if (source.kind != ManifestSource::Kind::GroupContainer) continue;
+    if (const auto found = groupPlaces.find(source.identifier); found != groupPlaces.end())
+      places[i] = found->second;
+  }
+  return places;
+}
+
+enum class Finding { Verified, StillInLegacy, Missing, Changed };
+
+bool matches(const std::string& path, const ManifestFile& file, bool* readable) {
+  *readable = true;
+  if (mavrel_installer::itemKindAtPath(path) != mavrel_installer::ItemKind::Regular) {
+    *readable = false;
+    return false;
+  }
+  // Equal digests mean equal contents, sizes included.
+  const auto digest = digestOf(path);
+  return digest && *digest == file.digest;
+}
+
+Finding check(const ManifestFile& file, const std::string& newPlace, const std::string& oldPlace) {
+  bool present = false;
+  if (!newPlace.empty()) {
+    if (matches(newPlace + "/" + file.relativePath, file, &present)) return Finding::Verified;
+    if (present) return Finding::Changed;
+  }
+  if (matches(oldPlace + "/" + file.relativePath, file, &present)) return Finding::StillInLegacy;
+  return present ? Finding::Changed : Finding::Missing;
+}
+
+}  // namespace
+
+std::uint64_t UserDataManifest::fileCount() const {
+  std::uint64_t count = 0;
+  for (const ManifestSource& source : sources)
+    count += source.files.size();
+  return count;
+}
+
+std::uint64_t UserDataManifest::byteCount() const {
+  std::uint64_t bytes = 0;
+  for (const ManifestSource& source : sources) {
+    for (const ManifestFile& file : source.files)
+      bytes += file.size;
+  }
+  return bytes;
+}
+
+UserDataManifest collectUserDataManifest(CVGlobalConfiguration& configuration, unsigned workers) {
+  UserDataManifest manifest;
+  CVFileManager& fileManager = CVFileManager::defaultManager();
+  const auto entries = fileManager.urlsForItemsInDirectoryAtURL(configuration.oldContainerPath(),
+                                                                /*ignoringSymlinks=*/true, nullptr);
+  for (const CVURL& entry : entries.value_or(std::vector<CVURL>())) {
+    if (mavrel_installer::itemKindAtPath(entry.path()) != mavrel_installer::ItemKind::Directory)
+      continue;
+    ManifestSource source;
+    source.kind = ManifestSource::Kind::Container;
+    source.legacyPath = entry.path();
+    const LegacyEntryClassification classification = CVClassifyLegacyEntry(entry);
+    source.removedByDesign = classification.removeEntry;
+    if (classification.record) {
+      if (const std::string* identifier = classification.record->findString(kBundleIdentifierKey))
+        source.identifier = *identifier;
+    }
+    for (const std::string& item : configuration.appUserDataItemNames())
+      listFiles(entry.path() + "/" + item, item + "/", source);
+    manifest.sources.push_back(std::move(source));
+  }
+
+  const auto installMap =
+      platform::readPropertyListDictionary(configuration.oldInstallMapPath(), nullptr);
+  const CVDictionary* groups =
+      installMap ? installMap->findDictionary(kGroupContainersKey) : nullptr;
+  for (std::size_t i = 0; groups != nullptr && i < groups->count(); ++i) {
+    const CVDictionary* group = groups->valueAt(i).asDictionary();
+    const std::string* path = group ? group->findString(kGroupContainerPathKey) : nullptr;
+    if (path == nullptr) continue;
+    ManifestSource source;
+    source.kind = ManifestSource::Kind::GroupContainer;
+    source.identifier = groups->keys()[i];
+    source.legacyPath = *path;
+    listFiles(*path, "", source);
+    manifest.sources.push_back(std::move(source));
+  }
+  computeDigests(manifest, workers);
+  return manifest;
+}
+
+VerificationResult verifyUserData(const UserDataManifest& manifest,
+                                  platform::ApplicationRegistry& registry, unsigned workers) {
+  const std::vector<std::string> places = newPlaces(manifest, registry);
+  struct Slot {
+    std::size_t source;
+    std::size_t file;
+  };
+  std::vector<Slot> slots;
+  for (std::size_t s = 0; s < manifest.sources.size(); ++s) {
+    for (std::size_t f = 0; f < manifest.sources[s].files.size(); ++f)
+      slots.push_back({s, f});
+  }
+  std::vector<Finding> findings(slots.size(), Finding::Missing);
+  parallelFor(slots.size(), workers, [&](std::size_t i) {
+    const ManifestSource& source = manifest.sources[slots[i].source];
+    findings[i] = check(source.files[slots[i].file], places[slots[i].source], source.legacyPath);
+  });
+
+  VerificationResult result;
+  result.unreadableBefore = manifest.unreadable;
+  for (std::size_t i = 0; i < slots.size(); ++i) {
+    const ManifestSource& source = manifest.sources[slots[i].source];
+    const ManifestFile& file = source.files[slots[i].file];
+    if (source.removedByDesign && findings[i] == Finding::Missing) {
+      ++result.removedByDesign;
+      continue;
+    }
+    ++result.files;
+    result.bytes += file.size;
+    const std::string oldPath = source.legacyPath + "/" + file.relativePath;
+    switch (findings[i]) {
+      case Finding::Verified:
+        ++result.verified;
+        result.verifiedBytes += file.size;
+        break;
+      case Finding::StillInLegacy:
+        ++result.stillInLegacy;
+        break;
+      case Finding::Missing:
+        ++result.missing;
+        if (result.missingExamples.size() < kExamplesKept)
+          result.missingExamples.push_back(oldPath);
+        break;
+      case Finding::Changed:
+        ++result.changed;
+        if (result.changedExamples.size() < kExamplesKept)
+          result.changedExamples.push_back(oldPath);
+        break;
+    }
+  }
+  return result;
+}
+
+std::string formatVerification(const VerificationResult& result, bool passSucceeded) {
+  std::string text = "Verified " + std::to_string(result.verified) + " of " +
+                     std::to_string(result.files) + " user-data files (" +
+                     formatBytes(result.verifiedBytes) + " of " + formatBytes(result.bytes) +
+                     ") at their new places";
+  if (result.stillInLegacy > 0)
+    text += "; " + std::to_string(result.stillInLegacy) +
+            " still unchanged in legacy containers that were kept";
+  text += ".\n";
+  if (result.removedByDesign > 0)
+    text += std::to_string(result.removedByDesign) +
+            " file(s) were removed with legacy containers that held no application, as "
+            "'mavrel plan' shows.\n";
+  if (result.unreadableBefore > 0)
+    text += std::to_string(result.unreadableBefore) +
+            " file(s) could not be read before the migration and were not checked.\n";
+  if (result.dataLost()) {
+    text += "USER DATA LOST: " + std::to_string(result.missing) + " file(s) missing, " +
+            std::to_string(result.changed) + " file(s) changed.\n";
+    for (const std::string& path : result.missingExamples)
+      text += "  missing: " + path + "\n";
+    for (const std::string& path : result.changedExamples)
+      text += "  changed: " + path + "\n";
+  } else if (!passSucceeded) {
+    text +=
+        "The migration failed, but no user data was lost: every file is at its new place "
+        "or still in its legacy container.\n";
+  } else {
+    text += "No user data was lost.\n";
+  }
+  return text;
+}
+
+}  // namespace mavrel_host

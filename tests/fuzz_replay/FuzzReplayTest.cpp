@@ -1,0 +1,98 @@
+// Replays every kept fuzz input through its target under the ordinary
+// sanitizer build: the corpus (inputs that cover the readers) and the
+// regression inputs (each once crashed or hung a reader). A target aborts on
+// a broken invariant and the sanitizers stop on a memory or undefined-
+// behaviour fault, so a reader that regresses fails this suite.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#define MAVREL_REPLAY_TARGET(name) \
+  extern "C" int replay##name(const std::uint8_t* data, std::size_t size);
+MAVREL_REPLAY_TARGET(MigrationMarker)
+MAVREL_REPLAY_TARGET(InstallMap)
+MAVREL_REPLAY_TARGET(HarborMap)
+MAVREL_REPLAY_TARGET(VersionRecord)
+MAVREL_REPLAY_TARGET(Preferences)
+MAVREL_REPLAY_TARGET(InfoPlist)
+MAVREL_REPLAY_TARGET(Entitlements)
+MAVREL_REPLAY_TARGET(SystemBuild)
+MAVREL_REPLAY_TARGET(IconPNG)
+#undef MAVREL_REPLAY_TARGET
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ReplayTarget {
+  const char* name;  // directory name under fuzz/corpus and fuzz/regressions
+  int (*run)(const std::uint8_t* data, std::size_t size);
+};
+
+const ReplayTarget kTargets[] = {
+    {"migration_marker", replayMigrationMarker},
+    {"install_map", replayInstallMap},
+    {"harbor_map", replayHarborMap},
+    {"version_record", replayVersionRecord},
+    {"preferences", replayPreferences},
+    {"info_plist", replayInfoPlist},
+    {"entitlements", replayEntitlements},
+    {"system_build", replaySystemBuild},
+    {"icon_png", replayIconPNG},
+};
+
+// The regular files directly inside `directory`, sorted; none when it is absent.
+std::vector<fs::path> inputsIn(const fs::path& directory) {
+  std::vector<fs::path> inputs;
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
+    if (entry.is_regular_file()) inputs.push_back(entry.path());
+  }
+  std::sort(inputs.begin(), inputs.end());
+  return inputs;
+}
+
+std::vector<std::uint8_t> readInput(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+std::size_t replayAll(const ReplayTarget& target, const fs::path& directory) {
+  const std::vector<fs::path> inputs = inputsIn(directory);
+  for (const fs::path& input : inputs) {
+    SCOPED_TRACE(input.string());
+    const std::vector<std::uint8_t> bytes = readInput(input);
+    EXPECT_EQ(target.run(bytes.data(), bytes.size()), 0);
+  }
+  return inputs.size();
+}
+
+class FuzzReplayTest : public ::testing::TestWithParam<ReplayTarget> {};
+
+TEST_P(FuzzReplayTest, CorpusAndRegressionInputsRunCleanly) {
+  const fs::path fuzzDirectory(MAVREL_FUZZ_DIR);
+  const std::size_t corpus = replayAll(GetParam(), fuzzDirectory / "corpus" / GetParam().name);
+  replayAll(GetParam(), fuzzDirectory / "regressions" / GetParam().name);
+  // An empty corpus would make this suite pass without testing anything.
+  EXPECT_GT(corpus, 0u) << "no corpus for " << GetParam().name;
+}
+
+// The empty input is every reader's first edge case.
+TEST_P(FuzzReplayTest, EmptyInputRunsCleanly) {
+  const std::uint8_t nothing = 0;
+  EXPECT_EQ(GetParam().run(&nothing, 0), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Targets, FuzzReplayTest, ::testing::ValuesIn(kTargets),
+                         [](const ::testing::TestParamInfo<ReplayTarget>& target) {
+                           return std::string(target.param.name);
+                         });
+
+}  // namespace

@@ -1,0 +1,317 @@
+// The crash promise of `mavrel migrate`: the process killed before any call
+// that changes the disk, for every such call of a migration of a small
+// generated image, loses no user data, touches nothing outside the image and
+// leaves a state from which plain reruns finish the job; a run after a
+// successful one changes nothing.
+//
+// The kill comes from strace (SIGKILL on entry of the Nth call of one kind,
+// so the call itself never happens). Every call that changes the disk is the
+// Nth of its kind for one N, so walking each kind's N reaches them all. Calls
+// that only flush (fsync, fdatasync, syncfs) are not kill points: the state a
+// kill leaves before a flush is the state it leaves before the next call
+// that changes the disk.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "tests/reliability/StraceTrace.h"
+#include "tests/reliability/SweepRunner.h"
+#include "tests/support/TestSupport.h"
+
+namespace reliability {
+namespace {
+
+// Runs that may follow a kill before the migration must have finished.
+constexpr int kMaxReruns = 3;
+
+// One kill point: before the Nth call named `call` (counted per thread, as
+// strace counts).
+struct KillPoint {
+  std::string call;
+  std::size_t ordinal = 0;
+  std::string expected;  // the call as the reference trace shows it
+};
+
+std::string describeCall(const TracedCall& call) {
+  std::string text = call.name + "(";
+  for (std::size_t i = 0; i < call.arguments.size() && i < 3; ++i) {
+    const std::string& argument = call.arguments[i];
+    text += (i ? ", " : "") + (argument.size() > 160 ? argument.substr(0, 160) + "..." : argument);
+  }
+  return text + ")";
+}
+
+// Writes to the run's own logs and standard streams: a kill before one of
+// them leaves the image as a kill before the next call would.
+bool isBookkeepingWrite(const TracedCall& call, const std::string& root) {
+  if (call.name != "write" && call.name != "writev") return false;
+  const std::string path = call.pathArgument(0);
+  return path.rfind(root + "/", 0) != 0 || path.find("/Library/Logs/") != std::string::npos;
+}
+
+// Every call of the reference trace that changed the disk, as a kill point.
+std::vector<KillPoint> killPoints(const Trace& trace, const std::string& root) {
+  std::map<std::pair<int, std::string>, std::size_t> ordinals;
+  std::vector<KillPoint> points;
+  for (const TracedCall& call : trace.calls) {
+    const std::size_t ordinal = ++ordinals[{call.pid, call.name}];
+    if (call.changesDisk() && !call.failed() && !isBookkeepingWrite(call, root))
+      points.push_back({call.name, ordinal, describeCall(call)});
+  }
+  return points;
+}
+
+std::string readWhole(const std::string& path) {
+  std::ifstream stream(path);
+  std::ostringstream text;
+  text << stream.rdbuf();
+  return text.str();
+}
+
+class CrashResumeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    settings_ = sweepSettings();
+    ASSERT_TRUE(settings_.error.empty()) << settings_.error;
+    std::string reason;
+    workspaces_ = makeWorkspaces(base_.path(), settings_, &reason);
+    ASSERT_FALSE(workspaces_.empty()) << reason;
+  }
+
+  // After a kill: plain runs until one succeeds, each followed by the
+  // checks; then one more, which must change nothing.
+  void resumeAndCheck(SweepWorkspace& workspace, const std::string& trial, bool idempotence) {
+    const int runs = rerunUntilSuccess(workspace, findings_, trial, kMaxReruns,
+                                       [&](const std::string& when, bool finished) {
+                                         checkImage(workspace, when, false, finished);
+                                       });
+    if (runs == 0) return;
+    findings_.count("runs to completion after the kill: " + std::to_string(runs));
+    if (idempotence) checkIdempotent(workspace, trial);
+  }
+
+  // Right after a kill, an install the installer journalled but did not
+  // finish may name containers that are not in place yet; the next run
+  // finishes or undoes it, and the checks after the reruns allow nothing.
+  void checkImage(SweepWorkspace& workspace, const std::string& when, bool afterKill = false,
+                  bool finished = false) {
+    ImageCheck check = workspace.check(finished);
+    if (afterKill && check.pendingInstalls > 0 && !check.missingContainers.empty()) {
+      findings_.count("containers missing while an install was pending",
+                      check.missingContainers.size());
+      check.missingContainers.clear();
+    }
+    // A kill inside the registry's first transaction leaves a hot rollback
+    // journal, which `mavrel apps` (which writes nothing) will not roll back;
+    // nothing is registered yet, and the next run repairs it.
+    if (afterKill && check.listingError.find("(SQLite result 776)") != std::string::npos) {
+      findings_.count(
+          "listings refused after a kill: the registry's first transaction interrupted");
+      check.listingError.clear();
+    }
+    findings_.count("files verified", check.filesVerified);
+    findings_.count("files lost", check.lost.size());
+    findings_.count("files verified in a data container mavrel apps does not list",
+                    check.filesInUnlistedContainers);
+    findings_.count("files lost under a rule of the migration", check.lossesByRule.size());
+    if (!check.clean()) findings_.problem(when, check.describe());
+  }
+
+  void checkIdempotent(SweepWorkspace& workspace, const std::string& trial) {
+    const TreeSnapshot before = workspace.snapshot();
+    const ChildOutcome listedBefore = workspace.listApplications();
+    const ChildOutcome again = workspace.migrate();
+    if (again.exitCode != 0) {
+      findings_.problem(trial, "the run after a success " + again.describe());
+      return;
+    }
+    const TreeSnapshot after = workspace.snapshot();
+    const ChildOutcome listedAfter = workspace.listApplications();
+    if (before != after || listedBefore.out != listedAfter.out) {
+      std::string difference;
+      for (const auto& [path, line] : after) {
+        const auto found = before.find(path);
+        if (found == before.end() || found->second != line)
+          difference += "  changed: " + path + "\n";
+      }
+      for (const auto& [path, line] : before) {
+        if (!after.contains(path)) difference += "  removed: " + path + "\n";
+      }
+      if (listedBefore.out != listedAfter.out) difference += "  the registry's listing changed\n";
+      findings_.problem(trial, "the run after a success changed the image:\n" + difference);
+    }
+  }
+
+  void report(const std::string& title) {
+    std::printf("%s (%s)\n%s", title.c_str(), settings_.describe().c_str(),
+                findings_.figures().c_str());
+    std::printf("Notes:\n%s", findings_.noteReport().c_str());
+    EXPECT_EQ(findings_.figure("files lost"), 0u);
+    EXPECT_TRUE(findings_.problems().empty()) << findings_.problemReport();
+  }
+
+  SweepSettings settings_;
+  testing_support::TemporaryDirectory base_;
+  std::vector<std::unique_ptr<SweepWorkspace>> workspaces_;
+  SweepFindings findings_;
+};
+
+// Kill before the Nth call; returns whether the kill came.
+bool killAt(SweepWorkspace& workspace, const KillPoint& point, SweepFindings& findings,
+            const std::string& trial) {
+  StracePlan plan;
+  plan.traced = {point.call};
+  plan.outputPath = workspace.scratch() + "/kill.trace";
+  plan.injectCall = point.call;
+  plan.injectAction = "signal=SIGKILL";
+  plan.injectWhen = std::to_string(point.ordinal);
+  const ChildOutcome run = workspace.migrate(plan);
+  if (run.signal == SIGKILL) {
+    // The call the kill interrupted, as this run made it.
+    const Trace trace = parseTrace(readWhole(plan.outputPath));
+    if (trace.calls.empty() || trace.calls.back().returned())
+      findings.problem(trial, "killed, but not on entry of a traced call");
+    return true;
+  }
+  if (endedByTheHost(run)) {
+    // This run made fewer such calls than the reference run.
+    findings.count("kill points not reached");
+    return false;
+  }
+  findings.problem(trial, "the traced run " + run.describe() + "\n" + lastLines(run.err, 30));
+  return false;
+}
+
+// The kill points, in families small enough for one test each.
+struct Family {
+  const char* name;
+  std::vector<std::string> calls;  // empty: every call no other family takes
+};
+
+const std::vector<Family>& families() {
+  static const std::vector<Family> all = {
+      {"Creations",
+       {"mkdir", "mkdirat", "open", "openat", "openat2", "creat", "link", "linkat", "symlink",
+        "symlinkat"}},
+      {"RenamesAndRemovals", {"rename", "renameat", "renameat2", "unlink", "unlinkat", "rmdir"}},
+      {"FileData",
+       {"write", "writev", "pwritev", "pwritev2", "copy_file_range", "sendfile", "ftruncate",
+        "truncate", "fallocate"}},
+      {"RegistryWrites", {"pwrite64"}},
+      {"Attributes", {}},
+  };
+  return all;
+}
+
+bool inFamily(const Family& family, const std::string& call) {
+  if (!family.calls.empty())
+    return std::find(family.calls.begin(), family.calls.end(), call) != family.calls.end();
+  for (const Family& other : families()) {
+    if (!other.calls.empty() && inFamily(other, call)) return false;
+  }
+  return true;
+}
+
+void PrintTo(const Family& family, std::ostream* stream) {
+  *stream << family.name;
+}
+
+class CrashResumeSweep : public CrashResumeTest, public ::testing::WithParamInterface<Family> {};
+
+TEST_P(CrashResumeSweep, EveryKillPointResumesWithoutLossOrOutsideWrites) {
+  std::string reason;
+  const Trace reference = traceMigration(*workspaces_.front(), mutatingSystemCalls(), &reason);
+  ASSERT_FALSE(reference.calls.empty()) << reason;
+  std::vector<KillPoint> points;
+  for (KillPoint& point : killPoints(reference, workspaces_.front()->root())) {
+    if (inFamily(GetParam(), point.call)) points.push_back(std::move(point));
+  }
+  ASSERT_FALSE(points.empty());
+  std::set<int> threads;
+  for (const TracedCall& call : reference.calls)
+    threads.insert(call.pid);
+  findings_.count("threads making traced calls", threads.size());
+  findings_.count("kill points of the migration in this family", points.size());
+  if (settings_.mode == SweepMode::Sampled) {
+    // The family's share of the sample.
+    const std::size_t share = settings_.sampledKillPoints / families().size();
+    std::mt19937_64 random(settings_.image.seed);
+    std::shuffle(points.begin(), points.end(), random);
+    if (points.size() > share) points.resize(share);
+  }
+
+  const auto start = std::chrono::steady_clock::now();
+  runTrials(workspaces_, points.size(), [&](SweepWorkspace& workspace, std::size_t index) {
+    const KillPoint& point = points[index];
+    const std::string trial =
+        "kill before " + point.call + " #" + std::to_string(point.ordinal) + " " + point.expected;
+    std::string failure;
+    if (!workspace.restore(&failure)) {
+      findings_.problem(trial, failure);
+      return;
+    }
+    findings_.count("kill points tried");
+    if (!killAt(workspace, point, findings_, trial)) return;
+    findings_.count("kills");
+    checkImage(workspace, trial + ", after the kill", /*afterKill=*/true);
+    resumeAndCheck(workspace, trial, index % settings_.idempotenceEvery == 0);
+  });
+  findings_.count("seconds",
+                  static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(
+                                                 std::chrono::steady_clock::now() - start)
+                                                 .count()));
+  findings_.count("user-data files of the image", workspaces_.front()->recordedFiles());
+  report(std::string("Crash and resume: a kill before every call that changes the disk, ") +
+         GetParam().name);
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, CrashResumeSweep, ::testing::ValuesIn(families()),
+                         [](const ::testing::TestParamInfo<Family>& family) {
+                           return std::string(family.param.name);
+                         });
+
+// Kills at random instants of plain (untraced) runs, timed against a run
+// that was not killed; only in the sampled and exhaustive modes.
+TEST_F(CrashResumeTest, KillsAtRandomInstantsResumeWithoutLoss) {
+  if (settings_.mode == SweepMode::CI) GTEST_SKIP() << "run by tests/reliability/run-sweeps";
+  std::string reason;
+  SweepWorkspace& first = *workspaces_.front();
+  ASSERT_TRUE(first.restore(&reason)) << reason;
+  const ChildOutcome timed = first.migrate();
+  ASSERT_EQ(timed.exitCode, 0) << timed.describe() << timed.out << timed.err;
+  const auto duration = timed.elapsed;
+
+  std::mt19937_64 random(settings_.image.seed + 1);
+  std::vector<std::chrono::microseconds> instants;
+  std::uniform_int_distribution<long> within(1, static_cast<long>(duration.count()));
+  for (std::size_t i = 0; i < settings_.randomInstantKills; ++i)
+    instants.emplace_back(within(random));
+  runTrials(workspaces_, instants.size(), [&](SweepWorkspace& workspace, std::size_t index) {
+    const std::string trial = "kill -9 after " + std::to_string(instants[index].count()) + " us";
+    std::string failure;
+    if (!workspace.restore(&failure)) {
+      findings_.problem(trial, failure);
+      return;
+    }
+    findings_.count("random instants tried");
+    const ChildOutcome run = workspace.migrateKilledAfter(instants[index]);
+    if (run.killedByUs) {
+      findings_.count("kills");
+    } else if (!endedByTheHost(run)) {
+      findings_.problem(trial, run.describe() + "\n" + lastLines(run.err, 30));
+      return;
+    }
+    checkImage(workspace, trial + ", after the kill", /*afterKill=*/true);
+    resumeAndCheck(workspace, trial, true);
+  });
+  report("Crash and resume: kill -9 at random instants");
+}
+
+}  // namespace
+}  // namespace reliability

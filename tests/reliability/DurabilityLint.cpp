@@ -1,0 +1,209 @@
+#include "tests/reliability/DurabilityLint.h"
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <set>
+
+namespace reliability {
+namespace {
+
+constexpr std::string_view kMarkerName = "com.zentrel.corvane.container_migrator.plist";
+
+bool isOneOf(const std::string& name, std::initializer_list<std::string_view> names) {
+  for (std::string_view candidate : names) {
+    if (name == candidate) return true;
+  }
+  return false;
+}
+
+bool isFileFlush(const std::string& name) {
+  return isOneOf(name, {"fsync", "fdatasync"});
+}
+bool isWrite(const std::string& name) {
+  return isOneOf(name, {"write", "pwrite64", "writev", "pwritev", "pwritev2"});
+}
+bool isRename(const std::string& name) {
+  return isOneOf(name, {"rename", "renameat", "renameat2"});
+}
+
+std::string withoutDeletedMark(std::string path) {
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (path.size() > kDeleted.size() &&
+      path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0)
+    path.resize(path.size() - kDeleted.size());
+  return path;
+}
+
+std::string directoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string lastComponent(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// The file a descriptor argument names ("" for pipes, sockets and the like).
+std::string descriptorPath(const TracedCall& call, std::size_t index) {
+  const std::string path = withoutDeletedMark(call.pathArgument(index));
+  return !path.empty() && path.front() == '/' ? path : std::string();
+}
+
+// Source and destination of a rename.
+std::pair<std::string, std::string> renamePaths(const TracedCall& call) {
+  if (call.name == "rename") return {call.pathArgument(0), call.pathArgument(1)};
+  return {call.pathAt(0, 1), call.pathAt(2, 3)};
+}
+
+// The path an open names (the result's when strace resolved it).
+std::string openedPath(const TracedCall& call) {
+  const std::string resolved = withoutDeletedMark(call.resultPath());
+  if (!resolved.empty()) return resolved;
+  return call.name == "open" || call.name == "creat" ? call.pathArgument(0) : call.pathAt(0, 1);
+}
+
+// Every path a successful call changes.
+std::vector<std::string> changedPaths(const TracedCall& call) {
+  const std::string& name = call.name;
+  if (isOneOf(name, {"open", "openat", "openat2", "creat"})) return {openedPath(call)};
+  if (isOneOf(name, {"mkdir", "rmdir", "unlink", "truncate", "chmod", "chown", "lchown", "setxattr",
+                     "lsetxattr", "removexattr", "lremovexattr"}))
+    return {call.pathArgument(0)};
+  if (isOneOf(name, {"mkdirat", "unlinkat", "fchmodat", "fchownat"})) return {call.pathAt(0, 1)};
+  if (name == "utimensat") {
+    const std::string path = call.pathAt(0, 1);
+    return {path.empty() ? descriptorPath(call, 0) : path};
+  }
+  if (name == "rename") return {call.pathArgument(0), call.pathArgument(1)};
+  if (isOneOf(name, {"link", "symlink"})) return {call.pathArgument(1)};
+  if (isOneOf(name, {"renameat", "renameat2"})) return {call.pathAt(0, 1), call.pathAt(2, 3)};
+  if (name == "linkat") return {call.pathAt(2, 3)};
+  if (name == "symlinkat") return {call.pathAt(1, 2)};
+  if (name == "copy_file_range") return {descriptorPath(call, 2)};
+  if (isWrite(name) || isOneOf(name, {"ftruncate", "fallocate", "fsetxattr", "fremovexattr",
+                                      "fchmod", "fchown", "sendfile"}))
+    return {descriptorPath(call, 0)};
+  return {};
+}
+
+bool isInside(const std::string& path, const std::string& root) {
+  return path == root || path.rfind(root + "/", 0) == 0;
+}
+
+// A write to one of the run's logs, which the rules about ordering ignore.
+bool isLogWrite(const TracedCall& call) {
+  return isWrite(call.name) && descriptorPath(call, 0).find("/Library/Logs/") != std::string::npos;
+}
+
+}  // namespace
+
+const std::vector<std::string>& durabilityTracedCalls() {
+  return mutatingSystemCalls();
+}
+
+DurabilityFindings lintTrace(const Trace& trace, const std::string& root,
+                             const std::vector<std::string>& allowedOutside,
+                             const std::vector<std::string>& scratch) {
+  DurabilityFindings findings;
+  const std::set<std::string> allowed(allowedOutside.begin(), allowedOutside.end());
+  std::map<std::string, std::size_t> created;    // path -> index of the creating open
+  std::map<std::string, std::size_t> lastWrite;  // path -> index
+  std::map<std::string, std::size_t> lastFlush;  // path -> index
+  std::map<std::string, std::optional<std::size_t>> markerDurable;  // container -> when
+  std::set<std::string> containersMoved;
+
+  // The first flush of `directory` after call `after`, before anything else
+  // changes the disk.
+  const auto directoryFlushedAfter =
+      [&trace](std::size_t after, const std::string& directory) -> std::optional<std::size_t> {
+    for (std::size_t j = after + 1; j < trace.calls.size(); ++j) {
+      const TracedCall& call = trace.calls[j];
+      if (call.failed() || !call.returned()) continue;
+      if (isFileFlush(call.name) && descriptorPath(call, 0) == directory) return j;
+      if (call.name == "syncfs") return j;
+      if (call.changesDisk() && !isLogWrite(call)) return std::nullopt;
+    }
+    return std::nullopt;
+  };
+
+  for (std::size_t i = 0; i < trace.calls.size(); ++i) {
+    const TracedCall& call = trace.calls[i];
+    if (call.failed() || !call.returned()) continue;
+    ++findings.callsChecked;
+
+    if (call.changesDisk()) {
+      for (const std::string& path : changedPaths(call)) {
+        if (path.empty() || isInside(path, root) || allowed.contains(path) ||
+            path.rfind("/dev/", 0) == 0)
+          continue;
+        findings.violations.push_back(call.name + " changes " + path + ", outside the root");
+      }
+    }
+
+    if (isOneOf(call.name, {"open", "openat", "openat2", "creat"}) && call.changesDisk()) {
+      const std::string path = openedPath(call);
+      if (call.arguments.size() > 2 && call.arguments[2].find("O_DIRECTORY") != std::string::npos)
+        continue;
+      created[path] = i;
+      lastWrite.erase(path);
+      lastFlush.erase(path);
+    } else if (isWrite(call.name)) {
+      lastWrite[descriptorPath(call, 0)] = i;
+    } else if (isFileFlush(call.name)) {
+      lastFlush[descriptorPath(call, 0)] = i;
+    } else if (isRename(call.name)) {
+      const auto [source, destination] = renamePaths(call);
+      const bool isMarker = lastComponent(destination) == kMarkerName;
+
+      // The first item that leaves a container whose marker was written.
+      const std::string sourceDirectory = directoryOf(source);
+      if (!isMarker && markerDurable.contains(sourceDirectory) &&
+          !containersMoved.contains(sourceDirectory)) {
+        containersMoved.insert(sourceDirectory);
+        const auto durable = markerDurable[sourceDirectory];
+        if (!durable || *durable > i)
+          findings.violations.push_back("the marker of " + sourceDirectory +
+                                        " is not durable before " + source + " leaves it");
+      }
+
+      const auto origin = created.find(source);
+      if (origin == created.end()) continue;  // a move of an existing item
+      const bool inScratch =
+          std::any_of(scratch.begin(), scratch.end(), [&destination](const std::string& directory) {
+            return isInside(destination, directory);
+          });
+      if (inScratch) {
+        ++findings.filesInScratch;
+        created.erase(origin);
+        continue;
+      }
+      ++findings.filesWrittenAside;
+      const auto write = lastWrite.find(source);
+      const std::size_t mustFlushAfter =
+          write == lastWrite.end() ? origin->second : std::max(origin->second, write->second);
+      const auto flush = lastFlush.find(source);
+      if (flush == lastFlush.end() || flush->second < mustFlushAfter)
+        findings.violations.push_back(destination + " (written aside as " + source +
+                                      ") is renamed into place without being flushed first");
+      const std::string directory = directoryOf(destination);
+      const auto directoryFlush = directoryFlushedAfter(i, directory);
+      if (!directoryFlush)
+        findings.violations.push_back(directory + " is not flushed after " + destination +
+                                      " is renamed into it");
+      if (isMarker) {
+        ++findings.markersChecked;
+        markerDurable[directory] = flush != lastFlush.end() && flush->second >= mustFlushAfter
+                                       ? directoryFlush
+                                       : std::nullopt;
+      }
+      created.erase(origin);
+      lastWrite.erase(source);
+      lastFlush.erase(source);
+    }
+  }
+  return findings;
+}
+
+}  // namespace reliability

@@ -1,0 +1,245 @@
+// Failing file-system calls during `mavrel migrate`: the Nth call of one kind
+// fails with EIO, ENOSPC or EACCES, once or from then on (strace's
+// `error=...:when=N` and `when=N+`). Whatever fails, the run ends by itself
+// (no crash, no sanitizer report, no hang), a failed run says so in its logs,
+// no user data is lost beyond what the migration's own rules give up, nothing
+// outside the image changes, and plain reruns finish the job.
+//
+// The trials are every N of every kind over the calls the migration makes
+// after the program has started (the dynamic loader's calls come first and
+// are not the migration's); ctest runs a seeded sample of them, the harness
+// (tests/reliability/run-sweeps) all of them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "tests/reliability/StraceTrace.h"
+#include "tests/reliability/SweepRunner.h"
+#include "tests/support/TestSupport.h"
+
+namespace reliability {
+namespace {
+
+constexpr int kMaxReruns = 3;
+
+// The kinds of call that fail, as the system calls strace knows them by.
+const std::map<std::string, std::vector<std::string>>& faultKinds() {
+  static const std::map<std::string, std::vector<std::string>> kinds = {
+      {"open", {"open", "openat"}},
+      {"read", {"read", "pread64"}},
+      {"write", {"write", "pwrite64"}},
+      {"fsync", {"fsync", "fdatasync"}},
+      {"rename", {"rename", "renameat", "renameat2"}},
+      {"mkdir", {"mkdir", "mkdirat"}},
+      {"unlink", {"unlink", "unlinkat", "rmdir"}},
+      {"getdents", {"getdents64"}},
+      {"statx", {"statx", "newfstatat", "lstat", "stat"}},
+      {"setxattr", {"setxattr", "lsetxattr", "fsetxattr"}},
+      {"link", {"link", "linkat"}},
+  };
+  return kinds;
+}
+
+struct FaultTrial {
+  std::string kind;
+  std::string call;
+  std::string errorName;  // "EIO", "ENOSPC", "EACCES"
+  bool persistent = false;
+  std::size_t ordinal = 0;
+
+  std::string describe() const {
+    return errorName + " on " + call + " #" + std::to_string(ordinal) +
+           (persistent ? " and every later one" : " once");
+  }
+};
+
+std::vector<std::string> allTracedCalls() {
+  std::vector<std::string> calls;
+  for (const auto& [kind, names] : faultKinds())
+    calls.insert(calls.end(), names.begin(), names.end());
+  return calls;
+}
+
+// Every call of every kind that the migration itself makes.
+std::vector<FaultTrial> faultTrials(const Trace& trace, const std::string& root) {
+  // The migration starts with the first call that names the image (reads
+  // of the command line by the sanitizer runtime aside).
+  std::size_t start = trace.calls.size();
+  for (std::size_t i = 0; i < trace.calls.size() && start == trace.calls.size(); ++i) {
+    if (trace.calls[i].name == "read" || trace.calls[i].name == "pread64") continue;
+    for (const std::string& argument : trace.calls[i].arguments) {
+      if (argument.find(root) != std::string::npos) {
+        start = i;
+        break;
+      }
+    }
+  }
+  std::map<std::pair<int, std::string>, std::size_t> ordinals;
+  std::vector<FaultTrial> trials;
+  for (std::size_t i = 0; i < trace.calls.size(); ++i) {
+    const TracedCall& call = trace.calls[i];
+    const std::size_t ordinal = ++ordinals[{call.pid, call.name}];
+    if (i < start) continue;
+    std::string kind;
+    for (const auto& [name, calls] : faultKinds()) {
+      if (std::find(calls.begin(), calls.end(), call.name) != calls.end()) kind = name;
+    }
+    for (const char* errorName : {"EIO", "ENOSPC", "EACCES"}) {
+      for (const bool persistent : {false, true})
+        trials.push_back({kind, call.name, errorName, persistent, ordinal});
+    }
+  }
+  return trials;
+}
+
+std::string readWhole(const std::string& path) {
+  std::ifstream stream(path);
+  std::ostringstream text;
+  text << stream.rdbuf();
+  return text.str();
+}
+
+const char* errorText(const std::string& errorName) {
+  if (errorName == "EIO") return std::strerror(EIO);
+  if (errorName == "ENOSPC") return std::strerror(ENOSPC);
+  return std::strerror(EACCES);
+}
+
+class FaultInjectionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    settings_ = sweepSettings();
+    ASSERT_TRUE(settings_.error.empty()) << settings_.error;
+    std::string reason;
+    workspaces_ = makeWorkspaces(base_.path(), settings_, &reason);
+    ASSERT_FALSE(workspaces_.empty()) << reason;
+  }
+
+  // Registered containers missing after a failed install, and data left at
+  // its legacy place by a run that reported success, are findings of the
+  // platform and of the migration's rules (docs/RELIABILITY.md): counted and
+  // noted, and failures only with MAVREL_RELIABILITY_STRICT=1.
+  void checkImage(SweepWorkspace& workspace, const std::string& when, bool finished = false) {
+    ImageCheck check = workspace.check(finished);
+    findings_.count("files verified", check.filesVerified);
+    findings_.count("files lost", check.lost.size());
+    findings_.count("files verified in a data container mavrel apps does not list",
+                    check.filesInUnlistedContainers);
+    findings_.count("files lost under a rule of the migration", check.lossesByRule.size());
+    if (!check.lossesByRule.empty())
+      findings_.count("trials losing files under a rule of the migration");
+    if (!strict_ && !check.missingContainers.empty()) {
+      findings_.count("checks finding a registered container missing after a failed install");
+      findings_.note(when, "registered but missing: " + check.missingContainers.front());
+      check.missingContainers.clear();
+    }
+    if (!strict_ && !check.stranded.empty()) {
+      findings_.count("checks finding data at its legacy place after a run that succeeded");
+      findings_.note(when, "still at the legacy place: " + check.stranded.front());
+      check.stranded.clear();
+    }
+    if (!check.clean()) findings_.problem(when, check.describe());
+  }
+
+  void runTrial(SweepWorkspace& workspace, const FaultTrial& trial) {
+    const std::string name = trial.describe();
+    std::string failure;
+    if (!workspace.restore(&failure)) {
+      findings_.problem(name, failure);
+      return;
+    }
+    StracePlan plan;
+    plan.traced = {trial.call};
+    plan.outputPath = workspace.scratch() + "/fault.trace";
+    plan.injectCall = trial.call;
+    plan.injectAction = "error=" + trial.errorName;
+    plan.injectWhen = std::to_string(trial.ordinal) + (trial.persistent ? "+" : "");
+    const ChildOutcome run = workspace.migrate(plan, std::chrono::seconds(60));
+    findings_.count("trials");
+    if (!endedByTheHost(run)) {
+      findings_.problem(name, "the run " + run.describe() + "\n" + lastLines(run.err, 40));
+      return;
+    }
+    const Trace trace = parseTrace(readWhole(plan.outputPath));
+    const bool injected = std::any_of(trace.calls.begin(), trace.calls.end(),
+                                      [](const TracedCall& call) { return call.injected; });
+    if (!injected) {
+      findings_.count("trials whose call was not reached");
+      return;
+    }
+    findings_.count("runs ending " + std::to_string(run.exitCode) + " after a failed call");
+    if (run.exitCode != 0) {
+      const std::string logs = workspace.logs();
+      if (logs.find(" <3> ") == std::string::npos && run.err.find("mavrel: ") == std::string::npos)
+        findings_.problem(name, "the run failed (exit " + std::to_string(run.exitCode) +
+                                    ") without an error line in its logs or on stderr");
+      if ((logs + run.err).find(errorText(trial.errorName)) != std::string::npos)
+        findings_.count("failed runs naming the error's text");
+    }
+    checkImage(workspace, name + ", after the failing run", run.exitCode == 0);
+    if (run.exitCode == 0) {
+      findings_.count("reruns to completion: 0");
+      return;
+    }
+    const int runs = rerunUntilSuccess(
+        workspace, findings_, name, kMaxReruns,
+        [&](const std::string& when, bool finished) { checkImage(workspace, when, finished); },
+        !strict_);
+    if (runs > 0) findings_.count("reruns to completion: " + std::to_string(runs));
+  }
+
+  bool strict_ = std::getenv("MAVREL_RELIABILITY_STRICT") != nullptr;
+  SweepSettings settings_;
+  testing_support::TemporaryDirectory base_;
+  std::vector<std::unique_ptr<SweepWorkspace>> workspaces_;
+  SweepFindings findings_;
+};
+
+TEST_F(FaultInjectionTest, FailedCallsAreReportedLoseNoDataAndAFaultFreeRerunFinishes) {
+  std::string reason;
+  const Trace reference = traceMigration(*workspaces_.front(), allTracedCalls(), &reason);
+  ASSERT_FALSE(reference.calls.empty()) << reason;
+  std::vector<FaultTrial> trials = faultTrials(reference, workspaces_.front()->root());
+  ASSERT_FALSE(trials.empty());
+  findings_.count("fault trials of the migration", trials.size());
+  if (settings_.faultTrials > 0 && trials.size() > settings_.faultTrials) {
+    // A sample that keeps every kind: a shuffled round robin over the kinds.
+    std::mt19937_64 random(settings_.image.seed);
+    std::shuffle(trials.begin(), trials.end(), random);
+    std::map<std::string, std::vector<FaultTrial>> byKind;
+    for (FaultTrial& trial : trials)
+      byKind[trial.kind].push_back(std::move(trial));
+    trials.clear();
+    for (std::size_t round = 0; trials.size() < settings_.faultTrials; ++round) {
+      bool any = false;
+      for (auto& [kind, list] : byKind) {
+        if (round < list.size() && trials.size() < settings_.faultTrials) {
+          trials.push_back(list[round]);
+          any = true;
+        }
+      }
+      if (!any) break;
+    }
+  }
+  const auto start = std::chrono::steady_clock::now();
+  runTrials(workspaces_, trials.size(), [&](SweepWorkspace& workspace, std::size_t index) {
+    runTrial(workspace, trials[index]);
+  });
+  findings_.count("seconds",
+                  static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(
+                                                 std::chrono::steady_clock::now() - start)
+                                                 .count()));
+  std::printf("Fault injection (%s)\n%s", settings_.describe().c_str(),
+              findings_.figures().c_str());
+  std::printf("Notes:\n%s", findings_.noteReport().c_str());
+  EXPECT_EQ(findings_.figure("files lost"), 0u);
+  EXPECT_TRUE(findings_.problems().empty()) << findings_.problemReport();
+}
+
+}  // namespace
+}  // namespace reliability

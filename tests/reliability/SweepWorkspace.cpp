@@ -1,0 +1,479 @@
+#include "tests/reliability/SweepWorkspace.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "samplegen/LegacyImageGenerator.h"
+#include "shared/support/CVFileDigest.h"
+
+namespace reliability {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kMavrel = MAVREL_BINARY_DIR "/bin/mavrel";
+constexpr const char* kUserDataItems[] = {"Documents", "Library", "tmp", "Pormex"};
+constexpr const char* kDataContainers = "/private/var/mobile/Containers/Data";
+
+// Left out of tree snapshots: written by every run whatever it does.
+bool isRunBookkeeping(const std::string& relative) {
+  return relative.rfind("private/var/mobile/Library/Logs", 0) == 0 ||
+         relative.rfind("private/var/tmp/mavrel", 0) == 0 ||
+         fs::path(relative).filename().string().rfind("ApplicationRegistry", 0) == 0;
+}
+
+std::string readWhole(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  std::ostringstream contents;
+  contents << stream.rdbuf();
+  return contents.str();
+}
+
+bool isRegularFile(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool exists(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+// One line per item below `directory` (not following links).
+TreeSnapshot snapshotBelow(const std::string& directory, bool withTimes, bool skipBookkeeping) {
+  TreeSnapshot snapshot;
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(directory, error), end; !error && it != end;
+       it.increment(error)) {
+    const std::string path = it->path().string();
+    const std::string relative = fs::relative(it->path(), directory).string();
+    if (skipBookkeeping && isRunBookkeeping(relative)) continue;
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) continue;
+    std::ostringstream line;
+    line << std::oct << status.st_mode << std::dec;
+    if (S_ISREG(status.st_mode)) {
+      line << " size " << status.st_size << " sha256 "
+           << CVCreateSHA256Digest(path).value_or("unreadable");
+    } else if (S_ISLNK(status.st_mode)) {
+      std::error_code ignored;
+      line << " -> " << fs::read_symlink(it->path(), ignored).string();
+    }
+    if (withTimes) line << " mtime " << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
+    snapshot[relative] = line.str();
+  }
+  return snapshot;
+}
+
+bool isHex(char c, bool upper) {
+  return (c >= '0' && c <= '9') || (upper ? (c >= 'A' && c <= 'F') : (c >= 'a' && c <= 'f'));
+}
+
+// ".<name>.<16 lowercase hex digits>.tmp", the name of an atomic write's
+// aside file.
+bool isAsideName(const std::string& name) {
+  constexpr std::size_t kSuffix = 1 + 16 + 4;
+  if (name.size() < 2 + kSuffix || name.front() != '.' ||
+      name.compare(name.size() - 4, 4, ".tmp") != 0 || name[name.size() - kSuffix] != '.')
+    return false;
+  for (std::size_t i = name.size() - kSuffix + 1; i < name.size() - 4; ++i) {
+    if (!isHex(name[i], false)) return false;
+  }
+  return true;
+}
+
+// UUIDs (8-4-4-4-12 upper-case hex digits) replaced by "<uuid>".
+std::string withGenericUUIDs(const std::string& text) {
+  constexpr std::size_t kLength = 36;
+  std::string result;
+  for (std::size_t i = 0; i < text.size();) {
+    bool uuid = i + kLength <= text.size();
+    for (std::size_t j = 0; uuid && j < kLength; ++j) {
+      const char c = text[i + j];
+      uuid = (j == 8 || j == 13 || j == 18 || j == 23) ? c == '-' : isHex(c, true);
+    }
+    if (uuid) {
+      result += "<uuid>";
+      i += kLength;
+    } else {
+      result += text[i++];
+    }
+  }
+  return result;
+}
+
+std::string firstComponent(const std::string& relative) {
+  return relative.substr(0, relative.find('/'));
+}
+
+}  // namespace
+
+std::vector<std::string> childEnvironment(bool traced) {
+  return {
+      std::string("ASAN_OPTIONS=exitcode=77:abort_on_error=0:detect_leaks=") + (traced ? "0" : "1"),
+      "UBSAN_OPTIONS=exitcode=78:print_stacktrace=1", "LSAN_OPTIONS=exitcode=79"};
+}
+
+bool endedByTheHost(const ChildOutcome& outcome) {
+  return outcome.exited() && outcome.exitCode >= 0 && outcome.exitCode <= 3;
+}
+
+std::string ImageCheck::describe() const {
+  std::ostringstream text;
+  const auto list = [&text](const char* title, const std::vector<std::string>& items) {
+    if (items.empty()) return;
+    text << title << " (" << items.size() << "):";
+    std::size_t shown = 0;
+    for (const std::string& item : items) {
+      if (++shown > 8) {
+        text << "\n    ...";
+        break;
+      }
+      text << "\n    " << item;
+    }
+    text << "\n";
+  };
+  list("lost", lost);
+  list("changed", changed);
+  list("still at the legacy place after a successful run", stranded);
+  list("registered but missing", missingContainers);
+  list("changed outside the image", outsideChanges);
+  if (!listingError.empty()) text << "mavrel apps: " << listingError << "\n";
+  return text.str();
+}
+
+std::unique_ptr<SweepWorkspace> SweepWorkspace::create(const std::string& base,
+                                                       const ImageSettings& settings,
+                                                       std::string* reason) {
+  std::unique_ptr<SweepWorkspace> workspace(new SweepWorkspace());
+  workspace->base_ = base;
+  workspace->root_ = base + "/image";
+  workspace->template_ = base + "/template";
+  workspace->canary_ = base + "/canary";
+  workspace->scratch_ = base + "/scratch";
+  std::error_code error;
+  fs::create_directories(workspace->scratch_, error);
+  fs::create_directories(workspace->canary_ + "/nested", error);
+  if (error) {
+    *reason = "cannot make " + base + ": " + error.message();
+    return nullptr;
+  }
+  // The canary: what a stray write or removal outside the image would hit.
+  std::ofstream(workspace->canary_ + "/keep.txt") << "the migration must not touch this\n";
+  std::ofstream(workspace->canary_ + "/nested/Documents.dat") << "nor this\n";
+  fs::create_symlink(workspace->root_, workspace->canary_ + "/image-link", error);
+
+  CVError generatorError;
+  const auto root = samplegen::prepareImageRoot(workspace->root_, false, &generatorError);
+  if (!root) {
+    *reason = "cannot prepare " + workspace->root_ + ": " + generatorError.description();
+    return nullptr;
+  }
+  samplegen::GeneratorOptions options;
+  options.root = *root;
+  options.applicationCount = settings.applications;
+  options.vpnOnlyCount = settings.vpnOnly;
+  options.seed = settings.seed;
+  options.dataScale = settings.dataScale;
+  options.threads = 1;
+  auto manifest = samplegen::generateLegacyImage(options, &generatorError);
+  if (!manifest) {
+    *reason = "cannot generate the image: " + generatorError.description();
+    return nullptr;
+  }
+  workspace->root_ = *root;
+  workspace->manifest_ = std::move(*manifest);
+  if (!workspace->recordData(reason)) return nullptr;
+  const ChildOutcome copy = runChild("cp", {"-a", workspace->root_, workspace->template_});
+  if (copy.exitCode != 0) {
+    *reason = "cp -a of the image failed: " + copy.describe();
+    return nullptr;
+  }
+  workspace->canarySnapshot_ = snapshotBelow(workspace->canary_, true, false);
+  return workspace;
+}
+
+bool SweepWorkspace::recordData(std::string* reason) {
+  const auto record = [this](const std::string& owner, const std::string& kind,
+                             const std::string& legacy, const std::string& below) {
+    const std::string directory = below.empty() ? legacy : legacy + "/" + below;
+    if (!exists(directory)) return;
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+      if (entry.is_symlink() || !entry.is_regular_file()) continue;
+      const std::string path = entry.path().string();
+      data_.push_back({owner, kind, legacy, fs::relative(entry.path(), legacy).string(),
+                       CVCreateSHA256Digest(path).value_or("unreadable")});
+    }
+  };
+  std::uint64_t expected = 0;
+  for (const auto& container : manifest_.containers) {
+    for (const char* item : kUserDataItems)
+      record(container.identifier, "container", container.containerPath, item);
+    expected += container.dataFiles;
+  }
+  const std::uint64_t containerFiles = data_.size();
+  for (const auto& group : manifest_.groupContainers)
+    record(group.identifier, "group", group.path, "");
+  for (const auto& harbor : manifest_.harbors)
+    record(harbor.path, "harbor", harbor.path, "");
+  if (containerFiles != expected || containerFiles == 0) {
+    *reason = "recorded " + std::to_string(containerFiles) +
+              " user-data files, the manifest says " + std::to_string(expected);
+    return false;
+  }
+  return true;
+}
+
+bool SweepWorkspace::restore(std::string* reason) {
+  std::error_code error;
+  fs::remove_all(root_, error);
+  // In process rather than through cp: a trial restores the image several
+  // hundred times. Owners and modes are kept; times do not matter here.
+  if (!error)
+    fs::copy(template_, root_, fs::copy_options::recursive | fs::copy_options::copy_symlinks,
+             error);
+  if (error) {
+    *reason = "cannot restore " + root_ + " from " + template_ + ": " + error.message();
+    return false;
+  }
+  for (const auto& entry : fs::recursive_directory_iterator(template_)) {
+    struct stat status {};
+    if (::lstat(entry.path().c_str(), &status) != 0) continue;
+    const std::string copy = root_ + "/" + fs::relative(entry.path(), template_).string();
+    if (::lchown(copy.c_str(), status.st_uid, status.st_gid) != 0) {
+      *reason = "cannot give " + copy + " its owner: " + std::strerror(errno);
+      return false;
+    }
+  }
+  return true;
+}
+
+ChildOutcome SweepWorkspace::migrate(const std::optional<StracePlan>& strace,
+                                     std::chrono::milliseconds timeout) const {
+  ChildOptions options;
+  options.environment = childEnvironment(strace.has_value());
+  options.outPath = scratch_ + "/migrate.out";
+  options.errPath = scratch_ + "/migrate.err";
+  options.timeout = timeout;
+  const std::vector<std::string> arguments = {"migrate", "--root", root_};
+  if (!strace) return runChild(kMavrel, arguments, options);
+  return runChild("strace", straceArguments(*strace, kMavrel, arguments), options);
+}
+
+ChildOutcome SweepWorkspace::migrateKilledAfter(std::chrono::microseconds after) const {
+  ChildOptions options;
+  options.environment = childEnvironment(false);
+  options.outPath = scratch_ + "/migrate.out";
+  options.errPath = scratch_ + "/migrate.err";
+  options.killAfter = after;
+  return runChild(kMavrel, {"migrate", "--root", root_}, options);
+}
+
+ChildOutcome SweepWorkspace::listApplications() const {
+  ChildOptions options;
+  options.environment = childEnvironment(false);
+  options.outPath = scratch_ + "/apps.out";
+  options.errPath = scratch_ + "/apps.err";
+  return runChild(kMavrel, {"apps", "--root", root_, "--json"}, options);
+}
+
+std::string SweepWorkspace::logs() const {
+  std::string text;
+  for (const char* directory :
+       {"/private/var/mobile/Library/Logs/Mavrel", "/private/var/mobile/Library/Logs/Corvane"}) {
+    std::error_code error;
+    for (fs::directory_iterator it(root_ + directory, error), end; !error && it != end;
+         it.increment(error)) {
+      if (it->path().extension() == ".log") text += readWhole(it->path().string());
+    }
+  }
+  return text;
+}
+
+std::vector<std::string> SweepWorkspace::strayAsideFiles() const {
+  std::vector<std::string> stray;
+  std::error_code error;
+  for (fs::directory_iterator container(manifest_.legacyDirectory, error), end;
+       !error && container != end; container.increment(error)) {
+    std::error_code inner;
+    for (fs::directory_iterator it(container->path(), inner); !inner && it != end;
+         it.increment(inner)) {
+      if (isAsideName(it->path().filename().string())) stray.push_back(it->path().string());
+    }
+  }
+  return stray;
+}
+
+bool SweepWorkspace::onlyMarkersAndAsideFilesLeft() const {
+  const std::set<std::string> markers = {"com.zentrel.corvane.container_migrator.plist",
+                                         "com.zentrel.corvane.migration_marker",
+                                         "com.zentrel.corvane.placeholder"};
+  std::error_code error;
+  for (fs::directory_iterator container(manifest_.legacyDirectory, error), end;
+       !error && container != end; container.increment(error)) {
+    if (!container->is_directory()) return false;
+    std::error_code inner;
+    for (fs::directory_iterator it(container->path(), inner); !inner && it != end;
+         it.increment(inner)) {
+      const std::string name = it->path().filename().string();
+      if (!markers.contains(name) && !isAsideName(name)) return false;
+    }
+  }
+  return true;
+}
+
+std::vector<std::string> newErrorLines(const std::string& before, const std::string& after,
+                                       const std::string& root) {
+  std::set<std::string> old;
+  std::istringstream oldLines(before);
+  for (std::string line; std::getline(oldLines, line);)
+    old.insert(line);
+  std::vector<std::string> lines;
+  std::istringstream newLines(after);
+  for (std::string line; std::getline(newLines, line);) {
+    if (line.find(" <3> ") == std::string::npos || old.contains(line)) continue;
+    // Without the time stamp (the first two words).
+    std::size_t start = line.find(' ');
+    start = start == std::string::npos ? 0 : line.find(' ', start + 1);
+    std::string generic = line.substr(start == std::string::npos ? 0 : start + 1);
+    for (std::size_t at = generic.find(root); at != std::string::npos; at = generic.find(root))
+      generic.replace(at, root.size(), "<image>");
+    lines.push_back(withGenericUUIDs(generic));
+  }
+  return lines;
+}
+
+TreeSnapshot SweepWorkspace::snapshot() const {
+  return snapshotBelow(root_, false, true);
+}
+
+void SweepWorkspace::checkOutside(ImageCheck& result) const {
+  const TreeSnapshot canary = snapshotBelow(canary_, true, false);
+  for (const auto& [path, line] : canarySnapshot_) {
+    const auto found = canary.find(path);
+    if (found == canary.end()) {
+      result.outsideChanges.push_back("canary/" + path + " removed");
+    } else if (found->second != line) {
+      result.outsideChanges.push_back("canary/" + path + " changed: " + found->second);
+    }
+  }
+  for (const auto& [path, line] : canary) {
+    if (!canarySnapshot_.contains(path))
+      result.outsideChanges.push_back("canary/" + path + " appeared");
+  }
+  const std::set<std::string> expected = {"image", "template", "canary", "scratch"};
+  std::error_code error;
+  for (fs::directory_iterator it(base_, error), end; !error && it != end; it.increment(error)) {
+    const std::string name = it->path().filename().string();
+    if (!expected.contains(name)) result.outsideChanges.push_back(base_ + "/" + name + " appeared");
+  }
+}
+
+ImageCheck SweepWorkspace::check(bool finished) const {
+  ImageCheck result;
+  checkOutside(result);
+  const ChildOutcome listed = listApplications();
+  std::optional<AppsListing> listing;
+  if (listed.exitCode != 0) {
+    result.listingError = listed.describe() + ": " + listed.err;
+  } else {
+    listing = parseAppsListing(listed.out, &result.listingError);
+  }
+  if (listing) {
+    result.pendingInstalls = listing->pendingInstalls;
+    for (const ListedApplication& application : listing->applications) {
+      std::vector<std::string> paths = {application.bundleContainer, application.bundle,
+                                        application.vpnPlugin, application.dataContainer};
+      for (const auto& [group, path] : application.groupContainers)
+        paths.push_back(path);
+      for (const std::string& path : paths) {
+        if (!path.empty() && !exists(path))
+          result.missingContainers.push_back(application.identifier + ": " + path);
+      }
+    }
+    for (const ListedHarbor& harbor : listing->safeHarbors) {
+      if (!exists(harbor.path))
+        result.missingContainers.push_back("harbor of " + harbor.identifier + ": " + harbor.path);
+    }
+  }
+
+  std::optional<std::string> logText;
+  for (const DataFile& file : data_) {
+    std::vector<std::string> places = {file.legacy + "/" + file.relative};
+    bool unlisted = false;
+    if (listing && file.kind == "container") {
+      const ListedApplication* application = listing->find(file.owner);
+      if (application && !application->dataContainer.empty()) {
+        places.push_back(application->dataContainer + "/" + file.relative);
+      } else if (!application) {
+        // A VPN plug-in's own data container is not in the listing: any data
+        // container of the image will do.
+        unlisted = true;
+        std::error_code error;
+        for (fs::directory_iterator it(root_ + kDataContainers, error), end; !error && it != end;
+             it.increment(error))
+          places.push_back(it->path().string() + "/" + file.relative);
+      }
+    }
+    if (listing && file.kind == "group") {
+      for (const ListedApplication& application : listing->applications) {
+        const auto group = application.groupContainers.find(file.owner);
+        if (group != application.groupContainers.end())
+          places.push_back(group->second + "/" + file.relative);
+      }
+    }
+    bool found = false;
+    bool differs = false;
+    bool onlyLegacy = false;
+    for (std::size_t i = 0; i < places.size(); ++i) {
+      if (!isRegularFile(places[i])) continue;
+      if (CVCreateSHA256Digest(places[i]).value_or("") == file.digest) {
+        found = true;
+        onlyLegacy = i == 0;
+        if (!onlyLegacy) break;
+      } else {
+        differs = true;
+      }
+    }
+    const std::string name = file.kind + " " + file.owner + ": " + file.relative;
+    if (found && onlyLegacy && finished && file.kind != "harbor") {
+      result.stranded.push_back(name);
+      continue;
+    }
+    if (found) {
+      ++result.filesVerified;
+      if (unlisted && !isRegularFile(file.legacy + "/" + file.relative))
+        ++result.filesInUnlistedContainers;
+      continue;
+    }
+    if (differs) {
+      result.changed.push_back(name);
+      continue;
+    }
+    if (!logText) logText = logs();
+    // A container whose bundle could not be read holds no bundle by the
+    // migration's rules and is removed; a group item whose move failed stays
+    // in its legacy group container, which is removed all the same.
+    const std::string removedContainer =
+        "No app or vpn bundle found in container " + file.legacy + " ; removing it";
+    const std::string leftInGroup =
+        "Failed to move item " + file.legacy + "/" + firstComponent(file.relative) + " to ";
+    if (file.kind == "container" && logText->find(removedContainer) != std::string::npos) {
+      result.lossesByRule.push_back(name + " (" + removedContainer + ")");
+    } else if (file.kind == "group" && logText->find(leftInGroup) != std::string::npos) {
+      result.lossesByRule.push_back(name + " (" + leftInGroup + "...)");
+    } else {
+      result.lost.push_back(name);
+    }
+  }
+  return result;
+}
+
+}  // namespace reliability
