@@ -153,7 +153,9 @@ int migrateWithLogs(const std::string& root, const MigrateOptions& options,
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     printText(out, formatPassSummary(run, recorder.entries(), logPath));
     std::fflush(out);
-    if (!run.succeeded) exitCode = kExitMigrationFailed;
+    // A failed or left entry fails the run even when the pass returned true
+    // (a pass may finish its work list and still report true).
+    if (!passSucceeded(run, recorder.entries())) exitCode = kExitMigrationFailed;
     report.migrators.push_back(std::move(run));
   }
   if (manifest) {

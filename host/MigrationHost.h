@@ -2,13 +2,13 @@
 // logs, temporary directory, services), loads the migrator plug-ins and runs
 // each one's pass while showing its progress.
 //
-// Exit codes: 0 when every pass returned true, 1 when one returned false, 2
-// for a usage error or a failed set-up (bad root, log files that cannot be
-// opened, a report that cannot be written where it was asked for, a plug-in
-// that cannot be loaded or set up, no plug-in at all), 3 when --verify found
-// user data missing or changed (whatever the passes returned). A log or
-// report write that fails later is reported as a warning and leaves the code
-// alone. Messages for the user go to the given streams.
+// Exit codes: 0 when every pass returned true with no entry failed or left, 1
+// when one returned false or an entry failed or was left, 2 for a usage error
+// or a failed set-up (bad root, log files that cannot be opened, a report that cannot be written
+// where it was asked for, a plug-in that cannot be loaded or set up, no plug-in at all), 3 when
+// --verify found user data missing or changed (whatever the passes returned). A log or report write
+// that fails later is reported as a warning and leaves the code alone. Messages for the user go to
+// the given streams.
 //
 // With --verify the user data is recorded before the passes and checked after
 // them (UserDataVerification.h); with --report a JSON report is written once

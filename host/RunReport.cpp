@@ -1,5 +1,6 @@
 #include "host/RunReport.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include "host/EntryOutcomeNames.h"
@@ -166,6 +167,13 @@ bool writeRunReport(const std::string& path, const RunReport& report, std::strin
   return true;
 }
 
+bool passSucceeded(const MigratorRun& run, const std::vector<RecordedEntry>& entries) {
+  return run.succeeded &&
+         std::none_of(entries.begin(), entries.end(), [&](const RecordedEntry& entry) {
+           return entry.migrator == run.name && entryFailed(entry);
+         });
+}
+
 std::string formatPassSummary(const MigratorRun& run, const std::vector<RecordedEntry>& entries,
                               std::string_view logPath) {
   OutcomeTotals totals;
@@ -184,11 +192,9 @@ std::string formatPassSummary(const MigratorRun& run, const std::vector<Recorded
     if (!entry.message.empty()) details += ": " + entry.message;
     details += '\n';
   }
-  const bool succeeded = run.succeeded && totals.of(MavrelEntryOutcome::Failed) == 0 &&
-                         totals.of(MavrelEntryOutcome::Left) == 0;
-  std::string text =
-      formatSummaryLine(run.name, succeeded, std::chrono::duration<double>(run.seconds), logPath) +
-      "\n";
+  std::string text = formatSummaryLine(run.name, passSucceeded(run, entries),
+                                       std::chrono::duration<double>(run.seconds), logPath) +
+                     "\n";
   if (totals.entries() > 0) {
     text += "  " + std::to_string(totals.entries()) +
             " legacy entries: " + describeOutcomeTotals(totals) + "\n";

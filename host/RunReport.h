@@ -63,6 +63,10 @@ struct RunReport {
 std::string formatRunReportJSON(const RunReport& report);
 bool writeRunReport(const std::string& path, const RunReport& report, std::string* reason);
 
+// Whether the pass returned true and none of its entries failed or was left:
+// what the summary calls "succeeded" and exit code 0 requires.
+bool passSucceeded(const MigratorRun& run, const std::vector<RecordedEntry>& entries);
+
 // The lines after one migrator's pass: the summary line (never "succeeded"
 // when an entry of the pass failed or was left), the outcome counts, and one
 // line per failed or left entry. Each line ends with a newline.

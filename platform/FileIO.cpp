@@ -7,12 +7,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <limits>
 #include <random>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "platform/FileIOPosix.h"
+#include "platform/linux/DirectoryStream.h"
 
 namespace platform {
 namespace {
@@ -81,6 +84,48 @@ std::string asideName(const std::string& targetName) {
   std::string name(1, '.');
   name.append(targetName, 0, 200).append(suffix).append(".tmp");
   return name;
+}
+
+// When this process began (library load time): aside files older than that
+// were left by a process that was killed between writing and renaming.
+const struct timespec kProcessStart = [] {
+  struct timespec now {};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return now;
+}();
+
+bool isAsideNameOf(std::string_view name, std::string_view targetName) {
+  const std::string_view stem = targetName.substr(0, 200);
+  constexpr std::size_t kSuffixLength = 1 + 16 + 4;  // ".<16 hex>.tmp"
+  if (name.size() != 1 + stem.size() + kSuffixLength || name[0] != '.' ||
+      name.substr(1, stem.size()) != stem || !name.ends_with(".tmp") ||
+      name[1 + stem.size()] != '.')
+    return false;
+  const std::string_view hex = name.substr(2 + stem.size(), 16);
+  return std::all_of(hex.begin(), hex.end(),
+                     [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+// Removes aside files of `targetName` that an earlier, interrupted process
+// left in `directoryPath`, so that they do not linger beside the target
+// forever. Best effort: what cannot be listed or removed stays.
+void removeStaleAsideFiles(const std::string& directoryPath, const std::string& targetName) {
+  auto stream = sys::DirectoryStream::adopt(
+      sys::openDirectory(directoryPath.c_str(), sys::FinalLink::NotFollowed));
+  if (!stream.valid()) return;
+  sys::DirectoryEntry entry;
+  bool atEnd = false;
+  while (stream.next(entry, atEnd) == 0 && !atEnd) {
+    if (!isAsideNameOf(entry.name, targetName)) continue;
+    const std::string path =
+        directoryPath + (directoryPath == "/" ? "" : "/") + std::string(entry.name);
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
+    const bool older = status.st_mtim.tv_sec < kProcessStart.tv_sec ||
+                       (status.st_mtim.tv_sec == kProcessStart.tv_sec &&
+                        status.st_mtim.tv_nsec < kProcessStart.tv_nsec);
+    if (older) ::unlink(path.c_str());
+  }
 }
 
 bool writeAll(int fd, std::span<const std::uint8_t> bytes, int& failedErrno) {
@@ -226,6 +271,7 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, 
     return false;
   }
   aside.commit();
+  removeStaleAsideFiles(directoryPath, url.lastPathComponent());
   if (durability != WriteDurability::Flushed) return true;
 
   // Flush the directory so that the rename itself survives a crash.

@@ -1,5 +1,6 @@
 // Whole-file reads and atomic writes on a real disk: what is refused, what is
 // left behind on failure, and that no descriptor leaks.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -135,6 +136,23 @@ TEST(FileIOAtomicWriteTest, CreatesAndReplacesWithoutLeftovers) {
   ASSERT_TRUE(platform::writeFileAtomically(target, bytesOf(""), &error));
   EXPECT_EQ(readFile(target.path()), "");
   EXPECT_EQ(entries(directory.path()), std::vector<std::string>{"file.plist"});
+}
+
+TEST(FileIOAtomicWriteTest, AsideFilesLeftByAKilledWriterGoWithTheNextWrite) {
+  TemporaryDirectory directory;
+  // What a process killed between writing and renaming leaves, older than this
+  // process; and look-alikes that are not aside files of this target.
+  for (const char* name : {".file.plist.0123456789abcdef.tmp", ".other.plist.0123456789abcdef.tmp",
+                           ".file.plist.0123456789abcdeg.tmp", ".file.plist.tmp"}) {
+    writeFile(directory / name, "left behind");
+    const struct timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, (directory / name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+  }
+  ASSERT_TRUE(
+      platform::writeFileAtomically(directory.fileURL("file.plist"), bytesOf("new"), nullptr));
+  EXPECT_EQ(entries(directory.path()),
+            (std::vector<std::string>{".file.plist.0123456789abcdeg.tmp", ".file.plist.tmp",
+                                      ".other.plist.0123456789abcdef.tmp", "file.plist"}));
 }
 
 TEST(FileIOAtomicWriteTest, NewFilesAreReadableByAll) {
