@@ -60,6 +60,8 @@ std::string formatListingText(const mavrel_installer::RegistryListing& listing) 
     appendLine(text, "bundle container", application.bundleContainer);
     appendLine(text, "bundle", application.bundlePath);
     appendLine(text, "VPN plug-in", application.vpnPluginPath);
+    appendLine(text, "VPN plug-in identifier", application.vpnPluginIdentifier);
+    appendLine(text, "VPN plug-in data container", application.vpnPluginDataContainer);
     appendLine(
         text, "data container",
         application.dataContainer.empty() ? std::string("(none yet)") : application.dataContainer);
@@ -97,6 +99,8 @@ std::string formatListingJSON(const mavrel_installer::RegistryListing& listing) 
     appendJSONMember(out, "bundleContainer", application.bundleContainer);
     appendJSONMember(out, "bundle", application.bundlePath);
     appendJSONMember(out, "vpnPlugin", application.vpnPluginPath);
+    appendJSONMember(out, "vpnPluginIdentifier", application.vpnPluginIdentifier);
+    appendJSONMember(out, "vpnPluginDataContainer", application.vpnPluginDataContainer);
     appendJSONMember(out, "dataContainer", application.dataContainer);
     out += ",\"groupContainers\":{";
     bool firstGroup = true;

@@ -51,6 +51,7 @@ std::optional<RegistryListing> readRegistryListing(CVGlobalConfiguration& config
   std::vector<ApplicationEntry> entries;
   std::vector<HarborEntry> harbors;
   std::vector<JournalEntry> journal;
+  std::vector<PluginEntry> plugins;
   listing.registryExists = itemExists(listing.registryPath);
   if (listing.registryExists) {
     auto store = RegistryStore::open(
@@ -60,7 +61,8 @@ std::optional<RegistryListing> readRegistryListing(CVGlobalConfiguration& config
     if (!store) return std::nullopt;
     ReadTransaction snapshot(store->database());
     if (!snapshot.begin(error) || !store->listApplications(entries, error) ||
-        !store->listHarbors(harbors, error) || !store->listJournal(journal, error))
+        !store->listHarbors(harbors, error) || !store->listJournal(journal, error) ||
+        !store->listPlugins(plugins, error))
       return std::nullopt;
   }
   listing.pendingInstalls = journal.size();
@@ -74,6 +76,11 @@ std::optional<RegistryListing> readRegistryListing(CVGlobalConfiguration& config
     application.bundleContainer = absolute(entry.bundleContainer);
     application.bundlePath = absolute(entry.bundlePath);
     application.vpnPluginPath = absolute(entry.vpnPluginPath);
+    for (const PluginEntry& plugin : plugins) {
+      if (plugin.application != entry.identifier) continue;
+      application.vpnPluginIdentifier = plugin.identifier;
+      application.vpnPluginDataContainer = absolute(plugin.dataContainer);
+    }
     application.dataContainer = absolute(entry.dataContainer);
     for (const GroupMembership& membership : entry.groups)
       application.groupContainers.emplace_back(membership.groupIdentifier,

@@ -35,6 +35,8 @@ struct ListedApplication {
   std::string bundleContainer;
   std::string bundlePath;
   std::string vpnPluginPath;
+  std::string vpnPluginIdentifier;     // when the registry knows the plug-in by it
+  std::string vpnPluginDataContainer;  // "" until the plug-in needed one
   std::string dataContainer;
   std::vector<std::pair<std::string, std::string>> groupContainers;  // group, path
 };

@@ -129,8 +129,9 @@ TEST_F(AppsCommandTest, ListsWhatAMigrationInstalledWithoutChangingTheImage) {
                 "\"identifier\":\"com.example.app\",\"kind\":\"application\",\"version\":\"42\","
                 "\"shortVersion\":\"4.2\",\"bundleContainer\":\"" +
                 bundleContainer + "\",\"bundle\":\"" + bundleContainer +
-                "/Example.app\",\"vpnPlugin\":null,\"dataContainer\":\"" + data +
-                "\",\"groupContainers\":{\"group.example\":\"" + group +
+                "/Example.app\",\"vpnPlugin\":null,\"vpnPluginIdentifier\":null,"
+                "\"vpnPluginDataContainer\":null,\"dataContainer\":\"" +
+                data + "\",\"groupContainers\":{\"group.example\":\"" + group +
                 "\"}}],\"safeHarbors\":[{\"identifier\":\"com.example.gone\",\"path\":\"" + home() +
                 "/Harbors/Gone\",\"containerType\":2}]}\n");
 

@@ -152,6 +152,18 @@ TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrives) {
   }
   for (const auto& group : manifest.groupContainers)
     EXPECT_FALSE(pathExists(group.path));
+  // The listing names each plug-in and the data container its data went to.
+  const host_test::ProgramRun apps =
+      host_test::runMavrel({"apps", "--json", "--root", manifest.root}, image_.path());
+  for (const auto& container : manifest.containers) {
+    if (container.containerType != "VPNBundle") continue;
+    const std::string data =
+        registry->bundleRecordForIdentifier(container.identifier)->dataContainerURL.path();
+    EXPECT_NE(apps.out.find("\"vpnPluginIdentifier\":\"" + container.identifier +
+                            "\",\"vpnPluginDataContainer\":\"" + data + "\""),
+              std::string::npos)
+        << apps.out;
+  }
 }
 
 TEST_F(MigrationEndToEndTest, MissingExecutableKeepsDataAndFailsTheRun) {
