@@ -17,11 +17,10 @@ constexpr std::string_view kWriteFunction = "-[CVAppMigrator _migrateContainerWi
 
 void CVAppMigrator::_writeMigrationMarker(const CVDictionary& info, const CVURL& containerURL) {
   const CVURL markerURL = containerURL.URLByAppendingPathComponent(kMigrationMarkerFileName, false);
-  // The marker only has to reach the disk before the moves it guards, and the
-  // file system commits the renames that follow it in order: its contents are
-  // flushed before it takes its name, its directory is not flushed after.
-  if (!platform::writePropertyListAtomically(CVValue(info), markerURL, nullptr,
-                                             platform::WriteDurability::ContentsFlushed)) {
+  // Durable (contents and directory flushed) before the first move it guards:
+  // no file system promises to commit a rename before the renames that follow
+  // it, so after a power loss the moves could be on the disk without it.
+  if (!platform::writePropertyListAtomically(CVValue(info), markerURL, nullptr)) {
     logMigration(kLogLevelError, kWriteFunction,
                  "CVAppMigrator: Failed to write out container marker dictionary... hopefully we "
                  "don't need it to recover.");

@@ -271,8 +271,10 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, 
     return false;
   }
   aside.commit();
-  removeStaleAsideFiles(directoryPath, url.lastPathComponent());
-  if (durability != WriteDurability::Flushed) return true;
+  if (durability != WriteDurability::Flushed) {
+    removeStaleAsideFiles(directoryPath, url.lastPathComponent());
+    return true;
+  }
 
   // Flush the directory so that the rename itself survives a crash.
   UniqueFd directory(::open(directoryPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -285,6 +287,8 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, 
     CVSetError(error, posixCallError(syncErrno, "fsync", directoryPath));
     return false;
   }
+  // Only once the rename is durable: a crash in between keeps the leftovers.
+  removeStaleAsideFiles(directoryPath, url.lastPathComponent());
   return true;
 }
 
