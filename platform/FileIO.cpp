@@ -255,7 +255,7 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, 
     CVSetError(error, posixCallError(failedErrno, "write", asidePath));
     return false;
   }
-  const bool flushContents = durability != WriteDurability::NotFlushed;
+  const bool flushContents = durability == WriteDurability::Flushed;
   if (const int syncErrno = flushContents ? fsyncRetrying(fd.get()) : 0; syncErrno != 0) {
     CVSetError(error, posixCallError(syncErrno, "fsync", asidePath));
     return false;

@@ -25,20 +25,16 @@ std::optional<std::vector<std::uint8_t>> readFileContents(const CVURL& url, std:
 // the new, never a part, whichever is chosen.
 //   Flushed: the contents before the rename, the directory after it; the new
 //     file is on the disk when the call returns.
-//   ContentsFlushed: only the contents, before the rename, so that the name
-//     never points at unwritten data after a crash; the rename reaches the
-//     disk with the file system's next commit, in order with the renames that
-//     follow it (for a marker that only has to precede the moves it guards).
 //   NotFlushed: neither, for files that need not outlive a crash (a staging
 //     directory removed by the same call that fills it).
-enum class WriteDurability { Flushed, ContentsFlushed, NotFlushed };
+enum class WriteDurability { Flushed, NotFlushed };
 
 // Writes `bytes` durably: to a uniquely named file beside `url`, flushed,
 // renamed over `url`, then the directory is flushed. On failure the old file is
 // untouched and the aside file removed. The one exception is a failure to
 // flush the directory after the rename: the new contents are then in place,
 // but the call still fails because their durability is not assured.
-// `durability` leaves out one flush or both (see WriteDurability).
+// NotFlushed leaves out both flushes (see WriteDurability).
 bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, CVError* error,
                          WriteDurability durability = WriteDurability::Flushed);
 
