@@ -112,10 +112,13 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   if (!contents) return progress.fail(kFunction, failure, error);
   if (contents->applicationName.empty() && !contents->vpnPluginName.empty())
     return acceptPluginPayload(*origin, contents->vpnPluginName, request, progress, error);
-  if (contents->applicationName.empty())
-    return answerRepeatedRequest(*origin, request, progress, error);
+  // A built-in identifier is refused whatever the payload holds, also when a
+  // crash after an earlier refusal consumed it: the caller then resumes to
+  // the same answer.
   if (builtIns_.count(request.identifier) != 0)
     return refuseBuiltIn(*origin, request, progress, error);
+  if (contents->applicationName.empty())
+    return answerRepeatedRequest(*origin, request, progress, error);
 
   progress.report(kStatusStaging);
   const auto staged = newStagingPath(&failure);

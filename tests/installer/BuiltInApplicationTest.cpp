@@ -91,6 +91,15 @@ TEST_F(BuiltInApplicationTest, ALegacyCopyGivesItsDataAndIsRefusedAsAlreadyInsta
   EXPECT_EQ(entriesOf(bundleContainers()), std::vector<std::string>{});
   EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
 
+  // The same request after a crash that came once the staging directory was
+  // consumed (the resumed migrator stages an empty "Payload") gets the same
+  // answer, not a failure of its own.
+  testing_support::makeDirectories(home("Applications/W1/Staging/Payload"));
+  const InstallOutcome resumed =
+      installCustomer(home("Applications/W1/Staging"), "com.zentrel.weather");
+  EXPECT_EQ(resumed.errorName(), "ApplicationAlreadyInstalled") << resumed.dump();
+  EXPECT_EQ(entriesOf(home("Applications/W1")), std::vector<std::string>{});
+
   // Nor is a placeholder of it accepted.
   testing_support::TemporaryDirectory temporary;
   EXPECT_EQ(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.zentrel.clock"}),
