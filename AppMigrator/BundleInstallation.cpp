@@ -7,6 +7,7 @@
 #include <atomic>
 
 #include "AppMigrator/AppMigrator.h"
+#include "platform/InstallOptions.h"
 #include "platform/Log.h"
 #include "shared/filemanager/CVFileManager.h"
 
@@ -18,18 +19,6 @@ using platform::logMigration;
 
 constexpr std::string_view kFunction =
     "-[CVAppMigrator _stageAndInstallBundleAtURL:withIdentifier:andVPNPluginAtURL:inContainerURL:]";
-
-CVDictionary customerInstallOptions(const std::string& identifier) {
-  CVDictionary options;
-  options.set(std::string(platform::kInstallTypeOptionKey),
-              CVValue(CVNumber::unsignedInteger(platform::kMigrationInstallType)));
-  options.set(std::string(platform::kPackageTypeOptionKey),
-              CVValue(std::string(platform::kPackageTypeCustomer)));
-  options.set(std::string(platform::kVerifyForMigratorOptionKey), CVValue(true));
-  options.set(std::string(platform::kSkipBlacklistOptionKey), CVValue(true));
-  options.set(std::string(platform::kBundleIdentifierOptionKey), CVValue(identifier));
-  return options;
-}
 
 }  // namespace
 
@@ -99,8 +88,9 @@ bool CVAppMigrator::_stageAndInstallBundleAtURL(const CVURL& bundleURL,
   };
 
   CVError installError;
-  if (environment_.installer->installApplication(stagingURL, customerInstallOptions(identifier),
-                                                 &installError, progress)) {
+  if (environment_.installer->installApplication(
+          stagingURL, platform::migrationCustomerInstallOptions(identifier), &installError,
+          progress)) {
     return true;
   }
   if (alreadyInstalled.load()) {

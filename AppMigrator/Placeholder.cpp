@@ -8,6 +8,7 @@
 #include "platform/Bundle.h"
 #include "platform/FileIO.h"
 #include "platform/Image.h"
+#include "platform/InstallOptions.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -135,16 +136,8 @@ bool CVAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const CVURL& bundl
 
   logMigration(kLogLevelNotice, kPlaceholderFunction,
                "CVAppMigrator: Installing placeholder for %@", identifier);
-  CVDictionary options;
-  options.set(std::string(platform::kInstallTypeOptionKey),
-              CVValue(CVNumber::unsignedInteger(platform::kMigrationInstallType)));
-  options.set(std::string(platform::kPackageTypeOptionKey),
-              CVValue(std::string(platform::kPackageTypePlaceholder)));
-  options.set(std::string(platform::kBundleIdentifierOptionKey), CVValue(identifier));
-  options.set(std::string(platform::kSkipBlacklistOptionKey), CVValue(true));
-  if (metadata) {
-    options.set(std::string(platform::kStoreMetadataOptionKey), CVValue(std::move(*metadata)));
-  }
+  const CVDictionary options =
+      platform::migrationPlaceholderInstallOptions(identifier, std::move(metadata));
 
   CVError installError;
   const bool installed =

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "platform/Bundle.h"
+#include "platform/InstallOptions.h"
 #include "platform/PropertyList.h"
 #include "tests/support/TestSupport.h"
 
@@ -32,28 +33,12 @@ void writePlist(const std::string& path, const CVValue& value) {
 }
 
 CVDictionary customerOptions(const std::string& identifier) {
-  CVDictionary options;
-  options.set(std::string(platform::kInstallTypeOptionKey),
-              CVValue(CVNumber::unsignedInteger(platform::kMigrationInstallType)));
-  options.set(std::string(platform::kPackageTypeOptionKey),
-              CVValue(std::string(platform::kPackageTypeCustomer)));
-  options.set(std::string(platform::kVerifyForMigratorOptionKey), CVValue(true));
-  options.set(std::string(platform::kSkipBlacklistOptionKey), CVValue(true));
-  options.set(std::string(platform::kBundleIdentifierOptionKey), CVValue(identifier));
-  return options;
+  return platform::migrationCustomerInstallOptions(identifier);
 }
 
 CVDictionary placeholderOptions(const std::string& identifier,
                                 const std::optional<CVData>& metadata) {
-  CVDictionary options;
-  options.set(std::string(platform::kInstallTypeOptionKey),
-              CVValue(CVNumber::unsignedInteger(platform::kMigrationInstallType)));
-  options.set(std::string(platform::kPackageTypeOptionKey),
-              CVValue(std::string(platform::kPackageTypePlaceholder)));
-  options.set(std::string(platform::kBundleIdentifierOptionKey), CVValue(identifier));
-  options.set(std::string(platform::kSkipBlacklistOptionKey), CVValue(true));
-  if (metadata) options.set(std::string(platform::kStoreMetadataOptionKey), CVValue(*metadata));
-  return options;
+  return platform::migrationPlaceholderInstallOptions(identifier, metadata);
 }
 
 void writeBundle(const std::string& path, const BundleSpec& spec) {
