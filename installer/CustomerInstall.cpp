@@ -204,12 +204,8 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
       {JournalStep::Action::Rename, relative(*staged), relative(*bundleContainer)});
 
   ApplicationEntry& entry = preparation.entry;
-  entry.identifier = request.identifier;
-  entry.kind = ApplicationKind::User;
-  entry.version = facts->version;
-  entry.shortVersion = facts->shortVersion;
-  entry.bundleContainer = relative(*bundleContainer);
-  entry.bundlePath = relative(*bundleContainer + "/" + contents->applicationName);
+  entry = entryForBundle(request, ApplicationKind::User, *facts, *bundleContainer,
+                         contents->applicationName, existing);
   if (!contents->vpnPluginName.empty()) {
     entry.vpnPluginPath = relative(*bundleContainer + "/" + contents->vpnPluginName);
     // Known under its own identifier, so that the data of a legacy container
@@ -217,7 +213,6 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
     const std::string plugin = readBundleIdentifier(payload + "/" + contents->vpnPluginName);
     if (plugin != request.identifier) entry.vpnPluginIdentifier = plugin;
   }
-  if (existing) entry.dataContainer = existing->dataContainer;
   entry.installedFrom = relative(*origin);
   if (!prepareContainers(preparation, facts->groups, &failure)) return restoreAndFail(failure);
   if (existing && !existing->bundleContainer.empty()) {

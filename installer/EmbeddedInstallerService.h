@@ -181,6 +181,12 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   std::optional<platform::BundleRecord> recordFor(const ApplicationEntry& entry) const;
 
   // ---- Shared steps (InstallSteps.cpp) ----
+  // The registry entry of a bundle installed as `bundleName` in
+  // `bundleContainer`; a replaced entry's data container is kept.
+  ApplicationEntry entryForBundle(const InstallRequest& request, ApplicationKind kind,
+                                  const BundleFacts& facts, const std::string& bundleContainer,
+                                  const std::string& bundleName,
+                                  const std::optional<ApplicationEntry>& existing) const;
   // A fresh name in the staging root; nothing is made there yet.
   std::optional<std::string> newStagingPath(InstallFailure* failure);
   // Removes staging-root entries that were never registered; failures are

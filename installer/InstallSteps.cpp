@@ -25,6 +25,21 @@ std::string EmbeddedInstallerService::relative(const std::string& absolutePath) 
   return layout_.relative(absolutePath).value_or(absolutePath);
 }
 
+ApplicationEntry EmbeddedInstallerService::entryForBundle(
+    const InstallRequest& request, ApplicationKind kind, const BundleFacts& facts,
+    const std::string& bundleContainer, const std::string& bundleName,
+    const std::optional<ApplicationEntry>& existing) const {
+  ApplicationEntry entry;
+  entry.identifier = request.identifier;
+  entry.kind = kind;
+  entry.version = facts.version;
+  entry.shortVersion = facts.shortVersion;
+  entry.bundleContainer = relative(bundleContainer);
+  entry.bundlePath = relative(bundleContainer + "/" + bundleName);
+  if (existing) entry.dataContainer = existing->dataContainer;  // a new version keeps the data
+  return entry;
+}
+
 std::optional<std::string> EmbeddedInstallerService::newStagingPath(InstallFailure* failure) {
   if (const auto uuid = makeRandomUUIDString()) return stagingRoot_ + "/" + *uuid;
   *failure = InstallFailure{InstallError::StagingFailed, "cannot name an item in " + stagingRoot_,

@@ -103,14 +103,8 @@ bool EmbeddedInstallerService::installPlaceholder(const std::string& url,
   }
   preparation.steps.push_back(
       {JournalStep::Action::Rename, relative(*prepared), relative(*bundleContainer)});
-  ApplicationEntry& entry = preparation.entry;
-  entry.identifier = request.identifier;
-  entry.kind = ApplicationKind::Placeholder;
-  entry.version = facts->version;
-  entry.shortVersion = facts->shortVersion;
-  entry.bundleContainer = relative(*bundleContainer);
-  entry.bundlePath = relative(*bundleContainer + "/" + bundleName);
-  if (existing) entry.dataContainer = existing->dataContainer;
+  preparation.entry = entryForBundle(request, ApplicationKind::Placeholder, *facts,
+                                     *bundleContainer, bundleName, existing);
   if (!prepareContainers(preparation, facts->groups, &failure)) return discardAndFail(failure);
   if (existing && !existing->bundleContainer.empty()) {
     preparation.steps.push_back({JournalStep::Action::Remove, existing->bundleContainer, {}});
