@@ -10,6 +10,7 @@
 namespace installer_test {
 namespace {
 
+using testing_support::makeDirectories;
 using testing_support::pathExists;
 using testing_support::readFile;
 using testing_support::writeFile;
@@ -84,6 +85,29 @@ TEST_F(VPNPluginTest, APackageHoldingAKnownPluginAloneIsConsumedAndTheInstalledC
   EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
   EXPECT_EQ(record(kPlugin)->bundleURL.path(), installedBundle);
   EXPECT_FALSE(pathExists(installedBundle + "/Marker"));
+}
+
+// A crash while the legacy copy was being discarded leaves an empty
+// "Payload"; the resumed request gets the same answer.
+TEST_F(VPNPluginTest, AnEmptyPackageAskedForAKnownPluginIsAcceptedAgain) {
+  installApplicationWithPlugin();
+  const std::string installedBundle = record(kPlugin)->bundleURL.path();
+  const std::string staging = home("Applications/V1/Staging");
+  makeDirectories(staging + "/Payload");
+  reopen();
+
+  const InstallOutcome outcome = installCustomer(staging, kPlugin);
+  ASSERT_TRUE(outcome.succeeded) << outcome.dump();
+  EXPECT_FALSE(pathExists(staging));
+  EXPECT_TRUE(pathExists(installedBundle + "/Info.plist"));
+  EXPECT_EQ(record(kPlugin)->bundleURL.path(), installedBundle);
+
+  // Not for a plug-in nobody installed.
+  makeDirectories(staging + "/Payload");
+  const InstallOutcome unknown = installCustomer(staging, "com.example.unknown.vpn");
+  EXPECT_FALSE(unknown.succeeded);
+  EXPECT_EQ(unknown.errorName(), "EmptyPayload") << unknown.dump();
+  EXPECT_TRUE(pathExists(staging + "/Payload"));
 }
 
 TEST_F(VPNPluginTest, APackageHoldingAnUnknownOrMisnamedPluginAloneIsRefusedAndKept) {

@@ -8,23 +8,15 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <thread>
+
+#include "tests/support/TestSupport.h"
 
 extern char** environ;
 
 namespace reliability {
 namespace {
-
-std::string readWholeFile(const std::string& path) {
-  if (path.empty()) return {};
-  std::ifstream stream(path, std::ios::binary);
-  std::ostringstream contents;
-  contents << stream.rdbuf();
-  return contents.str();
-}
 
 // The test's environment with `extra` laid over it.
 std::vector<std::string> mergedEnvironment(const std::vector<std::string>& extra) {
@@ -143,8 +135,8 @@ ChildOutcome runChild(const std::string& program, const std::vector<std::string>
   } else if (WIFSIGNALED(status)) {
     outcome.signal = WTERMSIG(status);
   }
-  outcome.out = readWholeFile(options.outPath);
-  outcome.err = readWholeFile(options.errPath);
+  outcome.out = options.outPath.empty() ? "" : testing_support::readFile(options.outPath);
+  outcome.err = options.errPath.empty() ? "" : testing_support::readFile(options.errPath);
   return outcome;
 }
 

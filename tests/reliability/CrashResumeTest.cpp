@@ -15,13 +15,12 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <random>
 #include <set>
-#include <sstream>
 
 #include "tests/reliability/StraceTrace.h"
 #include "tests/reliability/SweepRunner.h"
+#include "tests/reliability/SweepTest.h"
 #include "tests/support/TestSupport.h"
 
 namespace reliability {
@@ -67,23 +66,8 @@ std::vector<KillPoint> killPoints(const Trace& trace, const std::string& root) {
   return points;
 }
 
-std::string readWhole(const std::string& path) {
-  std::ifstream stream(path);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  return text.str();
-}
-
-class CrashResumeTest : public ::testing::Test {
+class CrashResumeTest : public SweepTest {
  protected:
-  void SetUp() override {
-    settings_ = sweepSettings();
-    ASSERT_TRUE(settings_.error.empty()) << settings_.error;
-    std::string reason;
-    workspaces_ = makeWorkspaces(base_.path(), settings_, &reason);
-    ASSERT_FALSE(workspaces_.empty()) << reason;
-  }
-
   // After a kill: plain runs until one succeeds, each followed by the
   // checks; then one more, which must change nothing.
   void resumeAndCheck(SweepWorkspace& workspace, const std::string& trial, bool idempotence) {
@@ -115,11 +99,7 @@ class CrashResumeTest : public ::testing::Test {
           "listings refused after a kill: the registry's first transaction interrupted");
       check.listingError.clear();
     }
-    findings_.count("files verified", check.filesVerified);
-    findings_.count("files lost", check.lost.size());
-    findings_.count("files verified in a data container mavrel apps does not list",
-                    check.filesInUnlistedContainers);
-    findings_.count("files lost under a rule of the migration", check.lossesByRule.size());
+    countFiles(check);
     if (!check.clean()) findings_.problem(when, check.describe());
   }
 
@@ -147,19 +127,6 @@ class CrashResumeTest : public ::testing::Test {
       findings_.problem(trial, "the run after a success changed the image:\n" + difference);
     }
   }
-
-  void report(const std::string& title) {
-    std::printf("%s (%s)\n%s", title.c_str(), settings_.describe().c_str(),
-                findings_.figures().c_str());
-    std::printf("Notes:\n%s", findings_.noteReport().c_str());
-    EXPECT_EQ(findings_.figure("files lost"), 0u);
-    EXPECT_TRUE(findings_.problems().empty()) << findings_.problemReport();
-  }
-
-  SweepSettings settings_;
-  testing_support::TemporaryDirectory base_;
-  std::vector<std::unique_ptr<SweepWorkspace>> workspaces_;
-  SweepFindings findings_;
 };
 
 // Kill before the Nth call; returns whether the kill came.
@@ -174,7 +141,7 @@ bool killAt(SweepWorkspace& workspace, const KillPoint& point, SweepFindings& fi
   const ChildOutcome run = workspace.migrate(plan);
   if (run.signal == SIGKILL) {
     // The call the kill interrupted, as this run made it.
-    const Trace trace = parseTrace(readWhole(plan.outputPath));
+    const Trace trace = parseTrace(testing_support::readFile(plan.outputPath));
     if (trace.calls.empty() || trace.calls.back().returned())
       findings.problem(trial, "killed, but not on entry of a traced call");
     return true;
@@ -204,7 +171,10 @@ const std::vector<Family>& families() {
        {"write", "writev", "pwritev", "pwritev2", "copy_file_range", "sendfile", "ftruncate",
         "truncate", "fallocate"}},
       {"RegistryWrites", {"pwrite64"}},
-      {"Attributes", {}},
+      {"AttributesModesAndTimes",
+       {"setxattr", "lsetxattr", "fsetxattr", "removexattr", "lremovexattr", "fremovexattr",
+        "chmod", "fchmod", "fchmodat", "utimensat"}},
+      {"Owners", {}},
   };
   return all;
 }
@@ -262,10 +232,7 @@ TEST_P(CrashResumeSweep, EveryKillPointResumesWithoutLossOrOutsideWrites) {
     checkImage(workspace, trial + ", after the kill", /*afterKill=*/true);
     resumeAndCheck(workspace, trial, index % settings_.idempotenceEvery == 0);
   });
-  findings_.count("seconds",
-                  static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(
-                                                 std::chrono::steady_clock::now() - start)
-                                                 .count()));
+  countSecondsSince(start);
   findings_.count("user-data files of the image", workspaces_.front()->recordedFiles());
   report(std::string("Crash and resume: a kill before every call that changes the disk, ") +
          GetParam().name);

@@ -14,12 +14,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <random>
-#include <sstream>
 
 #include "tests/reliability/StraceTrace.h"
 #include "tests/reliability/SweepRunner.h"
+#include "tests/reliability/SweepTest.h"
 #include "tests/support/TestSupport.h"
 
 namespace reliability {
@@ -97,40 +96,21 @@ std::vector<FaultTrial> faultTrials(const Trace& trace, const std::string& root)
   return trials;
 }
 
-std::string readWhole(const std::string& path) {
-  std::ifstream stream(path);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  return text.str();
-}
-
 const char* errorText(const std::string& errorName) {
   if (errorName == "EIO") return std::strerror(EIO);
   if (errorName == "ENOSPC") return std::strerror(ENOSPC);
   return std::strerror(EACCES);
 }
 
-class FaultInjectionTest : public ::testing::Test {
+class FaultInjectionTest : public SweepTest {
  protected:
-  void SetUp() override {
-    settings_ = sweepSettings();
-    ASSERT_TRUE(settings_.error.empty()) << settings_.error;
-    std::string reason;
-    workspaces_ = makeWorkspaces(base_.path(), settings_, &reason);
-    ASSERT_FALSE(workspaces_.empty()) << reason;
-  }
-
   // Registered containers missing after a failed install, and data left at
   // its legacy place by a run that reported success, are findings of the
   // platform and of the migration's rules (docs/RELIABILITY.md): counted and
   // noted, and failures only with MAVREL_RELIABILITY_STRICT=1.
   void checkImage(SweepWorkspace& workspace, const std::string& when, bool finished = false) {
     ImageCheck check = workspace.check(finished);
-    findings_.count("files verified", check.filesVerified);
-    findings_.count("files lost", check.lost.size());
-    findings_.count("files verified in a data container mavrel apps does not list",
-                    check.filesInUnlistedContainers);
-    findings_.count("files lost under a rule of the migration", check.lossesByRule.size());
+    countFiles(check);
     if (!check.lossesByRule.empty())
       findings_.count("trials losing files under a rule of the migration");
     if (!strict_ && !check.missingContainers.empty()) {
@@ -165,7 +145,7 @@ class FaultInjectionTest : public ::testing::Test {
       findings_.problem(name, "the run " + run.describe() + "\n" + lastLines(run.err, 40));
       return;
     }
-    const Trace trace = parseTrace(readWhole(plan.outputPath));
+    const Trace trace = parseTrace(testing_support::readFile(plan.outputPath));
     const bool injected = std::any_of(trace.calls.begin(), trace.calls.end(),
                                       [](const TracedCall& call) { return call.injected; });
     if (!injected) {
@@ -194,10 +174,6 @@ class FaultInjectionTest : public ::testing::Test {
   }
 
   bool strict_ = std::getenv("MAVREL_RELIABILITY_STRICT") != nullptr;
-  SweepSettings settings_;
-  testing_support::TemporaryDirectory base_;
-  std::vector<std::unique_ptr<SweepWorkspace>> workspaces_;
-  SweepFindings findings_;
 };
 
 TEST_F(FaultInjectionTest, FailedCallsAreReportedLoseNoDataAndAFaultFreeRerunFinishes) {
@@ -230,15 +206,8 @@ TEST_F(FaultInjectionTest, FailedCallsAreReportedLoseNoDataAndAFaultFreeRerunFin
   runTrials(workspaces_, trials.size(), [&](SweepWorkspace& workspace, std::size_t index) {
     runTrial(workspace, trials[index]);
   });
-  findings_.count("seconds",
-                  static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(
-                                                 std::chrono::steady_clock::now() - start)
-                                                 .count()));
-  std::printf("Fault injection (%s)\n%s", settings_.describe().c_str(),
-              findings_.figures().c_str());
-  std::printf("Notes:\n%s", findings_.noteReport().c_str());
-  EXPECT_EQ(findings_.figure("files lost"), 0u);
-  EXPECT_TRUE(findings_.problems().empty()) << findings_.problemReport();
+  countSecondsSince(start);
+  report("Fault injection");
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
 #include "tests/reliability/SweepRunner.h"
 
 #include <atomic>
-#include <fstream>
 #include <sstream>
 #include <thread>
+
+#include "tests/support/TestSupport.h"
 
 namespace reliability {
 
@@ -45,10 +46,7 @@ Trace traceMigration(SweepWorkspace& workspace, const std::vector<std::string>& 
     *reason = "the traced migration did not succeed: " + run.describe() + "\n" + run.out + run.err;
     return {};
   }
-  std::ifstream stream(plan.outputPath);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  return parseTrace(text.str());
+  return parseTrace(testing_support::readFile(plan.outputPath));
 }
 
 void SweepFindings::count(const std::string& figure, std::uint64_t amount) {

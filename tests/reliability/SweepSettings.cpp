@@ -1,7 +1,11 @@
 #include "tests/reliability/SweepSettings.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
+
+#include "platform/linux/ExtendedAttributes.h"
+#include "tests/support/TestSupport.h"
 
 namespace reliability {
 namespace {
@@ -19,6 +23,23 @@ bool readCount(const char* name, std::uint64_t& value, std::string& error) {
   return true;
 }
 
+// Whether the migration can run in `parent`: a directory where a new
+// directory takes a "user." attribute (the platform keeps protection classes
+// and placeholder marks in them).
+bool takesUserAttributes(const std::string& parent) {
+  std::error_code error;
+  if (!std::filesystem::is_directory(parent, error)) return false;
+  testing_support::TemporaryDirectory probe(parent);
+  return platform::sys::setAttribute(platform::sys::AttributeItem::link(probe.path().c_str()),
+                                     "user.mavrel.probe", "1") == 0;
+}
+
+std::string defaultWorkspaceParent() {
+  if (takesUserAttributes("/dev/shm")) return "/dev/shm";
+  const char* temporary = std::getenv("TMPDIR");
+  return temporary && *temporary ? temporary : "/tmp";
+}
+
 }  // namespace
 
 std::string SweepSettings::describe() const {
@@ -29,7 +50,7 @@ std::string SweepSettings::describe() const {
                                         : "exhaustive")
        << ", image of " << image.applications << " applications + " << image.vpnOnly
        << " VPN-only (seed " << image.seed << ", data scale " << image.dataScale << "), " << workers
-       << " workers";
+       << " workers, workspaces in " << workspaceParent;
   return text.str();
 }
 
@@ -46,7 +67,7 @@ SweepSettings sweepSettings() {
     settings.error += "MAVREL_RELIABILITY_MODE must be ci, sampled or exhaustive\n";
   }
   // The CI sample of fault trials; the longer modes run them all.
-  settings.faultTrials = settings.mode == SweepMode::CI ? 120 : 0;
+  settings.faultTrials = settings.mode == SweepMode::CI ? 240 : 0;
   settings.idempotenceEvery = settings.mode == SweepMode::CI ? 8 : 1;
   std::uint64_t value = 0;
   if (readCount("MAVREL_RELIABILITY_APPS", value, settings.error))
@@ -61,6 +82,8 @@ SweepSettings sweepSettings() {
     settings.randomInstantKills = value;
   if (readCount("MAVREL_RELIABILITY_WORKERS", value, settings.error) && value > 0)
     settings.workers = value;
+  const char* parent = std::getenv("MAVREL_RELIABILITY_DIR");
+  settings.workspaceParent = parent && *parent ? parent : defaultWorkspaceParent();
   return settings;
 }
 

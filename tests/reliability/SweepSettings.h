@@ -11,6 +11,14 @@
 //   MAVREL_RELIABILITY_RANDOM_KILLS  kills at random instants (sampled)
 //   MAVREL_RELIABILITY_WORKERS  trials run side by side (default 2)
 //   MAVREL_RELIABILITY_STRICT   set: the fault sweep's known findings fail too
+//   MAVREL_RELIABILITY_DIR      where the workspaces go (default: /dev/shm when
+//                               it takes user extended attributes, else $TMPDIR)
+//
+// The workspaces go to memory by default: creating a file on the disks these
+// sweeps run on costs half a millisecond, and a trial restores its image and
+// migrates it several times, so a sweep on tmpfs runs about five times
+// faster. What the sweeps test (kills, failing calls, the order of calls)
+// does not depend on the file system.
 //
 // Error contract: a malformed variable is reported by sweepSettings() in
 // `error` and the defaults are kept.
@@ -30,9 +38,10 @@ struct SweepSettings {
   SweepMode mode = SweepMode::CI;
   ImageSettings image;
   std::size_t workers = 2;
+  std::string workspaceParent;
   // Sampled mode: kill points drawn from the strace sweep, and kills at
   // random instants of plain runs.
-  std::size_t sampledKillPoints = 400;
+  std::size_t sampledKillPoints = 600;
   std::size_t randomInstantKills = 150;
   // Every how many kill points the run after a success is checked for
   // changing nothing (1: after every one).

@@ -30,10 +30,10 @@
 namespace reliability {
 
 struct ImageSettings {
-  // Seed 1 with three applications gives: one with a VPN plug-in beside it,
+  // Seed 1 with ten applications gives: one with a VPN plug-in beside it,
   // two sharing a group container, one that duplicates a built-in
   // application, a VPN-only container and a safe harbor.
-  std::size_t applications = 3;
+  std::size_t applications = 10;
   std::size_t vpnOnly = 1;
   std::uint64_t seed = 1;
   double dataScale = 0.05;

@@ -11,9 +11,19 @@
 
 namespace testing_support {
 
-TemporaryDirectory::TemporaryDirectory() {
+namespace {
+
+std::string systemTemporaryDirectory() {
   const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/mavrel-test.XXXXXX";
+  return base && *base ? base : "/tmp";
+}
+
+}  // namespace
+
+TemporaryDirectory::TemporaryDirectory() : TemporaryDirectory(systemTemporaryDirectory()) {}
+
+TemporaryDirectory::TemporaryDirectory(const std::string& parent) {
+  std::string pattern = parent + "/mavrel-test.XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) {
     ADD_FAILURE() << "mkdtemp failed for " << pattern;
   }

@@ -16,11 +16,13 @@
 
 namespace testing_support {
 
-// A fresh directory under the system temporary directory, removed with all its
-// contents (immutable flags cleared first) when the object goes away.
+// A fresh directory under the system temporary directory (or under `parent`),
+// removed with all its contents (immutable flags cleared first) when the
+// object goes away.
 class TemporaryDirectory {
  public:
   TemporaryDirectory();
+  explicit TemporaryDirectory(const std::string& parent);
   ~TemporaryDirectory();
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
