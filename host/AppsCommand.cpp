@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "host/LogFormat.h"
+#include "host/JSONWriter.h"
 #include "host/MigrationHost.h"
 #include "host/RootDirectory.h"
 #include "installer/RegistryListing.h"
@@ -19,23 +19,6 @@ void appendLine(std::string& text, std::string_view label, const std::string& va
   text += ": ";
   text += value;
   text += '\n';
-}
-
-// A JSON string, or null for an empty value.
-void appendJSONValue(std::string& out, const std::string& value) {
-  if (value.empty()) {
-    out += "null";
-  } else {
-    appendJSONString(out, value);
-  }
-}
-
-void appendJSONMember(std::string& out, std::string_view name, const std::string& value,
-                      bool first = false) {
-  if (!first) out += ',';
-  appendJSONString(out, name);
-  out += ':';
-  appendJSONValue(out, value);
 }
 
 }  // namespace
@@ -81,47 +64,50 @@ std::string formatListingText(const mavrel_installer::RegistryListing& listing) 
 }
 
 std::string formatListingJSON(const mavrel_installer::RegistryListing& listing) {
-  std::string out = "{";
-  appendJSONMember(out, "registry", listing.registryPath, true);
-  out += ",\"registryExists\":";
-  out += listing.registryExists ? "true" : "false";
-  out += ",\"pendingInstalls\":" + std::to_string(listing.pendingInstalls);
-  out += ",\"applications\":[";
-  bool firstApplication = true;
+  JSONWriter json;
+  json.beginObject()
+      .key("registry")
+      .stringOrNull(listing.registryPath)
+      .member("registryExists", listing.registryExists)
+      .member("pendingInstalls", static_cast<std::uint64_t>(listing.pendingInstalls))
+      .key("applications")
+      .beginArray();
   for (const mavrel_installer::ListedApplication& application : listing.applications) {
-    if (!firstApplication) out += ',';
-    firstApplication = false;
-    out += '{';
-    appendJSONMember(out, "identifier", application.identifier, true);
-    appendJSONMember(out, "kind", application.kind);
-    appendJSONMember(out, "version", application.version);
-    appendJSONMember(out, "shortVersion", application.shortVersion);
-    appendJSONMember(out, "bundleContainer", application.bundleContainer);
-    appendJSONMember(out, "bundle", application.bundlePath);
-    appendJSONMember(out, "vpnPlugin", application.vpnPluginPath);
-    appendJSONMember(out, "vpnPluginIdentifier", application.vpnPluginIdentifier);
-    appendJSONMember(out, "vpnPluginDataContainer", application.vpnPluginDataContainer);
-    appendJSONMember(out, "dataContainer", application.dataContainer);
-    out += ",\"groupContainers\":{";
-    bool firstGroup = true;
-    for (const auto& [group, path] : application.groupContainers) {
-      appendJSONMember(out, group, path, firstGroup);
-      firstGroup = false;
-    }
-    out += "}}";
+    json.beginObject();
+    for (const auto& [name, text] :
+         {std::pair{"identifier", &application.identifier},
+          {"kind", &application.kind},
+          {"version", &application.version},
+          {"shortVersion", &application.shortVersion},
+          {"bundleContainer", &application.bundleContainer},
+          {"bundle", &application.bundlePath},
+          {"vpnPlugin", &application.vpnPluginPath},
+          {"vpnPluginIdentifier", &application.vpnPluginIdentifier},
+          {"vpnPluginDataContainer", &application.vpnPluginDataContainer},
+          {"dataContainer", &application.dataContainer}})
+      json.key(name).stringOrNull(*text);
+    json.key("groupContainers").beginObject();
+    for (const auto& [group, path] : application.groupContainers)
+      json.key(group).stringOrNull(path);
+    json.endObject().endObject();
   }
-  out += "],\"safeHarbors\":[";
-  bool firstHarbor = true;
+  json.endArray().key("safeHarbors").beginArray();
   for (const mavrel_installer::ListedHarbor& harbor : listing.harbors) {
-    if (!firstHarbor) out += ',';
-    firstHarbor = false;
-    out += '{';
-    appendJSONMember(out, "identifier", harbor.identifier, true);
-    appendJSONMember(out, "path", harbor.path);
-    out += ",\"containerType\":" + std::to_string(harbor.containerType) + "}";
+    json.beginObject()
+        .key("identifier")
+        .stringOrNull(harbor.identifier)
+        .key("path")
+        .stringOrNull(harbor.path)
+        .key("containerType");
+    // Negative types are not written by the installer, but a registry is data.
+    if (harbor.containerType < 0) {
+      json.null();
+    } else {
+      json.value(static_cast<std::uint64_t>(harbor.containerType));
+    }
+    json.endObject();
   }
-  out += "]}\n";
-  return out;
+  return json.endArray().endObject().text();
 }
 
 int runApps(const AppsOptions& options, std::FILE* out, std::FILE* err) {
