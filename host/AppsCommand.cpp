@@ -2,11 +2,11 @@
 
 #include <string>
 
-#include "host/JSONWriter.h"
 #include "host/MigrationHost.h"
 #include "host/RootDirectory.h"
 #include "installer/RegistryListing.h"
 #include "platform/DeviceRoot.h"
+#include "platform/JSONWriter.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 
 namespace mavrel_host {
@@ -64,7 +64,7 @@ std::string formatListingText(const mavrel_installer::RegistryListing& listing) 
 }
 
 std::string formatListingJSON(const mavrel_installer::RegistryListing& listing) {
-  JSONWriter json;
+  platform::JSONWriter json;
   json.beginObject()
       .key("registry")
       .stringOrNull(listing.registryPath)

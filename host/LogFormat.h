@@ -6,8 +6,9 @@
 //   2026-11-21 08:32:00.123 <3> <function>: <message>
 // JSON (both logs): one object per line with "time", "level", "function" and
 // "message", plus "category", "file" and "line" for the migration log. The
-// message is carried exactly; JSON strings escape quotes, backslashes and
-// control characters, and each invalid UTF-8 sequence becomes U+FFFD.
+// message is carried exactly; JSON strings are quoted by
+// platform::appendJSONString (platform/JSONWriter.h): quotes, backslashes and
+// control characters are escaped, and each invalid UTF-8 sequence becomes U+FFFD.
 //
 // These functions cannot fail. Every returned line ends with "\n".
 #pragma once
@@ -31,8 +32,5 @@ std::string formatTextLine(LogFlavor flavor, const platform::LogLine& line,
                            std::string_view timestamp);
 std::string formatJSONLine(LogFlavor flavor, const platform::LogLine& line,
                            std::string_view timestamp);
-
-// Appends `text` to `out` as a quoted JSON string.
-void appendJSONString(std::string& out, std::string_view text);
 
 }  // namespace mavrel_host

@@ -27,7 +27,7 @@ std::uint64_t OutcomeTotals::entries() const {
   return std::accumulate(counts.begin(), counts.end(), std::uint64_t{0});
 }
 
-void writeOutcomeTotals(JSONWriter& json, const OutcomeTotals& totals) {
+void writeOutcomeTotals(platform::JSONWriter& json, const OutcomeTotals& totals) {
   json.member("entries", totals.entries());
   for (const Label& label : kLabels)
     json.member(label.key, totals.of(label.outcome));

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/JSONWriter.h"
+#include "platform/JSONWriter.h"
 #include "platform/MavrelMigrator.h"
 
 namespace mavrel_host {
@@ -24,7 +24,7 @@ struct OutcomeTotals {
 
 // Members "entries", "migrated", "placeholderOnly", "refusedBuiltIn", "failed",
 // "removed" and "left" of the object being written.
-void writeOutcomeTotals(JSONWriter& json, const OutcomeTotals& totals);
+void writeOutcomeTotals(platform::JSONWriter& json, const OutcomeTotals& totals);
 
 // "3 migrated, 1 refused as built in, 1 failed, 1 removed" (zero counts left
 // out; "nothing" when every count is zero).

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "host/EntryOutcomeNames.h"
-#include "host/JSONWriter.h"
+#include "platform/JSONWriter.h"
 
 namespace mavrel_host {
 namespace {
@@ -81,11 +81,11 @@ void appendEntry(std::string& text, const PlannedEntry& entry) {
     appendField(text, "left over", item);
 }
 
-void writeUsage(JSONWriter& json, const DataUsage& usage) {
+void writeUsage(platform::JSONWriter& json, const DataUsage& usage) {
   json.beginObject().member("files", usage.files).member("bytes", usage.bytes).endObject();
 }
 
-void writeEntry(JSONWriter& json, const PlannedEntry& entry) {
+void writeEntry(platform::JSONWriter& json, const PlannedEntry& entry) {
   json.beginObject();
   json.member("path", entry.path).member("name", entry.name);
   json.member("kind", legacyEntryKindName(entry.kind));
@@ -205,7 +205,7 @@ std::string formatPlanText(const MigrationPlan& plan) {
 }
 
 std::string formatPlanJSON(const MigrationPlan& plan) {
-  JSONWriter json;
+  platform::JSONWriter json;
   json.beginObject();
   json.member("root", plan.root);
   json.member("legacyDirectory", plan.legacyDirectory);

@@ -4,11 +4,10 @@
 #include <filesystem>
 
 #include "host/EntryOutcomeNames.h"
-#include "host/JSONWriter.h"
-#include "host/LogFormat.h"
 #include "host/ProgressDisplay.h"
 #include "installer/InstallerFiles.h"
 #include "platform/FileIO.h"
+#include "platform/JSONWriter.h"
 
 namespace mavrel_host {
 namespace {
@@ -21,7 +20,8 @@ std::string localTime(std::time_t when) {
   return text;
 }
 
-void optionalString(JSONWriter& json, std::string_view name, const std::optional<std::string>& v) {
+void optionalString(platform::JSONWriter& json, std::string_view name,
+                    const std::optional<std::string>& v) {
   json.key(name);
   if (v) {
     json.value(*v);
@@ -41,7 +41,7 @@ std::string absolutePath(const std::string& path) {
   return error ? path : absolute.lexically_normal().string();
 }
 
-void writeVerification(JSONWriter& json, const VerificationResult& result) {
+void writeVerification(platform::JSONWriter& json, const VerificationResult& result) {
   json.beginObject()
       .member("files", result.files)
       .member("bytes", result.bytes)
@@ -81,7 +81,7 @@ bool RunReport::succeeded() const {
 }
 
 std::string formatRunReportJSON(const RunReport& report) {
-  JSONWriter json;
+  platform::JSONWriter json;
   json.beginObject();
   json.member("root", report.root);
   json.member("startedAt", localTime(report.startedAt));

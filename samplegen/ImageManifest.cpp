@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "platform/JSONWriter.h"
+
 namespace samplegen {
 namespace {
 
@@ -11,95 +13,6 @@ std::string fixed(double number, int decimals) {
   std::snprintf(buffer, sizeof buffer, "%.*f", decimals, number);
   return buffer;
 }
-
-// A JSON text built value by value; commas are placed by the writer.
-class JSONWriter {
- public:
-  void beginObject() { open('{'); }
-  void endObject() { close('}'); }
-  void beginArray() { open('['); }
-  void endArray() { close(']'); }
-  void key(std::string_view name) {
-    separate();
-    string(name);
-    text_ += ": ";
-    afterKey_ = true;
-  }
-  void value(std::string_view text) {
-    separate();
-    string(text);
-  }
-  void value(const char* text) { value(std::string_view(text)); }
-  void value(std::uint64_t number) {
-    separate();
-    text_ += std::to_string(number);
-  }
-  void value(double number) {
-    separate();
-    text_ += fixed(number, 3);
-  }
-  void value(bool flag) {
-    separate();
-    text_ += flag ? "true" : "false";
-  }
-  void strings(const std::vector<std::string>& items) {
-    beginArray();
-    for (const std::string& item : items)
-      value(item);
-    endArray();
-  }
-  std::string take() { return std::move(text_) + "\n"; }
-
- private:
-  void open(char bracket) {
-    separate();
-    text_ += bracket;
-    first_ = true;
-    ++depth_;
-  }
-  void close(char bracket) {
-    --depth_;
-    if (!first_) newline();
-    text_ += bracket;
-    first_ = false;
-  }
-  void separate() {
-    if (afterKey_) {
-      afterKey_ = false;
-      return;
-    }
-    if (depth_ == 0) return;
-    if (!first_) text_ += ',';
-    newline();
-    first_ = false;
-  }
-  void newline() {
-    text_ += '\n';
-    text_.append(static_cast<std::size_t>(depth_) * 2, ' ');
-  }
-  void string(std::string_view text) {
-    text_ += '"';
-    for (const char c : text) {
-      const auto byte = static_cast<unsigned char>(c);
-      if (c == '"' || c == '\\') {
-        text_ += '\\';
-        text_ += c;
-      } else if (byte < 0x20) {
-        char escape[8];
-        std::snprintf(escape, sizeof escape, "\\u%04x", byte);
-        text_ += escape;
-      } else {
-        text_ += c;
-      }
-    }
-    text_ += '"';
-  }
-
-  std::string text_;
-  int depth_ = 0;
-  bool first_ = true;
-  bool afterKey_ = false;
-};
 
 }  // namespace
 
@@ -114,126 +27,77 @@ std::size_t ImageManifest::vpnOnlyCount() const {
 }
 
 std::string manifestJSON(const ImageManifest& manifest) {
-  JSONWriter json;
-  json.beginObject();
-  json.key("root");
-  json.value(manifest.root);
-  json.key("seed");
-  json.value(manifest.seed);
-  json.key("dataScale");
-  json.value(manifest.dataScale);
-  json.key("legacyDirectory");
-  json.value(manifest.legacyDirectory);
-  json.key("installMap");
-  json.value(manifest.installMapPath);
-  json.key("harborMap");
-  json.value(manifest.harborMapPath);
-  json.key("systemBuild");
-  json.value(manifest.systemBuildPath);
-  json.key("strayNote");
-  json.value(manifest.strayNotePath);
+  platform::JSONWriter json(platform::JSONWriter::Layout::Indented);
+  json.beginObject()
+      .member("root", manifest.root)
+      .member("seed", manifest.seed)
+      .member("dataScale", manifest.dataScale)
+      .member("legacyDirectory", manifest.legacyDirectory)
+      .member("installMap", manifest.installMapPath)
+      .member("harborMap", manifest.harborMapPath)
+      .member("systemBuild", manifest.systemBuildPath)
+      .member("strayNote", manifest.strayNotePath);
 
-  json.key("containers");
-  json.beginArray();
+  json.key("containers").beginArray();
   for (const ContainerManifest& container : manifest.containers) {
-    json.beginObject();
-    json.key("identifier");
-    json.value(container.identifier);
-    json.key("containerType");
-    json.value(container.containerType);
-    json.key("containerPath");
-    json.value(container.containerPath);
-    json.key("bundlePath");
-    json.value(container.bundlePath);
-    if (!container.vpnPluginPath.empty()) {
-      json.key("vpnPluginPath");
-      json.value(container.vpnPluginPath);
-    }
-    json.key("infoPlistFormat");
-    json.value(container.infoPlistFormat);
-    json.key("groups");
-    json.strings(container.groups);
-    json.key("storeMetadata");
-    json.strings(container.storeMetadata);
-    json.key("dataFiles");
-    json.value(container.dataFiles);
-    json.key("dataBytes");
-    json.value(container.dataBytes);
-    json.key("missingExecutable");
-    json.value(container.missingExecutable);
-    json.key("extraItem");
-    json.value(container.extraItem);
-    json.key("builtInDuplicate");
-    json.value(container.builtInDuplicate);
-    json.endObject();
+    json.beginObject()
+        .member("identifier", container.identifier)
+        .member("containerType", container.containerType)
+        .member("containerPath", container.containerPath)
+        .member("bundlePath", container.bundlePath);
+    if (!container.vpnPluginPath.empty()) json.member("vpnPluginPath", container.vpnPluginPath);
+    json.member("infoPlistFormat", container.infoPlistFormat);
+    json.key("groups").strings(container.groups);
+    json.key("storeMetadata").strings(container.storeMetadata);
+    json.member("dataFiles", container.dataFiles)
+        .member("dataBytes", container.dataBytes)
+        .member("missingExecutable", container.missingExecutable)
+        .member("extraItem", container.extraItem)
+        .member("builtInDuplicate", container.builtInDuplicate)
+        .endObject();
   }
   json.endArray();
 
-  json.key("groupContainers");
-  json.beginArray();
+  json.key("groupContainers").beginArray();
   for (const GroupContainerManifest& group : manifest.groupContainers) {
-    json.beginObject();
-    json.key("identifier");
-    json.value(group.identifier);
-    json.key("path");
-    json.value(group.path);
-    json.key("members");
-    json.strings(group.members);
-    json.key("files");
-    json.value(group.files);
-    json.key("bytes");
-    json.value(group.bytes);
-    json.endObject();
+    json.beginObject().member("identifier", group.identifier).member("path", group.path);
+    json.key("members").strings(group.members);
+    json.member("files", group.files).member("bytes", group.bytes).endObject();
   }
   json.endArray();
 
-  json.key("harbors");
-  json.beginArray();
+  json.key("harbors").beginArray();
   for (const HarborManifest& harbor : manifest.harbors) {
-    json.beginObject();
-    json.key("identifier");
-    json.value(harbor.identifier);
-    json.key("path");
-    json.value(harbor.path);
-    json.key("files");
-    json.value(harbor.files);
-    json.key("bytes");
-    json.value(harbor.bytes);
-    json.endObject();
+    json.beginObject()
+        .member("identifier", harbor.identifier)
+        .member("path", harbor.path)
+        .member("files", harbor.files)
+        .member("bytes", harbor.bytes)
+        .endObject();
   }
   json.endArray();
 
-  json.key("builtInApplications");
-  json.beginArray();
+  json.key("builtInApplications").beginArray();
   for (const BuiltInManifest& builtIn : manifest.builtIns) {
-    json.beginObject();
-    json.key("identifier");
-    json.value(builtIn.identifier);
-    json.key("bundlePath");
-    json.value(builtIn.bundlePath);
-    json.key("location");
-    json.value(builtIn.location);
-    json.endObject();
+    json.beginObject()
+        .member("identifier", builtIn.identifier)
+        .member("bundlePath", builtIn.bundlePath)
+        .member("location", builtIn.location)
+        .endObject();
   }
   json.endArray();
 
-  json.key("totals");
-  json.beginObject();
-  json.key("applications");
-  json.value(std::uint64_t{manifest.applicationCount()});
-  json.key("vpnOnlyContainers");
-  json.value(std::uint64_t{manifest.vpnOnlyCount()});
-  json.key("files");
-  json.value(manifest.files);
-  json.key("directories");
-  json.value(manifest.directories);
-  json.key("bytes");
-  json.value(manifest.bytes);
-  json.key("seconds");
-  json.value(manifest.seconds);
+  json.key("totals")
+      .beginObject()
+      .member("applications", std::uint64_t{manifest.applicationCount()})
+      .member("vpnOnlyContainers", std::uint64_t{manifest.vpnOnlyCount()})
+      .member("files", manifest.files)
+      .member("directories", manifest.directories)
+      .member("bytes", manifest.bytes)
+      .member("seconds", manifest.seconds)
+      .endObject();
   json.endObject();
-  json.endObject();
-  return json.take();
+  return json.text();
 }
 
 std::string manifestSummary(const ImageManifest& manifest) {

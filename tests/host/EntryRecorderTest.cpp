@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "host/EntryRecorder.h"
-#include "host/JSONWriter.h"
 #include "host/ProgressTracker.h"
 
 namespace mavrel_host {
@@ -76,21 +75,6 @@ TEST(EntryRecorderTest, TheFailingStepsFirstErrorIsTheMessage) {
       "/legacy/A", {MavrelEntryOutcome::Failed, MavrelEntryStep::MissedItems, false});
   ASSERT_EQ(recorder.entries().size(), 1u);
   EXPECT_EQ(recorder.entries()[0].message, "CVAppMigrator: Found missed items in /legacy/A");
-}
-
-TEST(JSONWriterTest, NestingCommasAndEscapes) {
-  JSONWriter json;
-  json.beginObject()
-      .member("name", "a \"quoted\"\nline")
-      .member("count", std::uint64_t{3})
-      .member("flag", false);
-  json.key("none").null();
-  json.key("empty").stringOrNull("");
-  json.key("list").beginArray().value("x").beginObject().endObject().beginArray().endArray();
-  json.endArray().member("seconds", 1.5).endObject();
-  EXPECT_EQ(json.text(),
-            "{\"name\":\"a \\\"quoted\\\"\\nline\",\"count\":3,\"flag\":false,\"none\":null,"
-            "\"empty\":null,\"list\":[\"x\",{},[]],\"seconds\":1.500}\n");
 }
 
 }  // namespace

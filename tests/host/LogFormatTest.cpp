@@ -1,5 +1,5 @@
-// The log line formats: the two text layouts, the JSON encoding (escaping and
-// invalid UTF-8), and the timestamps.
+// The log line formats: the two text layouts, the JSON lines (their strings
+// are quoted as tests/platform/JSONWriterTest.cpp checks), and the timestamps.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -11,12 +11,6 @@
 
 namespace mavrel_host {
 namespace {
-
-std::string jsonQuoted(std::string_view text) {
-  std::string out;
-  appendJSONString(out, text);
-  return out;
-}
 
 const platform::LogLine kMigrationLine{5,
                                        "-[CVAppMigrator performMigration]",
@@ -55,38 +49,12 @@ TEST(LogFormatTest, InstallerJSONLineLeavesOutMigrationFields) {
                   "\n");
 }
 
-TEST(LogFormatTest, JSONStringsEscapeQuotesBackslashesAndControlCharacters) {
-  EXPECT_EQ(jsonQuoted(R"(say "hi" C:\dir)"), R"("say \"hi\" C:\\dir")");
-  EXPECT_EQ(jsonQuoted("a\nb\tc\rd\be\ff"), R"("a\nb\tc\rd\be\ff")");
-  EXPECT_EQ(jsonQuoted(std::string_view("\x01\x1f\x7f", 3)), R"("\u0001\u001f\u007f")");
-  EXPECT_EQ(jsonQuoted(std::string_view("nul\0byte", 8)), R"("nul\u0000byte")");
-  EXPECT_EQ(jsonQuoted("/ is fine"), R"("/ is fine")");
-}
-
-TEST(LogFormatTest, JSONStringsKeepValidUTF8) {
-  // 2-, 3- and 4-byte sequences, and the extremes of the valid ranges.
-  const std::string text =
-      "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 \xED\x9F\xBF \xF4\x8F\xBF\xBF";
-  EXPECT_EQ(jsonQuoted(text), "\"" + text + "\"");
-}
-
-TEST(LogFormatTest, JSONStringsReplaceInvalidUTF8WithReplacementCharacter) {
-  const std::string fffd = "\xEF\xBF\xBD";
-  // A lone continuation byte and a byte that never occurs.
-  EXPECT_EQ(jsonQuoted("a\x80z"), "\"a" + fffd + "z\"");
-  EXPECT_EQ(jsonQuoted("a\xFFz"), "\"a" + fffd + "z\"");
-  // Overlong encodings ("/" as C0 AF, E0 80 AF) and a surrogate (ED A0 80):
-  // each byte is a sequence of its own.
-  EXPECT_EQ(jsonQuoted("\xC0\xAF"), "\"" + fffd + fffd + "\"");
-  EXPECT_EQ(jsonQuoted("\xE0\x80\xAF"), "\"" + fffd + fffd + fffd + "\"");
-  EXPECT_EQ(jsonQuoted("\xED\xA0\x80"), "\"" + fffd + fffd + fffd + "\"");
-  // Above U+10FFFF.
-  EXPECT_EQ(jsonQuoted("\xF4\x90\x80\x80"), "\"" + fffd + fffd + fffd + fffd + "\"");
-  // A sequence cut short counts once, and the byte after it survives.
-  EXPECT_EQ(jsonQuoted("\xE2\x82z"), "\"" + fffd + "z\"");
-  EXPECT_EQ(jsonQuoted("\xF0\x9F\x98"), "\"" + fffd + "\"");
-  // A quote right after a broken lead byte is still escaped.
-  EXPECT_EQ(jsonQuoted("\xC3\""), "\"" + fffd + "\\\"\"");
+TEST(LogFormatTest, JSONLineQuotesEveryStringField) {
+  const platform::LogLine line{4, "f\"n\"", "tab\there C:\\x", "Cat\\", "a\"b.cpp", 7};
+  EXPECT_EQ(formatJSONLine(LogFlavor::Migration, line, "t\x01"),
+            R"({"time":"t\u0001","level":4,"category":"Cat\\","file":"a\"b.cpp","line":7,)"
+            R"("function":"f\"n\"","message":"tab\there C:\\x"})"
+            "\n");
 }
 
 TEST(LogFormatTest, JSONMessageWithInvalidBytesStaysOneValidLine) {
