@@ -79,6 +79,11 @@ std::string SweepFindings::noteReport(std::size_t limit) const {
   return text.str();
 }
 
+std::vector<std::string> SweepFindings::notes() const {
+  std::lock_guard lock(mutex_);
+  return notes_;
+}
+
 std::vector<std::string> SweepFindings::problems() const {
   std::lock_guard lock(mutex_);
   return problems_;

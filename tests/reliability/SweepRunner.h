@@ -44,6 +44,7 @@ class SweepFindings {
   // succeeded, say).
   void note(const std::string& trial, const std::string& what);
   std::string noteReport(std::size_t limit = 12) const;
+  std::vector<std::string> notes() const;
   std::uint64_t figure(const std::string& name) const;
   std::vector<std::string> problems() const;
   // "name: value" lines, sorted by name.

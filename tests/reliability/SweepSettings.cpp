@@ -23,19 +23,23 @@ bool readCount(const char* name, std::uint64_t& value, std::string& error) {
   return true;
 }
 
-// Whether the migration can run in `parent`: a directory where a new
+// Whether the sweeps can run in `parent`: a directory with room for the
+// images and traces (a container's /dev/shm may be small) where a new
 // directory takes a "user." attribute (the platform keeps protection classes
 // and placeholder marks in them).
-bool takesUserAttributes(const std::string& parent) {
+bool suitsTheSweeps(const std::string& parent) {
+  constexpr std::uintmax_t kRoomNeeded = 512u << 20;
   std::error_code error;
   if (!std::filesystem::is_directory(parent, error)) return false;
+  const std::filesystem::space_info space = std::filesystem::space(parent, error);
+  if (error || space.available < kRoomNeeded) return false;
   testing_support::TemporaryDirectory probe(parent);
   return platform::sys::setAttribute(platform::sys::AttributeItem::link(probe.path().c_str()),
                                      "user.mavrel.probe", "1") == 0;
 }
 
 std::string defaultWorkspaceParent() {
-  if (takesUserAttributes("/dev/shm")) return "/dev/shm";
+  if (suitsTheSweeps("/dev/shm")) return "/dev/shm";
   const char* temporary = std::getenv("TMPDIR");
   return temporary && *temporary ? temporary : "/tmp";
 }

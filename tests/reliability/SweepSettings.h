@@ -11,8 +11,10 @@
 //   MAVREL_RELIABILITY_RANDOM_KILLS  kills at random instants (sampled)
 //   MAVREL_RELIABILITY_WORKERS  trials run side by side (default 2)
 //   MAVREL_RELIABILITY_STRICT   set: the fault sweep's known findings fail too
+//   MAVREL_RELIABILITY_NOTES    a file every note of every sweep is added to
 //   MAVREL_RELIABILITY_DIR      where the workspaces go (default: /dev/shm when
-//                               it takes user extended attributes, else $TMPDIR)
+//                               it has 512 MiB free and takes user extended
+//                               attributes, else $TMPDIR)
 //
 // The workspaces go to memory by default: creating a file on the disks these
 // sweeps run on costs half a millisecond, and a trial restores its image and

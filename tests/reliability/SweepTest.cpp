@@ -1,6 +1,8 @@
 #include "tests/reliability/SweepTest.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 
 namespace reliability {
 
@@ -32,6 +34,13 @@ void SweepTest::report(const std::string& title) {
   std::printf("%s (%s)\n%s", title.c_str(), settings_.describe().c_str(),
               findings_.figures().c_str());
   std::printf("Notes:\n%s", findings_.noteReport().c_str());
+  // Every note, for reading the long runs' findings one by one.
+  if (const char* path = std::getenv("MAVREL_RELIABILITY_NOTES"); path && *path) {
+    std::ofstream file(path, std::ios::app);
+    file << "# " << title << " (" << settings_.describe() << ")\n";
+    for (const std::string& note : findings_.notes())
+      file << note << "\n";
+  }
   EXPECT_EQ(findings_.figure("files lost"), 0u);
   EXPECT_TRUE(findings_.problems().empty()) << findings_.problemReport();
 }
