@@ -108,10 +108,7 @@ void writeEntry(platform::JSONWriter& json, const PlannedEntry& entry) {
   json.key("reason").stringOrNull(entry.reason);
   json.key("userData");
   writeUsage(json, entry.userData);
-  json.key("missedItems").beginArray();
-  for (const std::string& item : entry.missedItems)
-    json.value(item);
-  json.endArray();
+  json.key("missedItems").strings(entry.missedItems);
   json.key("groupContainers").beginArray();
   for (const PlannedGroup& group : entry.groups) {
     json.beginObject()

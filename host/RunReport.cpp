@@ -52,13 +52,9 @@ void writeVerification(platform::JSONWriter& json, const VerificationResult& res
       .member("changed", result.changed)
       .member("unreadableBefore", result.unreadableBefore)
       .member("removedByDesign", result.removedByDesign);
-  json.key("missingExamples").beginArray();
-  for (const std::string& path : result.missingExamples)
-    json.value(path);
-  json.endArray().key("changedExamples").beginArray();
-  for (const std::string& path : result.changedExamples)
-    json.value(path);
-  json.endArray().endObject();
+  json.key("missingExamples").strings(result.missingExamples);
+  json.key("changedExamples").strings(result.changedExamples);
+  json.endObject();
 }
 
 }  // namespace
