@@ -71,15 +71,13 @@ bool EmbeddedInstallerService::answerRepeatedRequest(const std::string& origin,
     // Or a plug-in's legacy copy, which is never installed: the crash came
     // while it was being discarded, and accepting it again changes nothing.
     std::optional<PluginEntry> plugin;
-    if (store_->findPlugin(request.identifier, plugin, &lookupError) && plugin) {
-      discardStagingDirectory(origin);
-      platform::logInstaller(platform::kLogLevelNotice, kFunction,
-                             "Kept the VPN plug-in %@ installed with %@; its copy in %s was "
-                             "already discarded",
-                             request.identifier, plugin->application, origin);
-      progress.report(kStatusComplete);
-      return true;
+    if (!store_->findPlugin(request.identifier, plugin, &lookupError)) {
+      return progress.fail(
+          kFunction,
+          {InstallError::RegistryFailure, "cannot look up " + request.identifier, lookupError},
+          error);
     }
+    if (plugin) return keepInstalledPlugin(origin, *plugin, progress);
     return progress.fail(
         kFunction, {InstallError::EmptyPayload, origin + "/Payload holds nothing to install", {}},
         error);

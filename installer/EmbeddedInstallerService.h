@@ -166,6 +166,10 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   bool acceptPluginPayload(const std::string& origin, const std::string& pluginName,
                            const InstallRequest& request, const InstallProgress& progress,
                            CVError* error);
+  // Discards the legacy copy of a known plug-in staged at `origin`; the copy
+  // installed with its application stays. Always succeeds.
+  bool keepInstalledPlugin(const std::string& origin, const PluginEntry& plugin,
+                           const InstallProgress& progress);
   std::optional<platform::BundleRecord> pluginRecord(std::string_view identifier);
   // Makes the plug-in's data container and records it.
   bool registerPluginDataContainer(PluginEntry& plugin);

@@ -96,12 +96,18 @@ bool EmbeddedInstallerService::acceptPluginPayload(const std::string& origin,
                           {}},
                          error);
   }
-  // The copy installed with its application is the one that runs.
   progress.report(kStatusStaging);
+  return keepInstalledPlugin(origin, *plugin, progress);
+}
+
+bool EmbeddedInstallerService::keepInstalledPlugin(const std::string& origin,
+                                                   const PluginEntry& plugin,
+                                                   const InstallProgress& progress) {
+  // The copy installed with its application is the one that runs.
   discardStagingDirectory(origin);
   platform::logInstaller(platform::kLogLevelNotice, kInstallFunction,
                          "Kept the VPN plug-in %@ installed with %@; the copy in %s is not used",
-                         request.identifier, plugin->application, origin);
+                         plugin.identifier, plugin.application, origin);
   progress.report(kStatusComplete);
   return true;
 }
