@@ -38,17 +38,7 @@ class RecordingObserver final : public MavrelMigrationObserver {
 
 class EntryObserverTest : public MigratorTest {
  protected:
-  std::unique_ptr<CVAppMigrator> makeObservedMigrator() {
-    configuration_ = std::make_unique<CVGlobalConfiguration>(image_.root());
-    CVAppMigrator::Environment environment;
-    environment.configuration = configuration_.get();
-    environment.installer = &installer_;
-    environment.registry = &installer_;
-    environment.systemVersion = &systemVersion_;
-    environment.temporaryDirectory = CVURL::fileURLWithPath(image_.rootPath() + "/tmp", true);
-    environment.observer = &observer_;
-    return CVAppMigrator::create(environment);
-  }
+  std::unique_ptr<CVAppMigrator> makeObservedMigrator() { return makeMigrator(&observer_); }
 
   // An application container whose application the registry already knows.
   std::string knownApplication(const std::string& name, const std::string& identifier) {

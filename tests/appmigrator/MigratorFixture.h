@@ -13,8 +13,8 @@
 
 class MigratorTest : public ::testing::Test {
  protected:
-  // Set-up over the image as it stands now.
-  std::unique_ptr<CVAppMigrator> makeMigrator() {
+  // Set-up over the image as it stands now, reporting to `observer` if given.
+  std::unique_ptr<CVAppMigrator> makeMigrator(MavrelMigrationObserver* observer = nullptr) {
     configuration_ = std::make_unique<CVGlobalConfiguration>(image_.root());
     CVAppMigrator::Environment environment;
     environment.configuration = configuration_.get();
@@ -22,6 +22,7 @@ class MigratorTest : public ::testing::Test {
     environment.registry = &installer_;
     environment.systemVersion = &systemVersion_;
     environment.temporaryDirectory = CVURL::fileURLWithPath(image_.rootPath() + "/tmp", true);
+    environment.observer = observer;
     return CVAppMigrator::create(environment);
   }
 
