@@ -10,11 +10,13 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "AppMigrator/LegacyGroupContainers.h"
 #include "platform/IconService.h"
 #include "platform/InstallerService.h"
 #include "platform/MavrelMigrator.h"
@@ -31,6 +33,10 @@ inline constexpr std::string_view kBundleIdentifierKey = "BundleIdentifier";
 inline constexpr std::string_view kContainerTypeKey = "ContainerType";
 inline constexpr std::string_view kContainerTypeApp = "App";
 inline constexpr std::string_view kContainerTypeVPNBundle = "VPNBundle";
+
+// The legacy install map's group containers: {"GroupContainers": {group: {"Container": path}}}.
+inline constexpr std::string_view kLegacyGroupContainersKey = "GroupContainers";
+inline constexpr std::string_view kLegacyGroupContainerPathKey = "Container";
 
 // Files the migrator reads and writes.
 inline constexpr std::string_view kMigrationMarkerFileName =
@@ -143,6 +149,9 @@ class CVAppMigrator final : public MavrelMigrator {
   void recordSystemVersion();
 
   CVURL dataDirectoryFileURL(std::string_view name);
+  // Where each legacy group container of the install map leads, and whether
+  // it may be migrated; worked out on first use.
+  const std::map<std::string, LegacyGroupLocation, std::less<>>& legacyGroupLocations();
 
   // Calls to the observer, when there is one.
   void reportEntryBegan(const CVDictionary& info);
@@ -162,4 +171,5 @@ class CVAppMigrator final : public MavrelMigrator {
   // Set by the last install when the service refused it because the system
   // carries the application built in.
   bool _installRefusedAsBuiltIn = false;
+  std::optional<std::map<std::string, LegacyGroupLocation, std::less<>>> _legacyGroupLocations;
 };

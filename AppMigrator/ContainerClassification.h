@@ -41,6 +41,9 @@ struct LegacyEntryClassification {
   bool removeEntry = false;
   // The item at fault for the kinds that leave the entry, or "".
   std::string subject;
+  // Why, where the kind alone does not say (a marker that does not describe
+  // its container), or "".
+  std::string detail;
 };
 
 // The identifier of the bundle at `bundleURL`, or nullopt when there is no
@@ -50,6 +53,15 @@ std::optional<std::string> CVBundleIdentifierForBundle(const CVURL& bundleURL);
 // The container info record saved in a marker file, or nullopt (logged) when
 // the marker is unreadable or invalid.
 std::optional<CVDictionary> CVLoadAndValidateMigrationMarker(const CVURL& markerURL);
+
+// Reads the paths of a valid marker found in the container at `containerURL`:
+// they are device paths (or host paths beneath the root, from older images)
+// and become host paths. A marker describes the container it lies in: its
+// container path must lead to that container and its bundle paths beneath it,
+// no link on the way leading out. False, with `*problem` saying why, otherwise;
+// such a marker is not loaded, since a pass moves and removes what it names.
+bool CVLocateMigrationMarkerPaths(CVDictionary& marker, const CVURL& containerURL,
+                                  std::string* problem);
 
 // Classifies one legacy container directory (not the stray note: see
 // CVClassifyLegacyEntry).

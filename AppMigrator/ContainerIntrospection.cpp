@@ -8,7 +8,6 @@
 
 #include "AppMigrator/AppMigrator.h"
 #include "AppMigrator/ContainerClassification.h"
-#include "AppMigrator/DeviceRootContainment.h"
 #include "platform/Bundle.h"
 #include "platform/Log.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -159,18 +158,17 @@ LegacyEntryClassification CVClassifyLegacyContainer(const CVURL& containerURL) {
                      entry.path());
         return leave(LegacyEntryKind::SymlinkMarker, entry.path());
       }
-      if (auto saved = CVLoadAndValidateMigrationMarker(entry)) {
-        for (const std::string_view key :
-             {kContainerPathKey, kBundlePathKey, kSecondBundlePathKey}) {
-          const std::string* path = saved->findString(key);
-          if (path == nullptr || CVPathLiesInsideDeviceRoot(*path)) continue;
-          // Resuming would move and remove whatever the marker names.
-          logMigration(kLogLevelError, kFunction,
-                       "CVAppMigrator: Migration marker %@ names %@ outside the device root; "
-                       "skipping container",
-                       entry.path(), *path);
-          return leave(LegacyEntryKind::UnreadableMarker, entry.path());
-        }
+      auto saved = CVLoadAndValidateMigrationMarker(entry);
+      std::string problem;
+      if (saved && !CVLocateMigrationMarkerPaths(*saved, containerURL, &problem)) {
+        // Resuming would move and remove whatever the marker names.
+        logMigration(kLogLevelError, kFunction,
+                     "CVAppMigrator: Migration marker %@ does not describe its container: %s",
+                     entry.path(), problem);
+        result.detail = problem;
+        saved.reset();
+      }
+      if (saved) {
         // A marker wins over whatever the scan gathered: the bundles may
         // already have moved away.
         const std::string* type = saved->findString(kContainerTypeKey);

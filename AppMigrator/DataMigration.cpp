@@ -21,9 +21,17 @@ constexpr std::string_view kGroupsFunction =
     "-[CVAppMigrator _migrateGroupContainersForIdentifier:]";
 constexpr std::string_view kMoveAllFunction =
     "-[CVAppMigrator _moveAllItemsInGroupContainerURL:toGroupContainerURL:]";
-constexpr std::string_view kGroupContainerPathKey = "Container";
-
 }  // namespace
+
+const std::map<std::string, LegacyGroupLocation, std::less<>>&
+CVAppMigrator::legacyGroupLocations() {
+  if (!_legacyGroupLocations) {
+    const CVDictionary* groups =
+        _installMap ? _installMap->findDictionary(kLegacyGroupContainersKey) : nullptr;
+    _legacyGroupLocations = CVLocateLegacyGroupContainers(groups ? *groups : CVDictionary());
+  }
+  return *_legacyGroupLocations;
+}
 
 bool CVAppMigrator::_migrateDataContainerForIdentifier(const std::string& identifier,
                                                        const CVURL& srcURL, const CVURL& dstURL) {
@@ -78,27 +86,40 @@ bool CVAppMigrator::_migrateGroupContainersForIdentifier(const std::string& iden
                    groupIdentifier);
       continue;
     }
-    const std::string* path = entry->findString(kGroupContainerPathKey);
+    const std::string* path = entry->findString(kLegacyGroupContainerPathKey);
     if (path == nullptr) {
       logMigration(kLogLevelNotice, kGroupsFunction,
                    "CVAppMigrator: Failed to get path to group container for %@[%@]", identifier,
                    groupIdentifier);
       continue;
     }
-    // Copied: removing the map entry below frees the string `path` points to.
-    const std::string legacyPath = *path;
+    // The map holds device paths; the location says where one leads in the
+    // image and whether that place may be moved and removed at all.
+    const auto located = legacyGroupLocations().find(groupIdentifier);
+    const LegacyGroupLocation* location =
+        located != legacyGroupLocations().end() && located->second.storedPath == *path
+            ? &located->second
+            : nullptr;
+    if (location == nullptr || location->hostPath.empty()) {
+      logMigration(kLogLevelError, kGroupsFunction,
+                   "CVAppMigrator: Source group container %@ of %@[%@] %s; not migrating it", *path,
+                   identifier, groupIdentifier,
+                   location ? location->problem : std::string("cannot be located"));
+      continue;
+    }
+    const std::string legacyPath = location->hostPath;
     const CVURL sourceURL = CVURL::fileURLWithPath(legacyPath, true);
     if (!fileManager.itemExistsAtURL(sourceURL)) {
       logMigration(kLogLevelError, kGroupsFunction,
                    "CVAppMigrator: Missing source group container at %@", legacyPath);
       continue;
     }
-    if (!CVPathLiesInsideDeviceRoot(legacyPath)) {
-      // Moving its items and removing it would reach outside the image.
+    if (!location->problem.empty()) {
+      // Moving its items and removing it would reach outside the image, or
+      // take what is not a group container with it.
       logMigration(kLogLevelError, kGroupsFunction,
-                   "CVAppMigrator: Source group container %@ of %@[%@] lies outside the device "
-                   "root; not migrating it",
-                   legacyPath, identifier, groupIdentifier);
+                   "CVAppMigrator: Source group container %@ of %@[%@] %s; not migrating it",
+                   legacyPath, identifier, groupIdentifier, location->problem);
       continue;
     }
     if (newURL == nullptr || !*newURL) {

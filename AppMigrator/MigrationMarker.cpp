@@ -2,8 +2,10 @@
 // before its first move so that an interrupted run can resume from it.
 #include "AppMigrator/AppMigrator.h"
 #include "AppMigrator/ContainerClassification.h"
+#include "AppMigrator/DeviceRootContainment.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
+#include "shared/filemanager/CVFileManager.h"
 
 namespace {
 
@@ -12,6 +14,8 @@ using platform::logMigration;
 
 constexpr std::string_view kLoadFunction = "-[CVAppMigrator _loadAndValidateMigrationMarkerAtURL:]";
 constexpr std::string_view kWriteFunction = "-[CVAppMigrator _migrateContainerWithInfo:]";
+constexpr std::string_view kMarkerPathKeys[] = {kContainerPathKey, kBundlePathKey,
+                                                kSecondBundlePathKey};
 
 }  // namespace
 
@@ -20,7 +24,13 @@ void CVAppMigrator::_writeMigrationMarker(const CVDictionary& info, const CVURL&
   // Durable (contents and directory flushed) before the first move it guards:
   // no file system promises to commit a rename before the renames that follow
   // it, so after a power loss the moves could be on the disk without it.
-  if (!platform::writePropertyListAtomically(CVValue(info), markerURL, nullptr)) {
+  // The marker stores device paths, so that a copied or moved image resumes.
+  CVDictionary marker = info;
+  for (const std::string_view key : kMarkerPathKeys) {
+    if (const std::string* path = info.findString(key))
+      marker.set(std::string(key), CVImagePathForHostPath(*path));
+  }
+  if (!platform::writePropertyListAtomically(CVValue(marker), markerURL, nullptr)) {
     logMigration(kLogLevelError, kWriteFunction,
                  "CVAppMigrator: Failed to write out container marker dictionary... hopefully we "
                  "don't need it to recover.");
@@ -72,4 +82,35 @@ std::optional<CVDictionary> CVLoadAndValidateMigrationMarker(const CVURL& marker
     return std::nullopt;
   }
   return marker;
+}
+
+bool CVLocateMigrationMarkerPaths(CVDictionary& marker, const CVURL& containerURL,
+                                  std::string* problem) {
+  const std::string container = containerURL.path();
+  const std::string* storedContainer = marker.findString(kContainerPathKey);
+  std::string why;
+  const auto hostContainer =
+      storedContainer ? CVHostPathForImagePath(*storedContainer, &why) : std::nullopt;
+  if (!hostContainer || *hostContainer != container) {
+    *problem = "it names the container " + (storedContainer ? *storedContainer : std::string()) +
+               ", not the one it lies in";
+    return false;
+  }
+  marker.set(std::string(kContainerPathKey), container);
+  for (const std::string_view key : {kBundlePathKey, kSecondBundlePathKey}) {
+    const std::string* stored = marker.findString(key);
+    if (stored == nullptr) continue;
+    const auto hostPath = CVHostPathForImagePath(*stored, &why);
+    // A bundle of the container lies beneath it, and no link of the way
+    // leads out of it.
+    if (!hostPath || hostPath->size() <= container.size() + 1 ||
+        hostPath->compare(0, container.size() + 1, container + "/") != 0 ||
+        !CVFileManager::defaultManager().realPathForURL(CVURL::fileURLWithPath(*hostPath, true),
+                                                        containerURL)) {
+      *problem = "its " + std::string(key) + " " + *stored + " lies outside the container";
+      return false;
+    }
+    marker.set(std::string(key), *hostPath);
+  }
+  return true;
 }

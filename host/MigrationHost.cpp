@@ -27,6 +27,7 @@
 #include "host/RunReport.h"
 #include "host/UserDataVerification.h"
 #include "installer/EmbeddedInstallerService.h"
+#include "installer/RegistryListing.h"
 #include "platform/DeviceRoot.h"
 #include "platform/Log.h"
 #include "platform/SystemVersion.h"
@@ -113,6 +114,24 @@ UserDataManifest recordUserData(std::FILE* out) {
   return manifest;
 }
 
+// What the run says of each container and harbor, for the verification.
+RunStatement whatTheRunSays(const std::vector<RecordedEntry>& entries) {
+  RunStatement statement;
+  for (const RecordedEntry& entry : entries) {
+    const MavrelEntryOutcome outcome = entry.result.outcome;
+    if (outcome == MavrelEntryOutcome::Migrated || outcome == MavrelEntryOutcome::PlaceholderOnly ||
+        outcome == MavrelEntryOutcome::RefusedAsBuiltIn)
+      statement.movedContainers.insert(entry.path);
+  }
+  CVError error;
+  if (const auto listing =
+          mavrel_installer::readRegistryListing(CVGlobalConfiguration::sharedInstance(), &error)) {
+    for (const mavrel_installer::ListedHarbor& harbor : listing->harbors)
+      statement.registeredHarbors.insert(harbor.identifier);
+  }
+  return statement;
+}
+
 // Everything after the logs are open: services, plug-ins, passes, and the
 // check of the user data. What the run did goes into `report`.
 int migrateWithLogs(const std::string& root, const MigrateOptions& options,
@@ -159,7 +178,8 @@ int migrateWithLogs(const std::string& root, const MigrateOptions& options,
     report.migrators.push_back(std::move(run));
   }
   if (manifest) {
-    const VerificationResult result = verifyUserData(*manifest, *installer, defaultWorkerCount());
+    const VerificationResult result = verifyUserData(
+        *manifest, *installer, whatTheRunSays(recorder.entries()), defaultWorkerCount());
     printText(out, formatVerification(result, exitCode == kExitSucceeded));
     std::fflush(out);
     if (result.dataLost()) exitCode = kExitUserDataLost;

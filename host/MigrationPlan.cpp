@@ -23,8 +23,6 @@ namespace {
 using mavrel_installer::ItemKind;
 using mavrel_installer::itemKindAtPath;
 
-constexpr std::string_view kGroupContainersKey = "GroupContainers";
-constexpr std::string_view kGroupContainerPathKey = "Container";
 constexpr std::string_view kHarborPathKey = "HarborPathKey";
 // Where an interrupted install left the bundle it was staging.
 constexpr std::string_view kStagingDirectoryName = "Staging";
@@ -72,8 +70,9 @@ std::string reasonForDiscarded(const PlannedEntry& entry) {
     case LegacyEntryKind::SymlinkMarker:
       return "its migration marker is a symbolic link: the container is left, and the pass fails";
     case LegacyEntryKind::UnreadableMarker:
-      return "its migration marker " + entry.subject +
-             " cannot be loaded: the container is left, and the pass fails";
+      return "its migration marker " + entry.subject + " cannot be loaded" +
+             (entry.detail.empty() ? std::string() : " (" + entry.detail + ")") +
+             ": the container is left, and the pass fails";
     default:
       return std::string();
   }
@@ -92,6 +91,7 @@ class Planner {
     if (!readRegistry(reason) || !classifyEntries(reason)) return std::nullopt;
     readGroupContainerMap();
     predictInWorkOrder();
+    findConflicts();
     planHarbors();
     planSpace();
     return std::move(plan_);
@@ -141,6 +141,7 @@ class Planner {
       LegacyEntryClassification classification = CVClassifyLegacyEntry(item);
       entry.kind = classification.kind;
       entry.subject = classification.subject;
+      entry.detail = classification.detail;
       if (isDirectory(entry.path)) entry.userData = userDataOf(entry.path);
       if (classification.record) {
         CVDictionary position;
@@ -173,12 +174,46 @@ class Planner {
   }
 
   void readGroupContainerMap() {
-    const CVDictionary* groups = installMap_.findDictionary(kGroupContainersKey);
+    const CVDictionary* groups = installMap_.findDictionary(kLegacyGroupContainersKey);
     if (groups == nullptr) return;
-    for (std::size_t i = 0; i < groups->count(); ++i) {
-      const CVDictionary* entry = groups->valueAt(i).asDictionary();
-      const std::string* path = entry ? entry->findString(kGroupContainerPathKey) : nullptr;
-      if (path != nullptr) legacyGroups_[groups->keys()[i]] = *path;
+    const auto locations = CVLocateLegacyGroupContainers(*groups);
+    for (const std::string& identifier : groups->keys()) {
+      const auto location = locations.find(identifier);
+      if (location == locations.end()) continue;
+      PlannedGroupContainer planned;
+      planned.identifier = identifier;
+      planned.storedPath = location->second.storedPath;
+      planned.hostPath = location->second.hostPath;
+      planned.problem = location->second.problem;
+      planned.exists = !planned.hostPath.empty() && mavrel_installer::itemExists(planned.hostPath);
+      if (!planned.hostPath.empty() && !planned.exists && planned.problem.empty())
+        planned.problem = "leads to nothing in the image";
+      plan_.groupContainers.push_back(std::move(planned));
+    }
+  }
+
+  // Entries whose data goes to one place: the same identifier (an
+  // application's or its VPN plug-in's) in two containers.
+  void findConflicts() {
+    std::map<std::string, std::vector<std::size_t>, std::less<>> byIdentifier;
+    for (std::size_t i = 0; i < plan_.entries.size(); ++i) {
+      const PlannedEntry& entry = plan_.entries[i];
+      if (entry.order == 0) continue;
+      byIdentifier[entry.identifier].push_back(i);
+      if (entry.containerType == kContainerTypeApp && !entry.vpnPluginPath.empty()) {
+        if (const auto plugin =
+                CVBundleIdentifierForBundle(CVURL::fileURLWithPath(entry.vpnPluginPath, true));
+            plugin && *plugin != entry.identifier)
+          byIdentifier[*plugin].push_back(i);
+      }
+    }
+    for (const auto& [identifier, indexes] : byIdentifier) {
+      if (indexes.size() < 2) continue;
+      for (const std::size_t i : indexes) {
+        for (const std::size_t j : indexes) {
+          if (i != j) plan_.entries[i].conflictsWith.push_back(plan_.entries[j].path);
+        }
+      }
     }
   }
 
@@ -297,13 +332,17 @@ class Planner {
   void planGroups(PlannedEntry& entry, const std::string& bundlePath) {
     if (bundlePath.empty()) return;
     for (const std::string& group : mavrel_installer::readApplicationGroups(bundlePath)) {
-      const auto legacy = legacyGroups_.find(group);
-      if (legacy == legacyGroups_.end()) continue;
+      const auto located = std::find_if(plan_.groupContainers.begin(), plan_.groupContainers.end(),
+                                        [&group](const PlannedGroupContainer& container) {
+                                          return container.identifier == group;
+                                        });
+      if (located == plan_.groupContainers.end()) continue;
       PlannedGroup planned;
       planned.identifier = group;
-      planned.legacyPath = legacy->second;
-      planned.present = mavrel_installer::itemExists(legacy->second);
-      planned.usage = dataUsageBelow(legacy->second);
+      planned.legacyPath = located->hostPath.empty() ? located->storedPath : located->hostPath;
+      planned.problem = located->problem;
+      planned.present = located->exists && located->problem.empty();
+      if (planned.present) planned.usage = dataUsageBelow(located->hostPath);
       planned.movedWithEntry = planned.present && claimedGroups_.insert(group).second;
       entry.groups.push_back(std::move(planned));
     }
@@ -349,9 +388,14 @@ class Planner {
         continue;
       }
       harbor.path = *path;
-      const auto resolved = mavrel_installer::canonicalPath(*path);
+      std::string problem;
+      if (const auto hostPath = deviceRoot_.hostPathForDevicePath(*path, &problem))
+        harbor.hostPath = *hostPath;
+      const auto resolved =
+          harbor.hostPath.empty() ? std::nullopt : mavrel_installer::canonicalPath(harbor.hostPath);
       harbor.present = resolved && resolvedRoot && isDirectory(*resolved) &&
                        mavrel_installer::pathIsWithin(*resolved, *resolvedRoot);
+      if (!harbor.present) harbor.hostPath.clear();
       if (harbor.present) {
         harbor.usage = dataUsageBelow(*resolved);
       } else {
@@ -420,8 +464,7 @@ class Planner {
   MigrationPlan plan_;
   std::map<std::string, mavrel_installer::ListedApplication, std::less<>> applications_;
   CVDictionary installMap_;
-  std::map<std::string, std::string, std::less<>> legacyGroups_;  // group to legacy path
-  std::vector<std::optional<CVDictionary>> records_;              // parallel to plan_.entries
+  std::vector<std::optional<CVDictionary>> records_;  // parallel to plan_.entries
   std::deque<CVDictionary> workList_;
   std::set<std::string, std::less<>> installedDuringPass_;
   std::set<std::string, std::less<>> claimedGroups_;
@@ -446,6 +489,7 @@ OutcomeTotals MigrationPlan::totals() const {
 bool MigrationPlan::predictedSuccess() const {
   for (const PlannedEntry& entry : entries) {
     if (entry.outcome == MavrelEntryOutcome::Failed || !entry.containerRemoved) return false;
+    if (!entry.conflictsWith.empty()) return false;
   }
   for (const PlannedHarbor& harbor : harbors) {
     if (!harbor.path.empty() && !harbor.present) return false;

@@ -37,8 +37,9 @@ namespace mavrel_host {
 
 struct PlannedGroup {
   std::string identifier;
-  std::string legacyPath;
-  bool present = false;  // the legacy group container exists
+  std::string legacyPath;  // where the map's path leads in the image
+  bool present = false;    // the legacy group container exists and may be migrated
+  std::string problem;     // why it is not migrated, when it is not
   DataUsage usage;
   // Whether this entry's migration moves it (the first application of the
   // group to be installed does; the others find it gone).
@@ -52,6 +53,7 @@ struct PlannedEntry {
   std::string name;
   LegacyEntryKind kind = LegacyEntryKind::NoBundle;
   std::string subject;  // the item at fault for entries that are left
+  std::string detail;   // why, where the kind alone does not say
   // From the container info record, for entries that are migrated.
   std::string identifier;
   std::string containerType;
@@ -68,11 +70,24 @@ struct PlannedEntry {
   DataUsage userData;  // below the container's user-data items
   std::vector<std::string> missedItems;
   std::vector<PlannedGroup> groups;
+  // Other entries whose data goes to the same place (one identifier in two
+  // containers): the later one's data replaces the earlier one's.
+  std::vector<std::string> conflictsWith;
+};
+
+// One group container entry of the legacy install map and where its path leads.
+struct PlannedGroupContainer {
+  std::string identifier;
+  std::string storedPath;  // as the map has it (a device path)
+  std::string hostPath;    // where it leads in the image; "" when it leads nowhere inside it
+  bool exists = false;
+  std::string problem;  // why it is not migrated; "" when it may be
 };
 
 struct PlannedHarbor {
   std::string identifier;
-  std::string path;
+  std::string path;      // as the map has it (a device path)
+  std::string hostPath;  // where it leads in the image; "" when nowhere inside it
   bool present = false;  // a directory inside the image
   DataUsage usage;
   std::string problem;  // why registering it will fail or the entry is skipped; "" when fine
@@ -107,7 +122,8 @@ struct MigrationPlan {
   // interrupted, and its last changes are not seen here.
   bool registryHasUncheckpointedChanges = false;
   std::uint64_t pendingInstalls = 0;
-  std::vector<PlannedEntry> entries;  // in the legacy directory's listing order
+  std::vector<PlannedEntry> entries;                   // in the legacy directory's listing order
+  std::vector<PlannedGroupContainer> groupContainers;  // the install map's, in its order
   std::string harborMapPath;
   bool harborMapPresent = false;
   bool harborMapReadable = false;

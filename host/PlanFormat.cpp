@@ -67,7 +67,9 @@ void appendEntry(std::string& text, const PlannedEntry& entry) {
     appendField(text, "user data", usageText(entry.userData));
   for (const PlannedGroup& group : entry.groups) {
     std::string line = group.identifier + "  ";
-    if (!group.present) {
+    if (!group.problem.empty()) {
+      line += "(not migrated: " + group.legacyPath + " " + group.problem + ")";
+    } else if (!group.present) {
       line += "(no legacy group container)";
     } else {
       line += usageText(group.usage) +
@@ -77,6 +79,10 @@ void appendEntry(std::string& text, const PlannedEntry& entry) {
   }
   appendField(text, "outcome", outcomeText(entry));
   appendField(text, "why", entry.reason);
+  for (const std::string& other : entry.conflictsWith)
+    appendField(text, "CONFLICT",
+                "the same identifier is in " + other +
+                    ": the data migrated later replaces the data migrated earlier");
   for (const std::string& item : entry.missedItems)
     appendField(text, "left over", item);
 }
@@ -109,6 +115,7 @@ void writeEntry(platform::JSONWriter& json, const PlannedEntry& entry) {
   json.key("userData");
   writeUsage(json, entry.userData);
   json.key("missedItems").strings(entry.missedItems);
+  json.key("conflictsWith").strings(entry.conflictsWith);
   json.key("groupContainers").beginArray();
   for (const PlannedGroup& group : entry.groups) {
     json.beginObject()
@@ -118,6 +125,7 @@ void writeEntry(platform::JSONWriter& json, const PlannedEntry& entry) {
         .member("files", group.usage.files)
         .member("bytes", group.usage.bytes)
         .member("moved", group.movedWithEntry)
+        .member("problem", group.problem)
         .endObject();
   }
   json.endArray();
@@ -167,11 +175,24 @@ std::string formatPlanText(const MigrationPlan& plan) {
   for (const PlannedEntry* entry : inPassOrder(plan))
     appendEntry(text, *entry);
 
+  if (!plan.groupContainers.empty()) {
+    text += "\nGroup containers of the install map:\n";
+    for (const PlannedGroupContainer& group : plan.groupContainers) {
+      text += "  " + group.identifier + "  " + group.storedPath;
+      if (!group.hostPath.empty() && group.hostPath != group.storedPath)
+        text += " -> " + group.hostPath;
+      if (!group.problem.empty()) text += "  (NOT MIGRATED: it " + group.problem + ")";
+      text += '\n';
+    }
+  }
+
   if (plan.harborMapPresent) {
     text += "\nSafe harbors (" + plan.harborMapPath + "):\n";
     if (!plan.harborMapReadable) text += "  the map cannot be read: no harbor is registered\n";
     for (const PlannedHarbor& harbor : plan.harbors) {
       text += "  " + harbor.identifier + "  " + (harbor.path.empty() ? "-" : harbor.path);
+      if (!harbor.hostPath.empty() && harbor.hostPath != harbor.path)
+        text += " -> " + harbor.hostPath;
       if (harbor.present) text += "  " + usageText(harbor.usage);
       if (!harbor.problem.empty()) text += "  (" + harbor.problem + ")";
       text += '\n';
@@ -219,6 +240,16 @@ std::string formatPlanJSON(const MigrationPlan& plan) {
     writeEntry(json, entry);
   json.endArray();
 
+  json.key("groupContainers").beginArray();
+  for (const PlannedGroupContainer& group : plan.groupContainers) {
+    json.beginObject().member("identifier", group.identifier).member("path", group.storedPath);
+    json.key("leadsTo").stringOrNull(group.hostPath);
+    json.member("exists", group.exists);
+    json.key("problem").stringOrNull(group.problem);
+    json.endObject();
+  }
+  json.endArray();
+
   json.key("safeHarbors").beginObject();
   json.member("map", plan.harborMapPath).member("present", plan.harborMapPresent);
   json.member("readable", plan.harborMapReadable);
@@ -226,6 +257,7 @@ std::string formatPlanJSON(const MigrationPlan& plan) {
   for (const PlannedHarbor& harbor : plan.harbors) {
     json.beginObject().member("identifier", harbor.identifier);
     json.key("path").stringOrNull(harbor.path);
+    json.key("leadsTo").stringOrNull(harbor.hostPath);
     json.member("present", harbor.present)
         .member("files", harbor.usage.files)
         .member("bytes", harbor.usage.bytes);

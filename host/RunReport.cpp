@@ -48,12 +48,14 @@ void writeVerification(platform::JSONWriter& json, const VerificationResult& res
       .member("verified", result.verified)
       .member("verifiedBytes", result.verifiedBytes)
       .member("stillInLegacy", result.stillInLegacy)
+      .member("leftBehind", result.leftBehind)
       .member("missing", result.missing)
       .member("changed", result.changed)
       .member("unreadableBefore", result.unreadableBefore)
       .member("removedByDesign", result.removedByDesign);
   json.key("missingExamples").strings(result.missingExamples);
   json.key("changedExamples").strings(result.changedExamples);
+  json.key("leftBehindExamples").strings(result.leftBehindExamples);
   json.endObject();
 }
 

@@ -5,9 +5,12 @@
 
 #include "AppMigrator/AppMigrator.h"
 #include "AppMigrator/ContainerClassification.h"
+#include "AppMigrator/DeviceRootContainment.h"
+#include "AppMigrator/LegacyGroupContainers.h"
 #include "host/DataUsage.h"
 #include "host/ParallelFor.h"
 #include "installer/InstallerFiles.h"
+#include "platform/DeviceRoot.h"
 #include "platform/PropertyList.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -16,8 +19,7 @@
 namespace mavrel_host {
 namespace {
 
-constexpr std::string_view kGroupContainersKey = "GroupContainers";
-constexpr std::string_view kGroupContainerPathKey = "Container";
+constexpr std::string_view kHarborPathKey = "HarborPathKey";
 constexpr std::size_t kExamplesKept = 20;
 
 int hexValue(char c) {
@@ -85,34 +87,54 @@ void computeDigests(UserDataManifest& manifest, unsigned workers) {
   }
 }
 
-// Where each source's files should be after the pass, from the registry.
-std::vector<std::string> newPlaces(const UserDataManifest& manifest,
-                                   platform::ApplicationRegistry& registry) {
+// Where each source's files should be after the pass, from the registry, and
+// whether the run says they left their old place.
+struct Places {
+  std::vector<std::string> newPlace;
+  std::vector<std::uint8_t> saidMoved;
+};
+
+Places placesAfterThePass(const UserDataManifest& manifest, platform::ApplicationRegistry& registry,
+                          const RunStatement& statement) {
   std::map<std::string, std::string, std::less<>> groupPlaces;
-  std::vector<std::string> places(manifest.sources.size());
+  // Groups of applications whose entry migrated: their group step ran.
+  std::set<std::string, std::less<>> movedGroups;
+  Places places{std::vector<std::string>(manifest.sources.size()),
+                std::vector<std::uint8_t>(manifest.sources.size(), 0)};
   for (std::size_t i = 0; i < manifest.sources.size(); ++i) {
     const ManifestSource& source = manifest.sources[i];
-    if (source.kind != ManifestSource::Kind::Container || source.identifier.empty()) continue;
+    if (source.kind != ManifestSource::Kind::Container) continue;
+    const bool moved = statement.movedContainers.count(source.legacyPath) != 0;
+    places.saidMoved[i] = moved ? 1 : 0;
+    if (source.identifier.empty()) continue;
     const auto record = registry.bundleRecordForIdentifier(source.identifier);
     if (!record) continue;
-    if (record->dataContainerURL) places[i] = record->dataContainerURL.path();
+    if (record->dataContainerURL) places.newPlace[i] = record->dataContainerURL.path();
     if (!record->groupContainerURLs) continue;
     for (std::size_t g = 0; g < record->groupContainerURLs->count(); ++g) {
       const CVURL* url = record->groupContainerURLs->valueAt(g).asURL();
-      if (url != nullptr && *url)
-        groupPlaces.emplace(record->groupContainerURLs->keys()[g], url->path());
+      const std::string& group = record->groupContainerURLs->keys()[g];
+      if (url != nullptr && *url) groupPlaces.emplace(group, url->path());
+      if (moved) movedGroups.insert(group);
     }
   }
   for (std::size_t i = 0; i < manifest.sources.size(); ++i) {
     const ManifestSource& source = manifest.sources[i];
-    if (source.kind != ManifestSource::Kind::GroupContainer) continue;
-    if (const auto found = groupPlaces.find(source.identifier); found != groupPlaces.end())
-      places[i] = found->second;
+    if (source.kind == ManifestSource::Kind::GroupContainer) {
+      if (const auto found = groupPlaces.find(source.identifier); found != groupPlaces.end())
+        places.newPlace[i] = found->second;
+      places.saidMoved[i] = movedGroups.count(source.identifier) != 0 ? 1 : 0;
+    } else if (source.kind == ManifestSource::Kind::Harbor) {
+      // A harbor stays where it is; registered again, that is its new place.
+      if (statement.registeredHarbors.count(source.identifier) != 0)
+        places.newPlace[i] = source.legacyPath;
+      places.saidMoved[i] = 1;
+    }
   }
   return places;
 }
 
-enum class Finding { Verified, StillInLegacy, Missing, Changed };
+enum class Finding { Verified, StillInLegacy, LeftBehind, Missing, Changed };
 
 bool matches(const std::string& path, const ManifestFile& file, bool* readable) {
   *readable = true;
@@ -125,13 +147,15 @@ bool matches(const std::string& path, const ManifestFile& file, bool* readable) 
   return digest && *digest == file.digest;
 }
 
-Finding check(const ManifestFile& file, const std::string& newPlace, const std::string& oldPlace) {
+Finding check(const ManifestFile& file, const std::string& newPlace, const std::string& oldPlace,
+              bool saidMoved) {
   bool present = false;
   if (!newPlace.empty()) {
     if (matches(newPlace + "/" + file.relativePath, file, &present)) return Finding::Verified;
     if (present) return Finding::Changed;
   }
-  if (matches(oldPlace + "/" + file.relativePath, file, &present)) return Finding::StillInLegacy;
+  if (matches(oldPlace + "/" + file.relativePath, file, &present))
+    return saidMoved ? Finding::LeftBehind : Finding::StillInLegacy;
   return present ? Finding::Changed : Finding::Missing;
 }
 
@@ -175,19 +199,37 @@ UserDataManifest collectUserDataManifest(CVGlobalConfiguration& configuration, u
     manifest.sources.push_back(std::move(source));
   }
 
+  // Group containers and harbors as the pass finds them: never read outside
+  // the root, nor a place that is no container of its own.
   const auto installMap =
       platform::readPropertyListDictionary(configuration.oldInstallMapPath(), nullptr);
   const CVDictionary* groups =
-      installMap ? installMap->findDictionary(kGroupContainersKey) : nullptr;
-  for (std::size_t i = 0; groups != nullptr && i < groups->count(); ++i) {
-    const CVDictionary* group = groups->valueAt(i).asDictionary();
-    const std::string* path = group ? group->findString(kGroupContainerPathKey) : nullptr;
-    if (path == nullptr) continue;
+      installMap ? installMap->findDictionary(kLegacyGroupContainersKey) : nullptr;
+  if (groups != nullptr) {
+    for (const auto& [identifier, location] : CVLocateLegacyGroupContainers(*groups)) {
+      if (!location.problem.empty() || location.hostPath.empty()) continue;
+      ManifestSource source;
+      source.kind = ManifestSource::Kind::GroupContainer;
+      source.identifier = identifier;
+      source.legacyPath = location.hostPath;
+      listFiles(location.hostPath, "", source);
+      manifest.sources.push_back(std::move(source));
+    }
+  }
+  const auto harborMap = platform::readPropertyListDictionary(
+      configuration.dataDirectory().URLByAppendingPathComponent(kHarborMapFileName, false),
+      nullptr);
+  for (std::size_t i = 0; harborMap && i < harborMap->count(); ++i) {
+    const CVDictionary* harbor = harborMap->valueAt(i).asDictionary();
+    const std::string* path = harbor ? harbor->findString(kHarborPathKey) : nullptr;
+    std::string problem;
+    const auto hostPath = path ? CVHostPathForImagePath(*path, &problem) : std::nullopt;
+    if (!hostPath) continue;
     ManifestSource source;
-    source.kind = ManifestSource::Kind::GroupContainer;
-    source.identifier = groups->keys()[i];
-    source.legacyPath = *path;
-    listFiles(*path, "", source);
+    source.kind = ManifestSource::Kind::Harbor;
+    source.identifier = harborMap->keys()[i];
+    source.legacyPath = *hostPath;
+    listFiles(*hostPath, "", source);
     manifest.sources.push_back(std::move(source));
   }
   computeDigests(manifest, workers);
@@ -195,8 +237,9 @@ UserDataManifest collectUserDataManifest(CVGlobalConfiguration& configuration, u
 }
 
 VerificationResult verifyUserData(const UserDataManifest& manifest,
-                                  platform::ApplicationRegistry& registry, unsigned workers) {
-  const std::vector<std::string> places = newPlaces(manifest, registry);
+                                  platform::ApplicationRegistry& registry,
+                                  const RunStatement& statement, unsigned workers) {
+  const Places places = placesAfterThePass(manifest, registry, statement);
   struct Slot {
     std::size_t source;
     std::size_t file;
@@ -209,7 +252,8 @@ VerificationResult verifyUserData(const UserDataManifest& manifest,
   std::vector<Finding> findings(slots.size(), Finding::Missing);
   parallelFor(slots.size(), workers, [&](std::size_t i) {
     const ManifestSource& source = manifest.sources[slots[i].source];
-    findings[i] = check(source.files[slots[i].file], places[slots[i].source], source.legacyPath);
+    findings[i] = check(source.files[slots[i].file], places.newPlace[slots[i].source],
+                        source.legacyPath, places.saidMoved[slots[i].source] != 0);
   });
 
   VerificationResult result;
@@ -231,6 +275,11 @@ VerificationResult verifyUserData(const UserDataManifest& manifest,
         break;
       case Finding::StillInLegacy:
         ++result.stillInLegacy;
+        break;
+      case Finding::LeftBehind:
+        ++result.leftBehind;
+        if (result.leftBehindExamples.size() < kExamplesKept)
+          result.leftBehindExamples.push_back(oldPath);
         break;
       case Finding::Missing:
         ++result.missing;
@@ -263,13 +312,26 @@ std::string formatVerification(const VerificationResult& result, bool passSuccee
   if (result.unreadableBefore > 0)
     text += std::to_string(result.unreadableBefore) +
             " file(s) could not be read before the migration and were not checked.\n";
-  if (result.dataLost()) {
+  if (result.missing > 0 || result.changed > 0) {
     text += "USER DATA LOST: " + std::to_string(result.missing) + " file(s) missing, " +
             std::to_string(result.changed) + " file(s) changed.\n";
     for (const std::string& path : result.missingExamples)
       text += "  missing: " + path + "\n";
     for (const std::string& path : result.changedExamples)
       text += "  changed: " + path + "\n";
+  }
+  if (result.leftBehind > 0) {
+    text += "USER DATA LEFT BEHIND: " + std::to_string(result.leftBehind) +
+            " file(s) are still at their old places although the run says they moved (a group "
+            "container that was not moved, a safe harbor that was not registered); their "
+            "applications will not find them.\n";
+    for (const std::string& path : result.leftBehindExamples)
+      text += "  left behind: " + path + "\n";
+  }
+  if (result.dataLost()) return text;
+  if (result.removedByDesign > 0) {
+    text += "Apart from those removed, every file is at its new place";
+    text += result.stillInLegacy > 0 ? " or still in its legacy container.\n" : ".\n";
   } else if (!passSucceeded) {
     text +=
         "The migration failed, but no user data was lost: every file is at its new place "

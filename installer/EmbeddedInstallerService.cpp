@@ -7,6 +7,7 @@
 
 #include "installer/GroupContainers.h"
 #include "platform/Bundle.h"
+#include "platform/DeviceRoot.h"
 #include "platform/FileIOPosix.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
@@ -307,7 +308,16 @@ bool EmbeddedInstallerService::CorvaneRegisterSafeHarborForContainerType(
     const CVDictionary* options) {
   std::lock_guard lock(mutex_);
   const std::string given(path);
-  const auto resolved = canonicalPath(given);
+  // The harbor map holds device paths; they lead to places under the root.
+  std::string problem;
+  const auto hostPath = platform::DeviceRoot(layout_.root()).hostPathForDevicePath(given, &problem);
+  if (!hostPath) {
+    platform::logInstaller(platform::kLogLevelError, kHarborFunction,
+                           "Refusing safe harbor for %@ at %s: the path %s", identifier, given,
+                           problem);
+    return false;
+  }
+  const auto resolved = canonicalPath(*hostPath);
   if (!resolved) {
     platform::logInstaller(platform::kLogLevelError, kHarborFunction,
                            "Refusing safe harbor for %@ at %s: %s", identifier, given,

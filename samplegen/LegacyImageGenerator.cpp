@@ -321,12 +321,38 @@ class Generator {
     return true;
   }
 
+  // The maps hold device paths, as a device writes them: "/private/var/..."
+  // in the install map, the "/var/..." form in the harbor map.
+  std::string devicePath(const std::string& hostPath, bool viaVar = false) const {
+    const platform::DeviceRoot root(writer_.absolutePath(""));
+    std::string path = root.devicePathForHostPath(hostPath).value_or(hostPath);
+    constexpr std::string_view kPrivateVar = "/private/var/";
+    if (viaVar && path.starts_with(kPrivateVar)) path.erase(0, std::string_view("/private").size());
+    return path;
+  }
+
+  std::vector<InstallMapEntry> withDevicePaths(std::vector<InstallMapEntry> entries) const {
+    for (InstallMapEntry& entry : entries) {
+      for (std::string* path : {&entry.containerPath, &entry.bundlePath, &entry.vpnPluginPath}) {
+        if (!path->empty()) *path = devicePath(*path);
+      }
+    }
+    return entries;
+  }
+
   bool writeMaps() {
-    writePropertyListFile(writer_, locations_.installMap,
-                          makeInstallMap(userEntries_, systemEntries_, manifest_.groupContainers),
-                          PropertyListFormat::XML);
+    std::vector<GroupContainerManifest> groups = manifest_.groupContainers;
+    for (GroupContainerManifest& group : groups)
+      group.path = devicePath(group.path);
+    std::vector<HarborManifest> harbors = manifest_.harbors;
+    for (HarborManifest& harbor : harbors)
+      harbor.path = devicePath(harbor.path, /*viaVar=*/true);
+    writePropertyListFile(
+        writer_, locations_.installMap,
+        makeInstallMap(withDevicePaths(userEntries_), withDevicePaths(systemEntries_), groups),
+        PropertyListFormat::XML);
     writePropertyListFile(writer_, joinPath(locations_.dataDirectory, "SafeHarbor.plist"),
-                          makeHarborMap(manifest_.harbors), PropertyListFormat::XML);
+                          makeHarborMap(harbors), PropertyListFormat::XML);
     writePropertyListFile(writer_, locations_.systemBuild, makeSystemBuild(),
                           PropertyListFormat::XML);
     writer_.writeFile(joinPath(locations_.legacy, "WhereDidMyApplicationsGo.txt"), strayNoteText());

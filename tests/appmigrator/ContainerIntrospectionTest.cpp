@@ -159,7 +159,7 @@ TEST_F(ContainerIntrospectionTest, MarkerOfAnyOtherTypeIsOrderedLate) {
   makeDirectories(container("M"));
   image_.writePlist(container("M") + "/com.zentrel.corvane.container_migrator.plist",
                     CVDictionary{{"ContainerPath", container("M")},
-                                 {"BundlePath", "/b"},
+                                 {"BundlePath", container("M") + "/b.app"},
                                  {"BundleIdentifier", "com.example.v"},
                                  {"ContainerType", "Whatever"}});
   bool early = true;
@@ -214,21 +214,75 @@ TEST_F(ContainerIntrospectionTest, MarkerChecksRunInOrder) {
   }
 }
 
-TEST_F(ContainerIntrospectionTest, MarkerIsWrittenAsTheRecordStands) {
+// The marker stores device paths, so a copied or moved image resumes; it is
+// read back as the record stood.
+TEST_F(ContainerIntrospectionTest, MarkerIsWrittenWithDevicePathsAndReadBackAsTheRecordStood) {
   const CVDictionary info{{"ContainerPath", container("W")},
                           {"BundlePath", container("W") + "/Foo.app"},
+                          {"SecondBundlePath", container("W") + "/Bar.vpnplugin"},
                           {"BundleIdentifier", "com.example.foo"},
                           {"ContainerType", "App"}};
   makeDirectories(container("W"));
   migrator_->_writeMigrationMarker(info, CVURL::fileURLWithPath(container("W"), true));
+  const std::string device = "/private/var/mobile/Applications/W";
   EXPECT_EQ(
       image_.readPlistDictionary(container("W") + "/com.zentrel.corvane.container_migrator.plist"),
-      info);
+      (CVDictionary{{"ContainerPath", device},
+                    {"BundlePath", device + "/Foo.app"},
+                    {"SecondBundlePath", device + "/Bar.vpnplugin"},
+                    {"BundleIdentifier", "com.example.foo"},
+                    {"ContainerType", "App"}}));
   // Nothing was left aside.
   const auto entries = CVFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
       CVURL::fileURLWithPath(container("W"), true), false, nullptr);
   ASSERT_TRUE(entries.has_value());
   EXPECT_EQ(entries->size(), 1u);
+  bool early = false;
+  EXPECT_EQ(introspect("W", &early), info);
+}
+
+// A marker describes the container it lies in, whatever form its paths take;
+// one that names another place is not loaded, and the container is left.
+TEST_F(ContainerIntrospectionTest, MarkerPathsMustDescribeItsOwnContainer) {
+  const std::string home = "/private/var/mobile";
+  struct Case {
+    std::string containerPath;
+    std::string bundlePath;
+    bool loaded;
+  };
+  const Case cases[] = {
+      {home + "/Applications/M", home + "/Applications/M/Foo.app", true},
+      {"/var/mobile/Applications/M", "/var/mobile/Applications/M/Foo.app", true},
+      {container("M"), container("M") + "/Foo.app", true},
+      {"/", home + "/Applications/M/Foo.app", false},
+      {home, home + "/Applications/M/Foo.app", false},
+      {home + "/Containers/Data", home + "/Applications/M/Foo.app", false},
+      {home + "/Applications/N", home + "/Applications/N/Foo.app", false},
+      {home + "/Applications/M", home + "/Applications/N/Foo.app", false},
+      {home + "/Applications/M", home + "/Applications/M/../N/Foo.app", false},
+      {home + "/Applications/M", home + "/Applications/M", false},
+      {home + "/Applications/M", "Foo.app", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.containerPath + " " + c.bundlePath);
+    image_.writeBundle(container("M") + "/Foo.app", "com.example.foo");
+    image_.writePlist(container("M") + "/com.zentrel.corvane.container_migrator.plist",
+                      CVDictionary{{"ContainerPath", c.containerPath},
+                                   {"BundlePath", c.bundlePath},
+                                   {"BundleIdentifier", "com.example.foo"},
+                                   {"ContainerType", "App"}});
+    log_.clear();
+    bool early = false;
+    const auto record = introspect("M", &early);
+    ASSERT_EQ(record.has_value(), c.loaded) << log_.dump();
+    if (c.loaded) {
+      EXPECT_EQ(*record->findString("ContainerPath"), container("M"));
+      EXPECT_EQ(*record->findString("BundlePath"), container("M") + "/Foo.app");
+    } else {
+      EXPECT_TRUE(log_.containsFragment("does not describe its container")) << log_.dump();
+      EXPECT_TRUE(pathExists(container("M") + "/Foo.app"));
+    }
+  }
 }
 
 TEST_F(ContainerIntrospectionTest, FailedMarkerWriteIsLoggedAndNotFatal) {

@@ -169,6 +169,59 @@ TEST_F(DataMigrationTest, GroupMapProblemsAreSkippedWithoutFailing) {
   EXPECT_EQ(migrator->groupContainerMap()->count(), 2u);
 }
 
+// The map's paths are device paths, read under the root in any of their
+// forms; a path that is not a group container of its own is left alone.
+TEST_F(DataMigrationTest, GroupPathsLeadIntoTheImageAndOnlyToGroupContainers) {
+  const std::string groups = "/private/var/mobile/Library/GroupContainers/";
+  struct Case {
+    std::string stored;
+    std::string problem;  // "" when the group migrates
+  };
+  const Case cases[] = {
+      {groups + "G", ""},
+      {"/var/mobile/Library/GroupContainers/G", ""},
+      {image_.home("Library/GroupContainers/G"), ""},
+      {groups + "G/", ""},
+      {"/", "is /, not a group container"},
+      {"/private/var/mobile", "is /private/var/mobile, not a group container"},
+      {"/private/var/mobile/Library", "is /private/var/mobile/Library, not a group container"},
+      {"/private/var/mobile/Library/Corvane",
+       "is /private/var/mobile/Library/Corvane, not a group container"},
+      {"/private/var/mobile/Applications/L1", "lies inside /private/var/mobile/Applications"},
+      {"/private/var/mobile/Containers/Data/D1", "lies inside /private/var/mobile/Containers"},
+      {"/private/var/mobile/Library/GroupContainers", "holds the group container of group.other"},
+      {groups + "G/../G", "has a '..' component"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.stored);
+    writeFile(legacyGroup("G") + "/g.db", "rows");
+    writeFile(legacyGroup("group.other") + "/o", "o");
+    writeFile(container("L1") + "/Documents/d", "d");
+    makeDirectories(image_.home("Containers/Data/D1"));
+    image_.writePlist(
+        image_.installMapPath(),
+        CVDictionary{{"GroupContainers",
+                      CVDictionary{{"group.a", CVDictionary{{"Container", c.stored}}},
+                                   {"group.other",
+                                    CVDictionary{{"Container", legacyGroup("group.other")}}}}}});
+    recordGroups({"group.a"});
+    log_.clear();
+    auto migrator = makeMigrator();
+    EXPECT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
+    if (c.problem.empty()) {
+      EXPECT_EQ(readFile(newGroup("group.a") + "/g.db"), "rows") << log_.dump();
+      EXPECT_FALSE(pathExists(legacyGroup("G")));
+    } else {
+      EXPECT_TRUE(log_.containsFragment(c.problem + "; not migrating it")) << log_.dump();
+      EXPECT_EQ(readFile(legacyGroup("G") + "/g.db"), "rows");
+      EXPECT_EQ(readFile(container("L1") + "/Documents/d"), "d");
+      EXPECT_TRUE(pathExists(image_.installMapPath()));
+      EXPECT_TRUE(migrator->groupContainerMap()->contains("group.a"));
+    }
+    std::filesystem::remove_all(newGroup("group.a"));
+  }
+}
+
 TEST_F(DataMigrationTest, RegistryAnswersDecideTheResult) {
   writeGroupMap({"group.a"});
   makeDirectories(legacyGroup("group.a"));

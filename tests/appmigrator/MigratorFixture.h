@@ -13,6 +13,10 @@
 
 class MigratorTest : public ::testing::Test {
  protected:
+  // Paths the image stores are read under its root, as the host sets it.
+  MigratorTest() { platform::setProcessDeviceRoot(image_.root()); }
+  ~MigratorTest() override { platform::setProcessDeviceRoot(platform::DeviceRoot("/")); }
+
   // Set-up over the image as it stands now, reporting to `observer` if given.
   std::unique_ptr<CVAppMigrator> makeMigrator(MavrelMigrationObserver* observer = nullptr) {
     configuration_ = std::make_unique<CVGlobalConfiguration>(image_.root());

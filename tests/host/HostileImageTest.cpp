@@ -217,37 +217,66 @@ TEST_F(HostileImageTest, AGroupContainerLinkLeadingOutOfTheImageIsNotFollowed) {
   EXPECT_TRUE(pathExists(canary() + "/Group/shared.txt"));
 }
 
+// Map paths are device paths: a host path outside the image is read inside
+// it, and a path that climbs out is refused.
 TEST_F(HostileImageTest, AGroupContainerPathOutsideTheImageIsNotMigrated) {
   const std::string container = legacy() + "/Grouped";
-  writeApplication(container + "/Foo.app", "com.example.foo", {"group.example.shared"});
-  writeGroupContainerMap("group.example.shared", canary() + "/Group");
-
-  const ProgramRun run = migrate();
-  ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
-  EXPECT_TRUE(logged("CVAppMigrator: Source group container " + canary() +
-                     "/Group of com.example.foo[group.example.shared] lies outside the device "
-                     "root; not migrating it"))
-      << migrationLog();
-  EXPECT_TRUE(pathExists(canary() + "/Group/shared.txt"));
+  const struct {
+    std::string stored;
+    std::string logged;
+  } cases[] = {
+      {canary() + "/Group", "CVAppMigrator: Missing source group container at " + root_ +
+                                "/private/var" + canary() + "/Group"},
+      {"/private/var/mobile/../../.." + canary() + "/Group",
+       "CVAppMigrator: Source group container /private/var/mobile/../../.." + canary() +
+           "/Group of com.example.foo[group.example.shared] has a '..' component; not migrating "
+           "it"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.stored);
+    writeApplication(container + "/Foo.app", "com.example.foo", {"group.example.shared"});
+    writeGroupContainerMap("group.example.shared", c.stored);
+    const ProgramRun run = migrate();
+    ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
+    EXPECT_TRUE(logged(c.logged)) << migrationLog();
+  }
 }
 
-TEST_F(HostileImageTest, AMarkerNamingPlacesOutsideTheImageKeepsItsContainer) {
+// A marker describes the container it lies in. One that names another place
+// (outside the image, the root, the home, the new data containers) is not
+// loaded: a container that still holds its bundle is left, and nothing of
+// the place it names is moved or removed.
+TEST_F(HostileImageTest, AMarkerNamingAnotherPlaceIsNotLoaded) {
   const std::string container = legacy() + "/Resumed";
-  makeDirectories(container);
-  image_.writePlist(container + "/" + std::string(kMarkerName),
-                    CVDictionary{{"ContainerPath", canary() + "/Container"},
-                                 {"BundlePath", canary() + "/Container/Victim.app"},
-                                 {"BundleIdentifier", "com.example.victim"},
-                                 {"ContainerType", "App"}});
+  for (const std::string& named :
+       {canary() + "/Container", std::string("/"), std::string("/private/var/mobile"),
+        std::string("/private/var/mobile/Containers/Data")}) {
+    SCOPED_TRACE(named);
+    writeFile(home() + "/Library/keep.txt", "kept");
+    writeFile(home() + "/Containers/Data/Other/Documents/keep.txt", "kept");
+    // No executable: an install of it fails, which once removed what the
+    // marker named.
+    image_.writeBundle(container + "/Victim.app",
+                       CVDictionary{{"QXBundleIdentifier", "com.example.victim"}});
+    image_.writePlist(container + "/" + std::string(kMarkerName),
+                      CVDictionary{{"ContainerPath", named},
+                                   {"BundlePath", named + "/Victim.app"},
+                                   {"BundleIdentifier", "com.example.victim"},
+                                   {"ContainerType", "App"}});
 
-  const ProgramRun run = migrate();
-  ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
-  EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
-  EXPECT_TRUE(logged("CVAppMigrator: Migration marker " + container + "/" +
-                     std::string(kMarkerName) + " names " + canary() +
-                     "/Container outside the device root; skipping container"))
-      << migrationLog();
-  EXPECT_TRUE(pathExists(container + "/" + std::string(kMarkerName)));
+    const ProgramRun run = migrate();
+    ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
+    EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
+    EXPECT_TRUE(logged("CVAppMigrator: Migration marker " + container + "/" +
+                       std::string(kMarkerName) +
+                       " does not describe its container: it names "
+                       "the container " +
+                       named + ", not the one it lies in"))
+        << migrationLog();
+    EXPECT_TRUE(pathExists(container + "/" + std::string(kMarkerName)));
+    EXPECT_EQ(readFile(home() + "/Library/keep.txt"), "kept");
+    EXPECT_EQ(readFile(home() + "/Containers/Data/Other/Documents/keep.txt"), "kept");
+  }
 }
 
 TEST_F(HostileImageTest, AnIdentifierThatIsAPathGetsNoPlaceholder) {

@@ -43,13 +43,15 @@ class VerifyTest : public ::testing::Test {
     return host_test::generateImage(directory_.path() + "/image", options);
   }
 
-  // The number of user-data files the image holds: containers and groups.
+  // The number of user-data files the image holds: containers, groups and harbors.
   static std::uint64_t userDataFiles(const samplegen::ImageManifest& manifest) {
     std::uint64_t files = 0;
     for (const auto& container : manifest.containers)
       files += container.dataFiles;
     for (const auto& group : manifest.groupContainers)
       files += group.files;
+    for (const auto& harbor : manifest.harbors)
+      files += harbor.files;
     return files;
   }
 
@@ -97,10 +99,14 @@ TEST_F(VerifyTest, EveryFileArrives) {
   EXPECT_NE(run.out.find("Verified " + files + " of " + files + " user-data files"),
             std::string::npos)
       << run.out;
-  EXPECT_NE(run.out.find("No user data was lost."), std::string::npos) << run.out;
+  // Removed by the rules is said, and never contradicted.
   EXPECT_NE(run.out.find("1 file(s) were removed with legacy containers that held no application"),
             std::string::npos)
       << run.out;
+  EXPECT_NE(run.out.find("Apart from those removed, every file is at its new place."),
+            std::string::npos)
+      << run.out;
+  EXPECT_EQ(run.out.find("o user data was lost"), std::string::npos) << run.out;
 
   const auto document = parseJSON(readFile(report));
   const auto& verification = document["verification"];
@@ -123,6 +129,26 @@ TEST_F(VerifyTest, ARemovedFileIsMissing) {
       << run.out;
   EXPECT_NE(run.out.find("missing: "), std::string::npos) << run.out;
   EXPECT_NE(run.out.find(document), std::string::npos) << run.out;
+}
+
+// A file still at its old place while the run says it moved is out of its
+// application's reach: named, counted and never called safe.
+TEST_F(VerifyTest, AFileLeftBehindWhereTheRunSaysItMovedIsALoss) {
+  const auto manifest = generate(45);
+  const auto [identifier, document] = someDocument(manifest);
+  std::string legacy;
+  for (const auto& container : manifest.containers) {
+    if (container.identifier == identifier) legacy = container.containerPath;
+  }
+  const ScopedEnvironment damage("MAVREL_TEST_DAMAGE", "unmove:" + identifier + ":" + document);
+  const ScopedEnvironment back("MAVREL_TEST_LEGACY_CONTAINER", legacy);
+  const ProgramRun run = runMavrel(
+      {"migrate", "--root", manifest.root, "--verify", "--plugin-dir", damagingPluginDirectory()},
+      directory_.path());
+  EXPECT_EQ(run.exitCode, 3) << run.out << run.err;
+  EXPECT_NE(run.out.find("USER DATA LEFT BEHIND: 1 file(s)"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("left behind: " + legacy + "/" + document), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("o user data was lost"), std::string::npos) << run.out;
 }
 
 TEST_F(VerifyTest, AChangedFileIsCaught) {

@@ -5,6 +5,8 @@
 //
 //   MAVREL_TEST_DAMAGE="remove:<identifier>:<path>"   removes the file
 //   MAVREL_TEST_DAMAGE="corrupt:<identifier>:<path>"  changes its first byte
+//   MAVREL_TEST_DAMAGE="unmove:<identifier>:<path>"   moves it back below the
+//       directory MAVREL_TEST_LEGACY_CONTAINER names, as a move that never happened
 //
 // <path> is relative to the application's data container. Without the
 // variable the pass does nothing; it always reports success.
@@ -41,6 +43,12 @@ class DamagingMigrator final : public MavrelMigrator {
         std::filesystem::path(record->dataContainerURL.path()) / text.substr(second + 1);
     if (action == "remove") {
       std::filesystem::remove(file);
+    } else if (action == "unmove") {
+      const char* legacy = std::getenv("MAVREL_TEST_LEGACY_CONTAINER");
+      if (legacy == nullptr) return true;
+      const std::filesystem::path back = std::filesystem::path(legacy) / text.substr(second + 1);
+      std::filesystem::create_directories(back.parent_path());
+      std::filesystem::rename(file, back);
     } else if (action == "corrupt") {
       std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
       char byte = 0;
