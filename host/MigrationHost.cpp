@@ -17,6 +17,7 @@
 #include "host/DataUsage.h"
 #include "host/DroppingLogSink.h"
 #include "host/EntryRecorder.h"
+#include "host/FileSystemCheck.h"
 #include "host/HostLogs.h"
 #include "host/ParallelFor.h"
 #include "host/PlanCommand.h"
@@ -221,6 +222,7 @@ int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err) {
     return setUpFailure(err, reason);
   // Before anything reads the configuration or touches the file manager.
   platform::setProcessDeviceRoot(platform::DeviceRoot(*root));
+  if (!checkOneFileSystem(*root, &reason)) return setUpFailure(err, reason);
 
   if (!makeDirectoryInsideRoot(*root, kTemporaryDirectory, kTemporaryDirectoryMode, &reason)
            .valid())

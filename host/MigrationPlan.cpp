@@ -192,27 +192,37 @@ class Planner {
     }
   }
 
-  // Entries whose data goes to one place: the same identifier (an
-  // application's or its VPN plug-in's) in two containers.
+  // Entries whose data goes to one place: one identifier in two containers,
+  // or an application that takes the identifier of a VPN plug-in another
+  // application ships. (A VPN-only container holding a plug-in's data is no
+  // conflict: that data is meant for the plug-in's data container.)
   void findConflicts() {
     std::map<std::string, std::vector<std::size_t>, std::less<>> byIdentifier;
+    std::map<std::string, std::size_t, std::less<>> pluginShippedBy;
     for (std::size_t i = 0; i < plan_.entries.size(); ++i) {
       const PlannedEntry& entry = plan_.entries[i];
       if (entry.order == 0) continue;
       byIdentifier[entry.identifier].push_back(i);
       if (entry.containerType == kContainerTypeApp && !entry.vpnPluginPath.empty()) {
         if (const auto plugin =
-                CVBundleIdentifierForBundle(CVURL::fileURLWithPath(entry.vpnPluginPath, true));
-            plugin && *plugin != entry.identifier)
-          byIdentifier[*plugin].push_back(i);
+                CVBundleIdentifierForBundle(CVURL::fileURLWithPath(entry.vpnPluginPath, true)))
+          pluginShippedBy.emplace(*plugin, i);
       }
     }
+    const auto conflict = [this](std::size_t a, std::size_t b) {
+      plan_.entries[a].conflictsWith.push_back(plan_.entries[b].path);
+      plan_.entries[b].conflictsWith.push_back(plan_.entries[a].path);
+    };
     for (const auto& [identifier, indexes] : byIdentifier) {
-      if (indexes.size() < 2) continue;
+      for (std::size_t i = 0; i < indexes.size(); ++i) {
+        for (std::size_t j = i + 1; j < indexes.size(); ++j)
+          conflict(indexes[i], indexes[j]);
+      }
+      const auto shipper = pluginShippedBy.find(identifier);
+      if (shipper == pluginShippedBy.end()) continue;
       for (const std::size_t i : indexes) {
-        for (const std::size_t j : indexes) {
-          if (i != j) plan_.entries[i].conflictsWith.push_back(plan_.entries[j].path);
-        }
+        if (plan_.entries[i].containerType == kContainerTypeApp && i != shipper->second)
+          conflict(i, shipper->second);
       }
     }
   }
@@ -291,7 +301,8 @@ class Planner {
       entry.outcome = MavrelEntryOutcome::RefusedAsBuiltIn;
       entry.reason =
           "the system carries it built in: the data moves into the built-in "
-          "application's data container and the legacy bundle is not installed";
+          "application's data container, replacing what it holds there, and the legacy "
+          "bundle is not installed";
     } else if (!installSource.empty() && installSource.ends_with(".app")) {
       mavrel_installer::InstallRequest request;
       request.identifier = entry.identifier;
@@ -493,6 +504,9 @@ bool MigrationPlan::predictedSuccess() const {
   }
   for (const PlannedHarbor& harbor : harbors) {
     if (!harbor.path.empty() && !harbor.present) return false;
+  }
+  for (const PlannedMove& move : space.moves) {
+    if (!move.sameFileSystem) return false;
   }
   return true;
 }

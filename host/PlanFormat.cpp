@@ -204,7 +204,8 @@ std::string formatPlanText(const MigrationPlan& plan) {
     text += "  " + move.what + " (" + formatBytes(move.bytes) + "): " + move.from + " -> " +
             move.to + "\n    " +
             (move.sameFileSystem ? "same file system: moved by renaming, no space needed"
-                                 : "another file system: copied, needs the space") +
+                                 : "ANOTHER FILE SYSTEM: 'mavrel migrate' refuses to copy "
+                                   "user data between file systems") +
             "\n";
   }
   if (plan.space.bytesToCopy > 0) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "host/EntryConflicts.h"
 #include "host/EntryOutcomeNames.h"
 #include "host/ProgressDisplay.h"
 #include "installer/InstallerFiles.h"
@@ -75,7 +76,7 @@ bool RunReport::succeeded() const {
   for (const RecordedEntry& entry : entries) {
     if (entryFailed(entry)) return false;
   }
-  return true;
+  return findEntryConflicts(entries).empty();
 }
 
 std::string formatRunReportJSON(const RunReport& report) {
@@ -115,6 +116,14 @@ std::string formatRunReportJSON(const RunReport& report) {
     json.key("message").stringOrNull(entry.message);
     json.member("container", containerFateName(entry.result.containerRemoved));
     json.member("durationSeconds", entry.seconds);
+    json.endObject();
+  }
+  json.endArray();
+  json.key("conflicts").beginArray();
+  for (const EntryConflict& conflict : findEntryConflicts(report.entries)) {
+    json.beginObject().member("migrator", conflict.migrator);
+    json.member("identifier", conflict.identifier);
+    json.key("paths").strings(conflict.paths);
     json.endObject();
   }
   json.endArray();
@@ -165,11 +174,21 @@ bool writeRunReport(const std::string& path, const RunReport& report, std::strin
   return true;
 }
 
+std::vector<EntryConflict> conflictsOfPass(const MigratorRun& run,
+                                           const std::vector<RecordedEntry>& entries) {
+  std::vector<EntryConflict> conflicts = findEntryConflicts(entries);
+  std::erase_if(conflicts,
+                [&run](const EntryConflict& conflict) { return conflict.migrator != run.name; });
+  return conflicts;
+}
+
 bool passSucceeded(const MigratorRun& run, const std::vector<RecordedEntry>& entries) {
   return run.succeeded &&
-         std::none_of(entries.begin(), entries.end(), [&](const RecordedEntry& entry) {
-           return entry.migrator == run.name && entryFailed(entry);
-         });
+         std::none_of(entries.begin(), entries.end(),
+                      [&](const RecordedEntry& entry) {
+                        return entry.migrator == run.name && entryFailed(entry);
+                      }) &&
+         conflictsOfPass(run, entries).empty();
 }
 
 std::string formatPassSummary(const MigratorRun& run, const std::vector<RecordedEntry>& entries,
@@ -197,7 +216,7 @@ std::string formatPassSummary(const MigratorRun& run, const std::vector<Recorded
     text += "  " + std::to_string(totals.entries()) +
             " legacy entries: " + describeOutcomeTotals(totals) + "\n";
   }
-  return text + details;
+  return text + details + formatEntryConflicts(conflictsOfPass(run, entries));
 }
 
 }  // namespace mavrel_host

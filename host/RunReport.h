@@ -11,13 +11,15 @@
 //     outcome: "migrated", "placeholder-only", "refused-built-in", "failed",
 //     "removed" or "left"; failedStep (EntryOutcomeNames.h) only for "failed";
 //     container: "removed" or "kept",
+//   "conflicts": [{"migrator", "identifier", "paths"}]: one identifier's data
+//     moved from two containers, the later replacing the earlier,
 //   "totals": {"entries", "migrated", "placeholderOnly", "refusedBuiltIn",
 //              "failed", "removed", "left"},
 //   "logs": {"migration", "installer", "migrationJSON", "installerJSON"},
 //   "verification": null, or {"files", "bytes", "verified", "verifiedBytes",
-//                   "stillInLegacy", "missing", "changed", "unreadableBefore",
-//                   "removedByDesign",
-//                   "missingExamples", "changedExamples"}.
+//                   "stillInLegacy", "leftBehind", "missing", "changed",
+//                   "unreadableBefore", "removedByDesign",
+//                   "missingExamples", "changedExamples", "leftBehindExamples"}.
 // A missing string is null.
 //
 // Error contract: writeRunReport writes atomically (platform/FileIO.h) and
@@ -63,7 +65,8 @@ struct RunReport {
 std::string formatRunReportJSON(const RunReport& report);
 bool writeRunReport(const std::string& path, const RunReport& report, std::string* reason);
 
-// Whether the pass returned true and none of its entries failed or was left:
+// Whether the pass returned true, none of its entries failed or was left and
+// no two moved their data to one place:
 // what the summary calls "succeeded" and exit code 0 requires.
 bool passSucceeded(const MigratorRun& run, const std::vector<RecordedEntry>& entries);
 

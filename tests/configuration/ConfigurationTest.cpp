@@ -120,6 +120,46 @@ TEST_F(ConfigurationTest, LegacyLocationsAndFixedLists) {
             &CVGlobalConfiguration(image_.root()).installationBlacklist());
 }
 
+// Paths the image stores are device paths, read under the root; the written
+// form is the device path again.
+TEST(DeviceRootPathsTest, StoredPathsLeadUnderTheRoot) {
+  const platform::DeviceRoot root("/images/one");
+  const struct {
+    const char* stored;
+    const char* host;  // nullptr: refused
+  } cases[] = {
+      {"/private/var/mobile/Library/X", "/images/one/private/var/mobile/Library/X"},
+      {"/var/mobile/Library/X", "/images/one/private/var/mobile/Library/X"},
+      {"/var", "/images/one/private/var"},
+      {"/tmp/x", "/images/one/private/var/tmp/x"},
+      {"/etc/hosts", "/images/one/private/etc/hosts"},
+      {"/variable/x", "/images/one/variable/x"},
+      {"/images/one/private/var/mobile", "/images/one/private/var/mobile"},
+      {"/images/onex/y", "/images/one/images/onex/y"},
+      {"/", "/images/one"},
+      {"/var/mobile/../../../etc", nullptr},
+      {"relative/path", nullptr},
+      {"", nullptr},
+  };
+  for (const auto& c : cases) {
+    std::string problem;
+    const auto host = root.hostPathForDevicePath(c.stored, &problem);
+    if (c.host == nullptr) {
+      EXPECT_FALSE(host.has_value()) << c.stored;
+      EXPECT_FALSE(problem.empty()) << c.stored;
+    } else {
+      EXPECT_EQ(host.value_or("(refused: " + problem + ")"), c.host) << c.stored;
+    }
+  }
+  EXPECT_EQ(root.devicePathForHostPath("/images/one/private/var/mobile/A").value_or(""),
+            "/private/var/mobile/A");
+  EXPECT_EQ(root.devicePathForHostPath("/images/one").value_or(""), "/");
+  EXPECT_FALSE(root.devicePathForHostPath("/images/onex/A").has_value());
+  std::string problem;
+  EXPECT_EQ(platform::DeviceRoot("/").hostPathForDevicePath("/var/x", &problem).value_or(""),
+            "/var/x");
+}
+
 TEST_F(ConfigurationTest, DeviceRootSlashGivesTheDevicePaths) {
   const platform::DeviceRoot root("/");
   EXPECT_EQ(root.homeURL().absoluteString(), "file:///private/var/mobile/");

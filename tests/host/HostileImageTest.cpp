@@ -5,6 +5,7 @@
 // (a time limit stands guard), say what it did in a clear log line, and leave
 // everything outside the image exactly as it was.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -277,6 +278,47 @@ TEST_F(HostileImageTest, AMarkerNamingAnotherPlaceIsNotLoaded) {
     EXPECT_EQ(readFile(home() + "/Library/keep.txt"), "kept");
     EXPECT_EQ(readFile(home() + "/Containers/Data/Other/Documents/keep.txt"), "kept");
   }
+}
+
+// Replace, never merge: the later container's data takes the earlier one's
+// place. The plan foresees it and the run reports it as a conflict naming both.
+TEST_F(HostileImageTest, TwoContainersWithOneIdentifierAreAConflict) {
+  for (const std::string name : {"First", "Second"}) {
+    writeApplication(legacy() + "/" + name + "/Foo.app", "com.example.foo", {});
+    writeFile(legacy() + "/" + name + "/Documents/" + name + ".txt", name);
+  }
+  const ProgramRun plan = testing_support::runProgram(
+      MAVREL_BINARY_DIR "/bin/mavrel", {"plan", "--root", root_}, outside_ + "/scratch");
+  EXPECT_NE(plan.out.find("the same identifier is in " + legacy() + "/First"), std::string::npos)
+      << plan.out;
+  EXPECT_NE(plan.out.find("predicted to FAIL"), std::string::npos) << plan.out;
+
+  const ProgramRun run = migrate();
+  ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
+  EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
+  EXPECT_NE(run.out.find("conflict: com.example.foo was in "), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
+}
+
+// A move between file systems is a copy whose failure loses the source, so
+// an image whose legacy tree lies on another file system is refused before
+// anything is written.
+TEST_F(HostileImageTest, ALegacyTreeOnAnotherFileSystemIsRefusedUntouched) {
+  if (::mount("mavrel-test", legacy().c_str(), "tmpfs", 0, "size=8m") != 0)
+    GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+  struct Unmount {
+    std::string path;
+    ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+  } unmount{legacy()};
+  writeApplication(legacy() + "/Mounted/Foo.app", "com.example.foo", {});
+  writeFile(legacy() + "/Mounted/Documents/notes.txt", "on another file system");
+  const auto before = snapshotTree(root_);
+
+  const ProgramRun run = migrate();
+  EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
+  EXPECT_NE(run.err.find("'" + legacy() + "' and '"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("are not on one file system"), std::string::npos) << run.err;
+  EXPECT_EQ(snapshotTree(root_), before) << "the refused run wrote into the image";
 }
 
 TEST_F(HostileImageTest, AnIdentifierThatIsAPathGetsNoPlaceholder) {

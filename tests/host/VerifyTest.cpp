@@ -6,7 +6,10 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <map>
 
+#include "platform/PropertyList.h"
 #include "tests/host/GeneratedImage.h"
 
 namespace {
@@ -115,6 +118,69 @@ TEST_F(VerifyTest, EveryFileArrives) {
   EXPECT_EQ(verification["missing"].count(), 0u);
   EXPECT_EQ(verification["changed"].count(), 0u);
   EXPECT_EQ(verification["removedByDesign"].count(), 1u);
+}
+
+// A device writes its maps with "/private/var/..." or "/var/..." paths, images
+// made by earlier versions hold host paths inside the root, a device's "/var"
+// is a link into "/private", and an image may be copied elsewhere before it is
+// migrated: each gives the same outcome, entry by entry and file by file.
+TEST_F(VerifyTest, EveryFormOfDevicePathAndAMovedImageMigrateAlike) {
+  enum class Variant { AsMade, CopiedElsewhere, VarPaths, HostPaths, VarIsALink };
+  std::map<std::string, std::string> firstOutcomes;
+  for (const Variant variant : {Variant::AsMade, Variant::CopiedElsewhere, Variant::VarPaths,
+                                Variant::HostPaths, Variant::VarIsALink}) {
+    SCOPED_TRACE(static_cast<int>(variant));
+    const std::string made = directory_.path() + "/made";
+    fs::remove_all(made);
+    samplegen::GeneratorOptions options;
+    options.applicationCount = 6;
+    options.seed = 46;
+    auto manifest = host_test::generateImage(made, options);
+    std::string root = manifest.root;
+    if (variant == Variant::CopiedElsewhere) {
+      root = directory_.path() + "/copy";
+      fs::remove_all(root);
+      ASSERT_EQ(std::system(("cp -a '" + made + "' '" + root + "'").c_str()), 0);
+      fs::remove_all(made);
+    }
+    // Rewrites every group container path of the install map.
+    const auto rewriteGroups = [&root](const std::function<std::string(std::string)>& rewrite) {
+      const CVURL map = CVURL::fileURLWithPath(
+          root + "/private/var/mobile/Library/Caches/com.zentrel.corvane.plist", false);
+      auto installMap = platform::readPropertyListDictionary(map, nullptr);
+      ASSERT_TRUE(installMap.has_value());
+      CVDictionary groups = *installMap->findDictionary("GroupContainers");
+      for (std::size_t i = 0; i < groups.count(); ++i) {
+        const std::string path = *groups.valueAt(i).asDictionary()->findString("Container");
+        groups.set(groups.keys()[i], CVDictionary{{"Container", rewrite(path)}});
+      }
+      installMap->set("GroupContainers", groups);
+      ASSERT_TRUE(platform::writePropertyListAtomically(CVValue(*installMap), map, nullptr));
+    };
+    if (variant == Variant::VarPaths)
+      rewriteGroups([](std::string path) { return path.substr(std::string("/private").size()); });
+    if (variant == Variant::HostPaths)
+      rewriteGroups([&root](std::string path) { return root + path; });
+    if (variant == Variant::VarIsALink) fs::create_directory_symlink("private/var", root + "/var");
+
+    const std::string report = directory_.path() + "/report.json";
+    const ProgramRun run =
+        runMavrel({"migrate", "--root", root, "--verify", "--report", report}, directory_.path());
+    EXPECT_EQ(run.exitCode, 0) << run.out << run.err;
+    const auto document = parseJSON(readFile(report));
+    const auto& verification = document["verification"];
+    EXPECT_EQ(verification["verified"].count(), userDataFiles(manifest)) << run.out;
+    EXPECT_EQ(verification["leftBehind"].count(), 0u);
+    std::map<std::string, std::string> outcomes;
+    for (const auto& entry : document["entries"].array)
+      outcomes[fs::path(entry["path"].string).filename()] = entry["outcome"].string;
+    if (variant == Variant::AsMade) firstOutcomes = outcomes;
+    EXPECT_EQ(outcomes, firstOutcomes);
+    EXPECT_FALSE(fs::exists(root + "/private/var/mobile/Library/GroupContainers") &&
+                 !fs::is_empty(root + "/private/var/mobile/Library/GroupContainers"))
+        << "group data stayed behind";
+    fs::remove_all(root);
+  }
 }
 
 TEST_F(VerifyTest, ARemovedFileIsMissing) {
