@@ -50,7 +50,10 @@ bool CVFileManager::_traverseDirectory(const CVURL& url, CVError* error,
   CVError walkError;
   sys::WalkEntry entry;
   while (walker.next(entry)) {
-    if (entry.kind == sys::WalkKind::Error || entry.kind == sys::WalkKind::NoStat) {
+    // A mount point inside the tree is an error too: what lies beyond belongs
+    // elsewhere, and the walker does not enter it.
+    if (entry.kind == sys::WalkKind::Error || entry.kind == sys::WalkKind::NoStat ||
+        entry.kind == sys::WalkKind::MountPoint) {
       // The text names the root, not the entry; callers have always seen it so.
       walkError = CreatePOSIXError(kFunction, entry.errorNumber, "Error for path %s: %s", rootPath,
                                    std::strerror(entry.errorNumber));
