@@ -347,6 +347,19 @@ TEST_F(HostileImageTest, AnInfoPlistPastTheSizeCapIsRefusedUnread) {
   EXPECT_NE(installerLog().find("larger than 67108864 bytes"), std::string::npos) << installerLog();
 }
 
+TEST_F(HostileImageTest, AHardLinkInABundleToAFileOutsideKeepsThatFilesOwner) {
+  const std::string container = legacy() + "/HardLinked";
+  writeApplication(container + "/Foo.app", "com.example.hardlinked", {});
+  const std::string inBundle = container + "/Foo.app/diary.txt";
+  ASSERT_EQ(::link((canary() + "/Container/Documents/diary.txt").c_str(), inBundle.c_str()), 0)
+      << std::strerror(errno);
+
+  const ProgramRun run = migrate();
+  ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
+  EXPECT_EQ(run.exitCode, 0) << run.out << run.err << migrationLog();
+  EXPECT_FALSE(pathExists(container));
+}
+
 TEST_F(HostileImageTest, ABindMountInsideARemovedContainerIsLeftAlone) {
   // A container without a bundle is removed with its contents.
   const std::string container = legacy() + "/Bundleless";
