@@ -1,7 +1,5 @@
 #include "host/Confinement.h"
 
-#include <filesystem>
-
 #include "host/LogFile.h"
 #include "platform/linux/Landlock.h"
 
@@ -15,10 +13,8 @@ std::vector<std::string> writablePlacesForMigration(const std::string& root,
     std::string ignored;
     if (log && AppendOnlyFile::open(*log, &ignored)) places.push_back(*log);
   }
-  if (options.reportPath) {
-    places.push_back(
-        std::filesystem::absolute(*options.reportPath).parent_path().lexically_normal().string());
-  }
+  // The report file is opened before confinement and written through that
+  // descriptor: its directory needs no rule.
   return places;
 }
 

@@ -213,9 +213,14 @@ int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err) {
     printLine(err, "Run 'mavrel migrate --help' for usage.");
     return kExitUsageOrSetUp;
   }
-  if (options.reportPath && !checkReportDestination(*options.reportPath, &reason)) {
-    printLine(err, "mavrel: " + reason);
-    return kExitUsageOrSetUp;
+  UniqueFd reportFile;
+  if (options.reportPath) {
+    if (checkReportDestination(*options.reportPath, &reason))
+      reportFile = openReportFile(*options.reportPath, &reason);
+    if (!reportFile.valid()) {
+      printLine(err, "mavrel: " + reason);
+      return kExitUsageOrSetUp;
+    }
   }
   // Before anything is made in the image: a link there must not lead out.
   if (!confineWrites(writablePlacesForMigration(*root, options), err, &reason))
@@ -265,7 +270,7 @@ int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err) {
     report.exitCode = exitCode;
     report.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - runStart).count();
-    if (writeRunReport(*options.reportPath, report, &reason)) {
+    if (writeRunReport(reportFile.get(), *options.reportPath, report, &reason)) {
       printLine(out, "Report written to " + *options.reportPath);
     } else {
       printLine(err, "mavrel: warning: " + reason);

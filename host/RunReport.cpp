@@ -1,6 +1,11 @@
 #include "host/RunReport.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 #include "host/EntryConflicts.h"
@@ -161,16 +166,32 @@ bool checkReportDestination(const std::string& path, std::string* reason) {
   return true;
 }
 
-bool writeRunReport(const std::string& path, const RunReport& report, std::string* reason) {
-  const std::string text = formatRunReportJSON(report);
-  CVError error;
-  const std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(text.data()),
-                                            text.size());
-  if (!platform::writeFileAtomically(CVURL::fileURLWithPath(absolutePath(path), false), bytes,
-                                     &error)) {
-    *reason = "cannot write the report '" + path + "': " + error.localizedDescription();
-    return false;
+UniqueFd openReportFile(const std::string& path, std::string* reason) {
+  UniqueFd file(
+      ::open(absolutePath(path).c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!file.valid()) {
+    *reason = "option '--report': cannot open '" + path + "': " + std::strerror(errno);
   }
+  return file;
+}
+
+bool writeRunReport(int reportFile, const std::string& path, const RunReport& report,
+                    std::string* reason) {
+  const std::string text = formatRunReportJSON(report);
+  const auto fail = [&] {
+    *reason = "cannot write the report '" + path + "': " + std::strerror(errno);
+    return false;
+  };
+  if (::ftruncate(reportFile, 0) != 0) return fail();
+  std::size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t count = ::pwrite(reportFile, text.data() + written, text.size() - written,
+                                   static_cast<off_t>(written));
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return fail();
+    written += static_cast<std::size_t>(count);
+  }
+  if (::fsync(reportFile) != 0) return fail();
   return true;
 }
 

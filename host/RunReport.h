@@ -22,8 +22,14 @@
 //                   "missingExamples", "changedExamples", "leftBehindExamples"}.
 // A missing string is null.
 //
-// Error contract: writeRunReport writes atomically (platform/FileIO.h) and
-// returns false with a one-line reason naming the file when it cannot.
+// The report file is opened (made when missing) before the migration confines
+// its writes, and written through that descriptor at the end: the confined
+// process needs no writable place outside the image for it, only this file.
+// Its old content stays until the new report replaces it; a crash while the
+// few kilobytes are written can leave it cut short.
+//
+// Error contract: openReportFile returns an invalid descriptor, and
+// writeRunReport false, with a one-line reason naming the file.
 #pragma once
 
 #include <ctime>
@@ -33,6 +39,7 @@
 
 #include "host/EntryRecorder.h"
 #include "host/OutcomeTotals.h"
+#include "host/UniqueFd.h"
 #include "host/UserDataVerification.h"
 
 namespace mavrel_host {
@@ -63,7 +70,11 @@ struct RunReport {
 };
 
 std::string formatRunReportJSON(const RunReport& report);
-bool writeRunReport(const std::string& path, const RunReport& report, std::string* reason);
+UniqueFd openReportFile(const std::string& path, std::string* reason);
+// Replaces the content of the opened report file `reportFile` (named `path`)
+// with the report and flushes it.
+bool writeRunReport(int reportFile, const std::string& path, const RunReport& report,
+                    std::string* reason);
 
 // Whether the pass returned true, none of its entries failed or was left and
 // no two moved their data to one place:

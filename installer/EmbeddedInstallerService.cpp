@@ -288,8 +288,13 @@ std::optional<ApplicationEntry> EmbeddedInstallerService::registerSystemApplicat
   const std::vector<std::string> groups = builtIn.bundlePath.empty()
                                               ? std::vector<std::string>()
                                               : readApplicationGroups(builtIn.bundlePath);
-  if (prepareContainers(preparation, groups, &failure) &&
-      registerAndFinish(preparation, std::nullopt, &failure)) {
+  if (exceedsApplicationGroupLimit(groups)) {
+    failure = {InstallError::TooManyApplicationGroups,
+               "the bundle " + builtIn.bundlePath + " names more than " +
+                   std::to_string(kMaximumApplicationGroups) + " application groups",
+               {}};
+  } else if (prepareContainers(preparation, groups, &failure) &&
+             registerAndFinish(preparation, std::nullopt, &failure)) {
     platform::logInstaller(platform::kLogLevelNotice, kRegistryFunction,
                            "Made the data container %s of the built-in application %@",
                            layout_.absolute(entry.dataContainer), identifier);

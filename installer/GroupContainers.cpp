@@ -37,6 +37,7 @@ std::vector<std::string> readApplicationGroups(const std::string& bundlePath) {
     const std::string* group = item.asString();
     if (group == nullptr || group->empty()) continue;
     if (seen.insert(*group).second) groups.push_back(*group);
+    if (exceedsApplicationGroupLimit(groups)) break;
   }
   return groups;
 }

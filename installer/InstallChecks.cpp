@@ -142,6 +142,12 @@ std::optional<BundleFacts> verifyBundle(const std::string& bundlePath,
   facts.version = stringOrEmpty(*info, platform::kBundleVersionKey);
   facts.shortVersion = stringOrEmpty(*info, kShortVersionKey);
   facts.groups = readApplicationGroups(bundlePath);
+  if (exceedsApplicationGroupLimit(facts.groups)) {
+    fail(failure, InstallError::TooManyApplicationGroups,
+         "the bundle " + bundlePath + " names more than " +
+             std::to_string(kMaximumApplicationGroups) + " application groups");
+    return std::nullopt;
+  }
   return facts;
 }
 

@@ -7,7 +7,7 @@ namespace mavrel_installer {
 namespace {
 
 // In the order of the enumeration.
-constexpr std::array<InstallErrorInfo, 18> kInstallErrors{{
+constexpr std::array<InstallErrorInfo, 19> kInstallErrors{{
     {"InvalidInstallOptions", 120, "The install options are missing or malformed"},
     {"InvalidInstallSource", 121,
      "The package to install is not a directory the installer may use"},
@@ -31,6 +31,8 @@ constexpr std::array<InstallErrorInfo, 18> kInstallErrors{{
     {"RegistryFailure", 136, "The application registry could not be read or written"},
     {"InstallFinishFailed", 137,
      "The installed items could not all be put in place; they will be on the next start"},
+    {"TooManyApplicationGroups", 138,
+     "The application's entitlements name more application groups than any application has"},
 }};
 
 }  // namespace

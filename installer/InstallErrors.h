@@ -33,6 +33,7 @@ enum class InstallError {
   MetadataWriteFailed,
   RegistryFailure,
   InstallFinishFailed,
+  TooManyApplicationGroups,
 };
 
 struct InstallErrorInfo {

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "platform/linux/DirentRecords.h"
+#include "platform/linux/MountPoints.h"
 
 namespace platform::sys {
 
@@ -49,6 +50,10 @@ bool DirectoryBatchReader::nextEntry(BatchEntry& entry) {
     if (record.type == DT_DIR) {
       entry.isDirectory = true;
       entry.fileIdentifier = record.inode;
+      if (const int mounted = isMountRootAt(directory_.get(), name); mounted != 0) {
+        entry.errorNumber = mounted > 0 ? kMountPointErrorNumber : errno;
+        errno = entry.errorNumber;
+      }
       return true;
     }
 
@@ -58,6 +63,10 @@ bool DirectoryBatchReader::nextEntry(BatchEntry& entry) {
       return true;
     }
     entry.isDirectory = (attributes.stx_mask & STATX_TYPE) != 0 && S_ISDIR(attributes.stx_mode);
+    if ((attributes.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) {
+      entry.errorNumber = errno = kMountPointErrorNumber;
+      return true;
+    }
     entry.fileIdentifier = attributes.stx_ino;
     entry.linkCount = attributes.stx_nlink;
     entry.allocatedBytes = static_cast<std::uint64_t>(attributes.stx_blocks) * 512;

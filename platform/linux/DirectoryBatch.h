@@ -7,8 +7,10 @@
 // entry that is not a directory come from one statx relative to the open
 // directory (never following a link, never triggering an automount, asking
 // only for type, inode, link count and blocks). A directory's kind and
-// identifier come from the batch itself, so directories cost no statx (unless
-// the file system does not report entry types).
+// identifier come from the batch itself; a directory costs one statx only to
+// tell whether it is a mount point. An entry that is the root of a mount (a
+// bind mount, another file system) carries EXDEV as its error number, so that
+// accounting never crosses into another mount.
 //
 // Error contract: DirectoryBatchReader::open returns a reader that is not
 // valid, with the error number in errno, when the directory cannot be opened.

@@ -23,6 +23,7 @@
 #include "platform/linux/DirentRecords.h"
 #include "platform/linux/ExtendedAttributes.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/MountPoints.h"
 
 namespace platform::sys {
 
@@ -164,6 +165,10 @@ int Copy::run() {
   if (S_ISDIR(status.st_mode)) {
     UniqueFd source = openSource(AT_FDCWD, sourceRoot_, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (!source || ::fstat(source.get(), &status) != 0) return -1;
+    if (const int mounted = isMountRoot(source.get()); mounted != 0) {
+      if (mounted > 0) errno = kMountPointErrorNumber;
+      return -1;
+    }
     copyRootDirectory(std::move(source), status);
   } else {
     dropInheritedAcls_ = true;  // one item: no need to find out first
@@ -272,6 +277,9 @@ bool Copy::descend(const char* name) {
   if (::fstat(source.get(), &status) != 0) return fail();
   // The destination lies inside the source: copying it would never end.
   if (identityOf(status) == destinationRootIdentity_) return failWith(EINVAL);
+  // Another mount: what lies beyond is not the tree's.
+  if (const int mounted = isMountRoot(source.get()); mounted != 0)
+    return mounted > 0 ? failWith(kMountPointErrorNumber) : fail();
 
   UniqueFd destination = makeDirectory(frames_[parent].destination.get(), name);
   if (!destination) return fail();

@@ -31,6 +31,10 @@
 // device and inode are the recorded ones, else from the root paths one
 // recorded name at a time with the same check (ESTALE when that fails too).
 //
+// A directory that is the root of a mount (a bind mount, another file
+// system; the source root included) is not entered: the copy fails there with
+// EXDEV before making its copy.
+//
 // Error contract: copyTree returns 0, or -1 with errno set to the error
 // number of the first call that failed; the copy stops there and leaves what
 // it made. A failure to give the copy its owner is ignored when the process

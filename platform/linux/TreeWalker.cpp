@@ -1,9 +1,12 @@
 #include "platform/linux/TreeWalker.h"
 
+#include <fcntl.h>
 #include <fts.h>
 
 #include <cerrno>
 #include <new>
+
+#include "platform/linux/MountPoints.h"
 
 namespace platform::sys {
 
@@ -19,6 +22,8 @@ struct TreeWalker::Walker {
   Walker(const Walker&) = delete;
   Walker& operator=(const Walker&) = delete;
   FTS* fts;
+  // A directory skipped as a mount point, whose post-order visit is dropped.
+  const FTSENT* skipped = nullptr;
 };
 
 namespace {
@@ -76,13 +81,31 @@ TreeWalker TreeWalker::open(const char* path) {
 
 bool TreeWalker::next(WalkEntry& entry) {
   if (!walker_) return false;
-  const FTSENT* current = ::fts_read(walker_->fts);
+  FTSENT* current = ::fts_read(walker_->fts);
+  if (current != nullptr && current->fts_info == FTS_DP && current == walker_->skipped) {
+    walker_->skipped = nullptr;
+    current = ::fts_read(walker_->fts);
+  }
   if (current == nullptr) return false;
   entry.path = current->fts_path;
   entry.status = current->fts_statp;
   entry.kind = kindOf(current->fts_info);
   entry.errorNumber = current->fts_errno;
   entry.level = current->fts_level;
+  // Links and unreadable items need no look: a mount never sits on a link,
+  // and what cannot be looked at is reported as it is.
+  if (entry.kind == WalkKind::Directory || entry.kind == WalkKind::File ||
+      entry.kind == WalkKind::Default) {
+    const int mounted = isMountRootAt(AT_FDCWD, current->fts_accpath);
+    if (mounted != 0) {
+      entry.kind = mounted > 0 ? WalkKind::MountPoint : WalkKind::NoStat;
+      entry.errorNumber = mounted > 0 ? kMountPointErrorNumber : errno;
+      if (current->fts_info == FTS_D) {
+        ::fts_set(walker_->fts, current, FTS_SKIP);
+        walker_->skipped = current;
+      }
+    }
+  }
   return true;
 }
 

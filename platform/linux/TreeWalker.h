@@ -2,7 +2,10 @@
 // (fts), owned by an RAII object.
 //
 // The walk never follows a symbolic link (the root included), never changes
-// the working directory and does not descend into other file systems. There
+// the working directory and never crosses into another mount: an item that is
+// the root of a mount (a bind mount of a directory or of a file, another file
+// system; the walk's root included) comes as a MountPoint entry, and a
+// directory among them is not entered and does not come again after. There
 // is no sort function: entries come in the order the directories yield them,
 // and every directory comes twice, before its contents and after them.
 //
@@ -33,6 +36,7 @@ enum class WalkKind {
   NoStat,               // an item that could not be looked at (errorNumber says why)
   NoStatRequested,      // an item not looked at because nobody asked
   Error,                // a general walker error (errorNumber says why)
+  MountPoint,           // the root of another mount, not entered (errorNumber EXDEV)
 };
 
 // One entry as the walker gives it. The pointers stay valid until the next
@@ -41,7 +45,7 @@ struct WalkEntry {
   const char* path = nullptr;           // the root path with the entry's names appended
   const struct stat* status = nullptr;  // lstat record (meaningless for NoStat, Error)
   WalkKind kind = WalkKind::Error;
-  int errorNumber = 0;  // for NoStat, Error and DirectoryUnreadable
+  int errorNumber = 0;  // for NoStat, Error, DirectoryUnreadable and MountPoint
   int level = 0;        // 0 for the root
 };
 

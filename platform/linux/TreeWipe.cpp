@@ -16,6 +16,7 @@
 #include "platform/linux/DirectoryStream.h"
 #include "platform/linux/DirentRecords.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/MountPoints.h"
 
 namespace platform::sys {
 
@@ -117,6 +118,10 @@ class Walk {
   bool closeOldestOpen();
   Frame& push();
   bool matches(int fd, std::size_t level) const;
+  // False, after reporting it, when the directory open as `fd` (the entry
+  // `name` at `level`, or the directory at `level` itself) is a mount point
+  // or cannot be told from one: it is left in place, unentered.
+  bool outsideAnyMount(int fd, std::size_t level, std::string_view name = {});
   bool report(const std::string& path, int errorNumber);
   // Reports the failed call's errno for the entry `name` at `level`. errno is
   // read before the path is built, since building it may allocate.
@@ -148,6 +153,7 @@ int Walk::run(unsigned flags) {
   }
   Identity identity;
   if (!identify(root.get(), identity)) return -1;
+  if (!outsideAnyMount(root.get(), 0)) return finish();
   Frame& frame = push();
   frame.fd = std::move(root);
   frame.identity = identity;
@@ -246,6 +252,7 @@ void Walk::descend(const char* name) {
     reportErrno(parent, name);
     return;
   }
+  if (!outsideAnyMount(child.get(), parent, name)) return;
   Frame& frame = push();
   frame.fd = std::move(child);
   frame.identity = identity;
@@ -358,6 +365,14 @@ Frame& Walk::push() {
 bool Walk::matches(int fd, std::size_t level) const {
   Identity identity;
   return identify(fd, identity) && identity == frames_[level].identity;
+}
+
+bool Walk::outsideAnyMount(int fd, std::size_t level, std::string_view name) {
+  const int mounted = isMountRoot(fd);
+  if (mounted == 0) return true;
+  const int errorNumber = mounted > 0 ? kMountPointErrorNumber : errno;
+  report(pathOf(level, name), errorNumber);
+  return false;
 }
 
 // Hands one failure to the callback; returns false when the walk must stop.

@@ -17,6 +17,11 @@
 // directory that cannot be reached again that way is reported with ESTALE and
 // left in place together with what is still inside it.
 //
+// Mount points: a directory of the tree that is the root of a mount (a bind
+// mount, another file system; the tree's root included) is never entered. It
+// is reported with EXDEV and left in place with everything beneath it, so a
+// mount inside the tree cannot make the removal delete files elsewhere.
+//
 // Error contract, modelled on the platform facility: a state object carries
 // an error callback and its context. For every entry that cannot be removed
 // (including one that vanished meanwhile, ENOENT) the removal sets the state's

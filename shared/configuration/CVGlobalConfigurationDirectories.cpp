@@ -1,28 +1,69 @@
 // The configuration's well-known directories: named under the home or the
 // root, cached after the first call, and created on every call where the
 // installer writes into them.
+//
+// The image is someone else's: any component of these paths may be a link
+// leading out of it. So they are made one component at a time beneath the
+// device root, never following a link (a link on the way fails the creation
+// before anything is made or changed beyond it), and the protection class is
+// set through the descriptor of the directory so reached.
+#include <cerrno>
+#include <cstring>
+#include <string>
+
 #include "platform/Log.h"
+#include "platform/linux/DirectoriesBeneath.h"
+#include "platform/linux/ProtectionClass.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
-#include "shared/filemanager/CVFileManager.h"
+#include "shared/filemanager/CVErrors.h"
 
 namespace {
+
+namespace sys = platform::sys;
 
 constexpr mode_t kDirectoryMode = 0755;
 constexpr std::int32_t kNoProtectionClass = -1;
 constexpr std::int32_t kDataProtectionClass = 4;
 
+// Makes `url` beneath `root` as above and gives it `protectionClass` (unless -1).
+bool makeDirectoryInsideRoot(const CVURL& root, const CVURL& url, std::int32_t protectionClass,
+                             std::string_view function, CVError* error) {
+  const std::string base = root.path();
+  const std::string path = url.path();
+  const bool inside = base == "/" || (path.compare(0, base.size(), base) == 0 &&
+                                      (path.size() == base.size() || path[base.size()] == '/'));
+  if (!inside) {
+    CVSetError(error, CreatePOSIXError(function, EXDEV, "%@ is not inside the device root %@", path,
+                                       base));
+    return false;
+  }
+  std::string failedPath;
+  const sys::UniqueFd directory = sys::makeDirectoriesBeneath(
+      base, std::string_view(path).substr(base == "/" ? 0 : base.size()), kDirectoryMode,
+      kDirectoryMode | 0300, &failedPath);
+  if (!directory) {
+    const int code = errno;
+    CVSetError(error, CreatePOSIXError(function, code,
+                                       "Could not make %@ without following a link at %@: %s", path,
+                                       failedPath, std::strerror(code)));
+    return false;
+  }
+  if (protectionClass != kNoProtectionClass &&
+      sys::setProtectionClass(directory.get(), protectionClass) != 0) {
+    const int code = errno;
+    CVSetError(error, CreatePOSIXError(function, code, "Failed to setclass(%d) on directory %@: %s",
+                                       protectionClass, path, std::strerror(code)));
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 void CVGlobalConfiguration::createDirectory(const CVURL& url, const Creation& creation) {
-  CVFileManager& fileManager = CVFileManager::defaultManager();
   CVError error;
-  const bool created =
-      creation.protectionClass == kNoProtectionClass
-          ? fileManager.createDirectoryAtURL(url, /*withIntermediateDirectories=*/true,
-                                             kDirectoryMode, &error)
-          : fileManager.createDirectoryAtURL(url, /*withIntermediateDirectories=*/true,
-                                             kDirectoryMode, creation.protectionClass, &error);
-  if (!created) {
+  if (!makeDirectoryInsideRoot(_rootPath, url, creation.protectionClass, creation.function,
+                               &error)) {
     const std::array<platform::FormatArg, 2> args{platform::makeFormatArg(url),
                                                   platform::makeFormatArg(error)};
     platform::logInstallerV(platform::kLogLevelError, creation.function, creation.failureMessage,

@@ -6,6 +6,7 @@
 #include "platform/Log.h"
 #include "platform/Value.h"
 #include "platform/linux/Paths.h"
+#include "platform/linux/PrivateCopy.h"
 #include "platform/linux/TreeWalker.h"
 #include "shared/filemanager/CVErrors.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -50,7 +51,10 @@ bool CVFileManager::_traverseDirectory(const CVURL& url, CVError* error,
   CVError walkError;
   sys::WalkEntry entry;
   while (walker.next(entry)) {
-    if (entry.kind == sys::WalkKind::Error || entry.kind == sys::WalkKind::NoStat) {
+    // A mount point inside the tree is an error too: what lies beyond belongs
+    // elsewhere, and the walker does not enter it.
+    if (entry.kind == sys::WalkKind::Error || entry.kind == sys::WalkKind::NoStat ||
+        entry.kind == sys::WalkKind::MountPoint) {
       // The text names the root, not the entry; callers have always seen it so.
       walkError = CreatePOSIXError(kFunction, entry.errorNumber, "Error for path %s: %s", rootPath,
                                    std::strerror(entry.errorNumber));
@@ -84,6 +88,19 @@ bool CVFileManager::standardizeOwnershipAndValidateSymlinksAtURL(const CVURL& ur
   const bool traversed =
       _traverseDirectory(url, error, [&](const sys::WalkEntry& entry, CVError* blockError) {
         if (entry.status->st_uid != uid || entry.status->st_gid != gid) {
+          // Another name of a multiply linked file may lie outside the tree:
+          // only a copy of its own is given away.
+          if (entry.kind == sys::WalkKind::File && entry.status->st_nlink > 1 &&
+              sys::replaceWithPrivateCopy(entry.path) != 0) {
+            const int code = errno;
+            if (blockError != nullptr) {
+              *blockError =
+                  CreatePOSIXError(kStandardizeBlockFunction, code,
+                                   "Could not give the hard-linked file %s a copy of its own: %s",
+                                   entry.path, std::strerror(code));
+            }
+            return false;
+          }
           changeOwnerOrLog(kStandardizeBlockFunction, entry.path, uid, gid);
         }
         if (entry.kind != sys::WalkKind::Symlink && entry.kind != sys::WalkKind::SymlinkDangling) {

@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "platform/Log.h"
@@ -106,6 +108,46 @@ TEST_F(WellKnownDirectoriesTest, RemovedDirectoryIsMadeAgainAndFailuresLoggedPer
     }
   }
   EXPECT_EQ(failures, 2u) << log.dump();
+}
+
+// A link in the image on the way to a directory the installer writes in
+// leads out of it: nothing is made there and its class is not touched, with
+// or without confinement, and the failure is logged.
+TEST_F(WellKnownDirectoriesTest, ALinkOutOfTheImageOnTheWayIsRefusedBeforeAnythingChanges) {
+  struct Case {
+    std::string linked;  // under the home
+    std::function<CVURL(CVGlobalConfiguration&)> directory;
+    std::string function;
+  };
+  const std::vector<Case> cases = {
+      {"Library/Caches", [](auto& c) { return c.stagingRoot(); },
+       "-[CVGlobalConfiguration cachesDirectory]"},
+      {"Library/Caches/com.zentrel.mobile.corvaned.staging",
+       [](auto& c) { return c.stagingRoot(); }, "-[CVGlobalConfiguration stagingRoot]"},
+      {"Library/Corvane", [](auto& c) { return c.dataDirectory(); },
+       "-[CVGlobalConfiguration dataDirectory]"},
+      {"Library", [](auto& c) { return c.logDirectory(); },
+       "-[CVGlobalConfiguration logDirectory]"},
+  };
+  for (const Case& each : cases) {
+    DeviceImage image;
+    testing_support::TemporaryDirectory outside;
+    makeDirectories(std::filesystem::path(image.home(each.linked)).parent_path().string());
+    makeSymlink(outside.path(), image.home(each.linked));
+    CVGlobalConfiguration configuration{image.root()};
+    CapturedLog log(platform::installerLog());
+
+    each.directory(configuration);
+
+    EXPECT_TRUE(std::filesystem::is_empty(outside.path())) << each.linked;
+    EXPECT_EQ(protectionClassOf(outside.path()), std::nullopt) << each.linked;
+    const auto lines = log.lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
+                            [&](const auto& line) {
+                              return line.level == kLogLevelError && line.function == each.function;
+                            }))
+        << each.linked << log.dump();
+  }
 }
 
 TEST_F(WellKnownDirectoriesTest, ConcurrentLogDirectoryCallsBothSucceed) {

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -204,6 +205,45 @@ TEST_F(TraversalTest, EveryItemGetsTheOwnerLinksThemselvesIncluded) {
   EXPECT_EQ(ownerOf(temp_.path()), (Owner{0, 0}));
   EXPECT_FALSE(log.containsFragment("Could not chown")) << log.dump();
   EXPECT_FALSE(log.containsFragment("Rejecting")) << log.dump();
+}
+
+// A hard link shares its inode with names elsewhere: the tree's names get a
+// copy of their own (content, mode and times kept) and only that copy gets
+// the owner; the outside name keeps everything. The root given as a file is
+// treated the same way.
+TEST_F(TraversalTest, HardLinkedFilesGetACopyOfTheirOwnBeforeTheOwnerChanges) {
+  writeFile(temp_ / "outside/shared", "shared content", 0640);
+  writeFile(temp_ / "outside/root-file", "root content", 0600);
+  makeDirectories(temp_ / "root/dir");
+  for (const auto& [from, to] : {std::pair{"outside/shared", "root/dir/linked"},
+                                 std::pair{"outside/shared", "root/second-name"},
+                                 std::pair{"outside/root-file", "metadata"}}) {
+    ASSERT_EQ(::link((temp_ / from).c_str(), (temp_ / to).c_str()), 0) << to;
+  }
+  struct stat before {};
+  ASSERT_EQ(::stat((temp_ / "outside/shared").c_str(), &before), 0);
+  CVError error = sentinelError();
+
+  EXPECT_TRUE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
+                                                                    kOwner, kGroup, &error));
+  EXPECT_TRUE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.fileURL("metadata"),
+                                                                    kOwner, kGroup, &error));
+
+  EXPECT_EQ(error, sentinelError());
+  for (const char* outside : {"outside/shared", "outside/root-file"}) {
+    EXPECT_EQ(ownerOf(temp_ / outside), (Owner{0, 0})) << outside;
+  }
+  struct stat after {};
+  ASSERT_EQ(::stat((temp_ / "outside/shared").c_str(), &after), 0);
+  EXPECT_EQ(after.st_nlink, 1u);
+  EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
+  for (const auto& [item, content] :
+       {std::pair{"root/dir/linked", "shared content"},
+        std::pair{"root/second-name", "shared content"}, std::pair{"metadata", "root content"}}) {
+    EXPECT_EQ(ownerOf(temp_ / item), (Owner{kOwner, kGroup})) << item;
+    EXPECT_EQ(testing_support::readFile(temp_ / item), content) << item;
+  }
+  EXPECT_EQ(filemanager_test::entryNames(temp_ / "root/dir"), std::set<std::string>{"linked"});
 }
 
 TEST_F(TraversalTest, AbsoluteLinkStopsTheWalkWithCode70AfterChangingTheLinkItself) {

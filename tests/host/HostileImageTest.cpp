@@ -88,7 +88,19 @@ class HostileImageTest : public ::testing::Test {
   }
 
   void TearDown() override {
+    for (const std::string& mountPoint : mounts_) {
+      EXPECT_EQ(::umount2(mountPoint.c_str(), MNT_DETACH), 0) << std::strerror(errno);
+    }
     EXPECT_EQ(snapshotTree(canary()), canaryBefore_) << "something outside the image changed";
+  }
+
+  // Bind-mounts `source` on the directory `mountPoint` (made here) until the
+  // test ends; false when this machine allows no bind mount.
+  bool bindMount(const std::string& source, const std::string& mountPoint) {
+    makeDirectories(mountPoint);
+    if (::mount(source.c_str(), mountPoint.c_str(), nullptr, MS_BIND, nullptr) != 0) return false;
+    mounts_.push_back(mountPoint);
+    return true;
   }
 
   std::string home() const { return image_.home(); }
@@ -144,6 +156,7 @@ class HostileImageTest : public ::testing::Test {
   std::string root_;
   std::string outside_;
   std::map<std::string, std::string> canaryBefore_;
+  std::vector<std::string> mounts_;
 };
 
 TEST_F(HostileImageTest, ContainersThatAreNoDirectoriesAreRemovedWithoutBlocking) {
@@ -402,6 +415,36 @@ TEST_F(HostileImageTest, AnInfoPlistPastTheSizeCapIsRefusedUnread) {
       logged("CVAppMigrator: Could not get identifier for bundle at " + container + "/Foo.app"))
       << migrationLog();
   EXPECT_NE(installerLog().find("larger than 67108864 bytes"), std::string::npos) << installerLog();
+}
+
+TEST_F(HostileImageTest, AHardLinkInABundleToAFileOutsideKeepsThatFilesOwner) {
+  const std::string container = legacy() + "/HardLinked";
+  writeApplication(container + "/Foo.app", "com.example.hardlinked", {});
+  const std::string inBundle = container + "/Foo.app/diary.txt";
+  ASSERT_EQ(::link((canary() + "/Container/Documents/diary.txt").c_str(), inBundle.c_str()), 0)
+      << std::strerror(errno);
+
+  const ProgramRun run = migrate();
+  ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
+  EXPECT_EQ(run.exitCode, 0) << run.out << run.err << migrationLog();
+  EXPECT_FALSE(pathExists(container));
+}
+
+TEST_F(HostileImageTest, ABindMountInsideARemovedContainerIsLeftAlone) {
+  // A container without a bundle is removed with its contents.
+  const std::string container = legacy() + "/Bundleless";
+  writeFile(container + "/Documents/own.txt", "the container's own");
+  if (!bindMount(canary() + "/Documents", container + "/Documents/Mounted"))
+    GTEST_SKIP() << "no bind mount here: " << std::strerror(errno);
+
+  const ProgramRun run = migrate();
+  ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
+  EXPECT_FALSE(pathExists(container + "/Documents/own.txt"));
+  EXPECT_TRUE(pathExists(container + "/Documents/Mounted/notes.txt"));
+  EXPECT_NE(installerLog().find("treewipe hit error for " + container +
+                                "/Documents/Mounted : Invalid cross-device link"),
+            std::string::npos)
+      << installerLog();
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // kept when an application leaves it.
 #include <gtest/gtest.h>
 
+#include "installer/GroupContainers.h"
 #include "tests/installer/InstallerFixture.h"
 #include "tests/support/TestSupport.h"
 
@@ -67,6 +68,21 @@ TEST_F(GroupContainerTest, OnlyStringsOfAnArrayNameGroups) {
   writeFile(broken + "/Payload/broken.app/Entitlements.plist", "garbage");
   ASSERT_TRUE(installCustomer(broken, "com.example.broken").succeeded);
   EXPECT_TRUE(record("com.example.broken")->groupContainerURLs->empty());
+}
+
+// Every group costs a directory and registry rows: an application naming more
+// groups than any real one does is refused, and nothing is made for it.
+TEST_F(GroupContainerTest, ApplicationOverTheGroupLimitIsRefused) {
+  BundleSpec crowded{"com.example.crowded"};
+  for (std::size_t index = 0; index <= mavrel_installer::kMaximumApplicationGroups; ++index)
+    crowded.groups.push_back("group.example." + std::to_string(index));
+  const InstallOutcome outcome =
+      installCustomer(stageCustomerPackage("G6", crowded), "com.example.crowded");
+  EXPECT_FALSE(outcome.succeeded);
+  EXPECT_EQ(outcome.errorName(), "TooManyApplicationGroups") << outcome.dump();
+  EXPECT_NE(outcome.dump().find("crowded.app"), std::string::npos) << outcome.dump();
+  EXPECT_FALSE(record("com.example.crowded"));
+  EXPECT_TRUE(entriesOf(groupContainers()).empty());
 }
 
 }  // namespace
