@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "host/LogFile.h"
+#include "host/OutputPath.h"
 #include "platform/linux/Landlock.h"
 
 namespace mavrel_host {
@@ -10,12 +10,12 @@ namespace mavrel_host {
 std::vector<std::string> writablePlacesForMigration(const std::string& root,
                                                     const MigrateOptions& options) {
   std::vector<std::string> places{root};
-  for (const auto& log : {options.migrationLogJSON, options.installerLogJSON}) {
-    // A rule needs the file to exist; opening it for appending makes it.
-    std::string ignored;
-    if (log && AppendOnlyFile::open(*log, &ignored)) places.push_back(*log);
-  }
-  if (options.reportPath) {
+  // The JSON logs are open before the confinement begins, and a report
+  // written through standard output needs no place either.
+  std::string ignored;
+  if (options.reportPath && !checkOutputPath("--report", *options.reportPath, &ignored)
+                                 .value_or(OutputPath{})
+                                 .standardOutput) {
     places.push_back(
         std::filesystem::absolute(*options.reportPath).parent_path().lexically_normal().string());
   }

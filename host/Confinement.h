@@ -3,9 +3,9 @@
 // "ContainerPath") can make the migration write or remove anything outside
 // it: a behaviour that would reach outside fails with a logged error instead.
 //
-// Writable: the device root, the JSON log files the user named (made empty
-// when missing) and the directory of the report file (written aside and
-// renamed into place). The plan gets no writable place at all.
+// Writable: the device root and the directory of the report file (written
+// aside and renamed into place). The JSON log files the user named are opened
+// before the confinement begins. The plan gets no writable place at all.
 //
 // Error contract: true when confined, or when the kernel offers no usable
 // Landlock (a warning goes to `err` and the run goes on unconfined); false

@@ -118,7 +118,7 @@ TEST(HostLogsTest, LogLevelKeepsNoticesForProgressButOutOfTheFile) {
   options.root = directory.path();
   options.logLevel = 3;
   std::string reason;
-  auto logs = openHostLogs(directory.path(), options, 1795249920, &reason);
+  auto logs = openHostLogs(directory.path(), options, 1795249920, {}, &reason);
   ASSERT_TRUE(logs) << reason;
   // The migration log must still pass notices on (the progress display reads
   // them); the installer log follows the asked level exactly.
@@ -130,10 +130,15 @@ TEST(HostLogsTest, LogLevelKeepsNoticesForProgressButOutOfTheFile) {
 
   MigrateOptions noLevel;
   noLevel.root = directory.path();
-  auto defaults = openHostLogs(directory.path(), noLevel, 1795249920, &reason);
+  auto defaults = openHostLogs(directory.path(), noLevel, 1795249920, {}, &reason);
   ASSERT_TRUE(defaults) << reason;
   EXPECT_FALSE(defaults->migrationHandleLevel);
   EXPECT_FALSE(defaults->installerHandleLevel);
+  // A second run in the same second gets log files of its own.
+  EXPECT_NE(defaults->migration->textPath(), logs->migration->textPath());
+  EXPECT_TRUE(defaults->migration->textPath().ends_with("-2.log"))
+      << defaults->migration->textPath();
+  EXPECT_NE(defaults->installer->textPath(), logs->installer->textPath());
 }
 
 }  // namespace
