@@ -94,13 +94,13 @@ TEST_F(VerifyTest, EveryFileArrives) {
       {"migrate", "--root", manifest.root, "--verify", "--report", report}, directory_.path());
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   const std::string files = std::to_string(userDataFiles(manifest));
-  EXPECT_NE(run.out.find("Verified " + files + " of " + files + " user-data files"),
+  EXPECT_NE(run.err.find("Verified " + files + " of " + files + " user-data files"),
             std::string::npos)
-      << run.out;
-  EXPECT_NE(run.out.find("No user data was lost."), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("1 file(s) were removed with legacy containers that held no application"),
+      << run.err;
+  EXPECT_NE(run.err.find("No user data was lost."), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("1 file(s) were removed with legacy containers that held no application"),
             std::string::npos)
-      << run.out;
+      << run.err;
 
   const auto document = parseJSON(readFile(report));
   const auto& verification = document["verification"];
@@ -119,10 +119,10 @@ TEST_F(VerifyTest, ARemovedFileIsMissing) {
       {"migrate", "--root", manifest.root, "--verify", "--plugin-dir", damagingPluginDirectory()},
       directory_.path());
   EXPECT_EQ(run.exitCode, 3) << run.out << run.err;
-  EXPECT_NE(run.out.find("USER DATA LOST: 1 file(s) missing, 0 file(s) changed"), std::string::npos)
-      << run.out;
-  EXPECT_NE(run.out.find("missing: "), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find(document), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("USER DATA LOST: 1 file(s) missing, 0 file(s) changed"), std::string::npos)
+      << run.err;
+  EXPECT_NE(run.err.find("missing: "), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find(document), std::string::npos) << run.err;
 }
 
 TEST_F(VerifyTest, AChangedFileIsCaught) {
@@ -133,9 +133,9 @@ TEST_F(VerifyTest, AChangedFileIsCaught) {
       {"migrate", "--root", manifest.root, "--verify", "--plugin-dir", damagingPluginDirectory()},
       directory_.path());
   EXPECT_EQ(run.exitCode, 3) << run.out << run.err;
-  EXPECT_NE(run.out.find("USER DATA LOST: 0 file(s) missing, 1 file(s) changed"), std::string::npos)
-      << run.out;
-  EXPECT_NE(run.out.find("changed: "), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("USER DATA LOST: 0 file(s) missing, 1 file(s) changed"), std::string::npos)
+      << run.err;
+  EXPECT_NE(run.err.find("changed: "), std::string::npos) << run.err;
 }
 
 TEST_F(VerifyTest, AFailedPassThatLostNothingSaysSo) {
@@ -143,9 +143,9 @@ TEST_F(VerifyTest, AFailedPassThatLostNothingSaysSo) {
   const ProgramRun run =
       runMavrel({"migrate", "--root", manifest.root, "--verify"}, directory_.path());
   EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
-  EXPECT_NE(run.out.find("The migration failed, but no user data was lost"), std::string::npos)
-      << run.out;
-  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("The migration failed, but no user data was lost"), std::string::npos)
+      << run.err;
+  EXPECT_EQ(run.err.find("succeeded"), std::string::npos) << run.err;
 }
 
 }  // namespace
