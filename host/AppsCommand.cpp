@@ -12,6 +12,8 @@
 namespace mavrel_host {
 namespace {
 
+constexpr std::uint64_t kAppsSchemaVersion = 1;
+
 void appendLine(std::string& text, std::string_view label, const std::string& value) {
   if (value.empty()) return;
   text += "  ";
@@ -66,6 +68,9 @@ std::string formatListingText(const mavrel_installer::RegistryListing& listing) 
 std::string formatListingJSON(const mavrel_installer::RegistryListing& listing) {
   platform::JSONWriter json;
   json.beginObject()
+      .member("tool", "mavrel")
+      .member("toolVersion", toolVersion())
+      .member("schemaVersion", kAppsSchemaVersion)
       .key("registry")
       .stringOrNull(listing.registryPath)
       .member("registryExists", listing.registryExists)

@@ -8,11 +8,38 @@ namespace {
 constexpr int kMinimumLogLevel = 0;
 constexpr int kMaximumLogLevel = 7;
 
-ParsedCommand failure(std::string message) {
+constexpr std::string_view kMigrateShortUsage =
+    "usage: mavrel migrate --root DIR [--report FILE] [--verify] [--quiet] [options]\n"
+    "Run 'mavrel migrate --help' for every option, 'mavrel plan --root DIR' to see first\n"
+    "what a migration would do.\n";
+constexpr std::string_view kPlanShortUsage =
+    "usage: mavrel plan --root DIR [--json]\n"
+    "Run 'mavrel plan --help' for more.\n";
+constexpr std::string_view kAppsShortUsage =
+    "usage: mavrel apps --root DIR [--json]\n"
+    "Run 'mavrel apps --help' for more.\n";
+constexpr std::string_view kGeneralShortUsage =
+    "usage: mavrel migrate|plan|apps --root DIR [options]\n"
+    "Run 'mavrel --help' for the commands.\n";
+
+ParsedCommand failure(std::string message, std::string_view usage = kGeneralShortUsage) {
   ParsedCommand command;
   command.kind = ParsedCommand::Kind::Error;
   command.error = std::move(message);
+  command.usage = usage;
   return command;
+}
+
+ParsedCommand migrateFailure(std::string message) {
+  return failure(std::move(message), kMigrateShortUsage);
+}
+
+std::optional<int> parseDescriptor(std::string_view text) {
+  int value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, code] = std::from_chars(text.data(), end, value);
+  if (text.empty() || code != std::errc() || stop != end || value < 0) return std::nullopt;
+  return value;
 }
 
 ParsedCommand ofKind(ParsedCommand::Kind kind) {
@@ -39,11 +66,19 @@ ParsedCommand parseMigrate(std::span<const std::string_view> words) {
   for (std::size_t i = 0; i < words.size(); ++i) {
     std::string_view word = words[i];
     if (word == "--help" || word == "-h") return ofKind(ParsedCommand::Kind::MigrateHelp);
-    if (word == "--verify") {
-      if (options.verify) return failure("option '--verify' given more than once");
-      options.verify = true;
+    bool* flag = word == "--verify"                  ? &options.verify
+                 : word == "--force"                 ? &options.force
+                 : word == "--quiet" || word == "-q" ? &options.quiet
+                                                     : nullptr;
+    if (flag != nullptr) {
+      if (*flag) return migrateFailure("option '" + std::string(word) + "' given more than once");
+      *flag = true;
       continue;
     }
+    if (word == "--dry-run" || word == "-n")
+      return migrateFailure("'migrate' has no option '" + std::string(word) +
+                            "': run 'mavrel plan --root DIR' to see what a migration would do, "
+                            "changing nothing");
 
     // Accept both "--option value" and "--option=value".
     std::string_view name = word;
@@ -54,56 +89,74 @@ ParsedCommand parseMigrate(std::span<const std::string_view> words) {
         inlineValue = word.substr(equals + 1);
       }
     }
-    if (name == "--verify") return failure("option '--verify' takes no value");
+    if (name == "--verify" || name == "--force" || name == "--quiet")
+      return migrateFailure("option '" + std::string(name) + "' takes no value");
     const bool known = name == "--root" || name == "--log-json" || name == "--installer-log-json" ||
-                       name == "--log-level" || name == "--plugin-dir" || name == "--report";
+                       name == "--log-level" || name == "--plugin-dir" || name == "--report" ||
+                       name == "--progress-fd";
     if (!known) {
-      if (word.starts_with("-")) return failure("unknown option '" + std::string(name) + "'");
-      return failure("unexpected argument '" + std::string(word) + "'");
+      if (word.starts_with("-"))
+        return migrateFailure("unknown option '" + std::string(name) + "'");
+      return migrateFailure("unexpected argument '" + std::string(word) + "'");
     }
 
     std::string_view value;
     if (inlineValue) {
       value = *inlineValue;
     } else {
-      if (i + 1 >= words.size()) return failure("option '" + std::string(name) + "' needs a value");
+      if (i + 1 >= words.size())
+        return migrateFailure("option '" + std::string(name) + "' needs a value");
       value = words[++i];
     }
-    if (value.empty()) return failure("option '" + std::string(name) + "' needs a non-empty value");
+    if (value.empty())
+      return migrateFailure("option '" + std::string(name) + "' needs a non-empty value");
 
     if (name == "--root") {
-      if (haveRoot) return failure("option '--root' given more than once");
+      if (haveRoot) return migrateFailure("option '--root' given more than once");
       haveRoot = true;
       options.root = std::string(value);
     } else if (name == "--log-json") {
-      if (options.migrationLogJSON) return failure("option '--log-json' given more than once");
+      if (options.migrationLogJSON)
+        return migrateFailure("option '--log-json' given more than once");
       options.migrationLogJSON = std::string(value);
     } else if (name == "--installer-log-json") {
       if (options.installerLogJSON)
-        return failure("option '--installer-log-json' given more than once");
+        return migrateFailure("option '--installer-log-json' given more than once");
       options.installerLogJSON = std::string(value);
     } else if (name == "--log-level") {
-      if (options.logLevel) return failure("option '--log-level' given more than once");
+      if (options.logLevel) return migrateFailure("option '--log-level' given more than once");
       options.logLevel = parseLevel(value);
       if (!options.logLevel)
-        return failure("option '--log-level' needs a whole number from 0 to 7, not '" +
-                       std::string(value) + "'");
+        return migrateFailure("option '--log-level' needs a whole number from 0 to 7, not '" +
+                              std::string(value) + "'");
+    } else if (name == "--progress-fd") {
+      if (options.progressFD) return migrateFailure("option '--progress-fd' given more than once");
+      options.progressFD = parseDescriptor(value);
+      if (!options.progressFD)
+        return migrateFailure("option '--progress-fd' needs a file descriptor number, not '" +
+                              std::string(value) + "'");
     } else if (name == "--report") {
-      if (options.reportPath) return failure("option '--report' given more than once");
+      if (options.reportPath) return migrateFailure("option '--report' given more than once");
       options.reportPath = std::string(value);
     } else {
-      if (options.pluginDirectory) return failure("option '--plugin-dir' given more than once");
+      if (options.pluginDirectory)
+        return migrateFailure("option '--plugin-dir' given more than once");
       options.pluginDirectory = std::string(value);
     }
   }
 
-  if (!haveRoot) return failure("option '--root' is required: the device image to migrate");
+  if (!haveRoot) return migrateFailure("option '--root' is required: the device image to migrate");
   return command;
 }
 
 // Parses the words after "apps" or "plan" (the same options).
 ParsedCommand parseApps(std::span<const std::string_view> words, ParsedCommand::Kind kind,
                         ParsedCommand::Kind helpKind, std::string_view rootPurpose) {
+  const std::string_view usage =
+      kind == ParsedCommand::Kind::Plan ? kPlanShortUsage : kAppsShortUsage;
+  const auto failure = [usage](std::string message) {
+    return mavrel_host::failure(std::move(message), usage);
+  };
   ParsedCommand command = ofKind(kind);
   bool haveRoot = false;
   for (std::size_t i = 0; i < words.size(); ++i) {
@@ -145,7 +198,7 @@ ParsedCommand parseCommandLine(std::span<const std::string_view> arguments) {
       return failure("unexpected argument '" + std::string(arguments[1]) + "'");
     return ofKind(ParsedCommand::Kind::Help);
   }
-  if (first == "--version") {
+  if (first == "--version" || first == "-V") {
     if (arguments.size() > 1)
       return failure("unexpected argument '" + std::string(arguments[1]) + "'");
     return ofKind(ParsedCommand::Kind::Version);
@@ -165,7 +218,7 @@ std::string_view generalUsageText() {
   return "usage: mavrel migrate --root DIR [options]\n"
          "       mavrel plan --root DIR [--json]\n"
          "       mavrel apps --root DIR [--json]\n"
-         "       mavrel --help | --version\n"
+         "       mavrel --help | --version | -V\n"
          "\n"
          "Commands:\n"
          "  migrate    migrate the applications of a device image to the current layout\n"
@@ -175,7 +228,7 @@ std::string_view generalUsageText() {
          "Options:\n"
          "  --help     alone: this text; after a command: the command and all its options\n"
          "             ('mavrel COMMAND --help')\n"
-         "  --version  print the program's version\n"
+         "  --version, -V  print the program's version\n"
          "\n"
          "Run 'mavrel migrate --help', 'mavrel plan --help' or 'mavrel apps --help' for their\n"
          "options.\n";
@@ -185,6 +238,9 @@ std::string_view migrateUsageText() {
   return "usage: mavrel migrate --root DIR [options]\n"
          "\n"
          "Runs every migrator plug-in over the device image whose root directory is DIR.\n"
+         "The image is changed in place: its legacy containers and legacy install map are\n"
+         "removed as their applications move. Copy the image first to keep it as it was;\n"
+         "run 'mavrel plan --root DIR' to see what would be done, changing nothing.\n"
          "\n"
          "Options:\n"
          "  --root DIR                  the device image's root directory (required)\n"
@@ -201,11 +257,22 @@ std::string_view migrateUsageText() {
          "                              or changed\n"
          "  --report FILE               write a JSON report of the run to FILE: each legacy\n"
          "                              entry's outcome, totals, durations and the log files\n"
+         "                              ('-' for standard output)\n"
+         "  --force                     migrate DIR even when it holds no device image (no\n"
+         "                              private/var/mobile and no system version)\n"
+         "  --quiet, -q                 print only errors and the final line\n"
+         "  --progress-fd N             write progress to the open descriptor N, one JSON\n"
+         "                              object per line\n"
          "  --help                      show this text\n"
+         "\n"
+         "Progress and the summary go to standard output on a terminal, to standard error\n"
+         "otherwise. Interrupted (Ctrl-C, SIGTERM), the migration stops after the entry under\n"
+         "way (a second signal: at once), writes the report and exits 130 or 143; running the\n"
+         "same command again resumes it.\n"
          "\n"
          "Exit status: 0 when every migration succeeded, 1 when one failed, 2 for a usage\n"
          "error or a failed set-up, 3 when --verify found a user-data file missing or\n"
-         "changed.\n";
+         "changed, 130 or 143 when interrupted.\n";
 }
 
 std::string_view planUsageText() {
@@ -246,8 +313,12 @@ std::string_view appsUsageText() {
          "a usage error or a registry that cannot be read.\n";
 }
 
+std::string_view toolVersion() {
+  return "0.1.0";
+}
+
 std::string versionText() {
-  return "mavrel 0.1.0\n";
+  return "mavrel " + std::string(toolVersion()) + "\n";
 }
 
 }  // namespace mavrel_host

@@ -2,9 +2,10 @@
 //
 //   mavrel migrate --root DIR [--log-json FILE] [--installer-log-json FILE]
 //                  [--log-level N] [--plugin-dir DIR] [--verify] [--report FILE]
+//                  [--force] [--quiet] [--progress-fd N]
 //   mavrel plan --root DIR [--json]
 //   mavrel apps --root DIR [--json]
-//   mavrel --help | mavrel COMMAND --help | mavrel --version
+//   mavrel --help | mavrel COMMAND --help | mavrel --version | mavrel -V
 //
 // Error contract: parseCommandLine never exits and never touches the file
 // system; a malformed command line gives a ParsedCommand of kind Error whose
@@ -29,6 +30,12 @@ struct MigrateOptions {
   bool verify = false;
   // Where to write the JSON report of the run.
   std::optional<std::string> reportPath;
+  // Migrate a directory that does not look like a device image.
+  bool force = false;
+  // Print only errors and the final line.
+  bool quiet = false;
+  // A descriptor, open for writing, that gets one JSON object per event.
+  std::optional<int> progressFD;
 };
 
 struct AppsOptions {
@@ -45,6 +52,9 @@ struct ParsedCommand {
   MigrateOptions options;  // meaningful for Migrate
   AppsOptions apps;        // meaningful for Apps and Plan
   std::string error;       // meaningful for Error: one line, without the program name
+  // Meaningful for Error: the short usage of the command at fault (the
+  // general one when no command was recognised), ending with a newline.
+  std::string_view usage;
 };
 
 // `arguments` excludes the program name (argv[1] onwards).
@@ -56,5 +66,7 @@ std::string_view migrateUsageText();
 std::string_view planUsageText();
 std::string_view appsUsageText();
 std::string versionText();
+// The version alone ("0.1.0"), as JSON documents carry it.
+std::string_view toolVersion();
 
 }  // namespace mavrel_host

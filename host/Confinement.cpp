@@ -1,21 +1,15 @@
 #include "host/Confinement.h"
 
-#include "host/LogFile.h"
 #include "platform/linux/Landlock.h"
 
 namespace mavrel_host {
 
 std::vector<std::string> writablePlacesForMigration(const std::string& root,
-                                                    const MigrateOptions& options) {
-  std::vector<std::string> places{root};
-  for (const auto& log : {options.migrationLogJSON, options.installerLogJSON}) {
-    // A rule needs the file to exist; opening it for appending makes it.
-    std::string ignored;
-    if (log && AppendOnlyFile::open(*log, &ignored)) places.push_back(*log);
-  }
-  // The report file is opened before confinement and written through that
-  // descriptor: its directory needs no rule.
-  return places;
+                                                    const MigrateOptions& /*options*/) {
+  // The JSON logs and the report file are open before the confinement
+  // begins and written through their descriptors: nothing outside the root
+  // needs a rule, not even the report's directory.
+  return {root};
 }
 
 bool confineWrites(const std::vector<std::string>& writablePlaces, std::FILE* err,

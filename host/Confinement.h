@@ -3,10 +3,10 @@
 // "ContainerPath") can make the migration write or remove anything outside
 // it: a behaviour that would reach outside fails with a logged error instead.
 //
-// Writable: the device root and the JSON log files the user named (made empty
-// when missing); nothing else outside the root, not even the directory of
-// the report file, which is opened before confinement and written through
-// that descriptor. The plan gets no writable place at all.
+// Writable: the device root only. The JSON log files and the report file the
+// user named are opened before the confinement begins and written through
+// their descriptors, so the confined process may write those files and
+// nothing else outside the root. The plan gets no writable place at all.
 //
 // Error contract: true when confined, or when the kernel offers no usable
 // Landlock (a warning goes to `err` and the run goes on unconfined); false

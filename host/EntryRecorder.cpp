@@ -1,5 +1,7 @@
 #include "host/EntryRecorder.h"
 
+#include <algorithm>
+
 #include "host/ProgressTracker.h"
 
 namespace mavrel_host {
@@ -22,10 +24,14 @@ void EntryRecorder::write(const platform::LogLine& line) {
   if (next_) next_->write(line);
   std::lock_guard lock(mutex_);
   // A new entry's classification starts: what came before was another's.
-  if (isIntrospectionNotice(line.message)) pendingMessage_.clear();
+  if (isIntrospectionNotice(line.message)) {
+    pendingMessage_.clear();
+    pendingStart_ = outsideErrors_.size();
+  }
   if (line.level > platform::kLogLevelError) return;
   if (!current_) {
     if (pendingMessage_.empty()) pendingMessage_ = std::string(line.message);
+    outsideErrors_.emplace_back(migrator_, std::string(line.message));
     return;
   }
   if (firstMessage_.empty()) firstMessage_ = std::string(line.message);
@@ -75,7 +81,10 @@ void EntryRecorder::migrationEntryFinished(std::string_view entryPath,
       entry.migrator = migrator_;
       entry.path = std::string(entryPath);
       entry.message = pendingMessage_;
+      // Those lines were the discarded entry's own.
+      outsideErrors_.resize(std::min(pendingStart_, outsideErrors_.size()));
     }
+    pendingStart_ = outsideErrors_.size();
     current_.reset();
     currentStep_.reset();
     stepMessages_.clear();
@@ -85,6 +94,15 @@ void EntryRecorder::migrationEntryFinished(std::string_view entryPath,
     entries_.push_back(std::move(entry));
   }
   if (forward_ != nullptr) forward_->migrationEntryFinished(entryPath, result);
+}
+
+std::vector<std::string> EntryRecorder::errorsOutsideEntries(std::string_view migrator) const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> errors;
+  for (const auto& [name, message] : outsideErrors_) {
+    if (name == migrator) errors.push_back(message);
+  }
+  return errors;
 }
 
 std::vector<RecordedEntry> EntryRecorder::entries() const {

@@ -51,6 +51,9 @@ class EntryRecorder final : public platform::LogSink, public MavrelMigrationObse
 
   // Finished entries, in the order they finished.
   std::vector<RecordedEntry> entries() const;
+  // The error lines of `migrator`'s pass that belong to no entry (a safe
+  // harbor, the data-protection update, what was left over), in order.
+  std::vector<std::string> errorsOutsideEntries(std::string_view migrator) const;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -68,6 +71,10 @@ class EntryRecorder final : public platform::LogSink, public MavrelMigrationObse
   std::string firstMessage_;
   // Between entries: the first error line since the last classification began.
   std::string pendingMessage_;
+  // Error lines written while no entry was under way, with their migrator;
+  // those since the last classification began start at pendingStart_.
+  std::vector<std::pair<std::string, std::string>> outsideErrors_;
+  std::size_t pendingStart_ = 0;
 };
 
 }  // namespace mavrel_host

@@ -30,9 +30,9 @@ FileLogSink::FileLogSink(LogFlavor flavor, AppendOnlyFile text, std::optional<Ap
 
 void FileLogSink::write(const platform::LogLine& line) {
   if (fileLevel_ && *fileLevel_ < line.level) return;
-  const std::string timestamp = formatLineTimestamp(clock_());
-  text_.write(formatTextLine(flavor_, line, timestamp));
-  if (json_) json_->write(formatJSONLine(flavor_, line, timestamp));
+  const timespec when = clock_();
+  text_.write(formatTextLine(flavor_, line, formatLineTimestamp(when)));
+  if (json_) json_->write(formatJSONLine(flavor_, line, formatISOLineTimestamp(when)));
 }
 
 bool FileLogSink::finish(std::string* reason) {

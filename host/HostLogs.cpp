@@ -12,7 +12,7 @@ constexpr mode_t kLogDirectoryMode = 0755;
 
 struct LogPlace {
   std::string directory;  // relative to the root
-  std::string fileName;
+  std::string stem;       // the file name without ".log"
 };
 
 std::optional<AppendOnlyFile> openTextLog(const std::string& root, const LogPlace& place,
@@ -21,16 +21,8 @@ std::optional<AppendOnlyFile> openTextLog(const std::string& root, const LogPlac
       makeDirectoryInsideRoot(root, place.directory, kLogDirectoryMode, reason);
   if (!directory.valid()) return std::nullopt;
   const std::string base = root == "/" ? "" : root;
-  return AppendOnlyFile::openInDirectory(
-      directory.get(), place.fileName, base + "/" + place.directory + "/" + place.fileName, reason);
-}
-
-std::optional<std::optional<AppendOnlyFile>> openJSONLog(const std::optional<std::string>& path,
-                                                         std::string* reason) {
-  if (!path) return std::optional<AppendOnlyFile>();
-  std::optional<AppendOnlyFile> file = AppendOnlyFile::open(*path, reason);
-  if (!file) return std::nullopt;
-  return file;
+  return AppendOnlyFile::createUniqueInDirectory(directory.get(), place.stem, ".log",
+                                                 base + "/" + place.directory, reason);
 }
 
 }  // namespace
@@ -42,20 +34,16 @@ std::string pathRelativeToRoot(const std::string& root, const std::string& path)
 }
 
 std::optional<HostLogs> openHostLogs(const std::string& root, const MigrateOptions& options,
-                                     std::time_t runTime, std::string* reason) {
+                                     std::time_t runTime, JSONLogFiles json, std::string* reason) {
   const std::string home = pathRelativeToRoot(root, platform::DeviceRoot(root).homeURL().path());
   const std::string stamp = formatFileTimestamp(runTime);
 
   auto migrationText =
-      openTextLog(root, {home + "/Library/Logs/Mavrel", "Mavrel-" + stamp + ".log"}, reason);
+      openTextLog(root, {home + "/Library/Logs/Mavrel", "Mavrel-" + stamp}, reason);
   if (!migrationText) return std::nullopt;
   auto installerText =
-      openTextLog(root, {home + "/Library/Logs/Corvane", "Corvane-" + stamp + ".log"}, reason);
+      openTextLog(root, {home + "/Library/Logs/Corvane", "Corvane-" + stamp}, reason);
   if (!installerText) return std::nullopt;
-  auto migrationJSON = openJSONLog(options.migrationLogJSON, reason);
-  if (!migrationJSON) return std::nullopt;
-  auto installerJSON = openJSONLog(options.installerLogJSON, reason);
-  if (!installerJSON) return std::nullopt;
 
   HostLogs logs;
   // The progress display reads the migrator's notices, so the migration log
@@ -65,9 +53,9 @@ std::optional<HostLogs> openHostLogs(const std::string& root, const MigrateOptio
     logs.migrationHandleLevel = std::max(*options.logLevel, platform::kLogLevelNotice);
   logs.installerHandleLevel = options.logLevel;
   logs.migration = std::make_shared<FileLogSink>(LogFlavor::Migration, std::move(*migrationText),
-                                                 std::move(*migrationJSON), options.logLevel);
+                                                 std::move(json.migration), options.logLevel);
   logs.installer = std::make_shared<FileLogSink>(LogFlavor::Installer, std::move(*installerText),
-                                                 std::move(*installerJSON), std::nullopt);
+                                                 std::move(json.installer), std::nullopt);
   return logs;
 }
 

@@ -3,8 +3,10 @@
 // The migration log goes to "<home>/Library/Logs/Mavrel/Mavrel-<stamp>.log"
 // and the installer log to "<home>/Library/Logs/Corvane/Corvane-<stamp>.log",
 // <home> being the device image's mobile home and <stamp> the run's local
-// start time ("2026-11-21-083200"). The directories are made (mode 0755)
-// without leaving the image. JSON copies go where the options say.
+// start time ("2026-11-21-083200"); a second run in the same second gets
+// "-2" after the stamp, and so on. The directories are made (mode 0755)
+// without leaving the image. The JSON copies, opened by the caller before
+// anything else was written, go where the options say.
 //
 // Error contract: openHostLogs returns nullopt and a one-line reason when a
 // directory or file cannot be made or opened.
@@ -28,9 +30,15 @@ struct HostLogs {
   std::optional<int> installerHandleLevel;
 };
 
+// The JSON log files the user asked for, each opened already (or none).
+struct JSONLogFiles {
+  std::optional<AppendOnlyFile> migration;
+  std::optional<AppendOnlyFile> installer;
+};
+
 // `root` is the resolved device root.
 std::optional<HostLogs> openHostLogs(const std::string& root, const MigrateOptions& options,
-                                     std::time_t runTime, std::string* reason);
+                                     std::time_t runTime, JSONLogFiles json, std::string* reason);
 
 // The path of `path` relative to `root` ("" for the root itself); `path` must
 // lie inside the root.

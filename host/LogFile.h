@@ -16,13 +16,20 @@ namespace mavrel_host {
 
 class AppendOnlyFile {
  public:
-  // Opens or creates `path` (mode 0644) for appending.
+  // Opens or creates `path` (mode 0644) for appending; a symbolic link at
+  // `path` is refused, not followed.
   static std::optional<AppendOnlyFile> open(const std::string& path, std::string* reason);
-  // The same for `name` inside the open directory `directory`; a symbolic link
-  // at `name` is refused. `displayPath` names the file in messages.
-  static std::optional<AppendOnlyFile> openInDirectory(int directory, const std::string& name,
-                                                       const std::string& displayPath,
-                                                       std::string* reason);
+  // Creates a new file inside the open directory `directory`, named
+  // `stem` + `extension`, or `stem` + "-2" + `extension` and so on when the
+  // name is taken, so that two runs never share a file. `displayDirectory`
+  // names the directory in messages and in path().
+  static std::optional<AppendOnlyFile> createUniqueInDirectory(int directory,
+                                                               const std::string& stem,
+                                                               const std::string& extension,
+                                                               const std::string& displayDirectory,
+                                                               std::string* reason);
+  // Writes to a duplicate of the process's standard output.
+  static std::optional<AppendOnlyFile> standardOutput(std::string* reason);
 
   // Writes `line` as it is (the caller supplies the newline).
   bool write(std::string_view line);

@@ -32,6 +32,18 @@ std::string formatLineTimestamp(const timespec& when) {
   return text;
 }
 
+std::string formatISOLineTimestamp(const timespec& when) {
+  const std::tm parts = localTime(when.tv_sec);
+  const long offset = parts.tm_gmtoff;
+  const long magnitude = offset < 0 ? -offset : offset;
+  char text[128];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ld%c%02ld:%02ld",
+                parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
+                parts.tm_sec, static_cast<long>(when.tv_nsec / 1000000), offset < 0 ? '-' : '+',
+                magnitude / 3600, magnitude / 60 % 60);
+  return text;
+}
+
 std::string formatFileTimestamp(std::time_t when) {
   const std::tm parts = localTime(when);
   char text[96];

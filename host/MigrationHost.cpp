@@ -19,12 +19,15 @@
 #include "host/EntryRecorder.h"
 #include "host/FileSystemCheck.h"
 #include "host/HostLogs.h"
+#include "host/Interruption.h"
+#include "host/OutputPath.h"
 #include "host/ParallelFor.h"
 #include "host/PlanCommand.h"
 #include "host/PluginLoader.h"
 #include "host/ProgressDisplay.h"
 #include "host/ProgressTracker.h"
 #include "host/RootDirectory.h"
+#include "host/RunObserver.h"
 #include "host/RunReport.h"
 #include "host/UserDataVerification.h"
 #include "installer/EmbeddedInstallerService.h"
@@ -51,10 +54,38 @@ void printLine(std::FILE* stream, std::string_view text) {
   std::fflush(stream);
 }
 
-int setUpFailure(std::FILE* err, std::string_view reason) {
-  printLine(err, "mavrel: " + std::string(reason));
-  return kExitUsageOrSetUp;
-}
+// How long a stop asked for by a signal waits for the entry under way.
+constexpr std::chrono::seconds kInterruptionGrace{10};
+
+// Where the person running the program reads what it says: standard output
+// on a terminal, standard error otherwise (standard output then stays free
+// for a report written through it). With --quiet, only errors and the final
+// line are printed.
+class Console {
+ public:
+  Console(std::FILE* out, std::FILE* err, bool quiet)
+      : stream_(::isatty(::fileno(out)) == 1 ? out : err), err_(err), quiet_(quiet) {}
+
+  std::FILE* stream() const { return stream_; }
+  bool live() const { return !quiet_ && ::isatty(::fileno(stream_)) == 1; }
+  bool quiet() const { return quiet_; }
+  void line(std::string_view text) const {
+    if (!quiet_) printLine(stream_, text);
+  }
+  void text(std::string_view text) const {
+    if (quiet_) return;
+    printText(stream_, text);
+    std::fflush(stream_);
+  }
+  void error(std::string_view text) const { printLine(err_, "mavrel: " + std::string(text)); }
+  void finalLine(std::string_view text) const { printLine(stream_, text); }
+  std::FILE* errors() const { return err_; }
+
+ private:
+  std::FILE* stream_;
+  std::FILE* err_;
+  bool quiet_;
+};
 
 // A set-up migrator and the entry count it announced while setting up.
 struct ReadyMigrator {
@@ -62,38 +93,124 @@ struct ReadyMigrator {
   std::optional<std::uint64_t> announcedTotal;
 };
 
-// Runs one migrator's pass with the progress shown on `out`.
-bool runPass(ReadyMigrator& ready, ProgressTracker& tracker, std::FILE* out) {
+// Everything the end of a run needs, whichever way it ends.
+struct MigrationRun {
+  MigrationRun(const MigrateOptions& given, std::FILE* out, std::FILE* err)
+      : options(given), console(out, err, given.quiet), progress(given.progressFD) {}
+
+  const MigrateOptions& options;
+  Console console;
+  ProgressStream progress;
+  RunReport report;
+  bool reportChecked = false;
+  // The report file, opened before the confinement; invalid for standard
+  // output or when no report was asked for.
+  UniqueFd reportFile;
+  std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+  std::optional<HostLogs> logs;
+  std::shared_ptr<EntryRecorder> recorder;
+  // The migrator whose pass is under way, for an interruption's message.
+  std::string passUnderWay;
+  std::optional<std::uint64_t> passTotal;
+};
+
+// Writes the logs out, the report and the last progress event, and prints
+// the final line. Returns `exitCode`.
+int endRun(MigrationRun& run, int exitCode, std::string_view finalLine) {
+  std::string reason;
+  if (run.recorder) run.report.entries = run.recorder->entries();
+  if (run.logs) {
+    // A lost log line is worth a warning but does not change the outcome.
+    for (FileLogSink* sink : {run.logs->migration.get(), run.logs->installer.get()}) {
+      if (!sink->finish(&reason)) run.console.error("warning: " + reason);
+    }
+  }
+  run.report.exitCode = exitCode;
+  if (exitCode != kExitSucceeded && run.report.error.empty())
+    run.report.error = std::string(finalLine);
+  if (run.options.reportPath && run.reportChecked) {
+    run.report.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - run.start).count();
+    if (writeRunReport(run.reportFile.get(), *run.options.reportPath, run.report, &reason)) {
+      if (!checkOutputPath("--report", *run.options.reportPath, &reason)
+               .value_or(OutputPath{})
+               .standardOutput)
+        run.console.line("Report written to " + *run.options.reportPath);
+    } else {
+      run.console.error("warning: " + reason);
+    }
+  }
+  run.progress.end(exitCode, run.report.interruptedBy, run.report.error);
+  if (!finalLine.empty()) {
+    if (exitCode == kExitUsageOrSetUp) {
+      run.console.error(finalLine);
+    } else {
+      run.console.finalLine(finalLine);
+    }
+  }
+  return exitCode;
+}
+
+// A run refused before or during set-up.
+int refuse(MigrationRun& run, std::string_view reason) {
+  run.report.error = std::string(reason);
+  return endRun(run, kExitUsageOrSetUp, reason);
+}
+
+// The end of a run stopped by a signal: at a safe point, or at once.
+[[noreturn]] void endInterrupted(MigrationRun& run, int signal, bool atSafePoint) {
+  silenceLiveProgress();
+  if (run.console.live()) printText(run.console.stream(), "\r\x1b[K");
+  const std::vector<RecordedEntry> entries =
+      run.recorder ? run.recorder->entries() : std::vector<RecordedEntry>();
+  std::uint64_t dealtWith = 0;
+  for (const RecordedEntry& entry : entries) {
+    if (entry.migrator == run.passUnderWay) ++dealtWith;
+  }
+  const std::string name = signalName(signal);
+  std::string what = "interrupted by " + name;
+  if (!run.passUnderWay.empty()) {
+    what += " during the pass of " + run.passUnderWay + ", after " + std::to_string(dealtWith) +
+            (run.passTotal ? " of " + std::to_string(*run.passTotal) : std::string()) +
+            " legacy entries";
+  }
+  what += atSafePoint ? " (between two entries)" : " (in the middle of an entry)";
+  run.report.interruptedBy = name;
+  run.report.error = what;
+  const int exitCode = 128 + signal;
+  endRun(run, exitCode,
+         "mavrel: " + what +
+             ". What was done is kept; run the same command again to resume the migration.");
+  std::fflush(nullptr);
+  std::_Exit(exitCode);
+}
+
+// Runs one migrator's pass with the progress shown on the console.
+bool runPass(ReadyMigrator& ready, ProgressTracker& tracker, const Console& console) {
   MavrelMigrator& migrator = *ready.loaded.migrator;
   tracker.beginPass(ready.announcedTotal, /*observed=*/true);
-  const bool live = ::isatty(::fileno(out)) == 1;
-  if (live) {
+  if (console.live()) {
     tracker.setApplicationListener({});
-    const LiveProgressDisplay display(tracker, migrator, out);
+    const LiveProgressDisplay display(tracker, migrator, console.stream());
     return migrator.performMigration();
   }
-  tracker.setApplicationListener(
-      [out](const ProgressSnapshot& snapshot) { printLine(out, formatApplicationLine(snapshot)); });
+  if (!console.quiet()) {
+    tracker.setApplicationListener([&console](const ProgressSnapshot& snapshot) {
+      console.line(formatApplicationLine(snapshot));
+    });
+  }
   const bool succeeded = migrator.performMigration();
   tracker.setApplicationListener({});
   return succeeded;
 }
 
 // Loads every plug-in, or none: a plug-in that fails to set up fails the run.
-std::optional<std::vector<ReadyMigrator>> loadMigrators(const MigrateOptions& options,
+std::optional<std::vector<ReadyMigrator>> loadMigrators(const std::vector<std::string>& paths,
                                                         const MavrelHostServices& services,
                                                         ProgressTracker& tracker,
                                                         std::string* reason) {
-  const std::string directory =
-      options.pluginDirectory ? *options.pluginDirectory : defaultPluginDirectory();
-  const auto paths = findPlugins(directory, reason);
-  if (!paths) return std::nullopt;
-  if (paths->empty()) {
-    *reason = "no plug-ins (*.migrator) found in '" + directory + "'";
-    return std::nullopt;
-  }
   std::vector<ReadyMigrator> migrators;
-  for (const std::string& path : *paths) {
+  for (const std::string& path : paths) {
     tracker.reset();
     auto loaded = loadMigrator(path, services, reason);
     if (!loaded) return std::nullopt;
@@ -105,13 +222,13 @@ std::optional<std::vector<ReadyMigrator>> loadMigrators(const MigrateOptions& op
 // The manifest of the user data, taken with the migration log quiet: the
 // classification that names each container's application writes the pass's
 // notices there.
-UserDataManifest recordUserData(std::FILE* out) {
+UserDataManifest recordUserData(const Console& console) {
   const auto drop = std::make_shared<DroppingLogSink>();
   const platform::ScopedLogSink quiet(platform::migrationLog(), drop, std::nullopt);
   UserDataManifest manifest =
       collectUserDataManifest(CVGlobalConfiguration::sharedInstance(), defaultWorkerCount());
-  printLine(out, "Recorded " + std::to_string(manifest.fileCount()) + " user-data files (" +
-                     formatBytes(manifest.byteCount()) + ") to verify after the migration");
+  console.line("Recorded " + std::to_string(manifest.fileCount()) + " user-data files (" +
+               formatBytes(manifest.byteCount()) + ") to verify after the migration");
   return manifest;
 }
 
@@ -133,63 +250,113 @@ RunStatement whatTheRunSays(const std::vector<RecordedEntry>& entries) {
   return statement;
 }
 
+// The final line of a run whose passes all ended.
+std::string finalLineFor(const MigrationRun& run, int exitCode) {
+  const RunReport& report = run.report;
+  const std::string log = run.logs ? run.logs->migration->textPath() : std::string();
+  switch (exitCode) {
+    case kExitSucceeded:
+      if (report.totals().entries() == 0)
+        return "Nothing to migrate: " + report.root +
+               " has no legacy containers (it was migrated already, or never had any).";
+      return "Migration of " + report.root +
+             " succeeded: " + std::to_string(report.totals().entries()) +
+             " legacy entries dealt with (" + describeOutcomeTotals(report.totals()) + ").";
+    case kExitUserDataLost:
+      return "Migration of " + report.root +
+             " finished, but user data is missing, changed or left behind (see above); keep the "
+             "image as it "
+             "is and see " +
+             log + ".";
+    default:
+      return "Migration of " + report.root + " failed: " + describeFailedRun(report) + ". See " +
+             log +
+             "; fix what is named above and run the same command again (what was migrated stays "
+             "migrated).";
+  }
+}
+
 // Everything after the logs are open: services, plug-ins, passes, and the
-// check of the user data. What the run did goes into `report`.
-int migrateWithLogs(const std::string& root, const MigrateOptions& options,
-                    ProgressTracker& tracker, EntryRecorder& recorder, const std::string& logPath,
-                    RunReport& report, std::FILE* out, std::FILE* err) {
+// check of the user data.
+int migrateWithLogs(MigrationRun& run, const std::string& root,
+                    const std::vector<std::string>& pluginPaths, ProgressTracker& tracker,
+                    InterruptionWatch& interruption) {
+  const MigrateOptions& options = run.options;
+  EntryRecorder& recorder = *run.recorder;
   const platform::DeviceRoot deviceRoot(root);
   std::optional<UserDataManifest> manifest;
-  if (options.verify) manifest = recordUserData(out);
+  if (options.verify) manifest = recordUserData(run.console);
   CVError installerError;
   const auto installer = mavrel_installer::EmbeddedInstallerService::open(
       CVGlobalConfiguration::sharedInstance(), &installerError);
-  if (!installer) {
-    return setUpFailure(
-        err, "cannot open the application registry: " + installerError.localizedDescription());
-  }
+  if (!installer)
+    return refuse(run,
+                  "cannot open the application registry: " + installerError.localizedDescription());
   const platform::DeviceSystemVersion systemVersion(deviceRoot.rootURL());
+  RunObserver observer(recorder, &run.progress, &interruption);
   MavrelHostServices services;
   services.installer = installer.get();
   services.registry = installer.get();
   services.systemVersion = &systemVersion;
   services.temporaryDirectory =
       deviceRoot.rootURL().URLByAppendingPathComponent(kTemporaryDirectory, true);
-  services.observer = &recorder;
+  services.observer = &observer;
 
-  printLine(out, "Migrating device image at " + root);
+  run.console.line("Migrating device image at " + root);
   std::string reason;
-  auto migrators = loadMigrators(options, services, tracker, &reason);
-  if (!migrators) return setUpFailure(err, reason);
+  auto migrators = loadMigrators(pluginPaths, services, tracker, &reason);
+  if (!migrators) return refuse(run, reason);
 
+  const std::string logPath = run.logs->migration->textPath();
   int exitCode = kExitSucceeded;
   for (ReadyMigrator& ready : *migrators) {
-    MigratorRun run;
-    run.name = ready.loaded.migrator->dataClassName();
-    run.entriesFound = ready.announcedTotal;
-    recorder.beginMigrator(run.name);
+    MigratorRun pass;
+    pass.name = ready.loaded.migrator->dataClassName();
+    pass.entriesFound = ready.announcedTotal;
+    recorder.beginMigrator(pass.name);
+    run.passUnderWay = pass.name;
+    run.passTotal = ready.announcedTotal;
+    run.progress.passBegan(pass.name, ready.announcedTotal);
     const auto start = std::chrono::steady_clock::now();
-    run.succeeded = runPass(ready, tracker, out);
-    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    printText(out, formatPassSummary(run, recorder.entries(), logPath));
-    std::fflush(out);
+    pass.succeeded = runPass(ready, tracker, run.console);
+    pass.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    run.console.text(formatPassSummary(pass, recorder.entries(),
+                                       recorder.errorsOutsideEntries(pass.name), logPath));
     // A failed or left entry fails the run even when the pass returned true
     // (a pass may finish its work list and still report true).
-    if (!passSucceeded(run, recorder.entries())) exitCode = kExitMigrationFailed;
-    report.migrators.push_back(std::move(run));
+    const bool passed = passSucceeded(pass, recorder.entries());
+    if (!passed) exitCode = kExitMigrationFailed;
+    run.progress.passEnded(pass.name, passed);
+    run.report.migrators.push_back(std::move(pass));
   }
+  run.passUnderWay.clear();
   if (manifest) {
     const VerificationResult result = verifyUserData(
-        *manifest, *installer, whatTheRunSays(recorder.entries()), defaultWorkerCount());
-    printText(out, formatVerification(result, exitCode == kExitSucceeded));
-    std::fflush(out);
+        *manifest, *installer, whatTheRunSays(run.recorder->entries()), defaultWorkerCount());
+    run.console.text(formatVerification(result, exitCode == kExitSucceeded));
     if (result.dataLost()) exitCode = kExitUserDataLost;
-    report.verification = result;
+    run.report.verification = result;
   }
   // The migrators go before their modules are closed, and both before the
   // services they were given.
   migrators->clear();
   return exitCode;
+}
+
+// Opens the JSON log file of `option` (or none), before anything else is written.
+std::optional<std::optional<AppendOnlyFile>> openJSONLog(std::string_view option,
+                                                         const std::optional<std::string>& path,
+                                                         std::string* reason) {
+  if (!path) return std::optional<AppendOnlyFile>();
+  const auto destination = checkOutputPath(option, *path, reason);
+  if (!destination) return std::nullopt;
+  auto file = destination->standardOutput ? AppendOnlyFile::standardOutput(reason)
+                                          : AppendOnlyFile::open(*path, reason);
+  if (!file) {
+    *reason = "option '" + std::string(option) + "': " + *reason;
+    return std::nullopt;
+  }
+  return file;
 }
 
 }  // namespace
@@ -203,80 +370,123 @@ void raiseDescriptorLimit() {
 
 int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err) {
   raiseDescriptorLimit();
+  MigrationRun run(options, out, err);
   const std::time_t runTime = std::time(nullptr);
-  const auto runStart = std::chrono::steady_clock::now();
+  run.report.root = options.root;
+  run.report.startedAt = runTime;
+  run.report.migrationLogJSON = options.migrationLogJSON;
+  run.report.installerLogJSON = options.installerLogJSON;
 
+  // Every option and output path is checked before anything is written.
   std::string reason;
-  const auto root = resolveRootDirectory(options.root, &reason);
-  if (!root) {
-    printLine(err, "mavrel: option '--root': " + reason);
-    printLine(err, "Run 'mavrel migrate --help' for usage.");
-    return kExitUsageOrSetUp;
-  }
-  UniqueFd reportFile;
   if (options.reportPath) {
-    if (checkReportDestination(*options.reportPath, &reason))
-      reportFile = openReportFile(*options.reportPath, &reason);
-    if (!reportFile.valid()) {
-      printLine(err, "mavrel: " + reason);
+    const auto destination = checkOutputPath("--report", *options.reportPath, &reason);
+    if (!destination) {
+      run.console.error(reason);
       return kExitUsageOrSetUp;
     }
+    // Opened now: once confined, the run may write this file and nothing
+    // else outside the image.
+    if (!destination->standardOutput) {
+      run.reportFile = openReportFile(*options.reportPath, &reason);
+      if (!run.reportFile.valid()) {
+        run.console.error(reason);
+        return kExitUsageOrSetUp;
+      }
+    }
+    run.reportChecked = true;
   }
+  if (options.progressFD && !isWritableDescriptor(*options.progressFD)) {
+    return refuse(run, "option '--progress-fd': descriptor " + std::to_string(*options.progressFD) +
+                           " is not open for writing");
+  }
+  const auto root = resolveRootDirectory(options.root, &reason);
+  if (!root) {
+    run.report.error = "option '--root': " + reason;
+    run.console.error(run.report.error);
+    printText(err, "Run 'mavrel migrate --help' for usage.\n");
+    return endRun(run, kExitUsageOrSetUp, "");
+  }
+  run.report.root = *root;
+  if (!options.force && !holdsDeviceImage(*root, &reason)) {
+    return refuse(run, "option '--root': " + reason +
+                           "; nothing was written. Check the path, or add --force to migrate it "
+                           "anyway.");
+  }
+  for (const auto& [option, path] : {std::pair{"--log-json", options.migrationLogJSON},
+                                     std::pair{"--installer-log-json", options.installerLogJSON}}) {
+    if (path && !checkOutputPath(option, *path, &reason)) return refuse(run, reason);
+  }
+  const std::string pluginDirectory =
+      options.pluginDirectory ? *options.pluginDirectory : defaultPluginDirectory();
+  const auto pluginPaths = findPlugins(pluginDirectory, &reason);
+  if (!pluginPaths) return refuse(run, "option '--plugin-dir': " + reason);
+  if (pluginPaths->empty())
+    return refuse(
+        run, "option '--plugin-dir': no plug-ins (*.migrator) found in '" + pluginDirectory + "'");
+  const std::string lockPath = platform::DeviceRoot(*root).homeURL().path() + "/Library/Corvane/" +
+                               std::string(mavrel_installer::kRegistryLockFileName);
+  if (registryLockIsHeld(lockPath)) {
+    return refuse(run, "the application registry of " + *root +
+                           " is in use by another installer (a migration may be running): " +
+                           lockPath + " is locked; nothing was written");
+  }
+
+  // The JSON logs are opened before the confinement, which then needs no rule for them.
+  JSONLogFiles json;
+  auto migrationJSON = openJSONLog("--log-json", options.migrationLogJSON, &reason);
+  if (!migrationJSON) return refuse(run, reason);
+  json.migration = std::move(*migrationJSON);
+  auto installerJSON = openJSONLog("--installer-log-json", options.installerLogJSON, &reason);
+  if (!installerJSON) return refuse(run, reason);
+  json.installer = std::move(*installerJSON);
+
   // Before anything is made in the image: a link there must not lead out.
   if (!confineWrites(writablePlacesForMigration(*root, options), err, &reason))
-    return setUpFailure(err, reason);
+    return refuse(run, reason);
   // Before anything reads the configuration or touches the file manager.
   platform::setProcessDeviceRoot(platform::DeviceRoot(*root));
-  if (!checkOneFileSystem(*root, &reason)) return setUpFailure(err, reason);
+  if (!checkOneFileSystem(*root, &reason)) return refuse(run, reason);
 
   if (!makeDirectoryInsideRoot(*root, kTemporaryDirectory, kTemporaryDirectoryMode, &reason)
            .valid())
-    return setUpFailure(err, reason);
+    return refuse(run, reason);
   const std::string temporaryPath =
       *root + (*root == "/" ? "" : "/") + std::string(kTemporaryDirectory);
   ::setenv("TMPDIR", temporaryPath.c_str(), 1);
 
-  auto logs = openHostLogs(*root, options, runTime, &reason);
-  if (!logs) return setUpFailure(err, reason);
+  run.logs = openHostLogs(*root, options, runTime, std::move(json), &reason);
+  if (!run.logs) return refuse(run, reason);
+  run.report.migrationLog = run.logs->migration->textPath();
+  run.report.installerLog = run.logs->installer->textPath();
+  run.progress.start(*root);
 
-  RunReport report;
-  report.root = *root;
-  report.startedAt = runTime;
-  report.migrationLog = logs->migration->textPath();
-  report.installerLog = logs->installer->textPath();
-  report.migrationLogJSON = options.migrationLogJSON;
-  report.installerLogJSON = options.installerLogJSON;
   int exitCode = kExitSucceeded;
   {
     // Log lines go through the recorder, then the tracker, then the files;
     // the recorder passes the plug-in's reports on to the tracker.
-    auto tracker = std::make_shared<ProgressTracker>(logs->migration);
-    auto recorder = std::make_shared<EntryRecorder>(tracker, tracker.get());
-    const platform::ScopedLogSink migrationSink(platform::migrationLog(), recorder,
-                                                logs->migrationHandleLevel);
-    const platform::ScopedLogSink installerSink(platform::installerLog(), logs->installer,
-                                                logs->installerHandleLevel);
-    exitCode = migrateWithLogs(*root, options, *tracker, *recorder, logs->migration->textPath(),
-                               report, out, err);
-    report.entries = recorder->entries();
-  }
-
-  // A lost log line is worth a warning but does not change the migration's
-  // outcome.
-  for (FileLogSink* sink : {logs->migration.get(), logs->installer.get()}) {
-    if (!sink->finish(&reason)) printLine(err, "mavrel: warning: " + reason);
-  }
-  if (options.reportPath) {
-    report.exitCode = exitCode;
-    report.seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - runStart).count();
-    if (writeRunReport(reportFile.get(), *options.reportPath, report, &reason)) {
-      printLine(out, "Report written to " + *options.reportPath);
-    } else {
-      printLine(err, "mavrel: warning: " + reason);
+    auto tracker = std::make_shared<ProgressTracker>(run.logs->migration);
+    run.recorder = std::make_shared<EntryRecorder>(tracker, tracker.get());
+    const platform::ScopedLogSink migrationSink(platform::migrationLog(), run.recorder,
+                                                run.logs->migrationHandleLevel);
+    const platform::ScopedLogSink installerSink(platform::installerLog(), run.logs->installer,
+                                                run.logs->installerHandleLevel);
+    InterruptionWatch interruption(
+        run.console.errors(), kInterruptionGrace,
+        [&run](int signal, bool atSafePoint) { endInterrupted(run, signal, atSafePoint); });
+    exitCode = migrateWithLogs(run, *root, *pluginPaths, *tracker, interruption);
+    // A stop at once from the watcher may be under way: it ends the process.
+    if (!interruption.claimEnd()) {
+      for (;;)
+        ::pause();
     }
+    if (exitCode == kExitUsageOrSetUp) return exitCode;  // refused and ended already
   }
-  return exitCode;
+  run.report.entries = run.recorder->entries();
+  if (exitCode == kExitMigrationFailed) run.report.error = describeFailedRun(run.report);
+  if (exitCode == kExitUserDataLost)
+    run.report.error = "user data is missing, changed or left behind";
+  return endRun(run, exitCode, finalLineFor(run, exitCode));
 }
 
 int runHost(std::span<const std::string_view> arguments, std::FILE* out, std::FILE* err) {
@@ -303,7 +513,7 @@ int runHost(std::span<const std::string_view> arguments, std::FILE* out, std::FI
       return kExitSucceeded;
     case ParsedCommand::Kind::Error:
       printLine(err, "mavrel: " + command.error);
-      printText(err, generalUsageText());
+      printText(err, command.usage);
       return kExitUsageOrSetUp;
     case ParsedCommand::Kind::Migrate:
       break;

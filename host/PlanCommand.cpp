@@ -9,6 +9,7 @@
 #include "host/MigrationPlan.h"
 #include "host/PlanFormat.h"
 #include "host/RootDirectory.h"
+#include "installer/EmbeddedInstallerService.h"
 #include "platform/DeviceRoot.h"
 #include "platform/Log.h"
 
@@ -19,6 +20,13 @@ int runPlan(const PlanOptions& options, std::FILE* out, std::FILE* err) {
   const auto root = resolveRootDirectory(options.root, &reason);
   if (!root) {
     std::fprintf(err, "mavrel: option '--root': %s\nRun 'mavrel plan --help' for usage.\n",
+                 reason.c_str());
+    return kExitUsageOrSetUp;
+  }
+  if (!holdsDeviceImage(*root, &reason)) {
+    std::fprintf(err,
+                 "mavrel: option '--root': %s; there is nothing to plan ('mavrel migrate --force' "
+                 "would make one there)\n",
                  reason.c_str());
     return kExitUsageOrSetUp;
   }
@@ -41,7 +49,13 @@ int runPlan(const PlanOptions& options, std::FILE* out, std::FILE* err) {
     std::fprintf(err, "mavrel: %s\n", reason.c_str());
     return kExitUsageOrSetUp;
   }
-  const std::string text = options.json ? formatPlanJSON(*plan) : formatPlanText(*plan);
+  PlanCircumstances circumstances;
+  // Tested on a read-only descriptor: nothing is created.
+  circumstances.migrationRunning =
+      registryLockIsHeld(platform::DeviceRoot(*root).homeURL().path() + "/Library/Corvane/" +
+                         std::string(mavrel_installer::kRegistryLockFileName));
+  const std::string text =
+      options.json ? formatPlanJSON(*plan, circumstances) : formatPlanText(*plan, circumstances);
   std::fwrite(text.data(), 1, text.size(), out);
   std::fflush(out);
   return kExitSucceeded;

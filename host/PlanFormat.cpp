@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "host/CommandLine.h"
 #include "host/EntryOutcomeNames.h"
 #include "platform/JSONWriter.h"
 
@@ -148,7 +149,40 @@ std::vector<const PlannedEntry*> inPassOrder(const MigrationPlan& plan) {
 
 }  // namespace
 
-std::string formatPlanText(const MigrationPlan& plan) {
+bool lastMigrationWasInterrupted(const MigrationPlan& plan) {
+  return plan.pendingInstalls > 0 ||
+         std::any_of(plan.entries.begin(), plan.entries.end(), [](const PlannedEntry& entry) {
+           return entry.kind == LegacyEntryKind::Resumed;
+         });
+}
+
+std::string describeCircumstances(const MigrationPlan& plan,
+                                  const PlanCircumstances& circumstances) {
+  if (circumstances.migrationRunning) {
+    return "A migration is running on this image now (the application registry's lock is "
+           "held): this plan shows the image as it was at this moment, and the entries change "
+           "under it. Make the plan again once that migration has ended.";
+  }
+  if (!lastMigrationWasInterrupted(plan)) return {};
+  const auto resumed = static_cast<std::uint64_t>(std::count_if(
+      plan.entries.begin(), plan.entries.end(),
+      [](const PlannedEntry& entry) { return entry.kind == LegacyEntryKind::Resumed; }));
+  std::string text = "The last migration of this image was interrupted: ";
+  if (resumed > 0)
+    text += std::to_string(resumed) + " container(s) resume from their migration marker";
+  if (resumed > 0 && plan.pendingInstalls > 0) text += ", and ";
+  if (plan.pendingInstalls > 0)
+    text += std::to_string(plan.pendingInstalls) +
+            " interrupted install(s) are finished or undone when the next run opens the "
+            "registry";
+  text +=
+      ". 'mavrel migrate' with the same image resumes it. The steps the interrupted run "
+      "finished are not done again, so an entry this plan predicts to fail at a step already "
+      "done (an install the registry finishes on opening, data already moved) may succeed.";
+  return text;
+}
+
+std::string formatPlanText(const MigrationPlan& plan, const PlanCircumstances& circumstances) {
   std::string text = "Migration plan for the device image at " + plan.root + "\n";
   text += "Nothing has been changed; this is what 'mavrel migrate' would do.\n\n";
   if (!plan.legacyDirectoryExists) {
@@ -220,12 +254,17 @@ std::string formatPlanText(const MigrationPlan& plan) {
   text += plan.predictedSuccess() ? "The migration is predicted to succeed.\n"
                                   : "The migration is predicted to FAIL (see the entries above).\n";
   if (!plan.space.enough) text += "There is not enough free space for the copies.\n";
+  if (const std::string more = describeCircumstances(plan, circumstances); !more.empty())
+    text += more + "\n";
   return text;
 }
 
-std::string formatPlanJSON(const MigrationPlan& plan) {
+std::string formatPlanJSON(const MigrationPlan& plan, const PlanCircumstances& circumstances) {
   platform::JSONWriter json;
   json.beginObject();
+  json.member("tool", "mavrel");
+  json.member("toolVersion", toolVersion());
+  json.member("schemaVersion", kPlanSchemaVersion);
   json.member("root", plan.root);
   json.member("legacyDirectory", plan.legacyDirectory);
   json.member("legacyDirectoryExists", plan.legacyDirectoryExists);
@@ -236,9 +275,12 @@ std::string formatPlanJSON(const MigrationPlan& plan) {
   json.member("uncheckpointedChanges", plan.registryHasUncheckpointedChanges);
   json.member("pendingInstalls", plan.pendingInstalls);
   json.endObject();
+  json.member("migrationRunning", circumstances.migrationRunning);
+  json.member("lastMigrationInterrupted", lastMigrationWasInterrupted(plan));
+  json.key("circumstances").stringOrNull(describeCircumstances(plan, circumstances));
   json.key("entries").beginArray();
-  for (const PlannedEntry& entry : plan.entries)
-    writeEntry(json, entry);
+  for (const PlannedEntry* entry : inPassOrder(plan))
+    writeEntry(json, *entry);
   json.endArray();
 
   json.key("groupContainers").beginArray();

@@ -5,9 +5,11 @@
 // order, then what classification discards), the safe harbors, the space
 // check and a one-line prediction.
 //
-// JSON: one object with "root", "legacyDirectory", "legacyDirectoryExists",
-// "installMap", "installMapReadable", "registry" {"path", "exists",
-// "uncheckpointedChanges", "pendingInstalls"}, "entries" (in listing order,
+// JSON: one object with "tool", "toolVersion", "schemaVersion", "root", "legacyDirectory",
+// "legacyDirectoryExists", "installMap", "installMapReadable", "registry" {"path", "exists",
+// "uncheckpointedChanges", "pendingInstalls"}, "migrationRunning",
+// "lastMigrationInterrupted", "circumstances" (the verdict's sentence about
+// them, or null), "entries" (in the order the pass deals with them,
 // each with "path", "name", "kind", "subject", "identifier", "containerType",
 // "bundle", "vpnPlugin", "order", "registry", "bundleIsPlaceholder",
 // "outcome", "failedStep", "container", "reason", "userData" {"files",
@@ -21,13 +23,30 @@
 // Nothing here fails.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "host/MigrationPlan.h"
 
 namespace mavrel_host {
 
-std::string formatPlanText(const MigrationPlan& plan);
-std::string formatPlanJSON(const MigrationPlan& plan);
+inline constexpr std::uint64_t kPlanSchemaVersion = 2;
+
+// What the plan cannot see in the legacy entries alone: a migration running
+// now (the registry's lock is held), or the traces of one that was stopped.
+struct PlanCircumstances {
+  bool migrationRunning = false;
+};
+
+// Whether the last migration of the image was interrupted: containers resume
+// from their markers, or installs wait to be finished or undone.
+bool lastMigrationWasInterrupted(const MigrationPlan& plan);
+
+// The sentences the verdict adds about the circumstances, or "".
+std::string describeCircumstances(const MigrationPlan& plan,
+                                  const PlanCircumstances& circumstances);
+
+std::string formatPlanText(const MigrationPlan& plan, const PlanCircumstances& circumstances = {});
+std::string formatPlanJSON(const MigrationPlan& plan, const PlanCircumstances& circumstances = {});
 
 }  // namespace mavrel_host

@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 
 #include "host/EntryOutcomeNames.h"
@@ -13,6 +14,8 @@ namespace {
 
 constexpr auto kRedrawInterval = std::chrono::milliseconds(250);
 constexpr std::string_view kClearLine = "\r\x1b[K";
+
+std::atomic<bool> gSilenced{false};
 
 std::string countText(const ProgressSnapshot& snapshot, std::uint64_t count) {
   if (!snapshot.total) return std::to_string(count);
@@ -118,6 +121,7 @@ LiveProgressDisplay::~LiveProgressDisplay() {
   }
   wake_.notify_one();
   thread_.join();
+  if (gSilenced.load()) return;
   std::fwrite(kClearLine.data(), 1, kClearLine.size(), out_);
   std::fflush(out_);
 }
@@ -131,7 +135,12 @@ void LiveProgressDisplay::run() {
   }
 }
 
+void silenceLiveProgress() {
+  gSilenced.store(true);
+}
+
 void LiveProgressDisplay::draw() {
+  if (gSilenced.load()) return;
   const auto elapsed =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
   // The migrator's figure is 1.0 exactly when every entry has been counted.

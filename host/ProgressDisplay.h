@@ -41,6 +41,10 @@ inline constexpr std::chrono::seconds kStallNotice{15};
 std::string formatSummaryLine(std::string_view name, bool succeeded,
                               std::chrono::duration<double> elapsed, std::string_view logPath);
 
+// Stops every live display from drawing, for good: the run is ending
+// (interrupted) and what it prints last must not be drawn over.
+void silenceLiveProgress();
+
 class LiveProgressDisplay {
  public:
   // Starts redrawing on `out` (a terminal) until destroyed; the line is then

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/linux/FileLock.h"
+
 namespace mavrel_host {
 namespace {
 
@@ -46,6 +48,28 @@ std::optional<std::string> resolveRootDirectory(std::string_view path, std::stri
     return std::nullopt;
   }
   return std::string(resolved.get());
+}
+
+bool holdsDeviceImage(const std::string& root, std::string* reason) {
+  const std::string base = root == "/" ? "" : root;
+  struct stat status {};
+  const bool home =
+      ::stat((base + "/private/var/mobile").c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  const bool version =
+      ::stat((base + "/System/Library/CoreServices/SystemBuild.plist").c_str(), &status) == 0;
+  if (home || version) return true;
+  setReason(reason, "'" + root +
+                        "' holds no device image: it has no private/var/mobile (the mobile "
+                        "user's home) and no System/Library/CoreServices/SystemBuild.plist (the "
+                        "system version)");
+  return false;
+}
+
+bool registryLockIsHeld(const std::string& lockPath) {
+  const UniqueFd lock(::open(lockPath.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+  if (!lock.valid()) return false;
+  // Taken and let go at once when free: closing the descriptor releases it.
+  return platform::sys::lockExclusiveWithoutWaiting(lock.get()) != 0 && errno == EWOULDBLOCK;
 }
 
 UniqueFd makeDirectoryInsideRoot(const std::string& root, std::string_view relative, mode_t mode,

@@ -21,6 +21,18 @@ namespace mavrel_host {
 // (symbolic links are resolved).
 std::optional<std::string> resolveRootDirectory(std::string_view path, std::string* reason);
 
+// Whether the directory `root` (resolved) holds a device image: it has the
+// mobile user's home "private/var/mobile" or the system version
+// "System/Library/CoreServices/SystemBuild.plist". When it has neither, false
+// with a reason naming both; nothing is written either way.
+bool holdsDeviceImage(const std::string& root, std::string* reason);
+
+// Whether another process holds the lock of the application registry at
+// `lockPath`: tested on a read-only descriptor, without creating the file (an
+// absent lock file is not held). A lock that cannot be tested counts as free;
+// the installer then says why when it takes it.
+bool registryLockIsHeld(const std::string& lockPath);
+
 // Opens (making where missing) the directory `relative` under the directory
 // `root`. Missing intermediate directories are made with mode 0755 and a
 // missing last component with `mode`, applied exactly (umask notwithstanding).

@@ -2,9 +2,13 @@
 // summary that says the same in a few lines.
 //
 // The report is one JSON object:
-//   "root", "startedAt" (local time, "2026-11-21 08:32:00"), "durationSeconds",
-//   "succeeded" (every pass returned true and no entry failed or was left),
-//   "exitCode",
+//   "tool" ("mavrel"), "toolVersion", "schemaVersion" (kRunReportSchemaVersion),
+//   "root", "startedAt" (ISO 8601 local time with its zone,
+//   "2026-11-21T08:32:00+01:00"), "durationSeconds",
+//   "succeeded" (true exactly when "exitCode" is 0), "exitCode",
+//   "error" (null for a run that succeeded; otherwise one line saying what
+//   failed or why the run was refused or stopped),
+//   "interrupted" (null, or the signal that stopped the run: "SIGINT", "SIGTERM"),
 //   "migrators": [{"name", "succeeded", "durationSeconds", "entriesFound"}],
 //   "entries": [{"migrator", "path", "identifier", "outcome", "failedStep",
 //                "message", "container", "durationSeconds"}]
@@ -22,14 +26,12 @@
 //                   "missingExamples", "changedExamples", "leftBehindExamples"}.
 // A missing string is null.
 //
-// The report file is opened (made when missing) before the migration confines
-// its writes, and written through that descriptor at the end: the confined
-// process needs no writable place outside the image for it, only this file.
-// Its old content stays until the new report replaces it; a crash while the
-// few kilobytes are written can leave it cut short.
-//
-// Error contract: openReportFile returns an invalid descriptor, and
-// writeRunReport false, with a one-line reason naming the file.
+// Error contract: writeRunReport writes through the report file opened
+// before the migration began (openReportFile; the migration is confined and
+// may not create files beside it, so a crash while it is written can leave it
+// cut short), atomically (platform/FileIO.h) when no file was opened, or
+// through standard output for "-" and its aliases (OutputPath.h); it returns
+// false with a one-line reason naming the file when it cannot.
 #pragma once
 
 #include <ctime>
@@ -43,6 +45,8 @@
 #include "host/UserDataVerification.h"
 
 namespace mavrel_host {
+
+inline constexpr std::uint64_t kRunReportSchemaVersion = 2;
 
 struct MigratorRun {
   std::string name;
@@ -63,16 +67,17 @@ struct RunReport {
   std::optional<std::string> migrationLogJSON;
   std::optional<std::string> installerLogJSON;
   std::optional<VerificationResult> verification;
+  std::string error;
+  std::optional<std::string> interruptedBy;
 
   OutcomeTotals totals() const;
-  // Every pass returned true and no entry failed or was left in place.
-  bool succeeded() const;
 };
 
 std::string formatRunReportJSON(const RunReport& report);
+// Opens (making it when missing, never through a final link) the report
+// file, so that the confined migration can write it at the end.
 UniqueFd openReportFile(const std::string& path, std::string* reason);
-// Replaces the content of the opened report file `reportFile` (named `path`)
-// with the report and flushes it.
+// `reportFile` is the descriptor openReportFile gave, or -1.
 bool writeRunReport(int reportFile, const std::string& path, const RunReport& report,
                     std::string* reason);
 
@@ -82,13 +87,26 @@ bool writeRunReport(int reportFile, const std::string& path, const RunReport& re
 bool passSucceeded(const MigratorRun& run, const std::vector<RecordedEntry>& entries);
 
 // The lines after one migrator's pass: the summary line (never "succeeded"
-// when an entry of the pass failed or was left), the outcome counts, and one
-// line per failed or left entry. Each line ends with a newline.
+// when an entry of the pass failed or was left), the outcome counts, one line
+// per failed or left entry, and, for a failed pass, the errors that belong to
+// no entry (`outsideErrors`). Each line ends with a newline; messages are
+// shown in plain words (plainMessage).
 std::string formatPassSummary(const MigratorRun& run, const std::vector<RecordedEntry>& entries,
+                              const std::vector<std::string>& outsideErrors,
                               std::string_view logPath);
 
-// Whether the report file's directory exists, so that a run is not started
-// whose report cannot be written; a one-line reason otherwise.
-bool checkReportDestination(const std::string& path, std::string* reason);
+// A log message as a person reads it: without the "CVAppMigrator: " prefix,
+// on one line, file URLs as paths, a listed array as a comma-separated list,
+// and the installer's staging copy of a bundle (".../corvaned.staging/<id>/
+// Payload/...") or the container's own "Staging/Payload" named by the
+// bundle's place in `entryPath` ("" when the message belongs to no entry).
+std::string plainMessage(std::string_view message, std::string_view entryPath);
+
+// One line saying what failed in a run whose passes ended with `exitCode` 1:
+// the entries that failed or were left, and the passes that failed.
+std::string describeFailedRun(const RunReport& report);
+
+// "2026-11-21T08:32:00+01:00": ISO 8601 in local time with the zone's offset.
+std::string formatISOTime(std::time_t when);
 
 }  // namespace mavrel_host

@@ -405,10 +405,12 @@ std::optional<std::string> prepareImageRoot(std::string_view path, bool replace,
       const std::string stampPath = absolute + "/" + std::string(kSampleImageStampName);
       if (!replace || platform::sys::lstatPath(stampPath.c_str(), &stamp) != 0 ||
           !S_ISREG(stamp.st_mode)) {
-        CVSetError(error, sampleGenError(
-                              kSampleGenRootNotEmptyError,
-                              "The image root " + absolute + " is not empty" +
-                                  (replace ? " and holds no image made by mavrel-mkimage" : "")));
+        CVSetError(error,
+                   sampleGenError(kSampleGenRootNotEmptyError,
+                                  "The image root " + absolute + " is not empty" +
+                                      (replace ? " and holds no image made by mavrel-mkimage"
+                                               : "; --force replaces an image mavrel-mkimage made "
+                                                 "there before")));
         return std::nullopt;
       }
       // remove_all removes symbolic links themselves and never follows them.

@@ -124,7 +124,8 @@ TEST_F(AppsCommandTest, ListsWhatAMigrationInstalledWithoutChangingTheImage) {
   const ProgramRun json = mavrel({"apps", "--json", "--root=" + root_});
   ASSERT_EQ(json.exitCode, 0) << json.err;
   EXPECT_EQ(json.out,
-            "{\"registry\":\"" + registry() +
+            "{\"tool\":\"mavrel\",\"toolVersion\":\"" + std::string(mavrel_host::toolVersion()) +
+                "\",\"schemaVersion\":1,\"registry\":\"" + registry() +
                 "\",\"registryExists\":true,\"pendingInstalls\":0,\"applications\":[{"
                 "\"identifier\":\"com.example.app\",\"kind\":\"application\",\"version\":\"42\","
                 "\"shortVersion\":\"4.2\",\"bundleContainer\":\"" +

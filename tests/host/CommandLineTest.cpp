@@ -42,6 +42,13 @@ TEST(CommandLineTest, HelpAndVersionForms) {
   EXPECT_EQ(parse({"--help"}).kind, ParsedCommand::Kind::Help);
   EXPECT_EQ(parse({"-h"}).kind, ParsedCommand::Kind::Help);
   EXPECT_EQ(parse({"--version"}).kind, ParsedCommand::Kind::Version);
+  EXPECT_EQ(parse({"-V"}).kind, ParsedCommand::Kind::Version);
+  const ParsedCommand quiet =
+      parse({"migrate", "--root", "/a", "--force", "-q", "--progress-fd=3"});
+  ASSERT_EQ(quiet.kind, ParsedCommand::Kind::Migrate) << quiet.error;
+  EXPECT_TRUE(quiet.options.force);
+  EXPECT_TRUE(quiet.options.quiet);
+  EXPECT_EQ(quiet.options.progressFD, 3);
   EXPECT_EQ(parse({"migrate", "--help"}).kind, ParsedCommand::Kind::MigrateHelp);
   // Help wins over a missing --root.
   EXPECT_EQ(parse({"migrate", "--log-level", "5", "--help"}).kind,
@@ -92,6 +99,14 @@ TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
       {{"migrate", "--root", "/a", "--verbose=yes"}, "unknown option '--verbose'"},
       {{"migrate", "--root", "/a", "-x"}, "unknown option '-x'"},
       {{"migrate", "--root", "/a", "stray"}, "unexpected argument 'stray'"},
+      {{"migrate", "--root", "/a", "--dry-run"},
+       "'migrate' has no option '--dry-run': run 'mavrel plan --root DIR' to see what a "
+       "migration would do, changing nothing"},
+      {{"migrate", "--root", "/a", "--force=yes"}, "option '--force' takes no value"},
+      {{"migrate", "--root", "/a", "-q", "--quiet"}, "option '--quiet' given more than once"},
+      {{"migrate", "--root", "/a", "--progress-fd", "three"},
+       "option '--progress-fd' needs a file descriptor number, not 'three'"},
+      {{"-V", "x"}, "unexpected argument 'x'"},
   };
   for (const RefusedCase& refused : cases) {
     const ParsedCommand command = parseCommandLine(refused.words);
@@ -100,6 +115,11 @@ TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
       shown += std::string(word) + " ";
     EXPECT_EQ(command.kind, ParsedCommand::Kind::Error) << shown;
     EXPECT_EQ(command.error, refused.message) << shown;
+    // The short usage of the command at fault, or the general one.
+    const std::string_view usage = !refused.words.empty() && refused.words[0] == "migrate"
+                                       ? "usage: mavrel migrate --root DIR"
+                                       : "usage: mavrel migrate|plan|apps";
+    EXPECT_TRUE(command.usage.starts_with(usage)) << shown << command.usage;
   }
 }
 

@@ -3,18 +3,23 @@
 // record, removed legacy items), what it prints, and that nothing outside the
 // image changes.
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <map>
 #include <sstream>
 
+#include "host/UniqueFd.h"
 #include "platform/PropertyList.h"
 #include "tests/host/HostProcess.h"
+#include "tests/host/JSONValue.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
+using host_test::JSONValue;
+using host_test::parseJSON;
 using host_test::ProgramRun;
 using host_test::runMavrel;
 using testing_support::makeDirectories;
@@ -175,9 +180,9 @@ TEST_F(EndToEndTest, WithoutLegacyTreeRecordsTheSystemVersionAndWritesBothLogs) 
   }
   EXPECT_TRUE(found) << readFile(migrationJSON());
 
-  EXPECT_NE(run.out.find("Migrating device image at " + root_), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find(": succeeded in "), std::string::npos) << run.out;
-  EXPECT_EQ(run.out.find("failed"), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("Migrating device image at " + root_), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find(": succeeded in "), std::string::npos) << run.err;
+  EXPECT_EQ(run.err.find("failed"), std::string::npos) << run.err;
   // Log directories and the staging directory are made with fixed modes.
   struct stat status {};
   ASSERT_EQ(::stat((home() + "/Library/Logs/Mavrel").c_str(), &status), 0);
@@ -193,7 +198,7 @@ TEST_F(EndToEndTest, RemovesALegacyTreeHoldingOnlyTheNoteAndTheInstallMap) {
   writeFile(home() + "/Library/Caches/com.zentrel.corvane.plist", plist("<dict/>"));
 
   const ProgramRun run = migrate();
-  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+  ASSERT_EQ(run.exitCode, 0) << run.err << run.err;
   EXPECT_FALSE(pathExists(home() + "/Applications"));
   EXPECT_FALSE(pathExists(home() + "/Library/Caches/com.zentrel.corvane.plist"));
   EXPECT_TRUE(pathExists(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist"));
@@ -209,13 +214,13 @@ TEST_F(EndToEndTest, AFailedPassExitsOneAndSaysSo) {
                              canary() + "/nested</string></dict></dict>"));
 
   const ProgramRun run = migrate({"--log-level", "3"});
-  EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
+  EXPECT_EQ(run.exitCode, 1) << run.err << run.err;
   EXPECT_TRUE(pathExists(harborMap));
   EXPECT_FALSE(pathExists(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist"));
 
   const std::string migrationLog = onlyLog("Mavrel", "Mavrel");
-  EXPECT_NE(run.out.find(": failed (see " + migrationLog + ")"), std::string::npos) << run.out;
-  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find(": failed (see " + migrationLog + ")"), std::string::npos) << run.err;
+  EXPECT_EQ(run.err.find("succeeded"), std::string::npos) << run.err;
 
   // --log-level 3 keeps notices out of the files, failures in.
   const std::string text = readFile(migrationLog);
@@ -239,9 +244,9 @@ TEST_F(EndToEndTest, PrintsOneLinePerApplicationWithoutATerminal) {
   const ProgramRun run = migrate();
   // The bundle has no executable, so the installer refuses it and the pass
   // fails; the progress line comes all the same.
-  EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
-  EXPECT_NE(run.out.find("\n[1/1] com.example.app\n"), std::string::npos) << run.out;
-  EXPECT_EQ(run.out.find('\r'), std::string::npos) << "no live redraw without a terminal";
+  EXPECT_EQ(run.exitCode, 1) << run.err << run.err;
+  EXPECT_NE(run.err.find("\n[1/1] com.example.app\n"), std::string::npos) << run.err;
+  EXPECT_EQ(run.err.find('\r'), std::string::npos) << "no live redraw without a terminal";
 }
 
 TEST_F(EndToEndTest, UsageErrorsExitTwoWithAClearMessage) {
@@ -298,7 +303,7 @@ TEST_F(EndToEndTest, AMigratorThatCannotSetUpStopsTheRun) {
   EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
   EXPECT_NE(run.err.find("AppMigrator.migrator' failed to set up its migrator"), std::string::npos)
       << run.err;
-  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
+  EXPECT_EQ(run.err.find("succeeded"), std::string::npos) << run.err;
   EXPECT_FALSE(pathExists(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist"));
 }
 
@@ -307,6 +312,163 @@ TEST_F(EndToEndTest, AnEmptyPluginDirectoryIsAFailedSetUp) {
   const ProgramRun run = migrate({"--plugin-dir", directory_ / "no-plugins"});
   EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
   EXPECT_NE(run.err.find("no plug-ins"), std::string::npos) << run.err;
+}
+
+struct RefusedRun {
+  std::vector<std::string> arguments;
+  std::string message;
+};
+
+TEST_F(EndToEndTest, EveryOptionAndOutputIsCheckedBeforeAnythingIsWritten) {
+  const std::string outside = directory_ / "outside";
+  makeDirectories(outside + "/a-directory");
+  writeFile(outside + "/target.json", "keep");
+  makeSymlink(outside + "/target.json", outside + "/link.json");
+  makeDirectories(home() + "/Library/Corvane");
+  writeFile(home() + "/Library/Corvane/ApplicationRegistry.lock", "");
+  const std::vector<RefusedRun> cases = {
+      {{"--log-json", outside + "/missing/m.json"},
+       "option '--log-json': the directory of '" + outside + "/missing/m.json' does not exist"},
+      {{"--installer-log-json", outside + "/link.json"},
+       "option '--installer-log-json': '" + outside + "/link.json' is a symbolic link"},
+      {{"--report", outside + "/link.json"},
+       "option '--report': '" + outside + "/link.json' is a symbolic link"},
+      {{"--report", outside + "/a-directory"},
+       "option '--report': '" + outside + "/a-directory' is a directory"},
+      {{"--log-json", "/dev/null"}, "option '--log-json': '/dev/null' is a device"},
+      {{"--plugin-dir", outside + "/nowhere"}, "option '--plugin-dir': "},
+      {{"--plugin-dir", outside + "/a-directory"}, "no plug-ins (*.migrator) found"},
+      {{"--progress-fd", "97"}, "option '--progress-fd': descriptor 97 is not open for writing"},
+  };
+  const auto before = snapshotTree(root_);
+  for (const RefusedRun& refused : cases) {
+    std::vector<std::string> arguments = {"migrate", "--root", root_};
+    arguments.insert(arguments.end(), refused.arguments.begin(), refused.arguments.end());
+    const ProgramRun run = runMavrel(arguments, directory_ / "scratch");
+    EXPECT_EQ(run.exitCode, 2) << refused.message << "\n" << run.err;
+    EXPECT_NE(run.err.find(refused.message), std::string::npos) << run.err;
+    EXPECT_EQ(snapshotTree(root_), before) << refused.message;
+  }
+  EXPECT_EQ(readFile(outside + "/target.json"), "keep");
+  struct stat status {};
+  ASSERT_EQ(::lstat((outside + "/link.json").c_str(), &status), 0);
+  EXPECT_TRUE(S_ISLNK(status.st_mode)) << "an output link must never be replaced";
+
+  // A registry held by another installer: refused without creating or
+  // changing anything, and the report says why instead of "succeeded".
+  const mavrel_host::UniqueFd lock(
+      ::open((home() + "/Library/Corvane/ApplicationRegistry.lock").c_str(), O_RDONLY));
+  ASSERT_EQ(::flock(lock.get(), LOCK_EX | LOCK_NB), 0);
+  const std::string report = outside + "/report.json";
+  const ProgramRun run =
+      runMavrel({"migrate", "--root", root_, "--report", report}, directory_ / "scratch");
+  EXPECT_EQ(run.exitCode, 2) << run.err;
+  EXPECT_NE(run.err.find("is in use by another installer"), std::string::npos) << run.err;
+  EXPECT_EQ(snapshotTree(root_), before);
+  const JSONValue document = parseJSON(readFile(report));
+  EXPECT_FALSE(document["succeeded"].boolean);
+  EXPECT_EQ(document["exitCode"].count(), 2u);
+  EXPECT_NE(document["error"].string.find("is in use by another installer"), std::string::npos);
+}
+
+TEST_F(EndToEndTest, ADirectoryHoldingNoDeviceImageIsRefusedUnlessForced) {
+  const std::string empty = directory_ / "typo-dir";
+  makeDirectories(empty);
+  for (const std::string command : {"migrate", "plan"}) {
+    const ProgramRun run = runMavrel({command, "--root", empty}, directory_ / "scratch");
+    EXPECT_EQ(run.exitCode, 2) << command << run.out << run.err;
+    EXPECT_NE(run.err.find("holds no device image: it has no private/var/mobile"),
+              std::string::npos)
+        << run.err;
+    EXPECT_TRUE(filesIn(empty).empty()) << command << " wrote into " << empty;
+  }
+  const ProgramRun refused = runMavrel({"migrate", "--root", empty}, directory_ / "scratch");
+  EXPECT_NE(refused.err.find("--force"), std::string::npos) << refused.err;
+  const ProgramRun forced =
+      runMavrel({"migrate", "--root", empty, "--force"}, directory_ / "scratch");
+  EXPECT_EQ(forced.exitCode, 0) << forced.err;
+  EXPECT_TRUE(pathExists(empty + "/private/var/mobile/Library/Logs/Mavrel"));
+}
+
+TEST_F(EndToEndTest, ReportAndProgressGoThroughStandardOutputAndSayTheTruth) {
+  // No file named "-" is made, /dev/stdout stays a link, and standard output
+  // carries only JSON: the progress events, then the report.
+  for (const std::string name : {"-", "/dev/stdout"}) {
+    const ProgramRun run =
+        runMavrel({"migrate", "--root", root_, "--report", name, "--progress-fd", "1", "--quiet"},
+                  directory_ / "scratch");
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_FALSE(pathExists(directory_ / "scratch/-"));
+    struct stat status {};
+    ASSERT_EQ(::lstat("/dev/stdout", &status), 0);
+    EXPECT_TRUE(S_ISLNK(status.st_mode));
+    const std::vector<std::string> lines = linesOf(run.out);
+    ASSERT_GE(lines.size(), 3u) << run.out;
+    const JSONValue start = parseJSON(lines.front());
+    EXPECT_EQ(start["event"].string, "start");
+    EXPECT_EQ(start["schemaVersion"].count(), 1u);
+    EXPECT_EQ(parseJSON(lines.back())["event"].string, "end");
+    const JSONValue report = parseJSON(lines[lines.size() - 2]);
+    EXPECT_EQ(report["schemaVersion"].count(), 2u);
+    EXPECT_FALSE(report["toolVersion"].string.empty());
+    EXPECT_TRUE(report["succeeded"].boolean);
+    EXPECT_TRUE(report["error"].isNull());
+    EXPECT_TRUE(hasShape(report["startedAt"].string.substr(0, 19), "9999-99-99T99:99:99"))
+        << report["startedAt"].string;
+    // --quiet: the final line alone.
+    EXPECT_EQ(run.err.find("Migrating device image"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("Nothing to migrate: " + root_), std::string::npos) << run.err;
+  }
+}
+
+struct InterruptionCase {
+  std::string signals;
+  int exitCode;
+  std::string name;
+  std::string where;
+};
+
+TEST_F(EndToEndTest, AnInterruptedRunSaysSoWritesItsReportAndResumes) {
+  const std::string plugins = directory_ / "plugins";
+  makeDirectories(plugins);
+  std::filesystem::copy_file(MAVREL_BINARY_DIR "/plugins/AppMigrator.migrator",
+                             plugins + "/AppMigrator.migrator");
+  std::filesystem::copy_file(MAVREL_BINARY_DIR "/test-plugins/DamagingMigrator.migrator",
+                             plugins + "/ZZDamagingMigrator.migrator");
+  const std::string report = directory_ / "scratch/report.json";
+  for (const InterruptionCase& interruption :
+       {InterruptionCase{"TERM", 143, "SIGTERM", "(between two entries)"},
+        InterruptionCase{"INT,INT", 130, "SIGINT", "(in the middle of an entry)"}}) {
+    // An application whose bundle lacks its executable: its entry fails.
+    writeFile(home() + "/Applications/" + interruption.name + "/Example.app/Info.plist",
+              plist("<dict><key>QXBundleIdentifier</key><string>com.example.app</string>"
+                    "<key>QXBundleExecutable</key><string>Example</string></dict>"));
+    ::setenv("MAVREL_TEST_SIGNAL", interruption.signals.c_str(), 1);
+    const ProgramRun run =
+        runMavrel({"migrate", "--root", root_, "--plugin-dir", plugins, "--report", report},
+                  directory_ / "scratch");
+    ::unsetenv("MAVREL_TEST_SIGNAL");
+    EXPECT_EQ(run.exitCode, interruption.exitCode) << run.out << run.err;
+    EXPECT_NE(run.err.find("interrupted by " + interruption.name +
+                           " during the pass of "
+                           "DamagingMigrator"),
+              std::string::npos)
+        << run.err;
+    EXPECT_NE(run.err.find(interruption.where), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("run the same command again to resume"), std::string::npos) << run.err;
+    const JSONValue document = parseJSON(readFile(report));
+    EXPECT_FALSE(document["succeeded"].boolean);
+    EXPECT_EQ(document["exitCode"].count(), static_cast<std::uint64_t>(interruption.exitCode));
+    EXPECT_EQ(document["interrupted"].string, interruption.name);
+    // The finished pass of the real migrator is in the report.
+    ASSERT_EQ(document["migrators"].array.size(), 1u);
+    EXPECT_EQ(document["entries"].array.size(), 1u);
+  }
+  // The interrupted passes had ended with the legacy tree: the next run has
+  // nothing left to do, and says so.
+  const ProgramRun again = runMavrel({"migrate", "--root", root_}, directory_ / "scratch");
+  EXPECT_EQ(again.exitCode, 0) << again.err;
+  EXPECT_NE(again.err.find("Nothing to migrate: " + root_), std::string::npos) << again.err;
 }
 
 }  // namespace

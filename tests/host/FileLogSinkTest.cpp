@@ -44,11 +44,19 @@ TEST(FileLogSinkTest, WritesEachLineToTextAndJSONAndAppends) {
   EXPECT_EQ(readFile(directory / "text.log"), "earlier run\n" + stamp +
                                                   " <5> MavrelHost A.cpp:7 f: first\n" + stamp +
                                                   " <3> MavrelHost B.cpp:9 g: second\n");
+  // JSON lines carry ISO 8601 times with the zone: "2026-11-21T08:32:00.000+01:00".
+  const std::string iso = formatISOLineTimestamp(fixedClock());
+  ASSERT_EQ(iso.size(), 29u) << iso;
+  EXPECT_EQ(iso.substr(10, 1), "T");
+  EXPECT_EQ(iso.substr(0, 10), stamp.substr(0, 10));
+  EXPECT_EQ(iso.substr(11, 12), stamp.substr(11, 12));
+  EXPECT_NE(std::string("+-").find(iso[23]), std::string::npos) << iso;
+  EXPECT_EQ(iso[26], ':') << iso;
   const std::string json = readFile(directory / "lines.json");
-  EXPECT_EQ(json, formatJSONLine(LogFlavor::Migration, notice("first"), stamp) +
-                      formatJSONLine(LogFlavor::Migration,
-                                     platform::LogLine{3, "g", "second", "MavrelHost", "B.cpp", 9},
-                                     stamp));
+  EXPECT_EQ(json,
+            formatJSONLine(LogFlavor::Migration, notice("first"), iso) +
+                formatJSONLine(LogFlavor::Migration,
+                               platform::LogLine{3, "g", "second", "MavrelHost", "B.cpp", 9}, iso));
 }
 
 TEST(FileLogSinkTest, FileLevelKeepsStricterLinesOut) {
@@ -118,7 +126,7 @@ TEST(HostLogsTest, LogLevelKeepsNoticesForProgressButOutOfTheFile) {
   options.root = directory.path();
   options.logLevel = 3;
   std::string reason;
-  auto logs = openHostLogs(directory.path(), options, 1795249920, &reason);
+  auto logs = openHostLogs(directory.path(), options, 1795249920, {}, &reason);
   ASSERT_TRUE(logs) << reason;
   // The migration log must still pass notices on (the progress display reads
   // them); the installer log follows the asked level exactly.
@@ -130,10 +138,15 @@ TEST(HostLogsTest, LogLevelKeepsNoticesForProgressButOutOfTheFile) {
 
   MigrateOptions noLevel;
   noLevel.root = directory.path();
-  auto defaults = openHostLogs(directory.path(), noLevel, 1795249920, &reason);
+  auto defaults = openHostLogs(directory.path(), noLevel, 1795249920, {}, &reason);
   ASSERT_TRUE(defaults) << reason;
   EXPECT_FALSE(defaults->migrationHandleLevel);
   EXPECT_FALSE(defaults->installerHandleLevel);
+  // A second run in the same second gets log files of its own.
+  EXPECT_NE(defaults->migration->textPath(), logs->migration->textPath());
+  EXPECT_TRUE(defaults->migration->textPath().ends_with("-2.log"))
+      << defaults->migration->textPath();
+  EXPECT_NE(defaults->installer->textPath(), logs->installer->textPath());
 }
 
 }  // namespace

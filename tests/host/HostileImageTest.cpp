@@ -309,8 +309,8 @@ TEST_F(HostileImageTest, TwoContainersWithOneIdentifierAreAConflict) {
   const ProgramRun run = migrate();
   ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
   EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
-  EXPECT_NE(run.out.find("conflict: com.example.foo was in "), std::string::npos) << run.out;
-  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("conflict: com.example.foo was in "), std::string::npos) << run.err;
+  EXPECT_EQ(run.err.find("succeeded"), std::string::npos) << run.err;
 }
 
 // A move between file systems is a copy whose failure loses the source, so

@@ -114,7 +114,7 @@ TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrives) {
 
   const host_test::ProgramRun run = migrate(manifest);
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
-  EXPECT_NE(run.out.find("succeeded"), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("succeeded"), std::string::npos) << run.err;
   EXPECT_FALSE(pathExists(manifest.legacyDirectory));
   EXPECT_FALSE(pathExists(manifest.installMapPath));
   EXPECT_FALSE(pathExists(manifest.harborMapPath));
@@ -179,7 +179,7 @@ TEST_F(MigrationEndToEndTest, MissingExecutableKeepsDataAndFailsTheRun) {
 
   const host_test::ProgramRun run = migrate(manifest);
   EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
-  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
+  EXPECT_EQ(run.err.find("succeeded"), std::string::npos) << run.err;
   // The container goes, the data stays in the data container of its placeholder.
   EXPECT_FALSE(pathExists(broken->containerPath));
   const auto registry = openRegistry(manifest);

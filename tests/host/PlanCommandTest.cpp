@@ -1,8 +1,11 @@
 // `mavrel plan`: every kind of legacy entry is classified and predicted as the
 // pass would deal with it, the user data is counted, and nothing at all is
 // written, on a fresh image and on one that already has a registry.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
+#include "host/UniqueFd.h"
 #include "tests/host/GeneratedImage.h"
 #include "tests/support/DeviceImage.h"
 
@@ -158,6 +161,47 @@ TEST_F(PlanCommandTest, RefusesAnUnusableRootOrLegacyDirectory) {
   run = runMavrel({"plan", "--root", image_.rootPath()}, scratch_.path());
   EXPECT_EQ(run.exitCode, 2);
   EXPECT_NE(run.err.find(image_.legacyDirectory()), std::string::npos) << run.err;
+}
+
+TEST_F(PlanCommandTest, TheVerdictSaysWhenAMigrationIsRunningOrWasInterrupted) {
+  writeApplication(container("A") + "/Foo.app", "com.example.foo");
+  JSONValue document = plan();
+  EXPECT_EQ(document["schemaVersion"].count(), 2u);
+  EXPECT_FALSE(document["toolVersion"].string.empty());
+  EXPECT_FALSE(document["migrationRunning"].boolean);
+  EXPECT_FALSE(document["lastMigrationInterrupted"].boolean);
+  EXPECT_TRUE(document["circumstances"].isNull());
+
+  // A container the interrupted run had begun carries its marker.
+  makeDirectories(container("F"));
+  writeApplication(container("F") + "/Gone.app", "com.example.gone");
+  image_.writePlist(container("F") + "/" + kMarkerName,
+                    CVDictionary{{"ContainerPath", container("F")},
+                                 {"BundlePath", container("F") + "/Gone.app"},
+                                 {"BundleIdentifier", "com.example.gone"},
+                                 {"ContainerType", "App"}});
+  const std::string lockPath = image_.home("Library/Corvane/ApplicationRegistry.lock");
+  writeFile(lockPath, "");
+  struct Case {
+    bool holdLock;
+    std::string verdict;
+  };
+  for (const Case& circumstance :
+       {Case{false, "The last migration of this image was interrupted: 1 container(s) resume"},
+        Case{true, "A migration is running on this image now"}}) {
+    const mavrel_host::UniqueFd lock(::open(lockPath.c_str(), O_RDONLY));
+    if (circumstance.holdLock) {
+      ASSERT_EQ(::flock(lock.get(), LOCK_EX | LOCK_NB), 0);
+    }
+    const ProgramRun run = runMavrel({"plan", "--root", image_.rootPath()}, scratch_.path());
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.out.find(circumstance.verdict), std::string::npos) << run.out;
+    document = plan();
+    EXPECT_EQ(document["migrationRunning"].boolean, circumstance.holdLock);
+    EXPECT_TRUE(document["lastMigrationInterrupted"].boolean);
+    EXPECT_EQ(document["circumstances"].string.rfind(circumstance.verdict, 0), 0u)
+        << document["circumstances"].string;
+  }
 }
 
 // The whole directory holding the image, before and after: names, contents,

@@ -135,12 +135,12 @@ TEST_F(RunReportTest, EachEntryHasItsOutcome) {
   EXPECT_TRUE(report["verification"].isNull());
 
   // The console says the same, and never "succeeded".
-  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("failed at installing: " + broken.identifier), std::string::npos)
-      << run.out;
-  EXPECT_NE(run.out.find(std::to_string(legacyEntries) + " legacy entries:"), std::string::npos)
-      << run.out;
-  EXPECT_NE(run.out.find("Report written to " + reportPath), std::string::npos) << run.out;
+  EXPECT_EQ(run.err.find("succeeded"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("failed at installing: " + broken.identifier), std::string::npos)
+      << run.err;
+  EXPECT_NE(run.err.find(std::to_string(legacyEntries) + " legacy entries:"), std::string::npos)
+      << run.err;
+  EXPECT_NE(run.err.find("Report written to " + reportPath), std::string::npos) << run.err;
 }
 
 TEST_F(RunReportTest, AReportThatCannotBeWrittenIsRefusedBeforeMigrating) {

@@ -99,17 +99,17 @@ TEST_F(VerifyTest, EveryFileArrives) {
       {"migrate", "--root", manifest.root, "--verify", "--report", report}, directory_.path());
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   const std::string files = std::to_string(userDataFiles(manifest));
-  EXPECT_NE(run.out.find("Verified " + files + " of " + files + " user-data files"),
+  EXPECT_NE(run.err.find("Verified " + files + " of " + files + " user-data files"),
             std::string::npos)
-      << run.out;
+      << run.err;
   // Removed by the rules is said, and never contradicted.
-  EXPECT_NE(run.out.find("1 file(s) were removed with legacy containers that held no application"),
+  EXPECT_NE(run.err.find("1 file(s) were removed with legacy containers that held no application"),
             std::string::npos)
-      << run.out;
-  EXPECT_NE(run.out.find("Apart from those removed, every file is at its new place."),
+      << run.err;
+  EXPECT_NE(run.err.find("Apart from those removed, every file is at its new place."),
             std::string::npos)
-      << run.out;
-  EXPECT_EQ(run.out.find("o user data was lost"), std::string::npos) << run.out;
+      << run.err;
+  EXPECT_EQ(run.err.find("o user data was lost"), std::string::npos) << run.err;
 
   const auto document = parseJSON(readFile(report));
   const auto& verification = document["verification"];
@@ -191,10 +191,10 @@ TEST_F(VerifyTest, ARemovedFileIsMissing) {
       {"migrate", "--root", manifest.root, "--verify", "--plugin-dir", damagingPluginDirectory()},
       directory_.path());
   EXPECT_EQ(run.exitCode, 3) << run.out << run.err;
-  EXPECT_NE(run.out.find("USER DATA LOST: 1 file(s) missing, 0 file(s) changed"), std::string::npos)
-      << run.out;
-  EXPECT_NE(run.out.find("missing: "), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find(document), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("USER DATA LOST: 1 file(s) missing, 0 file(s) changed"), std::string::npos)
+      << run.err;
+  EXPECT_NE(run.err.find("missing: "), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find(document), std::string::npos) << run.err;
 }
 
 // A file still at its old place while the run says it moved is out of its
@@ -212,9 +212,9 @@ TEST_F(VerifyTest, AFileLeftBehindWhereTheRunSaysItMovedIsALoss) {
       {"migrate", "--root", manifest.root, "--verify", "--plugin-dir", damagingPluginDirectory()},
       directory_.path());
   EXPECT_EQ(run.exitCode, 3) << run.out << run.err;
-  EXPECT_NE(run.out.find("USER DATA LEFT BEHIND: 1 file(s)"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("left behind: " + legacy + "/" + document), std::string::npos) << run.out;
-  EXPECT_EQ(run.out.find("o user data was lost"), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("USER DATA LEFT BEHIND: 1 file(s)"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("left behind: " + legacy + "/" + document), std::string::npos) << run.err;
+  EXPECT_EQ(run.err.find("o user data was lost"), std::string::npos) << run.err;
 }
 
 TEST_F(VerifyTest, AChangedFileIsCaught) {
@@ -225,9 +225,9 @@ TEST_F(VerifyTest, AChangedFileIsCaught) {
       {"migrate", "--root", manifest.root, "--verify", "--plugin-dir", damagingPluginDirectory()},
       directory_.path());
   EXPECT_EQ(run.exitCode, 3) << run.out << run.err;
-  EXPECT_NE(run.out.find("USER DATA LOST: 0 file(s) missing, 1 file(s) changed"), std::string::npos)
-      << run.out;
-  EXPECT_NE(run.out.find("changed: "), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("USER DATA LOST: 0 file(s) missing, 1 file(s) changed"), std::string::npos)
+      << run.err;
+  EXPECT_NE(run.err.find("changed: "), std::string::npos) << run.err;
 }
 
 TEST_F(VerifyTest, AFailedPassThatLostNothingSaysSo) {
@@ -235,9 +235,9 @@ TEST_F(VerifyTest, AFailedPassThatLostNothingSaysSo) {
   const ProgramRun run =
       runMavrel({"migrate", "--root", manifest.root, "--verify"}, directory_.path());
   EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
-  EXPECT_NE(run.out.find("The migration failed, but no user data was lost"), std::string::npos)
-      << run.out;
-  EXPECT_EQ(run.out.find("succeeded"), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("The migration failed, but no user data was lost"), std::string::npos)
+      << run.err;
+  EXPECT_EQ(run.err.find("succeeded"), std::string::npos) << run.err;
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ TEST_F(MkImageCommandTest, MakesAnImageAndSummarizesIt) {
   // The directory now holds an image: refused unless replaced.
   const ProgramRun again = run({"--root", root, "--apps", "3"});
   EXPECT_EQ(again.exitCode, 2);
-  EXPECT_NE(again.err.find("not empty"), std::string::npos) << again.err;
+  EXPECT_NE(again.err.find("not empty; --force replaces"), std::string::npos) << again.err;
   const ProgramRun replaced = run({"--root", root, "--apps", "3", "--force"});
   EXPECT_EQ(replaced.exitCode, 0) << replaced.err;
   EXPECT_NE(replaced.out.find("applications: 3 "), std::string::npos) << replaced.out;

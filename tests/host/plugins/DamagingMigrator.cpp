@@ -10,10 +10,19 @@
 //
 // <path> is relative to the application's data container. Without the
 // variable the pass does nothing; it always reports success.
+//
+//   MAVREL_TEST_SIGNAL="TERM" or "INT"  sends the signal to its own process
+//       during the pass, then reports an entry (a safe point to stop at);
+//   MAVREL_TEST_SIGNAL="INT,INT"         sends it twice, then waits in the
+//       middle of its entry for the host to stop the run.
+#include <signal.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include "platform/InstallerService.h"
 #include "platform/MavrelMigrator.h"
@@ -22,13 +31,15 @@ namespace {
 
 class DamagingMigrator final : public MavrelMigrator {
  public:
-  explicit DamagingMigrator(platform::ApplicationRegistry& registry) : registry_(registry) {}
+  DamagingMigrator(platform::ApplicationRegistry& registry, MavrelMigrationObserver* observer)
+      : registry_(registry), observer_(observer) {}
 
   std::string dataClassName() const override { return "DamagingMigrator"; }
   float estimatedDuration() const override { return 1.0f; }
   float migrationProgress() const override { return 1.0f; }
 
   bool performMigration() override {
+    if (const char* signal = std::getenv("MAVREL_TEST_SIGNAL")) interrupt(signal);
     const char* request = std::getenv("MAVREL_TEST_DAMAGE");
     if (request == nullptr) return true;
     const std::string text(request);
@@ -61,7 +72,23 @@ class DamagingMigrator final : public MavrelMigrator {
   }
 
  private:
+  void interrupt(std::string_view request) {
+    const int number = request.starts_with("INT") ? SIGINT : SIGTERM;
+    const std::string path = "/DamagingMigrator/entry";
+    if (request.find(',') == std::string_view::npos) {
+      ::kill(::getpid(), number);
+      if (observer_ != nullptr) observer_->migrationEntryBegan(path, "com.example.signalled");
+      return;
+    }
+    if (observer_ != nullptr) observer_->migrationEntryBegan(path, "com.example.signalled");
+    ::kill(::getpid(), number);
+    ::kill(::getpid(), number);
+    for (;;)
+      ::pause();
+  }
+
   platform::ApplicationRegistry& registry_;
+  MavrelMigrationObserver* observer_;
 };
 
 }  // namespace
@@ -69,5 +96,5 @@ class DamagingMigrator final : public MavrelMigrator {
 extern "C" __attribute__((visibility("default"))) MavrelMigrator* MavrelCreateMigrator(
     const MavrelHostServices* services) {
   if (services == nullptr || services->registry == nullptr) return nullptr;
-  return new DamagingMigrator(*services->registry);
+  return new DamagingMigrator(*services->registry, services->observer);
 }
