@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "host/RecoverCommand.h"
+
 namespace mavrel_host {
 namespace {
 
@@ -42,6 +44,11 @@ ParsedCommand parseMigrate(std::span<const std::string_view> words) {
     if (word == "--verify") {
       if (options.verify) return failure("option '--verify' given more than once");
       options.verify = true;
+      continue;
+    }
+    if (word == "--no-safety-net") {
+      if (!options.safetyNet) return failure("option '--no-safety-net' given more than once");
+      options.safetyNet = false;
       continue;
     }
 
@@ -157,6 +164,7 @@ ParsedCommand parseCommandLine(std::span<const std::string_view> arguments) {
   if (first == "plan")
     return parseApps(arguments.subspan(1), ParsedCommand::Kind::Plan, ParsedCommand::Kind::PlanHelp,
                      "plan for");
+  if (first == "recover") return parseRecover(arguments.subspan(1));
   if (first.starts_with("-")) return failure("unknown option '" + std::string(first) + "'");
   return failure("unknown command '" + std::string(first) + "'");
 }
@@ -165,12 +173,14 @@ std::string_view generalUsageText() {
   return "usage: mavrel migrate --root DIR [options]\n"
          "       mavrel plan --root DIR [--json]\n"
          "       mavrel apps --root DIR [--json]\n"
+         "       mavrel recover --root DIR [--run ID] [--to DIR [--move]] | --purge\n"
          "       mavrel --help | --version\n"
          "\n"
          "Commands:\n"
          "  migrate    migrate the applications of a device image to the current layout\n"
          "  plan       show what a migration would do with each legacy entry, changing nothing\n"
          "  apps       list the applications and safe harbors the image's registry holds\n"
+         "  recover    list, copy out or purge what the safety nets of earlier migrations hold\n"
          "\n"
          "Options:\n"
          "  --help     alone: this text; after a command: the command and all its options\n"
@@ -201,6 +211,9 @@ std::string_view migrateUsageText() {
          "                              or changed\n"
          "  --report FILE               write a JSON report of the run to FILE: each legacy\n"
          "                              entry's outcome, totals, durations and the log files\n"
+         "  --no-safety-net             keep no hard link of the user data during the pass\n"
+         "                              (by default what the migration discards is kept in\n"
+         "                              <home>/Library/Mavrel/SafetyNet; see 'mavrel recover')\n"
          "  --help                      show this text\n"
          "\n"
          "Exit status: 0 when every migration succeeded, 1 when one failed, 2 for a usage\n"

@@ -2,6 +2,8 @@
 //
 //   mavrel migrate --root DIR [--log-json FILE] [--installer-log-json FILE]
 //                  [--log-level N] [--plugin-dir DIR] [--verify] [--report FILE]
+//                  [--no-safety-net]
+//   mavrel recover --root DIR [--run ID] [--to DIR [--move]] | --purge [--run ID]
 //   mavrel plan --root DIR [--json]
 //   mavrel apps --root DIR [--json]
 //   mavrel --help | mavrel COMMAND --help | mavrel --version
@@ -17,6 +19,8 @@
 #include <string>
 #include <string_view>
 
+#include "host/RecoverOptions.h"
+
 namespace mavrel_host {
 
 struct MigrateOptions {
@@ -29,6 +33,8 @@ struct MigrateOptions {
   bool verify = false;
   // Where to write the JSON report of the run.
   std::optional<std::string> reportPath;
+  // Keep a hard link of every user-data file until the pass is over (SafetyNet.h).
+  bool safetyNet = true;
 };
 
 struct AppsOptions {
@@ -40,10 +46,23 @@ struct AppsOptions {
 using PlanOptions = AppsOptions;
 
 struct ParsedCommand {
-  enum class Kind { Migrate, Apps, Plan, Help, MigrateHelp, AppsHelp, PlanHelp, Version, Error };
+  enum class Kind {
+    Migrate,
+    Apps,
+    Plan,
+    Recover,
+    Help,
+    MigrateHelp,
+    AppsHelp,
+    PlanHelp,
+    RecoverHelp,
+    Version,
+    Error
+  };
   Kind kind = Kind::Error;
   MigrateOptions options;  // meaningful for Migrate
   AppsOptions apps;        // meaningful for Apps and Plan
+  RecoverOptions recover;  // meaningful for Recover
   std::string error;       // meaningful for Error: one line, without the program name
 };
 

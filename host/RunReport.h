@@ -19,7 +19,12 @@
 //   "verification": null, or {"files", "bytes", "verified", "verifiedBytes",
 //                   "stillInLegacy", "leftBehind", "missing", "changed",
 //                   "unreadableBefore", "removedByDesign",
-//                   "missingExamples", "changedExamples", "leftBehindExamples"}.
+//                   "missingExamples", "changedExamples", "leftBehindExamples"},
+//   "safetyNet": null (--no-safety-net, or no net could be made), or
+//                {"runId", "directory", "adopted", "linked", "notLinked",
+//                 "notLinkedExamples", "keptFiles", "keptBytes",
+//                 "kept": [{"legacyPath", "files", "bytes", "reason", "examples"}],
+//                 "problem"} (SafetyNet.h).
 // A missing string is null.
 //
 // Error contract: writeRunReport writes atomically (platform/FileIO.h) and
@@ -33,6 +38,7 @@
 
 #include "host/EntryRecorder.h"
 #include "host/OutcomeTotals.h"
+#include "host/SafetyNet.h"
 #include "host/UserDataVerification.h"
 
 namespace mavrel_host {
@@ -56,6 +62,7 @@ struct RunReport {
   std::optional<std::string> migrationLogJSON;
   std::optional<std::string> installerLogJSON;
   std::optional<VerificationResult> verification;
+  std::optional<SafetyNetResult> safetyNet;
 
   OutcomeTotals totals() const;
   // Every pass returned true and no entry failed or was left in place.
