@@ -3,6 +3,7 @@
 #include <string>
 
 #include "host/MigrationHost.h"
+#include "host/RecoverCommand.h"
 #include "host/RootDirectory.h"
 #include "installer/RegistryListing.h"
 #include "platform/DeviceRoot.h"
@@ -131,7 +132,8 @@ int runApps(const AppsOptions& options, std::FILE* out, std::FILE* err) {
     std::fprintf(err, "mavrel: %s\n", error.localizedDescription().c_str());
     return kExitUsageOrSetUp;
   }
-  const std::string text = options.json ? formatListingJSON(*listing) : formatListingText(*listing);
+  std::string text = options.json ? formatListingJSON(*listing) : formatListingText(*listing);
+  if (!options.json) text += safetyNetNotice(*root);
   std::fwrite(text.data(), 1, text.size(), out);
   std::fflush(out);
   return kExitSucceeded;

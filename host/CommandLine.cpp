@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "host/RecoverCommand.h"
+
 namespace mavrel_host {
 namespace {
 
@@ -79,6 +81,12 @@ ParsedCommand parseMigrate(std::span<const std::string_view> words) {
       return migrateFailure("'migrate' has no option '" + std::string(word) +
                             "': run 'mavrel plan --root DIR' to see what a migration would do, "
                             "changing nothing");
+    if (word == "--no-safety-net") {
+      if (!options.safetyNet)
+        return migrateFailure("option '--no-safety-net' given more than once");
+      options.safetyNet = false;
+      continue;
+    }
 
     // Accept both "--option value" and "--option=value".
     std::string_view name = word;
@@ -210,6 +218,7 @@ ParsedCommand parseCommandLine(std::span<const std::string_view> arguments) {
   if (first == "plan")
     return parseApps(arguments.subspan(1), ParsedCommand::Kind::Plan, ParsedCommand::Kind::PlanHelp,
                      "plan for");
+  if (first == "recover") return parseRecover(arguments.subspan(1));
   if (first.starts_with("-")) return failure("unknown option '" + std::string(first) + "'");
   return failure("unknown command '" + std::string(first) + "'");
 }
@@ -218,12 +227,14 @@ std::string_view generalUsageText() {
   return "usage: mavrel migrate --root DIR [options]\n"
          "       mavrel plan --root DIR [--json]\n"
          "       mavrel apps --root DIR [--json]\n"
+         "       mavrel recover --root DIR [--run ID] [--to DIR [--move]] | --purge\n"
          "       mavrel --help | --version | -V\n"
          "\n"
          "Commands:\n"
          "  migrate    migrate the applications of a device image to the current layout\n"
          "  plan       show what a migration would do with each legacy entry, changing nothing\n"
          "  apps       list the applications and safe harbors the image's registry holds\n"
+         "  recover    list, copy out or purge what the safety nets of earlier migrations hold\n"
          "\n"
          "Options:\n"
          "  --help     alone: this text; after a command: the command and all its options\n"
@@ -263,6 +274,9 @@ std::string_view migrateUsageText() {
          "  --quiet, -q                 print only errors and the final line\n"
          "  --progress-fd N             write progress to the open descriptor N, one JSON\n"
          "                              object per line\n"
+         "  --no-safety-net             keep no hard link of the user data during the pass\n"
+         "                              (by default what the migration discards is kept in\n"
+         "                              <home>/Library/Mavrel/SafetyNet; see 'mavrel recover')\n"
          "  --help                      show this text\n"
          "\n"
          "Progress and the summary go to standard output on a terminal, to standard error\n"
@@ -271,8 +285,8 @@ std::string_view migrateUsageText() {
          "same command again resumes it.\n"
          "\n"
          "Exit status: 0 when every migration succeeded, 1 when one failed, 2 for a usage\n"
-         "error or a failed set-up, 3 when --verify found a user-data file missing or\n"
-         "changed, 130 or 143 when interrupted.\n";
+         "error or a failed set-up, 3 when --verify found a user-data file missing,\n"
+         "changed or left behind, 130 or 143 when interrupted.\n";
 }
 
 std::string_view planUsageText() {

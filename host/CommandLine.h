@@ -2,7 +2,8 @@
 //
 //   mavrel migrate --root DIR [--log-json FILE] [--installer-log-json FILE]
 //                  [--log-level N] [--plugin-dir DIR] [--verify] [--report FILE]
-//                  [--force] [--quiet] [--progress-fd N]
+//                  [--force] [--quiet] [--progress-fd N] [--no-safety-net]
+//   mavrel recover --root DIR [--run ID] [--to DIR [--move]] | --purge [--run ID]
 //   mavrel plan --root DIR [--json]
 //   mavrel apps --root DIR [--json]
 //   mavrel --help | mavrel COMMAND --help | mavrel --version | mavrel -V
@@ -17,6 +18,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+
+#include "host/RecoverOptions.h"
 
 namespace mavrel_host {
 
@@ -36,6 +39,8 @@ struct MigrateOptions {
   bool quiet = false;
   // A descriptor, open for writing, that gets one JSON object per event.
   std::optional<int> progressFD;
+  // Keep a hard link of every user-data file until the pass is over (SafetyNet.h).
+  bool safetyNet = true;
 };
 
 struct AppsOptions {
@@ -47,10 +52,23 @@ struct AppsOptions {
 using PlanOptions = AppsOptions;
 
 struct ParsedCommand {
-  enum class Kind { Migrate, Apps, Plan, Help, MigrateHelp, AppsHelp, PlanHelp, Version, Error };
+  enum class Kind {
+    Migrate,
+    Apps,
+    Plan,
+    Recover,
+    Help,
+    MigrateHelp,
+    AppsHelp,
+    PlanHelp,
+    RecoverHelp,
+    Version,
+    Error
+  };
   Kind kind = Kind::Error;
   MigrateOptions options;  // meaningful for Migrate
   AppsOptions apps;        // meaningful for Apps and Plan
+  RecoverOptions recover;  // meaningful for Recover
   std::string error;       // meaningful for Error: one line, without the program name
   // Meaningful for Error: the short usage of the command at fault (the
   // general one when no command was recognised), ending with a newline.

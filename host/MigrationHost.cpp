@@ -26,9 +26,11 @@
 #include "host/PluginLoader.h"
 #include "host/ProgressDisplay.h"
 #include "host/ProgressTracker.h"
+#include "host/RecoverCommand.h"
 #include "host/RootDirectory.h"
 #include "host/RunObserver.h"
 #include "host/RunReport.h"
+#include "host/SafetyNet.h"
 #include "host/UserDataVerification.h"
 #include "installer/EmbeddedInstallerService.h"
 #include "installer/RegistryListing.h"
@@ -232,6 +234,21 @@ UserDataManifest recordUserData(const Console& console) {
   return manifest;
 }
 
+// A hard link of every user-data file before the pass; a run whose net
+// cannot be made goes on without one.
+std::optional<SafetyNet> laySafetyNet(const std::string& root, std::FILE* out, std::FILE* err) {
+  std::string reason;
+  auto net =
+      SafetyNet::lay(root, CVGlobalConfiguration::sharedInstance(), std::time(nullptr), &reason);
+  if (!net) {
+    printLine(err, "mavrel: warning: no safety net: " + reason);
+    return std::nullopt;
+  }
+  printText(out, formatSafetyNetLaid(net->result()));
+  std::fflush(out);
+  return net;
+}
+
 // What the run says of each container and harbor, for the verification.
 RunStatement whatTheRunSays(const std::vector<RecordedEntry>& entries) {
   RunStatement statement;
@@ -306,6 +323,9 @@ int migrateWithLogs(MigrationRun& run, const std::string& root,
   std::string reason;
   auto migrators = loadMigrators(pluginPaths, services, tracker, &reason);
   if (!migrators) return refuse(run, reason);
+  // Once nothing can stop the passes, so that a failed set-up leaves no net.
+  std::optional<SafetyNet> net;
+  if (options.safetyNet) net = laySafetyNet(root, run.console.stream(), run.console.errors());
 
   const std::string logPath = run.logs->migration->textPath();
   int exitCode = kExitSucceeded;
@@ -336,6 +356,11 @@ int migrateWithLogs(MigrationRun& run, const std::string& root,
     run.console.text(formatVerification(result, exitCode == kExitSucceeded));
     if (result.dataLost()) exitCode = kExitUserDataLost;
     run.report.verification = result;
+  }
+  if (net) {
+    net->settle(CVGlobalConfiguration::sharedInstance(), recorder.entries());
+    run.console.text(formatSafetyNetSettled(net->result(), root));
+    run.report.safetyNet = net->result();
   }
   // The migrators go before their modules are closed, and both before the
   // services they were given.
@@ -508,6 +533,11 @@ int runHost(std::span<const std::string_view> arguments, std::FILE* out, std::FI
       return kExitSucceeded;
     case ParsedCommand::Kind::Plan:
       return runPlan(command.apps, out, err);
+    case ParsedCommand::Kind::RecoverHelp:
+      printText(out, recoverUsageText());
+      return kExitSucceeded;
+    case ParsedCommand::Kind::Recover:
+      return runRecover(command.recover, out, err);
     case ParsedCommand::Kind::Version:
       printText(out, versionText());
       return kExitSucceeded;

@@ -148,6 +148,12 @@ std::string formatRunReportJSON(const RunReport& report) {
   } else {
     json.null();
   }
+  json.key("safetyNet");
+  if (report.safetyNet) {
+    writeSafetyNetJSON(json, *report.safetyNet);
+  } else {
+    json.null();
+  }
   json.endObject();
   return json.text();
 }

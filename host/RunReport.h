@@ -23,7 +23,12 @@
 //   "verification": null, or {"files", "bytes", "verified", "verifiedBytes",
 //                   "stillInLegacy", "leftBehind", "missing", "changed",
 //                   "unreadableBefore", "removedByDesign",
-//                   "missingExamples", "changedExamples", "leftBehindExamples"}.
+//                   "missingExamples", "changedExamples", "leftBehindExamples"},
+//   "safetyNet": null (--no-safety-net, or no net could be made), or
+//                {"runId", "directory", "adopted", "linked", "notLinked",
+//                 "notLinkedExamples", "keptFiles", "keptBytes",
+//                 "kept": [{"legacyPath", "files", "bytes", "reason", "examples"}],
+//                 "problem"} (SafetyNet.h).
 // A missing string is null.
 //
 // Error contract: writeRunReport writes through the report file opened
@@ -41,6 +46,7 @@
 
 #include "host/EntryRecorder.h"
 #include "host/OutcomeTotals.h"
+#include "host/SafetyNet.h"
 #include "host/UniqueFd.h"
 #include "host/UserDataVerification.h"
 
@@ -69,6 +75,7 @@ struct RunReport {
   std::optional<VerificationResult> verification;
   std::string error;
   std::optional<std::string> interruptedBy;
+  std::optional<SafetyNetResult> safetyNet;
 
   OutcomeTotals totals() const;
 };

@@ -21,6 +21,7 @@ void SweepTest::countFiles(const ImageCheck& check) {
   findings_.count("files verified in a data container mavrel apps does not list",
                   check.filesInUnlistedContainers);
   findings_.count("files lost under a rule of the migration", check.lossesByRule.size());
+  findings_.count("files kept in a safety net", check.filesInSafetyNet);
 }
 
 void SweepTest::countSecondsSince(std::chrono::steady_clock::time_point start) {

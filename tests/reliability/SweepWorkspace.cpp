@@ -370,6 +370,23 @@ void SweepWorkspace::checkOutside(ImageCheck& result) const {
   }
 }
 
+namespace {
+
+// Whether a safety net of the image holds the file with these bytes.
+bool keptInSafetyNet(const std::string& root, const std::string& legacy,
+                     const std::string& relative, const std::string& digest) {
+  const std::string nets = root + "/private/var/mobile/Library/Mavrel/SafetyNet";
+  const std::string below = fs::path(legacy).lexically_relative(root).string() + "/" + relative;
+  std::error_code error;
+  for (fs::directory_iterator it(nets, error), end; !error && it != end; it.increment(error)) {
+    const std::string path = it->path().string() + "/" + below;
+    if (isRegularFile(path) && CVCreateSHA256Digest(path).value_or("") == digest) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 ImageCheck SweepWorkspace::check(bool finished) const {
   ImageCheck result;
   checkOutside(result);
@@ -451,6 +468,12 @@ ImageCheck SweepWorkspace::check(bool finished) const {
     }
     if (differs) {
       result.changed.push_back(name);
+      continue;
+    }
+    // The migration's safety net keeps what its rules discard, under the
+    // legacy path.
+    if (keptInSafetyNet(root_, file.legacy, file.relative, file.digest)) {
+      ++result.filesInSafetyNet;
       continue;
     }
     if (!logText) logText = logs();

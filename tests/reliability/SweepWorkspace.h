@@ -51,6 +51,8 @@ struct ImageCheck {
   std::vector<std::string> lost;          // no copy anywhere, no rule explains it
   std::vector<std::string> changed;       // a copy with other bytes
   std::vector<std::string> lossesByRule;  // lost under a rule of the migration
+  // Gone from its old and new places, kept in a safety net of the image.
+  std::uint64_t filesInSafetyNet = 0;
   // Still (only) at the legacy place after a successful run.
   std::vector<std::string> stranded;
   std::vector<std::string> missingContainers;

@@ -1,0 +1,201 @@
+// The safety net of `mavrel migrate`: what the migration's rules discard is
+// kept (and only that), named in the report, listed, copied out and purged by
+// `mavrel recover`; a clean run and a run without the net leave nothing; a
+// run after an interrupted one takes its net over.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "tests/host/GeneratedImage.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using host_test::parseJSON;
+using host_test::ProgramRun;
+using host_test::runMavrel;
+using testing_support::readFile;
+using testing_support::TemporaryDirectory;
+using testing_support::writeFile;
+
+constexpr std::string_view kNetBase = "/private/var/mobile/Library/Mavrel/SafetyNet";
+constexpr std::string_view kMavrelLibrary = "/private/var/mobile/Library/Mavrel";
+
+class SafetyNetTest : public ::testing::Test {
+ protected:
+  samplegen::ImageManifest generate(const std::string& name, std::uint64_t seed) {
+    samplegen::GeneratorOptions options;
+    options.applicationCount = 6;
+    options.seed = seed;
+    options.vpnOnlyCount = 0;
+    return host_test::generateImage(directory_.path() + "/" + name, options);
+  }
+
+  // Every regular file below `directory`, relative to it, with its contents.
+  static std::map<std::string, std::string> filesBelow(const std::string& directory) {
+    std::map<std::string, std::string> files;
+    if (!fs::exists(directory)) return files;
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+      if (entry.is_regular_file() && !entry.is_symlink())
+        files[fs::relative(entry.path(), directory).string()] = readFile(entry.path());
+    }
+    return files;
+  }
+
+  // The user-data files of the legacy container at `container`, by path
+  // relative to the root.
+  static std::map<std::string, std::string> userData(const std::string& root,
+                                                     const std::string& container) {
+    std::map<std::string, std::string> files;
+    for (const char* item : {"Documents", "Library", "tmp", "Pormex"}) {
+      for (const auto& [path, contents] : filesBelow(container + "/" + item))
+        files[fs::relative(container, root).string() + "/" + item + "/" + path] = contents;
+    }
+    return files;
+  }
+
+  TemporaryDirectory directory_;
+};
+
+// Two containers the rules remove (one without a bundle, one whose bundle has
+// no Info.plist): their files, and nothing else, stay in the net, named by
+// the report; recover copies them out under their legacy paths; purge
+// removes the net. The same image without the net migrates alike.
+TEST_F(SafetyNetTest, WhatTheRulesDiscardIsKeptRecoveredAndPurged) {
+  std::map<std::string, std::vector<std::string>> outcomes;
+  for (const bool withNet : {true, false}) {
+    SCOPED_TRACE(withNet);
+    const auto manifest = generate(withNet ? "net" : "plain", 51);
+    const std::string root = manifest.root;
+    writeFile(manifest.legacyDirectory + "/NoBundle/Documents/orphan.txt", "orphan");
+    writeFile(manifest.legacyDirectory + "/NoBundle/Library/Preferences/p.plist", "prefs");
+    const std::string unreadable = manifest.containers.front().containerPath;
+    for (const auto& entry : fs::directory_iterator(unreadable)) {
+      if (entry.path().extension() == ".app") fs::remove(entry.path() / "Info.plist");
+    }
+    writeFile(unreadable + "/Documents/mine.txt", "mine");
+    std::map<std::string, std::string> discarded =
+        userData(root, manifest.legacyDirectory + "/NoBundle");
+    discarded.merge(userData(root, unreadable));
+
+    const std::string report = directory_.path() + "/report.json";
+    std::vector<std::string> arguments{"migrate", "--root", root, "--report", report};
+    if (!withNet) arguments.push_back("--no-safety-net");
+    const ProgramRun run = runMavrel(arguments, directory_.path());
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    const auto document = parseJSON(readFile(report));
+    for (const auto& entry : document["entries"].array) {
+      const std::string name = entry["identifier"].string.empty()
+                                   ? fs::path(entry["path"].string).filename().string()
+                                   : entry["identifier"].string;
+      outcomes[name].push_back(entry["outcome"].string);
+    }
+    if (!withNet) {
+      EXPECT_TRUE(document["safetyNet"].isNull());
+      EXPECT_FALSE(fs::exists(root + std::string(kMavrelLibrary)));
+      continue;
+    }
+
+    const auto& net = document["safetyNet"];
+    const std::string runId = net["runId"].string;
+    const std::string netDirectory = root + std::string(kNetBase) + "/" + runId;
+    EXPECT_EQ(net["directory"].string, netDirectory);
+    EXPECT_EQ(net["keptFiles"].count(), discarded.size());
+    std::set<std::string> named;
+    for (const auto& entry : net["kept"].array) {
+      named.insert(entry["legacyPath"].string);
+      EXPECT_NE(entry["reason"].string.find("removed the container"), std::string::npos)
+          << entry["reason"].string;
+    }
+    EXPECT_EQ(named, (std::set<std::string>{manifest.legacyDirectory + "/NoBundle", unreadable}));
+    auto kept = filesBelow(netDirectory);
+    EXPECT_EQ(kept.erase("SafetyNet.plist"), 1u) << "a kept net is marked complete";
+    EXPECT_EQ(kept, discarded);
+    EXPECT_NE(run.err.find("Safety net: kept " + std::to_string(discarded.size())),
+              std::string::npos)
+        << run.err;
+
+    const ProgramRun apps = runMavrel({"apps", "--root", root}, directory_.path());
+    EXPECT_NE(apps.out.find("Safety net: 1 net(s)"), std::string::npos) << apps.out;
+
+    const std::string out = directory_.path() + "/recovered";
+    const ProgramRun recover =
+        runMavrel({"recover", "--root", root, "--to", out}, directory_.path());
+    ASSERT_EQ(recover.exitCode, 0) << recover.out << recover.err;
+    EXPECT_NE(recover.out.find("/" + discarded.begin()->first), std::string::npos) << recover.out;
+    EXPECT_EQ(filesBelow(out + "/" + runId), discarded);
+    EXPECT_EQ(runMavrel({"recover", "--root", root, "--to", out}, directory_.path()).exitCode, 2)
+        << "a destination that is not empty is refused";
+
+    const ProgramRun purge = runMavrel({"recover", "--root", root, "--purge"}, directory_.path());
+    EXPECT_EQ(purge.exitCode, 0) << purge.out << purge.err;
+    EXPECT_FALSE(fs::exists(root + std::string(kMavrelLibrary)));
+    EXPECT_EQ(filesBelow(out + "/" + runId), discarded) << "purging leaves the copy alone";
+  }
+  for (const auto& [name, each] : outcomes) {
+    ASSERT_EQ(each.size(), 2u) << name;
+    EXPECT_EQ(each[0], each[1]) << name;
+  }
+}
+
+// A run whose rules discard nothing leaves no net; the net holds what every
+// legacy container and group container held while the pass ran.
+TEST_F(SafetyNetTest, ACleanRunLeavesNoNet) {
+  const auto manifest = generate("clean", 52);
+  std::uint64_t files = 0;
+  for (const auto& container : manifest.containers)
+    files += container.dataFiles;
+  for (const auto& group : manifest.groupContainers)
+    files += group.files;
+  const std::string report = directory_.path() + "/report.json";
+  const ProgramRun run =
+      runMavrel({"migrate", "--root", manifest.root, "--report", report}, directory_.path());
+  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+  const auto net = parseJSON(readFile(report))["safetyNet"];
+  EXPECT_EQ(net["linked"].count(), files);
+  EXPECT_EQ(net["notLinked"].count(), 0u);
+  EXPECT_EQ(net["keptFiles"].count(), 0u);
+  EXPECT_FALSE(fs::exists(manifest.root + std::string(kMavrelLibrary)));
+  const ProgramRun recover = runMavrel({"recover", "--root", manifest.root}, directory_.path());
+  EXPECT_EQ(recover.exitCode, 0);
+  EXPECT_NE(recover.out.find("No safety net"), std::string::npos) << recover.out;
+}
+
+// A net without its state file is an interrupted run's: the next run takes
+// it over, keeps what that run discarded (a container it removed), drops
+// what is still in place and marks the net complete.
+TEST_F(SafetyNetTest, AResumedRunAdoptsTheInterruptedNet) {
+  const auto manifest = generate("resumed", 53);
+  const std::string root = manifest.root;
+  const std::string interrupted = root + std::string(kNetBase) + "/20000101-000000";
+  const std::string legacyRelative = fs::relative(manifest.legacyDirectory, root).string();
+  // The interrupted run linked a container it then removed...
+  writeFile(interrupted + "/" + legacyRelative + "/Gone/Documents/gone.txt", "gone");
+  // ...and a file still in place.
+  const auto stillThere = userData(root, manifest.containers.back().containerPath);
+  ASSERT_FALSE(stillThere.empty());
+  const std::string linked = stillThere.begin()->first;
+  fs::create_directories(fs::path(interrupted + "/" + linked).parent_path());
+  fs::create_hard_link(root + "/" + linked, interrupted + "/" + linked);
+
+  const std::string report = directory_.path() + "/report.json";
+  const ProgramRun run =
+      runMavrel({"migrate", "--root", root, "--report", report}, directory_.path());
+  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+  const auto net = parseJSON(readFile(report))["safetyNet"];
+  EXPECT_EQ(net["runId"].string, "20000101-000000");
+  EXPECT_TRUE(net["adopted"].boolean);
+  EXPECT_EQ(net["keptFiles"].count(), 1u);
+  ASSERT_EQ(net["kept"].array.size(), 1u);
+  EXPECT_EQ(net["kept"].array[0]["legacyPath"].string, manifest.legacyDirectory + "/Gone");
+  EXPECT_NE(net["kept"].array[0]["reason"].string.find("interrupted"), std::string::npos);
+  EXPECT_EQ(filesBelow(interrupted),
+            (std::map<std::string, std::string>{
+                {legacyRelative + "/Gone/Documents/gone.txt", "gone"},
+                {"SafetyNet.plist", readFile(interrupted + "/SafetyNet.plist")}}));
+  EXPECT_EQ(filesBelow(root + std::string(kNetBase)).size(), 2u) << "no second net was made";
+}
+
+}  // namespace
