@@ -198,20 +198,25 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
     return restoreAndFail({InstallError::ContainerCreationFailed,
                            "cannot make a bundle container for " + request.identifier, listError});
   }
-  // Whatever else came in the staging directory is not installed.
-  for (const CVURL& entry : *entries) {
-    const std::string name = entry.lastPathComponent();
-    if (name != kPayloadName && std::find(kept.begin(), kept.end(), name) == kept.end()) {
-      preparation.steps.push_back({JournalStep::Action::Remove, relative(entry.path()), {}});
-    }
-  }
   for (const std::string& bundle : bundles) {
     preparation.steps.push_back({JournalStep::Action::Rename, relative(payload + "/" + bundle),
                                  relative(*staged + "/" + bundle)});
   }
-  preparation.steps.push_back({JournalStep::Action::Remove, relative(payload), {}});
   preparation.steps.push_back(
       {JournalStep::Action::Rename, relative(*staged), relative(*bundleContainer)});
+  // Whatever else came in the staging directory is not installed. It is
+  // removed from the bundle container after every rename, so that a removal
+  // that fails is only cleanup, which the journal finishes at the next opening.
+  std::vector<JournalStep> cleanup;
+  for (const CVURL& entry : *entries) {
+    const std::string name = entry.lastPathComponent();
+    if (name != kPayloadName && std::find(kept.begin(), kept.end(), name) == kept.end()) {
+      cleanup.push_back({JournalStep::Action::Remove, relative(*bundleContainer + "/" + name), {}});
+    }
+  }
+  cleanup.push_back({JournalStep::Action::Remove,
+                     relative(*bundleContainer + "/" + std::string(kPayloadName)),
+                     {}});
 
   ApplicationEntry& entry = preparation.entry;
   entry = entryForBundle(request, ApplicationKind::User, *facts, *bundleContainer,
@@ -225,6 +230,7 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   }
   entry.installedFrom = relative(*origin);
   if (!prepareContainers(preparation, facts->groups, &failure)) return restoreAndFail(failure);
+  preparation.steps.insert(preparation.steps.end(), cleanup.begin(), cleanup.end());
   if (existing && !existing->bundleContainer.empty()) {
     preparation.steps.push_back({JournalStep::Action::Remove, existing->bundleContainer, {}});
   }
