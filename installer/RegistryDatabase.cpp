@@ -24,6 +24,15 @@ CVError makeError(const std::string& path, std::string_view action, int result,
   CVDictionary userInfo;
   userInfo.set(std::string(CVPathArgumentErrorKey), CVValue(path));
   userInfo.set("SQLiteResultCode", CVValue(result));
+  if (result == SQLITE_READONLY_ROLLBACK) {
+    // A hot rollback journal: a read-only connection may not roll it back.
+    return CreateAndLogError(
+        kFunction, CVInstallerErrorDomain, kRegistryDatabaseErrorCode, CVError(), &userInfo,
+        "The application registry %@ holds a write that was cut off before it committed (its "
+        "rollback journal %@ is left beside it); it cannot be read until that write is rolled "
+        "back, which the next installer that opens the registry for writing does",
+        path, path + "-journal");
+  }
   if (isDamaged(result)) {
     return CreateAndLogError(kFunction, CVInstallerErrorDomain, kRegistryDatabaseErrorCode,
                              CVError(), &userInfo,
@@ -155,6 +164,13 @@ CVData Statement::Use::blob(int column) const {
 }
 
 // ---- RegistryDatabase ----
+
+bool holdsCutWrite(const CVError& error) {
+  if (error.domain() != CVInstallerErrorDomain || error.code() != kRegistryDatabaseErrorCode)
+    return false;
+  const CVNumber* result = error.userInfo().findNumber("SQLiteResultCode");
+  return result != nullptr && result->int64Value() == SQLITE_READONLY_ROLLBACK;
+}
 
 std::unique_ptr<RegistryDatabase> RegistryDatabase::open(const std::string& path, Access access,
                                                          CVError* error) {
