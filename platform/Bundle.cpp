@@ -20,7 +20,7 @@ const std::optional<CVDictionary>& Bundle::infoDictionary() const {
   loaded_ = true;
   const CVURL plistURL = infoPlistURL();
   // The reason stays with the object: the callers write their own messages.
-  info_ = readPropertyListDictionary(plistURL, &infoError_);
+  info_ = readPropertyListDictionary(plistURL, &infoError_, kInfoPlistLimits);
   if (!info_) return info_;
   info_->set(std::string(kBundleInfoPlistURLKey), plistURL);
   return info_;
