@@ -2,6 +2,10 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fstream>
 #include <utility>
 
 #include "installer/InstallErrors.h"
@@ -164,6 +168,17 @@ CVData Statement::Use::blob(int column) const {
 }
 
 // ---- RegistryDatabase ----
+
+bool holdsOnlyACutFirstWrite(const std::string& path) {
+  // A rollback journal's header: its magic, the record count, the checksum
+  // nonce, then the size in pages of the database before the write.
+  static constexpr unsigned char kJournalMagic[] = {0xD9, 0xD5, 0x05, 0xF9, 0x20, 0xA1, 0x63, 0xD7};
+  std::ifstream journal(path + "-journal", std::ios::binary);
+  std::array<char, 20> header{};
+  if (!journal.read(header.data(), header.size())) return false;
+  if (std::memcmp(header.data(), kJournalMagic, sizeof kJournalMagic) != 0) return false;
+  return std::all_of(header.begin() + 16, header.end(), [](char byte) { return byte == 0; });
+}
 
 bool holdsCutWrite(const CVError& error) {
   if (error.domain() != CVInstallerErrorDomain || error.code() != kRegistryDatabaseErrorCode)

@@ -177,15 +177,25 @@ TEST_F(AppsCommandTest, AWriteCutOffBeforeItsCommitIsExplainedAndRolledBackByAMi
   writeLegacyImage();
   ASSERT_EQ(mavrel({"migrate", "--root", root_}).exitCode, 0);
   // What a writer killed inside a commit in rollback-journal mode leaves: a
-  // journal whose header was synced (no pages to put back here).
-  const std::size_t pages = std::filesystem::file_size(registry()) / 4096;
-  std::string header = "\xD9\xD5\x05\xF9\x20\xA1\x63\xD7";
-  for (const std::uint32_t field : {0u, 0u, static_cast<std::uint32_t>(pages), 512u, 4096u}) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-      header += static_cast<char>((field >> shift) & 0xFF);
-  }
-  header.resize(512, '\0');
-  writeFile(registry() + "-journal", header);
+  // journal whose header was synced (no pages to put back here), naming the
+  // size of the database before the write.
+  const auto writeJournal = [this](std::uint32_t pagesBefore) {
+    std::string header = "\xD9\xD5\x05\xF9\x20\xA1\x63\xD7";
+    for (const std::uint32_t field : {0u, 0u, pagesBefore, 512u, 4096u}) {
+      for (int shift = 24; shift >= 0; shift -= 8)
+        header += static_cast<char>((field >> shift) & 0xFF);
+    }
+    header.resize(512, '\0');
+    writeFile(registry() + "-journal", header);
+  };
+  // The very first write: nothing was ever committed, so there is nothing yet.
+  writeJournal(0);
+  const ProgramRun first = mavrel({"apps", "--root", root_});
+  EXPECT_EQ(first.exitCode, 0) << first.err;
+  EXPECT_NE(first.out.find("No application registry yet at " + registry()), std::string::npos)
+      << first.out;
+
+  writeJournal(static_cast<std::uint32_t>(std::filesystem::file_size(registry()) / 4096));
 
   const ProgramRun cut = mavrel({"apps", "--root", root_});
   EXPECT_EQ(cut.exitCode, 2);
