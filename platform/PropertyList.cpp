@@ -149,6 +149,12 @@ std::string encodeXMLPropertyList(const CVValue& value) {
   if (xml == nullptr) return {};
   std::string text(xml, length);
   plist_to_xml_free(xml);
+  // libplist names a vendor's document type; the <plist> element alone is
+  // what every reader reads.
+  if (const std::size_t start = text.find("<!DOCTYPE"); start != std::string::npos) {
+    const std::size_t end = text.find('\n', start);
+    text.erase(start, end == std::string::npos ? std::string::npos : end + 1 - start);
+  }
   return text;
 }
 

@@ -74,7 +74,7 @@ std::optional<CVValue> readPropertyList(const CVURL& url, CVError* error,
 std::optional<CVDictionary> readPropertyListDictionary(
     const CVURL& url, CVError* error, const PropertyListLimits& limits = kAnyPropertyListLimits);
 
-// The XML encoding of `value`. Values that property lists cannot hold (null,
+// The XML encoding of `value`, without a document type declaration. Values that property lists cannot hold (null,
 // sets, URLs, errors) are encoded by their nearest form: a set as an array, a
 // URL as its string form, an error and null as their description. Dates keep
 // whole seconds. A value nested more than kMaxPropertyListDepth deep encodes

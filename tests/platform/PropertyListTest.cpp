@@ -151,6 +151,7 @@ TEST(PropertyListEncodingTest, OtherValuesTakeTheirNearestForm) {
 TEST(PropertyListEncodingTest, WritesAnXMLDocument) {
   const std::string xml = platform::encodeXMLPropertyList(CVValue(CVDictionary{{"k", true}}));
   EXPECT_EQ(xml.rfind("<?xml", 0), 0u) << xml;
+  EXPECT_EQ(xml.find("DOCTYPE"), std::string::npos) << xml;
   EXPECT_NE(xml.find("<plist version=\"1.0\">"), std::string::npos) << xml;
   EXPECT_NE(xml.find("<key>k</key>"), std::string::npos) << xml;
   EXPECT_NE(xml.find("<true/>"), std::string::npos) << xml;
