@@ -69,7 +69,7 @@ bool CVAppMigrator::init() {
         logMigration(kLogLevelNotice, kInitFunction,
                      "CVAppMigrator: Old install map not found at %@", installMapURL.path());
         logRefusal(readError);
-      } else if (const CVDictionary* groups = _installMap->findDictionary("GroupContainers")) {
+      } else if (const CVDictionary* groups = _installMap->findDictionary(kGroupContainersKey)) {
         _groupContainerMap = *groups;
       } else {
         logMigration(kLogLevelNotice, kInitFunction,

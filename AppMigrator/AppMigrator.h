@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "AppMigrator/LegacyLayoutNames.h"
 #include "platform/IconService.h"
 #include "platform/InstallerService.h"
 #include "platform/MavrelMigrator.h"
@@ -33,15 +34,9 @@ inline constexpr std::string_view kContainerTypeApp = "App";
 inline constexpr std::string_view kContainerTypeVPNBundle = "VPNBundle";
 
 // Files the migrator reads and writes.
-inline constexpr std::string_view kMigrationMarkerFileName =
-    "com.zentrel.corvane.container_migrator.plist";
 inline constexpr std::string_view kHarborMapFileName = "SafeHarbor.plist";
 inline constexpr std::string_view kVersionRecordFileName = "AppMigratorLastSystemVersion.plist";
 inline constexpr std::string_view kStrayEntryFileName = "WhereDidMyApplicationsGo.txt";
-// Names a legacy container may still hold once its application has moved.
-inline constexpr std::string_view kLegacyMigrationMarkerFileName =
-    "com.zentrel.corvane.migration_marker";
-inline constexpr std::string_view kLegacyPlaceholderFileName = "com.zentrel.corvane.placeholder";
 // Where placeholders are staged, under the process's temporary directory.
 inline constexpr std::string_view kPlaceholderStagingDirectoryName = "com.zentrel.corvane.migrator";
 

@@ -21,7 +21,6 @@ constexpr std::string_view kGroupsFunction =
     "-[CVAppMigrator _migrateGroupContainersForIdentifier:]";
 constexpr std::string_view kMoveAllFunction =
     "-[CVAppMigrator _moveAllItemsInGroupContainerURL:toGroupContainerURL:]";
-constexpr std::string_view kGroupContainerPathKey = "Container";
 
 }  // namespace
 

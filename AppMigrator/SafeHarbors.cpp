@@ -6,7 +6,6 @@
 
 namespace {
 constexpr std::string_view kFunction = "-[CVAppMigrator _migrateSafeHarbors]";
-constexpr std::string_view kHarborPathKey = "HarborPathKey";
 }  // namespace
 
 bool CVAppMigrator::_migrateSafeHarbors() {

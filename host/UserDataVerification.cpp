@@ -5,6 +5,7 @@
 
 #include "AppMigrator/AppMigrator.h"
 #include "AppMigrator/ContainerClassification.h"
+#include "AppMigrator/LegacyLayoutNames.h"
 #include "host/DataUsage.h"
 #include "host/ParallelFor.h"
 #include "installer/InstallerFiles.h"
@@ -16,8 +17,6 @@
 namespace mavrel_host {
 namespace {
 
-constexpr std::string_view kGroupContainersKey = "GroupContainers";
-constexpr std::string_view kGroupContainerPathKey = "Container";
 constexpr std::size_t kExamplesKept = 20;
 
 int hexValue(char c) {

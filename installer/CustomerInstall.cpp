@@ -16,6 +16,7 @@
 // entries swept), a crash after it is finished (6 done again).
 #include <algorithm>
 
+#include "AppMigrator/LegacyLayoutNames.h"
 #include "installer/EmbeddedInstallerService.h"
 #include "installer/FaultInjection.h"
 #include "platform/Log.h"
@@ -25,7 +26,6 @@ namespace mavrel_installer {
 namespace {
 
 constexpr std::string_view kFunction = "-[EmbeddedInstallerService installApplication]";
-constexpr std::string_view kPayloadName = "Payload";
 
 }  // namespace
 
@@ -118,7 +118,8 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
                           {}},
                          error);
   }
-  const auto contents = inspectPayload(*origin + "/" + std::string(kPayloadName), &failure);
+  const auto contents =
+      inspectPayload(*origin + "/" + std::string(kPayloadDirectoryName), &failure);
   if (!contents) return progress.fail(kFunction, failure, error);
   if (contents->applicationName.empty() && !contents->vpnPluginName.empty())
     return acceptPluginPayload(*origin, contents->vpnPluginName, request, progress, error);
@@ -166,7 +167,7 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   };
 
   progress.report(kStatusVerifying);
-  const std::string payload = *staged + "/" + std::string(kPayloadName);
+  const std::string payload = *staged + "/" + std::string(kPayloadDirectoryName);
   const auto facts = verifyBundle(payload + "/" + contents->applicationName, request, &failure);
   if (!facts || !checkBlacklist(request, blacklist_, &failure)) return restoreAndFail(failure);
   // What the bundle container keeps: the bundles and the store metadata.
@@ -174,7 +175,7 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   if (!contents->vpnPluginName.empty()) bundles.push_back(contents->vpnPluginName);
   std::vector<std::string> kept;
   for (const std::string& bundle : bundles)
-    kept.push_back(std::string(kPayloadName) + "/" + bundle);
+    kept.push_back(std::string(kPayloadDirectoryName) + "/" + bundle);
   for (const std::string& name : metadataItemNames_) {
     if (itemExists(*staged + "/" + name)) kept.push_back(name);
   }
@@ -210,12 +211,12 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   std::vector<JournalStep> cleanup;
   for (const CVURL& entry : *entries) {
     const std::string name = entry.lastPathComponent();
-    if (name != kPayloadName && std::find(kept.begin(), kept.end(), name) == kept.end()) {
+    if (name != kPayloadDirectoryName && std::find(kept.begin(), kept.end(), name) == kept.end()) {
       cleanup.push_back({JournalStep::Action::Remove, relative(*bundleContainer + "/" + name), {}});
     }
   }
   cleanup.push_back({JournalStep::Action::Remove,
-                     relative(*bundleContainer + "/" + std::string(kPayloadName)),
+                     relative(*bundleContainer + "/" + std::string(kPayloadDirectoryName)),
                      {}});
 
   ApplicationEntry& entry = preparation.entry;
