@@ -18,6 +18,14 @@ using platform::logMigration;
 constexpr std::string_view kInitFunction = "-[CVAppMigrator init]";
 constexpr std::string_view kPerformFunction = "-[CVAppMigrator performMigration]";
 
+// A map that is there but refused (damaged, or beyond what a read may cost):
+// the reason names the file. A missing file needs no second line.
+void logRefusal(const CVError& error) {
+  if (error.domain() == kPlatformErrorDomain && error.code() == kPlatformFileReadNoSuchFileError)
+    return;
+  logMigration(kLogLevelError, kInitFunction, "CVAppMigrator: %@", error.localizedDescription());
+}
+
 constexpr float kBaseDuration = 20.0f;
 constexpr float kDurationPerItem = 2.25f;
 
@@ -54,11 +62,14 @@ bool CVAppMigrator::init() {
                    static_cast<long>(items->size()));
       _itemsToMigrate = std::move(*items);
       const CVURL installMapURL = configuration.oldInstallMapPath();
-      _installMap = platform::readPropertyListDictionary(installMapURL, nullptr);
+      CVError readError;
+      _installMap = platform::readPropertyListDictionary(installMapURL, &readError,
+                                                         platform::kInstallMapLimits);
       if (!_installMap) {
         logMigration(kLogLevelNotice, kInitFunction,
                      "CVAppMigrator: Old install map not found at %@", installMapURL.path());
-      } else if (const CVDictionary* groups = _installMap->findDictionary("GroupContainers")) {
+        logRefusal(readError);
+      } else if (const CVDictionary* groups = _installMap->findDictionary(kGroupContainersKey)) {
         _groupContainerMap = *groups;
       } else {
         logMigration(kLogLevelNotice, kInitFunction,
@@ -73,17 +84,20 @@ bool CVAppMigrator::init() {
 
   const CVURL harborMapURL = dataDirectoryFileURL(kHarborMapFileName);
   if (!fileManager.itemDoesNotExistAtURL(harborMapURL)) {
-    _harborMap = platform::readPropertyListDictionary(harborMapURL, nullptr);
+    CVError readError;
+    _harborMap =
+        platform::readPropertyListDictionary(harborMapURL, &readError, platform::kHarborMapLimits);
     if (!_harborMap) {
       logMigration(kLogLevelError, kInitFunction,
                    "CVAppMigrator: Failed to load existing harbor map from %@",
                    harborMapURL.path());
+      logRefusal(readError);
     }
   }
 
   // Kept for the record only: the pass never short-circuits on a recorded version.
   if (const auto record = platform::readPropertyListDictionary(
-          dataDirectoryFileURL(kVersionRecordFileName), nullptr)) {
+          dataDirectoryFileURL(kVersionRecordFileName), nullptr, platform::kSystemVersionLimits)) {
     if (const std::string* build = record->findString(platform::kSystemBuildVersionKey)) {
       _lastSystemBuildVersion = *build;
     }

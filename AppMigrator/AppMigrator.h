@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "AppMigrator/LegacyGroupContainers.h"
+#include "AppMigrator/LegacyLayoutNames.h"
 #include "platform/IconService.h"
 #include "platform/InstallerService.h"
 #include "platform/MavrelMigrator.h"
@@ -34,20 +35,10 @@ inline constexpr std::string_view kContainerTypeKey = "ContainerType";
 inline constexpr std::string_view kContainerTypeApp = "App";
 inline constexpr std::string_view kContainerTypeVPNBundle = "VPNBundle";
 
-// The legacy install map's group containers: {"GroupContainers": {group: {"Container": path}}}.
-inline constexpr std::string_view kLegacyGroupContainersKey = "GroupContainers";
-inline constexpr std::string_view kLegacyGroupContainerPathKey = "Container";
-
 // Files the migrator reads and writes.
-inline constexpr std::string_view kMigrationMarkerFileName =
-    "com.zentrel.corvane.container_migrator.plist";
 inline constexpr std::string_view kHarborMapFileName = "SafeHarbor.plist";
 inline constexpr std::string_view kVersionRecordFileName = "AppMigratorLastSystemVersion.plist";
 inline constexpr std::string_view kStrayEntryFileName = "WhereDidMyApplicationsGo.txt";
-// Names a legacy container may still hold once its application has moved.
-inline constexpr std::string_view kLegacyMigrationMarkerFileName =
-    "com.zentrel.corvane.migration_marker";
-inline constexpr std::string_view kLegacyPlaceholderFileName = "com.zentrel.corvane.placeholder";
 // Where placeholders are staged, under the process's temporary directory.
 inline constexpr std::string_view kPlaceholderStagingDirectoryName = "com.zentrel.corvane.migrator";
 

@@ -27,8 +27,8 @@ bool CVAppMigrator::_stageAndInstallBundleAtURL(const CVURL& bundleURL,
                                                 const CVURL& vpnPluginURL,
                                                 const CVURL& containerURL) {
   CVFileManager& fileManager = CVFileManager::defaultManager();
-  const CVURL stagingURL = containerURL.URLByAppendingPathComponent("Staging", true);
-  const CVURL payloadURL = stagingURL.URLByAppendingPathComponent("Payload", true);
+  const CVURL stagingURL = containerURL.URLByAppendingPathComponent(kStagingDirectoryName, true);
+  const CVURL payloadURL = stagingURL.URLByAppendingPathComponent(kPayloadDirectoryName, true);
 
   CVError error;
   if (!fileManager.createDirectoryAtURL(payloadURL, /*withIntermediateDirectories=*/true, 0755,

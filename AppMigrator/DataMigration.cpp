@@ -27,7 +27,7 @@ const std::map<std::string, LegacyGroupLocation, std::less<>>&
 CVAppMigrator::legacyGroupLocations() {
   if (!_legacyGroupLocations) {
     const CVDictionary* groups =
-        _installMap ? _installMap->findDictionary(kLegacyGroupContainersKey) : nullptr;
+        _installMap ? _installMap->findDictionary(kGroupContainersKey) : nullptr;
     _legacyGroupLocations = CVLocateLegacyGroupContainers(groups ? *groups : CVDictionary());
   }
   return *_legacyGroupLocations;
@@ -86,7 +86,7 @@ bool CVAppMigrator::_migrateGroupContainersForIdentifier(const std::string& iden
                    groupIdentifier);
       continue;
     }
-    const std::string* path = entry->findString(kLegacyGroupContainerPathKey);
+    const std::string* path = entry->findString(kGroupContainerPathKey);
     if (path == nullptr) {
       logMigration(kLogLevelNotice, kGroupsFunction,
                    "CVAppMigrator: Failed to get path to group container for %@[%@]", identifier,

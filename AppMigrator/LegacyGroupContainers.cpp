@@ -110,7 +110,7 @@ std::map<std::string, LegacyGroupLocation, std::less<>> CVLocateLegacyGroupConta
   const PlaceCheck places;
   for (std::size_t i = 0; i < groupContainers.count(); ++i) {
     const CVDictionary* entry = groupContainers.valueAt(i).asDictionary();
-    const std::string* stored = entry ? entry->findString(kLegacyGroupContainerPathKey) : nullptr;
+    const std::string* stored = entry ? entry->findString(kGroupContainerPathKey) : nullptr;
     if (stored == nullptr) continue;
     LegacyGroupLocation location;
     location.storedPath = *stored;

@@ -43,7 +43,8 @@ std::optional<CVDictionary> CVAppMigrator::_loadAndValidateMigrationMarkerAtURL(
 }
 
 std::optional<CVDictionary> CVLoadAndValidateMigrationMarker(const CVURL& markerURL) {
-  auto marker = platform::readPropertyListDictionary(markerURL, nullptr);
+  auto marker =
+      platform::readPropertyListDictionary(markerURL, nullptr, platform::kMigrationMarkerLimits);
   if (!marker) {
     logMigration(kLogLevelError, kLoadFunction,
                  "CVAppMigrator: Failed to load migration marker file from %@", markerURL);

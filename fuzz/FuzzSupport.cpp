@@ -111,39 +111,12 @@ void removeTree(const std::string& path) {
   if (error) fail("remove_all " + path + ": " + error.message());
 }
 
-bool AcceptingServices::installApplication(const CVURL& url, const CVDictionary& options,
-                                           CVError* error,
-                                           const platform::InstallProgressCallback& progress) {
-  (void)url, (void)options, (void)error, (void)progress;
-  return true;
+void acceptEveryInstall(testing_support::FakeInstallerService& services) {
+  services.installHandler = [](const CVURL&, const CVDictionary&, CVError*,
+                               const platform::InstallProgressCallback&) { return true; };
 }
 
-bool AcceptingServices::CorvaneRegisterSafeHarborForContainerType(std::string_view path,
-                                                                  std::string_view identifier,
-                                                                  int containerType,
-                                                                  const CVDictionary* options) {
-  (void)path, (void)identifier, (void)containerType, (void)options;
-  return true;
-}
-
-bool AcceptingServices::CorvaneUpdateContainerDataProtectionForMigratorOnly(
-    const CVDictionary& options) {
-  (void)options;
-  return true;
-}
-
-bool AcceptingServices::isApplicationInstalled(std::string_view identifier) {
-  (void)identifier;
-  return false;
-}
-
-std::optional<platform::BundleRecord> AcceptingServices::bundleRecordForIdentifier(
-    std::string_view identifier) {
-  (void)identifier;
-  return std::nullopt;
-}
-
-CVDictionary FixedSystemVersion::copySystemVersionDictionary() const {
+CVDictionary fixedSystemVersion() {
   return CVDictionary{{std::string(platform::kSystemBuildVersionKey), "21B80"}};
 }
 

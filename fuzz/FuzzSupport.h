@@ -1,6 +1,6 @@
 // What every fuzz target shares: a scratch device image per target, quiet
 // logs, a way to put the fuzzer's bytes where the system reads them, and
-// services that accept everything and touch nothing.
+// the tests' service doubles steered to accept everything.
 //
 // The readers under test take paths, so each input is written to the file the
 // system would read in a device image and the real reader is called on it.
@@ -19,10 +19,9 @@
 #include <string_view>
 
 #include "platform/DeviceRoot.h"
-#include "platform/InstallerService.h"
-#include "platform/SystemVersion.h"
 #include "platform/URL.h"
 #include "platform/Value.h"
+#include "tests/support/FakeServices.h"
 
 namespace mavrel_fuzz {
 
@@ -55,25 +54,12 @@ void makeDirectories(const std::string& path);
 // Removes `path` and everything below it, if anything is there.
 void removeTree(const std::string& path);
 
-// An installer service and registry that accept every request and know no
-// application. Nothing is installed and nothing is touched on disk.
-class AcceptingServices final : public platform::InstallerService,
-                                public platform::ApplicationRegistry {
- public:
-  bool installApplication(const CVURL& url, const CVDictionary& options, CVError* error,
-                          const platform::InstallProgressCallback& progress) override;
-  bool CorvaneRegisterSafeHarborForContainerType(std::string_view path, std::string_view identifier,
-                                                 int containerType,
-                                                 const CVDictionary* options) override;
-  bool CorvaneUpdateContainerDataProtectionForMigratorOnly(const CVDictionary& options) override;
-  bool isApplicationInstalled(std::string_view identifier) override;
-  std::optional<platform::BundleRecord> bundleRecordForIdentifier(
-      std::string_view identifier) override;
-};
+// The tests' installer service and registry double, steered to accept every
+// request: it knows no application and touches nothing on disk. It records
+// the calls it gets; a harness that lives for many inputs clears them.
+void acceptEveryInstall(testing_support::FakeInstallerService& services);
 
-class FixedSystemVersion final : public platform::SystemVersionSource {
- public:
-  CVDictionary copySystemVersionDictionary() const override;
-};
+// The system version the migrator records: a build only.
+CVDictionary fixedSystemVersion();
 
 }  // namespace mavrel_fuzz

@@ -15,14 +15,15 @@ namespace {
 
 struct Harness {
   mavrel_fuzz::ScratchImage image{"migration_marker"};
-  mavrel_fuzz::AcceptingServices services;
-  mavrel_fuzz::FixedSystemVersion systemVersion;
+  testing_support::FakeInstallerService services;
+  testing_support::FakeSystemVersion systemVersion{mavrel_fuzz::fixedSystemVersion()};
   std::unique_ptr<CVGlobalConfiguration> configuration;
   std::unique_ptr<CVAppMigrator> migrator;
   std::string container = image.home("Applications/0A1B2C3D");
 
   Harness() {
     mavrel_fuzz::quietLogs();
+    mavrel_fuzz::acceptEveryInstall(services);
     configuration = std::make_unique<CVGlobalConfiguration>(image.root());
     CVAppMigrator::Environment environment;
     environment.configuration = configuration.get();

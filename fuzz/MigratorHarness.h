@@ -18,6 +18,7 @@ class MigratorHarness {
  public:
   explicit MigratorHarness(std::string_view target) : image_(target) {
     quietLogs();
+    acceptEveryInstall(services_);
     configuration_ = std::make_unique<CVGlobalConfiguration>(image_.root());
   }
 
@@ -27,6 +28,10 @@ class MigratorHarness {
   // A new migrator over the image as it stands now: set-up reads the legacy
   // listing, the install map, the harbor map and the version record.
   std::unique_ptr<CVAppMigrator> makeMigrator() {
+    // One harness serves every input: the double's records would only grow.
+    services_.installs.clear();
+    services_.harbors.clear();
+    services_.dataProtectionRequests.clear();
     CVAppMigrator::Environment environment;
     environment.configuration = configuration_.get();
     environment.installer = &services_;
@@ -40,8 +45,8 @@ class MigratorHarness {
 
  private:
   ScratchImage image_;
-  AcceptingServices services_;
-  FixedSystemVersion systemVersion_;
+  testing_support::FakeInstallerService services_;
+  testing_support::FakeSystemVersion systemVersion_{fixedSystemVersion()};
   std::unique_ptr<CVGlobalConfiguration> configuration_;
 };
 

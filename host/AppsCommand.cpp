@@ -5,6 +5,7 @@
 #include "host/MigrationHost.h"
 #include "host/RecoverCommand.h"
 #include "host/RootDirectory.h"
+#include "installer/RegistryDatabase.h"
 #include "installer/RegistryListing.h"
 #include "platform/DeviceRoot.h"
 #include "platform/JSONWriter.h"
@@ -130,6 +131,12 @@ int runApps(const AppsOptions& options, std::FILE* out, std::FILE* err) {
   const auto listing = mavrel_installer::readRegistryListing(configuration, &error);
   if (!listing) {
     std::fprintf(err, "mavrel: %s\n", error.localizedDescription().c_str());
+    if (mavrel_installer::holdsCutWrite(error)) {
+      std::fprintf(err,
+                   "mavrel: 'mavrel migrate --root %s' rolls the cut write back (it opens the "
+                   "registry for writing); list the applications again after it.\n",
+                   root->c_str());
+    }
     return kExitUsageOrSetUp;
   }
   std::string text = options.json ? formatListingJSON(*listing) : formatListingText(*listing);

@@ -26,7 +26,7 @@ bool checkOneFileSystem(const std::string& root, std::string* reason) {
   if (mavrel_installer::itemExists(legacy)) sources.push_back(legacy);
   if (const auto map =
           platform::readPropertyListDictionary(configuration.oldInstallMapPath(), nullptr)) {
-    if (const CVDictionary* groups = map->findDictionary(kLegacyGroupContainersKey)) {
+    if (const CVDictionary* groups = map->findDictionary(kGroupContainersKey)) {
       for (const auto& [identifier, location] : CVLocateLegacyGroupContainers(*groups)) {
         if (location.problem.empty() && mavrel_installer::itemExists(location.hostPath))
           sources.push_back(location.hostPath);

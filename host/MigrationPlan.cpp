@@ -7,6 +7,7 @@
 #include <set>
 
 #include "AppMigrator/AppMigrator.h"
+#include "AppMigrator/LegacyLayoutNames.h"
 #include "host/HostLogs.h"
 #include "installer/ContainerLayout.h"
 #include "installer/GroupContainers.h"
@@ -23,10 +24,6 @@ namespace {
 using mavrel_installer::ItemKind;
 using mavrel_installer::itemKindAtPath;
 
-constexpr std::string_view kHarborPathKey = "HarborPathKey";
-// Where an interrupted install left the bundle it was staging.
-constexpr std::string_view kStagingDirectoryName = "Staging";
-constexpr std::string_view kPayloadDirectoryName = "Payload";
 // The key under which the plan keeps an entry's index in its copy of the work list.
 constexpr std::string_view kEntryIndexKey = "EntryIndex";
 
@@ -174,7 +171,7 @@ class Planner {
   }
 
   void readGroupContainerMap() {
-    const CVDictionary* groups = installMap_.findDictionary(kLegacyGroupContainersKey);
+    const CVDictionary* groups = installMap_.findDictionary(kGroupContainersKey);
     if (groups == nullptr) return;
     const auto locations = CVLocateLegacyGroupContainers(*groups);
     for (const std::string& identifier : groups->keys()) {

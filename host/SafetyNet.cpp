@@ -304,7 +304,7 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
   const auto installMap =
       platform::readPropertyListDictionary(configuration.oldInstallMapPath(), nullptr);
   const CVDictionary* groups =
-      installMap ? installMap->findDictionary(kLegacyGroupContainersKey) : nullptr;
+      installMap ? installMap->findDictionary(kGroupContainersKey) : nullptr;
   if (groups != nullptr) {
     for (const auto& [identifier, location] : CVLocateLegacyGroupContainers(*groups)) {
       if (!location.problem.empty() || location.hostPath.empty()) continue;

@@ -7,6 +7,7 @@
 #include "AppMigrator/ContainerClassification.h"
 #include "AppMigrator/DeviceRootContainment.h"
 #include "AppMigrator/LegacyGroupContainers.h"
+#include "AppMigrator/LegacyLayoutNames.h"
 #include "host/DataUsage.h"
 #include "host/ParallelFor.h"
 #include "installer/InstallerFiles.h"
@@ -19,7 +20,6 @@
 namespace mavrel_host {
 namespace {
 
-constexpr std::string_view kHarborPathKey = "HarborPathKey";
 constexpr std::size_t kExamplesKept = 20;
 
 int hexValue(char c) {
@@ -204,7 +204,7 @@ UserDataManifest collectUserDataManifest(CVGlobalConfiguration& configuration, u
   const auto installMap =
       platform::readPropertyListDictionary(configuration.oldInstallMapPath(), nullptr);
   const CVDictionary* groups =
-      installMap ? installMap->findDictionary(kLegacyGroupContainersKey) : nullptr;
+      installMap ? installMap->findDictionary(kGroupContainersKey) : nullptr;
   if (groups != nullptr) {
     for (const auto& [identifier, location] : CVLocateLegacyGroupContainers(*groups)) {
       if (!location.problem.empty() || location.hostPath.empty()) continue;

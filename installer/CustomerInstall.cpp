@@ -16,6 +16,7 @@
 // entries swept), a crash after it is finished (6 done again).
 #include <algorithm>
 
+#include "AppMigrator/LegacyLayoutNames.h"
 #include "installer/EmbeddedInstallerService.h"
 #include "installer/FaultInjection.h"
 #include "platform/Log.h"
@@ -25,7 +26,6 @@ namespace mavrel_installer {
 namespace {
 
 constexpr std::string_view kFunction = "-[EmbeddedInstallerService installApplication]";
-constexpr std::string_view kPayloadName = "Payload";
 
 }  // namespace
 
@@ -118,7 +118,8 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
                           {}},
                          error);
   }
-  const auto contents = inspectPayload(*origin + "/" + std::string(kPayloadName), &failure);
+  const auto contents =
+      inspectPayload(*origin + "/" + std::string(kPayloadDirectoryName), &failure);
   if (!contents) return progress.fail(kFunction, failure, error);
   if (contents->applicationName.empty() && !contents->vpnPluginName.empty())
     return acceptPluginPayload(*origin, contents->vpnPluginName, request, progress, error);
@@ -166,7 +167,7 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   };
 
   progress.report(kStatusVerifying);
-  const std::string payload = *staged + "/" + std::string(kPayloadName);
+  const std::string payload = *staged + "/" + std::string(kPayloadDirectoryName);
   const auto facts = verifyBundle(payload + "/" + contents->applicationName, request, &failure);
   if (!facts || !checkBlacklist(request, blacklist_, &failure)) return restoreAndFail(failure);
   // What the bundle container keeps: the bundles and the store metadata.
@@ -174,7 +175,7 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   if (!contents->vpnPluginName.empty()) bundles.push_back(contents->vpnPluginName);
   std::vector<std::string> kept;
   for (const std::string& bundle : bundles)
-    kept.push_back(std::string(kPayloadName) + "/" + bundle);
+    kept.push_back(std::string(kPayloadDirectoryName) + "/" + bundle);
   for (const std::string& name : metadataItemNames_) {
     if (itemExists(*staged + "/" + name)) kept.push_back(name);
   }
@@ -198,20 +199,25 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
     return restoreAndFail({InstallError::ContainerCreationFailed,
                            "cannot make a bundle container for " + request.identifier, listError});
   }
-  // Whatever else came in the staging directory is not installed.
-  for (const CVURL& entry : *entries) {
-    const std::string name = entry.lastPathComponent();
-    if (name != kPayloadName && std::find(kept.begin(), kept.end(), name) == kept.end()) {
-      preparation.steps.push_back({JournalStep::Action::Remove, relative(entry.path()), {}});
-    }
-  }
   for (const std::string& bundle : bundles) {
     preparation.steps.push_back({JournalStep::Action::Rename, relative(payload + "/" + bundle),
                                  relative(*staged + "/" + bundle)});
   }
-  preparation.steps.push_back({JournalStep::Action::Remove, relative(payload), {}});
   preparation.steps.push_back(
       {JournalStep::Action::Rename, relative(*staged), relative(*bundleContainer)});
+  // Whatever else came in the staging directory is not installed. It is
+  // removed from the bundle container after every rename, so that a removal
+  // that fails is only cleanup, which the journal finishes at the next opening.
+  std::vector<JournalStep> cleanup;
+  for (const CVURL& entry : *entries) {
+    const std::string name = entry.lastPathComponent();
+    if (name != kPayloadDirectoryName && std::find(kept.begin(), kept.end(), name) == kept.end()) {
+      cleanup.push_back({JournalStep::Action::Remove, relative(*bundleContainer + "/" + name), {}});
+    }
+  }
+  cleanup.push_back({JournalStep::Action::Remove,
+                     relative(*bundleContainer + "/" + std::string(kPayloadDirectoryName)),
+                     {}});
 
   ApplicationEntry& entry = preparation.entry;
   entry = entryForBundle(request, ApplicationKind::User, *facts, *bundleContainer,
@@ -225,6 +231,7 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   }
   entry.installedFrom = relative(*origin);
   if (!prepareContainers(preparation, facts->groups, &failure)) return restoreAndFail(failure);
+  preparation.steps.insert(preparation.steps.end(), cleanup.begin(), cleanup.end());
   if (existing && !existing->bundleContainer.empty()) {
     preparation.steps.push_back({JournalStep::Action::Remove, existing->bundleContainer, {}});
   }

@@ -17,4 +17,15 @@ FaultHandler setFaultHandler(FaultHandler handler);
 
 void faultPoint(std::string_view point);
 
+// A seam for failure tests: at a point where a step may fail, the installer
+// asks the handler, which answers an errno value to fail the step with, or 0
+// to let it run.
+using FailureHandler = int (*)(std::string_view point);
+
+// Installs `handler` (nullptr removes it) and returns the previous one.
+FailureHandler setFailureHandler(FailureHandler handler);
+
+// The errno value the step at `point` is to fail with, or 0.
+int injectedFailure(std::string_view point);
+
 }  // namespace mavrel_installer

@@ -16,7 +16,8 @@ std::vector<std::string> readApplicationGroups(const std::string& bundlePath) {
   const CVURL url =
       CVURL::fileURLWithPath(bundlePath + "/" + std::string(kEntitlementsFileName), false);
   CVError error;
-  const auto entitlements = platform::readPropertyListDictionary(url, &error);
+  const auto entitlements =
+      platform::readPropertyListDictionary(url, &error, platform::kEntitlementsLimits);
   if (!entitlements) {
     if (error.domain() != kPlatformErrorDomain || error.code() != kPlatformFileReadNoSuchFileError)
       platform::logInstaller(platform::kLogLevelError, kFunction,

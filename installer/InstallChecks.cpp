@@ -110,7 +110,8 @@ std::optional<BundleFacts> verifyBundle(const std::string& bundlePath,
                                         const InstallRequest& request, InstallFailure* failure) {
   const CVURL infoURL = CVURL::fileURLWithPath(bundlePath + "/Info.plist", false);
   CVError error;
-  const auto info = platform::readPropertyListDictionary(infoURL, &error);
+  const auto info =
+      platform::readPropertyListDictionary(infoURL, &error, platform::kInfoPlistLimits);
   if (!info) {
     fail(failure, InstallError::InfoPlistUnreadable, infoURL.path(), error);
     return std::nullopt;
@@ -154,7 +155,8 @@ std::optional<BundleFacts> verifyBundle(const std::string& bundlePath,
 std::string readBundleIdentifier(const std::string& bundlePath) {
   CVError error;
   const auto info = platform::readPropertyListDictionary(
-      CVURL::fileURLWithPath(bundlePath + "/Info.plist", false), &error);
+      CVURL::fileURLWithPath(bundlePath + "/Info.plist", false), &error,
+      platform::kInfoPlistLimits);
   return info ? stringOrEmpty(*info, platform::kBundleIdentifierKey) : std::string();
 }
 

@@ -55,24 +55,61 @@ bool staysBelowRoot(const std::string& relative) {
 
 }  // namespace
 
+namespace {
+
+bool performStep(const ContainerLayout& layout, const JournalStep& step, CVError* error) {
+  if (!staysBelowRoot(step.source) ||
+      (step.action == JournalStep::Action::Rename && !staysBelowRoot(step.target))) {
+    CVSetError(error,
+               platform::posixCallError(EINVAL, "refusing a step that leaves the device root",
+                                        step.source + " -> " + step.target));
+    return false;
+  }
+  const std::string source = layout.absolute(step.source);
+  if (step.action == JournalStep::Action::Rename) {
+    if (!performRename(source, layout.absolute(step.target), error)) return false;
+  } else if (const int injected = injectedFailure("journal removal")) {
+    CVSetError(error, platform::posixCallError(injected, "remove", source));
+    return false;
+  } else if (!CVFileManager::defaultManager().removeItemAtURL(CVURL::fileURLWithPath(source, false),
+                                                              error)) {
+    return false;
+  }
+  faultPoint("journal step");
+  return true;
+}
+
+}  // namespace
+
 bool performJournalSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
                          CVError* error) {
   for (const JournalStep& step : steps) {
-    if (!staysBelowRoot(step.source) ||
-        (step.action == JournalStep::Action::Rename && !staysBelowRoot(step.target))) {
-      CVSetError(error,
-                 platform::posixCallError(EINVAL, "refusing a step that leaves the device root",
-                                          step.source + " -> " + step.target));
+    if (!performStep(layout, step, error)) return false;
+  }
+  return true;
+}
+
+bool performCommittedSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
+                           CVError* error, bool* cleanupLeft) {
+  *cleanupLeft = false;
+  // Every rename puts something of the install in place; the removals after
+  // the last one only clean up.
+  std::size_t cleanupStart = 0;
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    if (steps[i].action == JournalStep::Action::Rename) cleanupStart = i + 1;
+  }
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    CVError stepError;
+    if (performStep(layout, steps[i], &stepError)) continue;
+    if (i < cleanupStart) {
+      CVSetError(error, stepError);
       return false;
     }
-    const std::string source = layout.absolute(step.source);
-    if (step.action == JournalStep::Action::Rename) {
-      if (!performRename(source, layout.absolute(step.target), error)) return false;
-    } else if (!CVFileManager::defaultManager().removeItemAtURL(
-                   CVURL::fileURLWithPath(source, false), error)) {
-      return false;
-    }
-    faultPoint("journal step");
+    platform::logInstaller(platform::kLogLevelError, kStepFunction,
+                           "Failed to remove %s after the install was registered; the next "
+                           "opening of the registry removes it: %@",
+                           steps[i].source, stepError);
+    *cleanupLeft = true;
   }
   return true;
 }

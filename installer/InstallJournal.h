@@ -35,6 +35,15 @@ namespace mavrel_installer {
 bool performJournalSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
                          CVError* error);
 
+// Performs the steps of an install whose registration has committed. The
+// renames must all succeed (false at the first that fails, as
+// performJournalSteps). The removals after the last rename clean up what the
+// install staged: one that fails is logged, the others are still performed,
+// the result stays true and `*cleanupLeft` is set, so that the caller keeps
+// the journal entry for the next opening to finish.
+bool performCommittedSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
+                           CVError* error, bool* cleanupLeft);
+
 struct RecoveryReport {
   std::size_t restored = 0;  // staging directories put back
   std::size_t finished = 0;  // committed installs put in place

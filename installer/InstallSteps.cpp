@@ -164,13 +164,16 @@ bool EmbeddedInstallerService::commitAndFinish(Preparation& preparation,
     }
   }
   faultPoint("registration committed");
-  if (!performJournalSteps(layout_, preparation.steps, &error)) {
+  bool cleanupLeft = false;
+  if (!performCommittedSteps(layout_, preparation.steps, &error, &cleanupLeft)) {
     // The entry stays in the journal: the next opening puts everything in place.
     *failure =
         InstallFailure{InstallError::InstallFinishFailed, preparation.entry.identifier, error};
     return false;
   }
-  doneJournal_.push_back(*id);
+  // Leftovers that could not be removed keep the entry for the next opening;
+  // the install itself is complete.
+  if (!cleanupLeft) doneJournal_.push_back(*id);
   return true;
 }
 

@@ -2,6 +2,10 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fstream>
 #include <utility>
 
 #include "installer/InstallErrors.h"
@@ -24,6 +28,15 @@ CVError makeError(const std::string& path, std::string_view action, int result,
   CVDictionary userInfo;
   userInfo.set(std::string(CVPathArgumentErrorKey), CVValue(path));
   userInfo.set("SQLiteResultCode", CVValue(result));
+  if (result == SQLITE_READONLY_ROLLBACK) {
+    // A hot rollback journal: a read-only connection may not roll it back.
+    return CreateAndLogError(
+        kFunction, CVInstallerErrorDomain, kRegistryDatabaseErrorCode, CVError(), &userInfo,
+        "The application registry %@ holds a write that was cut off before it committed (its "
+        "rollback journal %@ is left beside it); it cannot be read until that write is rolled "
+        "back, which the next installer that opens the registry for writing does",
+        path, path + "-journal");
+  }
   if (isDamaged(result)) {
     return CreateAndLogError(kFunction, CVInstallerErrorDomain, kRegistryDatabaseErrorCode,
                              CVError(), &userInfo,
@@ -155,6 +168,24 @@ CVData Statement::Use::blob(int column) const {
 }
 
 // ---- RegistryDatabase ----
+
+bool holdsOnlyACutFirstWrite(const std::string& path) {
+  // A rollback journal's header: its magic, the record count, the checksum
+  // nonce, then the size in pages of the database before the write.
+  static constexpr unsigned char kJournalMagic[] = {0xD9, 0xD5, 0x05, 0xF9, 0x20, 0xA1, 0x63, 0xD7};
+  std::ifstream journal(path + "-journal", std::ios::binary);
+  std::array<char, 20> header{};
+  if (!journal.read(header.data(), header.size())) return false;
+  if (std::memcmp(header.data(), kJournalMagic, sizeof kJournalMagic) != 0) return false;
+  return std::all_of(header.begin() + 16, header.end(), [](char byte) { return byte == 0; });
+}
+
+bool holdsCutWrite(const CVError& error) {
+  if (error.domain() != CVInstallerErrorDomain || error.code() != kRegistryDatabaseErrorCode)
+    return false;
+  const CVNumber* result = error.userInfo().findNumber("SQLiteResultCode");
+  return result != nullptr && result->int64Value() == SQLITE_READONLY_ROLLBACK;
+}
 
 std::unique_ptr<RegistryDatabase> RegistryDatabase::open(const std::string& path, Access access,
                                                          CVError* error) {

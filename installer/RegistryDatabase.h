@@ -34,6 +34,17 @@ namespace mavrel_installer {
 
 class RegistryDatabase;
 
+// Whether `error` says that a read-only reader met a write that was cut off
+// before it committed (a hot rollback journal beside the database): nothing
+// can be read until a read-write opening rolls it back.
+bool holdsCutWrite(const CVError& error);
+
+// Whether the database at `path` has a hot rollback journal left by its very
+// first write (the switch of a new, empty database to write-ahead logging):
+// nothing was ever committed, so the registry holds nothing yet. Any other
+// journal, or none, answers false.
+bool holdsOnlyACutFirstWrite(const std::string& path);
+
 // One prepared statement. Use it through a Statement::Use, which resets the
 // statement when it goes away, so that no statement keeps a read snapshot
 // open between calls.

@@ -4,6 +4,7 @@
 
 #include "installer/ContainerLayout.h"
 #include "installer/EmbeddedInstallerService.h"
+#include "installer/RegistryDatabase.h"
 #include "installer/RegistryStore.h"
 #include "platform/Bundle.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
@@ -52,7 +53,10 @@ std::optional<RegistryListing> readRegistryListing(CVGlobalConfiguration& config
   std::vector<HarborEntry> harbors;
   std::vector<JournalEntry> journal;
   std::vector<PluginEntry> plugins;
-  listing.registryExists = itemExists(listing.registryPath);
+  // A registry whose first write was cut off before it committed holds
+  // nothing; its journal is rolled back when an installer opens it.
+  listing.registryExists =
+      itemExists(listing.registryPath) && !holdsOnlyACutFirstWrite(listing.registryPath);
   if (listing.registryExists) {
     auto store = RegistryStore::open(
         listing.registryPath,

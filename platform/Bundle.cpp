@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include "platform/Log.h"
 #include "platform/PropertyList.h"
 
 namespace platform {
@@ -20,13 +19,9 @@ const std::optional<CVDictionary>& Bundle::infoDictionary() const {
   if (loaded_) return info_;
   loaded_ = true;
   const CVURL plistURL = infoPlistURL();
-  CVError error;
-  info_ = readPropertyListDictionary(plistURL, &error);
-  if (!info_) {
-    logInstaller(kLogLevelError, "QXBundleGetInfoDictionary", "Cannot read %@ : %@",
-                 plistURL.path(), error.localizedDescription());
-    return info_;
-  }
+  // The reason stays with the object: the callers write their own messages.
+  info_ = readPropertyListDictionary(plistURL, &infoError_, kInfoPlistLimits);
+  if (!info_) return info_;
   info_->set(std::string(kBundleInfoPlistURLKey), plistURL);
   return info_;
 }

@@ -4,8 +4,8 @@
 // a bundle replaced on disk is read anew by the next object. Reading the
 // Info.plist never follows a symbolic link, never reads a non-regular file and
 // refuses oversize files; a bundle whose Info.plist cannot be read has no
-// information dictionary, and the reason is written to the installer log once
-// per object.
+// information dictionary. Nothing is logged here: the reason is kept in
+// infoDictionaryError() and the callers write the messages they own.
 #pragma once
 
 #include <memory>
@@ -36,6 +36,9 @@ class Bundle {
   // The whole Info.plist, with kBundleInfoPlistURLKey added; nullopt when it
   // cannot be read as a dictionary.
   const std::optional<CVDictionary>& infoDictionary() const;
+  // Why infoDictionary() is nullopt (a record naming the Info.plist); empty
+  // while it has not been read or when it was read.
+  const CVError& infoDictionaryError() const { return infoError_; }
   // Only the entries of `keys` that the Info.plist has; nullopt when it cannot
   // be read. `options` is reserved (1 is the only value in use).
   std::optional<CVValue> filteredInfoPlist(const CVSet& keys, int options) const;
@@ -47,6 +50,7 @@ class Bundle {
   CVURL url_;
   mutable bool loaded_ = false;
   mutable std::optional<CVDictionary> info_;
+  mutable CVError infoError_;
 };
 
 }  // namespace platform

@@ -24,7 +24,7 @@ enum class DomainRead { Read, Absent, Unreadable };
 
 // Reads a domain's file; an absent file reads as an empty dictionary.
 DomainRead readDomain(const CVURL& url, CVDictionary& contents, CVError& error) {
-  auto dictionary = readPropertyListDictionary(url, &error);
+  auto dictionary = readPropertyListDictionary(url, &error, kPreferencesLimits);
   if (dictionary) {
     contents = std::move(*dictionary);
     return DomainRead::Read;

@@ -2,20 +2,18 @@
 
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "platform/FileIO.h"
 #include "platform/FileIOPosix.h"
+#include "platform/PropertyListBinary.h"
 #include "platform/PropertyListGuard.h"
 #include "platform/PropertyListNodes.h"
 
 namespace platform {
 namespace {
-
-// A binary list may share objects; expanded, its tree may not have more nodes
-// than this (a few hundred megabytes of libplist nodes).
-constexpr std::uint64_t kMaxBinaryPropertyListNodes = std::uint64_t{1} << 22;
 
 constexpr std::string_view kBinaryMagic = "bplist00";
 
@@ -24,37 +22,37 @@ struct ParseOutcome {
   std::string reason;  // why there is no value
 };
 
-ParseOutcome parseBytes(std::span<const std::uint8_t> bytes) {
+ParseOutcome parseBytes(std::span<const std::uint8_t> bytes, const PropertyListLimits& limits) {
   if (bytes.empty()) return {std::nullopt, "the data is empty"};
-  if (bytes.size() > kMaxPropertyListFileSize) {
-    return {std::nullopt,
-            "the data is larger than " + std::to_string(kMaxPropertyListFileSize) + " bytes"};
-  }
+  const std::size_t maxSize = std::min(limits.maxFileSize, kMaxPropertyListFileSize);
+  const std::uint64_t maxObjects = std::min(limits.maxObjects, kMaxPropertyListObjects);
+  if (bytes.size() > maxSize)
+    return {std::nullopt, "the data is larger than " + std::to_string(maxSize) + " bytes"};
   const bool binary = bytes.size() >= kBinaryMagic.size() &&
                       std::memcmp(bytes.data(), kBinaryMagic.data(), kBinaryMagic.size()) == 0;
   const char* const format = binary ? "binary" : "XML";
-  // The guard runs first: libplist recurses per nesting level and would
-  // overflow the stack on deep input.
+  // The guard runs first: it bounds nesting (libplist recurses per level) and
+  // the number of objects, and checks a binary list's structure.
   const auto refusal =
-      binary ? plist_guard::checkBinary(bytes, kMaxPropertyListDepth, kMaxBinaryPropertyListNodes)
+      binary ? plist_guard::checkBinary(bytes, kMaxPropertyListDepth, maxObjects)
              // Elements: the <plist> wrapper and a scalar's own element add two.
-             : plist_guard::checkXML(bytes, kMaxPropertyListDepth + 2);
+             : plist_guard::checkXML(bytes, kMaxPropertyListDepth + 2, maxObjects + 1);
+  if (refusal && refusal->starts_with("holds more than"))
+    return {std::nullopt, "the property list " + *refusal};
   if (refusal)
     return {std::nullopt,
             "not a valid " + std::string(format) + " property list (" + *refusal + ")"};
-
-  plist_t root = nullptr;
-  const char* data = reinterpret_cast<const char*>(bytes.data());
-  const auto length = static_cast<std::uint32_t>(bytes.size());
-  if (binary) {
-    plist_from_bin(data, length, &root);
-  } else {
-    plist_from_xml(data, length, &root);
-  }
-  const plist_nodes::PlistNode owner(root);
-  if (root == nullptr)
-    return {std::nullopt, "not a valid " + std::string(format) + " property list"};
   std::string reason;
+  if (binary) {
+    auto value = plist_binary::decode(bytes, reason);
+    if (!value) return {std::nullopt, "the property list " + reason};
+    return {std::move(value), {}};
+  }
+  plist_t root = nullptr;
+  plist_from_xml(reinterpret_cast<const char*>(bytes.data()),
+                 static_cast<std::uint32_t>(bytes.size()), &root);
+  const plist_nodes::PlistNode owner(root);
+  if (root == nullptr) return {std::nullopt, "not a valid XML property list"};
   auto value = plist_nodes::valueFromNode(root, kMaxPropertyListDepth, reason);
   if (!value) return {std::nullopt, "the property list " + reason};
   return {std::move(value), {}};
@@ -73,7 +71,7 @@ std::string readFailureDescription(const CVURL& url, std::string_view reason) {
 }
 
 // Why a file could not be read, from the POSIX error of readFileContents.
-std::string fileReadReason(const CVError& posixError) {
+std::string fileReadReason(const CVError& posixError, std::size_t maxSize) {
   switch (posixError.code()) {
     case ENOENT:
       return "no such file";
@@ -82,7 +80,7 @@ std::string fileReadReason(const CVError& posixError) {
     case EINVAL:
       return "not a regular file";
     case EFBIG:
-      return "larger than " + std::to_string(kMaxPropertyListFileSize) + " bytes";
+      return "larger than " + std::to_string(maxSize) + " bytes";
     default:
       return errnoDescription(static_cast<int>(posixError.code()));
   }
@@ -95,8 +93,9 @@ std::string_view rootKindName(const CVValue& value) {
 
 }  // namespace
 
-std::optional<CVValue> parsePropertyList(std::span<const std::uint8_t> bytes, CVError* error) {
-  ParseOutcome outcome = parseBytes(bytes);
+std::optional<CVValue> parsePropertyList(std::span<const std::uint8_t> bytes, CVError* error,
+                                         const PropertyListLimits& limits) {
+  ParseOutcome outcome = parseBytes(bytes, limits);
   if (!outcome.value) {
     CVSetError(error,
                platformError(kPlatformPropertyListReadCorruptError,
@@ -105,17 +104,20 @@ std::optional<CVValue> parsePropertyList(std::span<const std::uint8_t> bytes, CV
   return std::move(outcome.value);
 }
 
-std::optional<CVValue> readPropertyList(const CVURL& url, CVError* error) {
+std::optional<CVValue> readPropertyList(const CVURL& url, CVError* error,
+                                        const PropertyListLimits& limits) {
   CVError readError;
-  const auto bytes = readFileContents(url, kMaxPropertyListFileSize, &readError);
+  const std::size_t maxSize = std::min(limits.maxFileSize, kMaxPropertyListFileSize);
+  const auto bytes = readFileContents(url, maxSize, &readError);
   if (!bytes) {
     const long code = readError.code() == ENOENT ? kPlatformFileReadNoSuchFileError
                                                  : kPlatformFileReadUnknownError;
-    CVSetError(error, platformError(code, readFailureDescription(url, fileReadReason(readError)),
-                                    readError));
+    CVSetError(error,
+               platformError(code, readFailureDescription(url, fileReadReason(readError, maxSize)),
+                             readError));
     return std::nullopt;
   }
-  ParseOutcome outcome = parseBytes(*bytes);
+  ParseOutcome outcome = parseBytes(*bytes, limits);
   if (!outcome.value) {
     CVSetError(error, platformError(kPlatformPropertyListReadCorruptError,
                                     readFailureDescription(url, outcome.reason)));
@@ -123,8 +125,9 @@ std::optional<CVValue> readPropertyList(const CVURL& url, CVError* error) {
   return std::move(outcome.value);
 }
 
-std::optional<CVDictionary> readPropertyListDictionary(const CVURL& url, CVError* error) {
-  std::optional<CVValue> value = readPropertyList(url, error);
+std::optional<CVDictionary> readPropertyListDictionary(const CVURL& url, CVError* error,
+                                                       const PropertyListLimits& limits) {
+  std::optional<CVValue> value = readPropertyList(url, error, limits);
   if (!value) return std::nullopt;
   CVDictionary* dictionary = value->asDictionary();
   if (dictionary == nullptr) {
@@ -146,6 +149,12 @@ std::string encodeXMLPropertyList(const CVValue& value) {
   if (xml == nullptr) return {};
   std::string text(xml, length);
   plist_to_xml_free(xml);
+  // libplist names a vendor's document type; the <plist> element alone is
+  // what every reader reads.
+  if (const std::size_t start = text.find("<!DOCTYPE"); start != std::string::npos) {
+    const std::size_t end = text.find('\n', start);
+    text.erase(start, end == std::string::npos ? std::string::npos : end + 1 - start);
+  }
   return text;
 }
 

@@ -10,10 +10,7 @@ namespace {
 constexpr std::size_t kHeaderSize = 8;  // "bplist00"
 constexpr std::size_t kTrailerSize = 32;
 
-// Object markers (high nibble) of the container kinds and of the two string
-// kinds a dictionary key may be.
-constexpr std::uint8_t kASCIIStringMarker = 0x5;
-constexpr std::uint8_t kUTF16StringMarker = 0x6;
+// Object markers (high nibble) of the container kinds.
 constexpr std::uint8_t kArrayMarker = 0xA;
 constexpr std::uint8_t kSetMarker = 0xC;
 constexpr std::uint8_t kDictionaryMarker = 0xD;
@@ -74,27 +71,6 @@ class BinaryScan {
     return std::nullopt;
   }
 
-  // Whether object `index` can be a dictionary key: a string, ASCII or
-  // UTF-16, without a NUL character (libplist asserts on such a key).
-  std::optional<std::string> checkKey(std::uint64_t index) const {
-    const auto offset = objectOffset(index);
-    if (!offset) return "object offset outside the data";
-    const std::uint8_t kind = bytes_[*offset] >> 4;
-    if (kind != kASCIIStringMarker && kind != kUTF16StringMarker)
-      return "a dictionary key that is not a string";
-    std::uint64_t length = 0;
-    std::size_t position = 0;
-    if (auto reason = readCount(*offset, length, position)) return reason;
-    const std::size_t unit = kind == kUTF16StringMarker ? 2 : 1;
-    const std::size_t end = bytes_.size() - kTrailerSize;
-    if (position > end || length > (end - position) / unit) return "string outside the data";
-    for (std::size_t i = 0; i < length; ++i) {
-      if (readBigEndian(bytes_, position + i * unit, unit) == 0)
-        return "a dictionary key holding a NUL character";
-    }
-    return std::nullopt;
-  }
-
   // The references of the object at `offset` (none for a scalar), or a reason.
   std::optional<std::string> references(std::size_t offset, References& result) const {
     result = References{};
@@ -145,6 +121,10 @@ std::optional<std::string> readTrailer(std::span<const std::uint8_t> bytes, Trai
   return std::nullopt;
 }
 
+std::string tooMany(std::uint64_t maxNodes) {
+  return "holds more than " + std::to_string(maxNodes) + " objects";
+}
+
 enum class Visit : std::uint8_t { New, Open, Done };
 
 struct Frame {
@@ -153,7 +133,6 @@ struct Frame {
   std::uint64_t nextReference = 0;
   std::uint64_t nodes = 1;  // this object plus the children finished so far
   std::size_t height = 1;   // containers on the longest chain below and including it
-  bool dictionary = false;  // its first half of references are keys
 };
 
 }  // namespace
@@ -165,7 +144,7 @@ std::optional<std::string> checkBinary(std::span<const std::uint8_t> bytes,
   // Every node of the expanded tree is an object, so more objects than nodes
   // allowed means a list too large to accept anyway; the limit also bounds the
   // bookkeeping below.
-  if (trailer.objectCount > maxNodes) return "too many objects";
+  if (trailer.objectCount > maxNodes) return tooMany(maxNodes);
   const BinaryScan scan(bytes, trailer);
 
   // Depth-first walk without recursion. Each object is walked once; its
@@ -174,7 +153,6 @@ std::optional<std::string> checkBinary(std::span<const std::uint8_t> bytes,
   std::vector<Visit> state(count, Visit::New);
   std::vector<std::uint64_t> nodes(count, 0);
   std::vector<std::uint32_t> heights(count, 0);
-  std::vector<bool> keyChecked(count, false);
   std::vector<Frame> stack;
 
   const auto enter = [&](std::uint64_t object) -> std::optional<std::string> {
@@ -187,7 +165,6 @@ std::optional<std::string> checkBinary(std::span<const std::uint8_t> bytes,
                              (bytes[*offset] >> 4) == kSetMarker ||
                              (bytes[*offset] >> 4) == kDictionaryMarker;
     frame.height = isContainer ? 1 : 0;
-    frame.dictionary = (bytes[*offset] >> 4) == kDictionaryMarker;
     if (isContainer && stack.size() + 1 > maxContainerDepth) return "nested too deeply";
     state[static_cast<std::size_t>(object)] = Visit::Open;
     stack.push_back(frame);
@@ -207,19 +184,14 @@ std::optional<std::string> checkBinary(std::span<const std::uint8_t> bytes,
       if (!stack.empty()) {
         Frame& parent = stack.back();
         parent.nodes += finished.nodes;
-        if (parent.nodes > maxNodes) return "expands to too many objects";
+        if (parent.nodes > maxNodes) return tooMany(maxNodes);
         parent.height = std::max(parent.height, finished.height + 1);
       }
       continue;
     }
-    const bool isKey = frame.dictionary && frame.nextReference < frame.references.count / 2;
+    // Keys are walked like values: a key of any kind is carried.
     const std::uint64_t child = scan.reference(frame.references, frame.nextReference++);
     if (child >= trailer.objectCount) return "object reference outside the object table";
-    if (isKey && !keyChecked[static_cast<std::size_t>(child)]) {
-      // Once per object: a key may be referenced from many dictionaries.
-      if (auto reason = scan.checkKey(child)) return reason;
-      keyChecked[static_cast<std::size_t>(child)] = true;
-    }
     switch (state[static_cast<std::size_t>(child)]) {
       case Visit::Open:
         return "contains a reference cycle";
@@ -227,7 +199,7 @@ std::optional<std::string> checkBinary(std::span<const std::uint8_t> bytes,
         const auto index = static_cast<std::size_t>(child);
         if (stack.size() + heights[index] > maxContainerDepth) return "nested too deeply";
         frame.nodes += nodes[index];
-        if (frame.nodes > maxNodes) return "expands to too many objects";
+        if (frame.nodes > maxNodes) return tooMany(maxNodes);
         frame.height = std::max<std::size_t>(frame.height, heights[index] + 1u);
         break;
       }

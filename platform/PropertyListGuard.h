@@ -22,8 +22,9 @@ namespace platform::plist_guard {
 // XML: elements may nest at most `maxElementDepth` deep, start and end tags
 // must match, and the text may not contain NUL bytes (which rules out the
 // UTF-16 and UTF-32 encodings, which libplist does not read).
+// At most `maxElements` elements (start tags) in all.
 std::optional<std::string> checkXML(std::span<const std::uint8_t> bytes,
-                                    std::size_t maxElementDepth);
+                                    std::size_t maxElementDepth, std::uint64_t maxElements);
 
 // Binary ("bplist00"): the trailer and the offsets and references of
 // containers must lie inside the bytes, containers may nest at most

@@ -1,3 +1,4 @@
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -57,11 +58,12 @@ std::size_t pastTerminator(std::string_view text, std::size_t from, std::string_
 }  // namespace
 
 std::optional<std::string> checkXML(std::span<const std::uint8_t> bytes,
-                                    std::size_t maxElementDepth) {
+                                    std::size_t maxElementDepth, std::uint64_t maxElements) {
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   if (text.find('\0') != std::string_view::npos) return "contains NUL bytes (not UTF-8 XML)";
 
   std::vector<std::string_view> open;  // names of the elements enclosing the position
+  std::uint64_t elements = 0;
   std::size_t position = 0;
   while ((position = text.find('<', position)) != std::string_view::npos) {
     const std::string_view rest = text.substr(position);
@@ -90,6 +92,9 @@ std::optional<std::string> checkXML(std::span<const std::uint8_t> bytes,
       if (isEnd) {
         if (open.empty() || open.back() != name) return "mismatched end tag";
         open.pop_back();
+      } else if (++elements > maxElements) {
+        // Every element but the <plist> wrapper is an object.
+        return "holds more than " + std::to_string(maxElements - 1) + " objects";
       } else if (text[next - 2] != '/') {
         if (open.size() == maxElementDepth) return "nested too deeply";
         open.push_back(name);

@@ -18,7 +18,8 @@ CVURL DeviceSystemVersion::fileURL() const {
 CVDictionary DeviceSystemVersion::copySystemVersionDictionary() const {
   const CVURL url = fileURL();
   CVError error;
-  if (auto dictionary = readPropertyListDictionary(url, &error)) return std::move(*dictionary);
+  if (auto dictionary = readPropertyListDictionary(url, &error, kSystemVersionLimits))
+    return std::move(*dictionary);
   if (error.domain() == kPlatformErrorDomain && error.code() == kPlatformFileReadNoSuchFileError) {
     logInstaller(kLogLevelNotice, kFunction, "No system version file at %@", url.path());
   } else {

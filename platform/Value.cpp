@@ -212,7 +212,24 @@ bool CVDictionary::remove(std::string_view key) {
   keys_.erase(keys_.begin() + static_cast<std::ptrdiff_t>(position));
   values_.erase(values_.begin() + static_cast<std::ptrdiff_t>(position));
   reindexFrom(position);
+  for (std::size_t& before : otherPositions_) {
+    if (before > position) --before;
+  }
   return true;
+}
+
+void CVDictionary::addEntryWithNonStringKey(CVValue key, CVValue value) {
+  otherKeys_.push_back(std::move(key));
+  otherValues_.push_back(std::move(value));
+  otherPositions_.push_back(keys_.size());
+}
+
+const CVValue& CVDictionary::nonStringKeyAt(std::size_t index) const {
+  return otherKeys_[index];
+}
+
+const CVValue& CVDictionary::nonStringKeyValueAt(std::size_t index) const {
+  return otherValues_[index];
 }
 
 void CVDictionary::reindexFrom(std::size_t position) {
@@ -225,7 +242,9 @@ const CVValue& CVDictionary::valueAt(std::size_t index) const {
 }
 
 bool CVDictionary::operator==(const CVDictionary& other) const {
-  if (count() != other.count()) return false;
+  if (count() != other.count() || otherKeys_ != other.otherKeys_ ||
+      otherValues_ != other.otherValues_)
+    return false;
   for (std::size_t i = 0; i < keys_.size(); ++i) {
     const CVValue* theirs = other.find(keys_[i]);
     if (theirs == nullptr || !(*theirs == values_[i])) return false;
@@ -234,12 +253,16 @@ bool CVDictionary::operator==(const CVDictionary& other) const {
 }
 
 std::string CVDictionary::description(int indent) const {
-  if (keys_.empty()) return "{\n" + indentation(indent) + "}";
+  if (keys_.empty() && otherKeys_.empty()) return "{\n" + indentation(indent) + "}";
   std::string text = "{\n";
-  for (std::size_t i = 0; i < keys_.size(); ++i) {
-    text += indentation(indent + 1) + (needsQuotes(keys_[i]) ? quoted(keys_[i]) : keys_[i]) +
-            " = " + nestedDescription(values_[i], indent + 1) + ";\n";
-  }
+  forEachEntry([&](const CVValue& key, const CVValue& value) {
+    const std::string* name = key.asString();
+    text += indentation(indent + 1) +
+            (name == nullptr      ? nestedDescription(key, indent + 1)
+             : needsQuotes(*name) ? quoted(*name)
+                                  : *name) +
+            " = " + nestedDescription(value, indent + 1) + ";\n";
+  });
   return text + indentation(indent) + "}";
 }
 

@@ -117,6 +117,20 @@ class CVDictionary {
 
   const std::vector<std::string>& keys() const { return keys_; }
   const CVValue& valueAt(std::size_t index) const;
+
+  // Entries under a key that is not a string, which binary property lists can
+  // hold. Lookups and keys() never see them; count() does not count them.
+  // Each remembers how many string keys came before it, so that the file's
+  // order of all keys can be followed (see forEachEntry). Property lists the
+  // system writes leave them out.
+  void addEntryWithNonStringKey(CVValue key, CVValue value);
+  std::size_t nonStringKeyCount() const { return otherPositions_.size(); }
+  const CVValue& nonStringKeyAt(std::size_t index) const;
+  const CVValue& nonStringKeyValueAt(std::size_t index) const;
+  // Visits every entry in key order, string keys and others alike.
+  template <typename Visitor>  // void(const CVValue& key, const CVValue& value)
+  void forEachEntry(Visitor&& visit) const;
+
   bool operator==(const CVDictionary& other) const;
   std::string description(int indent = 0) const;
 
@@ -125,6 +139,9 @@ class CVDictionary {
   std::vector<std::string> keys_;
   std::vector<CVValue> values_;
   std::unordered_map<std::string, std::size_t> index_;
+  std::vector<CVValue> otherKeys_;
+  std::vector<CVValue> otherValues_;
+  std::vector<std::size_t> otherPositions_;  // string keys before each
 };
 
 // An unordered collection of distinct values that remembers insertion order.
@@ -211,4 +228,14 @@ inline const CVValue& CVArray::operator[](std::size_t index) const {
 }
 inline std::size_t CVSet::count() const {
   return items_.size();
+}
+
+template <typename Visitor>
+void CVDictionary::forEachEntry(Visitor&& visit) const {
+  std::size_t other = 0;
+  for (std::size_t i = 0; i <= keys_.size(); ++i) {
+    for (; other < otherPositions_.size() && otherPositions_[other] == i; ++other)
+      visit(otherKeys_[other], otherValues_[other]);
+    if (i < keys_.size()) visit(CVValue(keys_[i]), values_[i]);
+  }
 }

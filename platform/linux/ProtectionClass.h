@@ -6,9 +6,12 @@
 // class 3, the platform's default class (also on a file system without
 // extended attributes).
 //
+// On a file system without user extended attributes there is no data
+// protection: a class is accepted and kept nowhere, and every item reads as
+// class 3.
+//
 // Error contract: both calls return 0, or -1 with the error number in errno.
-// Setting a class on a file system without user extended attributes fails
-// with ENOTSUP; on a symbolic link or special file it fails with EPERM.
+// Setting a class on a symbolic link or special file fails with EPERM.
 #pragma once
 
 #include <cstdint>

@@ -102,7 +102,12 @@ class CVGlobalConfiguration {
   std::optional<CVDictionary> _bundleIDMapForAppsInDirectory(const CVURL& directory);
 
   // ---- Applications on mounted disk images; nothing here is cached.
-  std::optional<std::string> mountPointForDevice(platform::IOObjectHandle device);
+  // A registry as the disk-image operations read it: a new one, read afresh,
+  // on every call. Handles are only meaningful to the registry they came from.
+  std::shared_ptr<platform::IORegistry> ioRegistry() const;
+  // The mount point of `device`, a handle the caller took from `registry`.
+  std::optional<std::string> mountPointForDevice(platform::IORegistry& registry,
+                                                 platform::IOObjectHandle device);
   std::vector<std::string> diskImageMountPoints();
   std::vector<CVURL> diskImageApplicationsDirectories();
   CVDictionary diskImageAppBundleIDToInfoMap();
@@ -137,9 +142,6 @@ class CVGlobalConfiguration {
                         const Creation* creation);
   void createDirectory(const CVURL& url, const Creation& creation);
   BundleMap cachedMap(BundleMap& field, const CVURL& directory);
-  std::optional<std::string> mountPointForDevice(platform::IORegistry& registry,
-                                                 platform::IOObjectHandle device,
-                                                 const std::vector<platform::MountEntry>& mounts);
 
   Services services_;
   CVURL _homePath;

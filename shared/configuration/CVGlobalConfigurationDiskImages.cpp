@@ -38,7 +38,12 @@ class ScopedHandle {
 
 }  // namespace
 
-std::optional<std::string> CVGlobalConfiguration::mountPointForDevice(IOObjectHandle device) {
+std::shared_ptr<IORegistry> CVGlobalConfiguration::ioRegistry() const {
+  return services_.ioRegistry();
+}
+
+std::optional<std::string> CVGlobalConfiguration::mountPointForDevice(IORegistry& registry,
+                                                                      IOObjectHandle device) {
   constexpr std::string_view kFunction = "-[CVGlobalConfiguration mountPointForDevice:]";
   const std::vector<platform::MountEntry> mounts = services_.mountTable->mountedFileSystems();
   if (mounts.empty()) {
@@ -46,13 +51,6 @@ std::optional<std::string> CVGlobalConfiguration::mountPointForDevice(IOObjectHa
                            std::strerror(errno));
     return std::nullopt;
   }
-  const std::shared_ptr<IORegistry> registry = services_.ioRegistry();
-  return mountPointForDevice(*registry, device, mounts);
-}
-
-std::optional<std::string> CVGlobalConfiguration::mountPointForDevice(
-    IORegistry& registry, IOObjectHandle device, const std::vector<platform::MountEntry>& mounts) {
-  constexpr std::string_view kFunction = "-[CVGlobalConfiguration mountPointForDevice:]";
   IOObjectHandle iteratorHandle = 0;
   if (registry.createIterator(device, platform::kIOServicePlane, /*recursive=*/true,
                               &iteratorHandle) != platform::kIOReturnSuccess) {
@@ -78,7 +76,7 @@ std::optional<std::string> CVGlobalConfiguration::mountPointForDevice(
 
 std::vector<std::string> CVGlobalConfiguration::diskImageMountPoints() {
   std::vector<std::string> mountPoints;
-  const std::shared_ptr<IORegistry> registry = services_.ioRegistry();
+  const std::shared_ptr<IORegistry> registry = ioRegistry();
   const ScopedHandle controller(*registry, registry->firstMatchingService(kControllerClass));
   if (controller.get() == 0) return mountPoints;
 
@@ -93,21 +91,10 @@ std::vector<std::string> CVGlobalConfiguration::diskImageMountPoints() {
     return mountPoints;
   }
   const ScopedHandle children(*registry, childrenHandle);
-  const auto mountPointOf = [&](IOObjectHandle drive) -> std::optional<std::string> {
-    const std::vector<platform::MountEntry> mounts = services_.mountTable->mountedFileSystems();
-    if (mounts.empty()) {
-      platform::logInstaller(platform::kLogLevelError,
-                             "-[CVGlobalConfiguration mountPointForDevice:]",
-                             "getmntinfo failed: %s", std::strerror(errno));
-      return std::nullopt;
-    }
-    return mountPointForDevice(*registry, drive, mounts);
-  };
-
   while (const IOObjectHandle next = registry->iteratorNext(children.get())) {
     const ScopedHandle child(*registry, next);
     if (registry->conformsTo(child.get(), kDriveClass)) {
-      if (auto mountPoint = mountPointOf(child.get()))
+      if (auto mountPoint = mountPointForDevice(*registry, child.get()))
         mountPoints.push_back(std::move(*mountPoint));
       continue;
     }
@@ -121,7 +108,7 @@ std::vector<std::string> CVGlobalConfiguration::diskImageMountPoints() {
     while (const IOObjectHandle below = registry->iteratorNext(descendants.get())) {
       const ScopedHandle descendant(*registry, below);
       if (!registry->conformsTo(descendant.get(), kDriveClass)) continue;
-      if (auto mountPoint = mountPointOf(descendant.get())) {
+      if (auto mountPoint = mountPointForDevice(*registry, descendant.get())) {
         mountPoints.push_back(std::move(*mountPoint));
         break;
       }

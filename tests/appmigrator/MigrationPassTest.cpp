@@ -9,6 +9,7 @@ namespace {
 
 using platform::kLogLevelError;
 using platform::kLogLevelNotice;
+using testing_support::BinaryPlistBuilder;
 using testing_support::makeDirectories;
 using testing_support::makeSymlink;
 using testing_support::pathExists;
@@ -90,6 +91,32 @@ TEST_F(MigrationPassTest, InstallMapShapesDecideTheGroupContainerMap) {
   auto withDictionary = makeMigrator();
   ASSERT_NE(withDictionary, nullptr);
   EXPECT_EQ(withDictionary->groupContainerMap(), groups);
+
+  // A key that is not a string deep inside does not lose the map.
+  BinaryPlistBuilder builder;
+  const std::uint32_t root = builder.reserve(), user = builder.reserve(),
+                      groupMap = builder.reserve(), group = builder.reserve();
+  const std::uint32_t one = builder.addInteger(1), odd = builder.addASCIIString("odd");
+  builder.setDictionary(user, {one}, {odd});
+  builder.setDictionary(group, {builder.addASCIIString("Container")},
+                        {builder.addASCIIString("/x/a")});
+  builder.setDictionary(groupMap, {builder.addASCIIString("group.a")}, {group});
+  builder.setDictionary(root,
+                        {builder.addASCIIString("User"), builder.addASCIIString("GroupContainers")},
+                        {user, groupMap});
+  const BinaryPlistBuilder::Bytes bytes = builder.build(root);
+  writeFile(image_.installMapPath(), std::string(bytes.begin(), bytes.end()));
+  auto withOddKey = makeMigrator();
+  ASSERT_NE(withOddKey, nullptr);
+  EXPECT_EQ(withOddKey->groupContainerMap(), groups);
+
+  // A map that is there but cannot be read says why.
+  writeFile(image_.installMapPath(), "neither XML nor binary");
+  log_.clear();
+  EXPECT_FALSE(makeMigrator()->installMap().has_value());
+  EXPECT_TRUE(log_.containsFragment("The property list at " + image_.installMapPath() +
+                                    " could not be read: "))
+      << log_.dump();
 
   std::remove(image_.installMapPath().c_str());
   log_.clear();
@@ -188,6 +215,27 @@ TEST_F(SafeHarborTest, MalformedEntriesAreSkippedAndGoodOnesRegistered) {
       "CVAppMigrator: Failed to get harbor path from harbor entry for com.b.nopath : {"));
   EXPECT_TRUE(log_.contains(kLogLevelNotice,
                             "CVAppMigrator: Migrating safe harbor for com.c.good at /harbor/c"));
+  EXPECT_FALSE(pathExists(harborMapPath()));
+}
+
+TEST_F(SafeHarborTest, AnIdentifierThatIsNotAStringIsSkipped) {
+  BinaryPlistBuilder builder;
+  const std::uint32_t root = builder.reserve(), odd = builder.reserve(), good = builder.reserve();
+  const std::uint32_t pathKey = builder.addASCIIString("HarborPathKey");
+  builder.setDictionary(odd, {pathKey}, {builder.addASCIIString("/harbor/odd")});
+  builder.setDictionary(good, {pathKey}, {builder.addASCIIString("/harbor/c")});
+  builder.setDictionary(root, {builder.addInteger(7), builder.addASCIIString("com.c.good")},
+                        {odd, good});
+  const BinaryPlistBuilder::Bytes bytes = builder.build(root);
+  writeFile(harborMapPath(), std::string(bytes.begin(), bytes.end()));
+  auto migrator = makeMigrator();
+  ASSERT_NE(migrator, nullptr);
+  EXPECT_TRUE(migrator->_migrateSafeHarbors());
+  ASSERT_EQ(installer_.harbors.size(), 1u);
+  EXPECT_EQ(installer_.harbors[0].identifier, "com.c.good");
+  EXPECT_TRUE(log_.contains(kLogLevelError,
+                            "CVAppMigrator: Identifier in harbor map was not string; skipping"))
+      << log_.dump();
   EXPECT_FALSE(pathExists(harborMapPath()));
 }
 

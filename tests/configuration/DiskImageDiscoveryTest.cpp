@@ -108,6 +108,27 @@ TEST_F(DiskImageDiscoveryTest, SameIdentifierOnTwoImagesKeepsTheLaterOne) {
   EXPECT_EQ(registry_->outstandingHandles(), 0u);
 }
 
+TEST_F(DiskImageDiscoveryTest, TheCallersDriveHandleFindsItsMountPoint) {
+  // Like the Linux registry: every request reads a registry anew, so a handle
+  // is only good for the registry the caller took it from.
+  CVGlobalConfiguration::Services services;
+  services.preferences = std::make_shared<platform::PreferencesStore>(image_.root().homeURL());
+  services.ioRegistry = [] {
+    auto tree = std::make_shared<IORegistryTree>();
+    const auto controller = tree->addNode(IORegistryTree::kRoot, {"HWVDSKController"});
+    tree->addNode(tree->addNode(controller, {"HWVDSKHDDrive"}), {"HWMedia"},
+                  CVDictionary{{"BSD Name", "loop4"}});
+    return tree;
+  };
+  services.mountTable = mounts_;
+  mounts_->mounts = {{"/dev/loop4", "/mnt/four"}};
+  CVGlobalConfiguration configuration(image_.root(), services);
+  const auto registry = configuration.ioRegistry();
+  const platform::IOObjectHandle drive = registry->firstMatchingService("HWVDSKHDDrive");
+  EXPECT_EQ(configuration.mountPointForDevice(*registry, drive), "/mnt/four");
+  registry->release(drive);
+}
+
 TEST_F(DiskImageDiscoveryTest, RegistryAndMountTableFailuresAreLogged) {
   const auto controller = registry_->addNode(IORegistryTree::kRoot, {"HWVDSKController"});
   drive(controller, "loop0");

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "platform/Log.h"
+#include "platform/linux/ProtectionClassTesting.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/support/DeviceImage.h"
@@ -63,6 +64,18 @@ TEST_F(WellKnownDirectoriesTest, CreatedDirectoriesHaveTheirModeAndClass) {
     EXPECT_EQ(status.st_mode & 07777, 0755u) << path;
     EXPECT_EQ(protectionClassOf(path), each.protectionClass) << path;
   }
+}
+
+TEST_F(WellKnownDirectoriesTest, AFileSystemWithoutUserAttributesMakesThemSilently) {
+  const platform::sys::ScopedProtectionClassFault unsupported(EOPNOTSUPP);
+  CapturedLog log(platform::installerLog());
+  for (int call = 0; call < 2; ++call) {
+    for (const CVURL& url : {configuration_.stagingRoot(), configuration_.logDirectory(),
+                             configuration_.dataDirectory(), configuration_.archiveDirectory()}) {
+      EXPECT_TRUE(pathExists(url.path())) << url.path();
+    }
+  }
+  EXPECT_EQ(log.count(), 0u) << log.dump();
 }
 
 TEST_F(WellKnownDirectoriesTest, RootDirectoriesAreOnlyNamed) {

@@ -11,6 +11,7 @@
 
 #include "platform/Value.h"
 #include "platform/linux/PlaceholderAttribute.h"
+#include "platform/linux/ProtectionClassTesting.h"
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/filemanager/FileManagerTestHelpers.h"
 #include "tests/support/TestSupport.h"
@@ -124,6 +125,24 @@ TEST_F(ProtectionAndPlaceholderTest, ClassThatCannotBeSetFails) {
   EXPECT_TRUE(error.isPOSIX(EPERM)) << error.description();
   EXPECT_EQ(error.localizedDescription(),
             "Failed to setclass(2) on file " + (temp_ / "file") + ": Operation not permitted");
+}
+
+TEST_F(ProtectionAndPlaceholderTest, WithoutUserAttributesAClassIsAcceptedAndKeptNowhere) {
+  writeFile(temp_ / "file", "x");
+  makeDirectories(temp_ / "dir");
+  CapturedLog log(platform::installerLog());
+  const platform::sys::ScopedProtectionClassFault unsupported(EOPNOTSUPP);
+  CVError error;
+  EXPECT_TRUE(manager_.setDataProtectionClassOfItemAtURL(temp_.fileURL("file"), 4, nullptr, &error))
+      << error.description();
+  const std::function<bool(std::int32_t)> seen = [](std::int32_t current) { return current == 3; };
+  EXPECT_TRUE(manager_.setDataProtectionClassOfItemAtURL(temp_.fileURL("file"), 1, &seen, &error))
+      << error.description();
+  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.fileURL("dir/sub"), true, 0755, 4, &error))
+      << error.description();
+  EXPECT_EQ(classOf("file"), 3);
+  EXPECT_EQ(classOf("dir/sub"), 3);
+  EXPECT_EQ(log.count(), 0u) << log.dump();
 }
 
 // --- Placeholder marks ---

@@ -174,6 +174,45 @@ TEST_F(AppsCommandTest, ADamagedRegistryIsNamedAndBothCommandsStop) {
             "not a database at all, but long enough to look like a header....");
 }
 
+TEST_F(AppsCommandTest, AWriteCutOffBeforeItsCommitIsExplainedAndRolledBackByAMigration) {
+  writeLegacyImage();
+  ASSERT_EQ(mavrel({"migrate", "--root", root_}).exitCode, 0);
+  // What a writer killed inside a commit in rollback-journal mode leaves: a
+  // journal whose header was synced (no pages to put back here), naming the
+  // size of the database before the write.
+  const auto writeJournal = [this](std::uint32_t pagesBefore) {
+    std::string header = "\xD9\xD5\x05\xF9\x20\xA1\x63\xD7";
+    for (const std::uint32_t field : {0u, 0u, pagesBefore, 512u, 4096u}) {
+      for (int shift = 24; shift >= 0; shift -= 8)
+        header += static_cast<char>((field >> shift) & 0xFF);
+    }
+    header.resize(512, '\0');
+    writeFile(registry() + "-journal", header);
+  };
+  // The very first write: nothing was ever committed, so there is nothing yet.
+  writeJournal(0);
+  const ProgramRun first = mavrel({"apps", "--root", root_});
+  EXPECT_EQ(first.exitCode, 0) << first.err;
+  EXPECT_NE(first.out.find("No application registry yet at " + registry()), std::string::npos)
+      << first.out;
+
+  writeJournal(static_cast<std::uint32_t>(std::filesystem::file_size(registry()) / 4096));
+
+  const ProgramRun cut = mavrel({"apps", "--root", root_});
+  EXPECT_EQ(cut.exitCode, 2);
+  EXPECT_NE(cut.err.find("holds a write that was cut off before it committed"), std::string::npos)
+      << cut.err;
+  EXPECT_NE(cut.err.find("'mavrel migrate --root " + root_ + "' rolls the cut write back"),
+            std::string::npos)
+      << cut.err;
+  EXPECT_EQ(cut.err.find("readonly database"), std::string::npos) << cut.err;
+
+  ASSERT_EQ(mavrel({"migrate", "--root", root_}).exitCode, 0);
+  const ProgramRun listed = mavrel({"apps", "--root", root_});
+  EXPECT_EQ(listed.exitCode, 0) << listed.err;
+  EXPECT_NE(listed.out.find("com.example.app"), std::string::npos) << listed.out;
+}
+
 TEST_F(AppsCommandTest, UsageErrorsAndHelp) {
   ProgramRun run = mavrel({"apps"});
   EXPECT_EQ(run.exitCode, 2);

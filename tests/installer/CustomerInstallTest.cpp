@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <map>
 
+#include "installer/FaultInjection.h"
 #include "installer/InstallErrors.h"
 #include "platform/PropertyList.h"
 #include "shared/filemanager/CVErrors.h"
@@ -16,6 +17,7 @@
 namespace installer_test {
 namespace {
 
+using testing_support::CapturedLog;
 using testing_support::makeDirectories;
 using testing_support::makeSymlink;
 using testing_support::pathExists;
@@ -290,6 +292,31 @@ TEST_F(CustomerInstallTest, ANewVersionReplacesTheBundleAndKeepsTheData) {
       CVURL::fileURLWithPath(after->bundleURL.path() + "/Info.plist", false), nullptr);
   ASSERT_TRUE(info);
   EXPECT_EQ(*info->findString("QXBundleVersion"), "11");
+}
+
+TEST_F(CustomerInstallTest, LeftoversThatCannotBeRemovedAfterRegistrationAreCleanupOnly) {
+  const std::string staging = stageCustomerPackage("Game", BundleSpec{"com.example.game"});
+  writeFile(staging + "/Leftover/notes.txt", "not installed");
+  const auto previous = mavrel_installer::setFailureHandler(
+      [](std::string_view point) { return point == "journal removal" ? EBUSY : 0; });
+  InstallOutcome outcome;
+  {
+    CapturedLog log(platform::installerLog());
+    outcome = installCustomer(staging, "com.example.game");
+    EXPECT_TRUE(log.containsFragment("the next opening of the registry removes it")) << log.dump();
+  }
+  mavrel_installer::setFailureHandler(previous);
+  ASSERT_TRUE(outcome.succeeded) << outcome.dump();
+  const auto installed = record("com.example.game");
+  ASSERT_TRUE(installed);
+  const std::string container = installed->bundleContainerURL.path();
+  EXPECT_TRUE(pathExists(installed->bundleURL.path() + "/Info.plist"));
+  EXPECT_TRUE(pathExists(container + "/Leftover"));
+  // The journal kept the removals: the next opening performs them.
+  reopen();
+  EXPECT_FALSE(pathExists(container + "/Leftover"));
+  EXPECT_FALSE(pathExists(container + "/Payload"));
+  EXPECT_TRUE(pathExists(installed->bundleURL.path() + "/Info.plist"));
 }
 
 }  // namespace

@@ -139,6 +139,51 @@ TEST(PropertyListReadTest, OversizeFileIsRefusedUnread) {
   expectReadFailure(error, kPlatformFileReadUnknownError, path, EFBIG);
 }
 
+TEST(PropertyListReadTest, ListsBeyondTheLimitsOfTheirKindAreRefusedByName) {
+  TemporaryDirectory directory;
+  std::string manyObjects = "<plist><array>";
+  for (std::uint64_t i = 0; i < platform::kMaxPropertyListObjects; ++i)
+    manyObjects += "<dict/>";  // with the array, one object too many
+  manyObjects += "</array></plist>";
+  struct Case {
+    std::string name;
+    std::string contents;
+    platform::PropertyListLimits limits;
+    std::string reason;
+  };
+  const std::vector<Case> cases = {
+      {"objects.plist", manyObjects, platform::kAnyPropertyListLimits,
+       "holds more than 262144 objects"},
+      {"marker.plist", "<plist><array>" + std::string(2000, ' ') + "</array></plist>",
+       platform::kMigrationMarkerLimits, ""},
+      {"Info.plist", "<plist><string>" + std::string(1024 * 1024, 'x') + "</string></plist>",
+       platform::kInfoPlistLimits, "larger than 1048576 bytes"},
+      {"marker-objects.plist",
+       [] {
+         std::string list = "<plist><array>";
+         for (int i = 0; i < 1024; ++i)
+           list += "<true/>";
+         return list + "</array></plist>";
+       }(),
+       platform::kMigrationMarkerLimits, "holds more than 1024 objects"},
+  };
+  for (const Case& each : cases) {
+    writeFile(directory / each.name, each.contents);
+    CVError error;
+    const auto value =
+        platform::readPropertyList(directory.fileURL(each.name), &error, each.limits);
+    if (each.reason.empty()) {
+      EXPECT_TRUE(value) << each.name << ": " << error.description();
+      continue;
+    }
+    EXPECT_FALSE(value) << each.name;
+    EXPECT_NE(error.localizedDescription().find(directory / each.name), std::string::npos)
+        << error.description();
+    EXPECT_NE(error.localizedDescription().find(each.reason), std::string::npos)
+        << error.description();
+  }
+}
+
 TEST(PropertyListReadTest, BinaryFilesAreRecognisedByTheirMagic) {
   TemporaryDirectory directory;
   // "bplist00" followed by garbage is a broken binary list, not XML.

@@ -11,8 +11,11 @@
 #include <vector>
 
 #include "platform/PropertyList.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
+
+using testing_support::BinaryPlistBuilder;
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -148,6 +151,7 @@ TEST(PropertyListEncodingTest, OtherValuesTakeTheirNearestForm) {
 TEST(PropertyListEncodingTest, WritesAnXMLDocument) {
   const std::string xml = platform::encodeXMLPropertyList(CVValue(CVDictionary{{"k", true}}));
   EXPECT_EQ(xml.rfind("<?xml", 0), 0u) << xml;
+  EXPECT_EQ(xml.find("DOCTYPE"), std::string::npos) << xml;
   EXPECT_NE(xml.find("<plist version=\"1.0\">"), std::string::npos) << xml;
   EXPECT_NE(xml.find("<key>k</key>"), std::string::npos) << xml;
   EXPECT_NE(xml.find("<true/>"), std::string::npos) << xml;
@@ -164,75 +168,6 @@ std::string nestedXMLArrays(std::size_t depth) {
     xml += "</array>";
   return xml + "</plist>";
 }
-
-// Builds binary property lists object by object: shapes that no writer makes
-// (deep chains, shared subtrees, cycles). References and offsets are 4 bytes.
-class BinaryPlistBuilder {
- public:
-  std::uint32_t reserve() {
-    objects_.emplace_back();
-    return static_cast<std::uint32_t>(objects_.size() - 1);
-  }
-  std::uint32_t addASCIIString(std::string_view text) {
-    const std::uint32_t index = reserve();
-    objects_[index] = withCount(0x5, text.size());
-    objects_[index].insert(objects_[index].end(), text.begin(), text.end());
-    return index;
-  }
-  void setArray(std::uint32_t index, const std::vector<std::uint32_t>& references) {
-    objects_[index] = withCount(0xA, references.size());
-    for (const std::uint32_t reference : references)
-      appendBigEndian(objects_[index], reference);
-  }
-  void setDictionary(std::uint32_t index, const std::vector<std::uint32_t>& keys,
-                     const std::vector<std::uint32_t>& values) {
-    objects_[index] = withCount(0xD, keys.size());
-    for (const std::uint32_t key : keys)
-      appendBigEndian(objects_[index], key);
-    for (const std::uint32_t value : values)
-      appendBigEndian(objects_[index], value);
-  }
-  Bytes build(std::uint32_t root) const {
-    Bytes bytes = bytesOf("bplist00");
-    std::vector<std::uint32_t> offsets;
-    for (const Bytes& object : objects_) {
-      offsets.push_back(static_cast<std::uint32_t>(bytes.size()));
-      bytes.insert(bytes.end(), object.begin(), object.end());
-    }
-    const auto table = static_cast<std::uint32_t>(bytes.size());
-    for (const std::uint32_t offset : offsets)
-      appendBigEndian(bytes, offset);
-    bytes.insert(bytes.end(), 6, 0);
-    bytes.push_back(4);  // offset size
-    bytes.push_back(4);  // reference size
-    appendBigEndian64(bytes, objects_.size());
-    appendBigEndian64(bytes, root);
-    appendBigEndian64(bytes, table);
-    return bytes;
-  }
-
- private:
-  static void appendBigEndian(Bytes& bytes, std::uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-      bytes.push_back((value >> shift) & 0xFF);
-  }
-  static void appendBigEndian64(Bytes& bytes, std::uint64_t value) {
-    for (int shift = 56; shift >= 0; shift -= 8)
-      bytes.push_back((value >> shift) & 0xFF);
-  }
-  static Bytes withCount(std::uint8_t kind, std::size_t count) {
-    Bytes bytes;
-    if (count < 15) {
-      bytes.push_back(static_cast<std::uint8_t>(kind << 4 | count));
-    } else {
-      bytes.push_back(static_cast<std::uint8_t>(kind << 4 | 0xF));
-      bytes.push_back(0x12);  // a 4-byte integer follows
-      appendBigEndian(bytes, static_cast<std::uint32_t>(count));
-    }
-    return bytes;
-  }
-  std::vector<Bytes> objects_;
-};
 
 // Arrays nested `depth` deep, each holding the next; the innermost holds a string.
 Bytes nestedBinaryArrays(std::size_t depth) {
@@ -269,6 +204,32 @@ TEST(PropertyListHostileInputTest, BinaryBuilderMakesReadableLists) {
   for (int i = 0; i < 20; ++i)
     expectedList.append("value");
   EXPECT_EQ(*result, CVValue(CVDictionary{{"key", "value"}, {"list", expectedList}}));
+}
+
+TEST(PropertyListHostileInputTest, KeysThatAreNotStringsAreCarriedAndNeverWritten) {
+  BinaryPlistBuilder builder;
+  const std::uint32_t root = builder.reserve();
+  const std::uint32_t inner = builder.reserve();
+  const std::uint32_t one = builder.addInteger(1);
+  const std::uint32_t name = builder.addASCIIString("name");
+  const std::uint32_t kept = builder.addASCIIString("kept");
+  builder.setDictionary(inner, {one, name}, {kept, kept});
+  builder.setDictionary(root, {name, one}, {inner, kept});
+  CVError error;
+  const auto value = parse(builder.build(root), &error);
+  ASSERT_TRUE(value) << error.description();
+  const CVDictionary& outer = *value->asDictionary();
+  ASSERT_EQ(outer.count(), 1u);
+  ASSERT_EQ(outer.nonStringKeyCount(), 1u);
+  EXPECT_EQ(outer.nonStringKeyAt(0), CVValue(1));
+  EXPECT_EQ(outer.nonStringKeyValueAt(0), CVValue("kept"));
+  const CVDictionary& nested = *outer.findDictionary("name");
+  EXPECT_EQ(*nested.findString("name"), "kept");
+  // In the file's order, the odd key first.
+  std::vector<CVValue> order;
+  nested.forEachEntry([&](const CVValue& key, const CVValue&) { order.push_back(key); });
+  EXPECT_EQ(order, (std::vector<CVValue>{CVValue(1), CVValue("name")}));
+  EXPECT_EQ(roundTrip(*value), CVValue(CVDictionary{{"name", CVDictionary{{"name", "kept"}}}}));
 }
 
 TEST(PropertyListHostileInputTest, NestingUpToTheLimitIsRead) {

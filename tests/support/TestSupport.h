@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -77,5 +78,82 @@ std::string readFile(const std::string& path);
 void makeDirectories(const std::string& path);
 void makeSymlink(const std::string& target, const std::string& linkPath);
 bool pathExists(const std::string& path);  // lstat-based
+
+// Builds binary property lists object by object: shapes that no writer makes
+// (deep chains, shared subtrees, cycles, keys that are not strings). References and offsets are 4
+// bytes.
+class BinaryPlistBuilder {
+ public:
+  using Bytes = std::vector<std::uint8_t>;
+
+  std::uint32_t reserve() {
+    objects_.emplace_back();
+    return static_cast<std::uint32_t>(objects_.size() - 1);
+  }
+  std::uint32_t addInteger(std::uint8_t value) {  // one byte
+    const std::uint32_t index = reserve();
+    objects_[index] = {0x10, value};
+    return index;
+  }
+  std::uint32_t addASCIIString(std::string_view text) {
+    const std::uint32_t index = reserve();
+    objects_[index] = withCount(0x5, text.size());
+    objects_[index].insert(objects_[index].end(), text.begin(), text.end());
+    return index;
+  }
+  void setArray(std::uint32_t index, const std::vector<std::uint32_t>& references) {
+    objects_[index] = withCount(0xA, references.size());
+    for (const std::uint32_t reference : references)
+      appendBigEndian(objects_[index], reference);
+  }
+  void setDictionary(std::uint32_t index, const std::vector<std::uint32_t>& keys,
+                     const std::vector<std::uint32_t>& values) {
+    objects_[index] = withCount(0xD, keys.size());
+    for (const std::uint32_t key : keys)
+      appendBigEndian(objects_[index], key);
+    for (const std::uint32_t value : values)
+      appendBigEndian(objects_[index], value);
+  }
+  Bytes build(std::uint32_t root) const {
+    Bytes bytes = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+    std::vector<std::uint32_t> offsets;
+    for (const Bytes& object : objects_) {
+      offsets.push_back(static_cast<std::uint32_t>(bytes.size()));
+      bytes.insert(bytes.end(), object.begin(), object.end());
+    }
+    const auto table = static_cast<std::uint32_t>(bytes.size());
+    for (const std::uint32_t offset : offsets)
+      appendBigEndian(bytes, offset);
+    bytes.insert(bytes.end(), 6, 0);
+    bytes.push_back(4);  // offset size
+    bytes.push_back(4);  // reference size
+    appendBigEndian64(bytes, objects_.size());
+    appendBigEndian64(bytes, root);
+    appendBigEndian64(bytes, table);
+    return bytes;
+  }
+
+ private:
+  static void appendBigEndian(Bytes& bytes, std::uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+      bytes.push_back((value >> shift) & 0xFF);
+  }
+  static void appendBigEndian64(Bytes& bytes, std::uint64_t value) {
+    for (int shift = 56; shift >= 0; shift -= 8)
+      bytes.push_back((value >> shift) & 0xFF);
+  }
+  static Bytes withCount(std::uint8_t kind, std::size_t count) {
+    Bytes bytes;
+    if (count < 15) {
+      bytes.push_back(static_cast<std::uint8_t>(kind << 4 | count));
+    } else {
+      bytes.push_back(static_cast<std::uint8_t>(kind << 4 | 0xF));
+      bytes.push_back(0x12);  // a 4-byte integer follows
+      appendBigEndian(bytes, static_cast<std::uint32_t>(count));
+    }
+    return bytes;
+  }
+  std::vector<Bytes> objects_;
+};
 
 }  // namespace testing_support

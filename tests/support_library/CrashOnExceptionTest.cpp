@@ -119,7 +119,8 @@ TEST(CrashOnExceptionTest, RecordsTheMessageInTheAnnotation) {
 TEST(CrashOnExceptionTest, MissingPartsLeaveNoPunctuationBehind) {
   const ChildOutcome outcome = runInChild([] {
     CVSetCrashAbortHookForTesting(reportAnnotationAndExit);
-    platform::setCurrentThreadName("");  // a thread without a name
+    // Never named by the program: the kernel reports the program's name,
+    // which is no thread name.
     CVCrashOnException(ExceptionRecord{});
   });
   EXPECT_EQ(WEXITSTATUS(outcome.status), kHookExitCode);
@@ -176,8 +177,9 @@ TEST(ExceptionRecordTest, CapturesTheExceptionBeingHandled) {
 }
 
 TEST(ThreadNameTest, LongNamesAreCutAtACharacterBoundary) {
-  std::string plain, accented, cleared;
+  std::string inherited, plain, accented, cleared;
   std::thread([&] {
+    inherited = platform::currentThreadName();
     platform::setCurrentThreadName("abcdefghijklmnopqrstuvwxyz");
     plain = platform::currentThreadName();
     // "é" would straddle the 15-byte limit: it goes as a whole.
@@ -186,6 +188,7 @@ TEST(ThreadNameTest, LongNamesAreCutAtACharacterBoundary) {
     platform::setCurrentThreadName("");
     cleared = platform::currentThreadName();
   }).join();
+  EXPECT_EQ(inherited, "");  // the kernel's inherited name is not the thread's
   EXPECT_EQ(plain, "abcdefghijklmno");
   EXPECT_EQ(accented, "abcdefghijklmn");
   EXPECT_EQ(cleared, "");

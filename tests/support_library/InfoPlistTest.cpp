@@ -105,6 +105,8 @@ TEST_F(InfoPlistTest, HostileInfoPlistsYieldNothingWithAReason) {
     make(base + "/" + name + "/Info.plist");
     CapturedLog log(platform::installerLog());
     EXPECT_FALSE(CVLoadInfoPlist(bundleURL(name), nullptr).has_value()) << name;
+    // Only the message of the listed failure, nothing besides it.
+    ASSERT_EQ(log.count(), 1u) << name << log.dump();
     EXPECT_TRUE(log.containsFragment("QXBundleGetInfoDictionary failed for bundle"))
         << name << log.dump();
     const CVSet keys{"QXBundleIdentifier"};
