@@ -7,6 +7,7 @@
 #include "AppMigrator/AppMigrator.h"
 #include "AppMigrator/DeviceRootContainment.h"
 #include "platform/DeviceRoot.h"
+#include "platform/PropertyList.h"
 
 namespace {
 
@@ -151,4 +152,18 @@ std::map<std::string, LegacyGroupLocation, std::less<>> CVLocateLegacyGroupConta
     }
   }
   return locations;
+}
+
+std::map<std::string, std::string, std::less<>> CVMigratableLegacyGroupContainers(
+    const CVURL& installMapURL) {
+  std::map<std::string, std::string, std::less<>> groups;
+  const auto installMap =
+      platform::readPropertyListDictionary(installMapURL, nullptr, platform::kInstallMapLimits);
+  const CVDictionary* map = installMap ? installMap->findDictionary(kGroupContainersKey) : nullptr;
+  if (map == nullptr) return groups;
+  for (auto& [identifier, location] : CVLocateLegacyGroupContainers(*map)) {
+    if (location.problem.empty() && !location.hostPath.empty())
+      groups.emplace(identifier, std::move(location.hostPath));
+  }
+  return groups;
 }

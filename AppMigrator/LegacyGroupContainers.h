@@ -15,6 +15,7 @@
 #include <map>
 #include <string>
 
+#include "platform/URL.h"
 #include "platform/Value.h"
 
 struct LegacyGroupLocation {
@@ -31,3 +32,9 @@ struct LegacyGroupLocation {
 // "Container" is a string, by group identifier.
 std::map<std::string, LegacyGroupLocation, std::less<>> CVLocateLegacyGroupContainers(
     const CVDictionary& groupContainers);
+
+// The legacy group containers that the install map at `installMapURL` names
+// and the pass may migrate (no problem), by group identifier, with the host
+// path each leads to; empty when the map cannot be read or has none.
+std::map<std::string, std::string, std::less<>> CVMigratableLegacyGroupContainers(
+    const CVURL& installMapURL);

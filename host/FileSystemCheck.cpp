@@ -24,14 +24,9 @@ bool checkOneFileSystem(const std::string& root, std::string* reason) {
   std::vector<std::string> sources;
   const std::string legacy = configuration.oldContainerPath().path();
   if (mavrel_installer::itemExists(legacy)) sources.push_back(legacy);
-  if (const auto map =
-          platform::readPropertyListDictionary(configuration.oldInstallMapPath(), nullptr)) {
-    if (const CVDictionary* groups = map->findDictionary(kGroupContainersKey)) {
-      for (const auto& [identifier, location] : CVLocateLegacyGroupContainers(*groups)) {
-        if (location.problem.empty() && mavrel_installer::itemExists(location.hostPath))
-          sources.push_back(location.hostPath);
-      }
-    }
+  for (const auto& [identifier, hostPath] :
+       CVMigratableLegacyGroupContainers(configuration.oldInstallMapPath())) {
+    if (mavrel_installer::itemExists(hostPath)) sources.push_back(hostPath);
   }
   if (sources.empty()) return true;
   const std::string destinations[] = {layout.directoryFor(mavrel_installer::ContainerClass::Bundle),

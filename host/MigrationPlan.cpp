@@ -155,8 +155,8 @@ class Planner {
       plan_.entries.push_back(std::move(entry));
     }
     if (!items->empty()) {
-      const auto map =
-          platform::readPropertyListDictionary(configuration_.oldInstallMapPath(), nullptr);
+      const auto map = platform::readPropertyListDictionary(configuration_.oldInstallMapPath(),
+                                                            nullptr, platform::kInstallMapLimits);
       plan_.installMapReadable = map.has_value();
       if (map) installMap_ = *map;
     }
@@ -381,7 +381,7 @@ class Planner {
     plan_.harborMapPresent = mavrel_installer::itemExists(plan_.harborMapPath);
     if (!plan_.harborMapPresent) return;
     const auto map = platform::readPropertyListDictionary(
-        CVURL::fileURLWithPath(plan_.harborMapPath, false), nullptr);
+        CVURL::fileURLWithPath(plan_.harborMapPath, false), nullptr, platform::kHarborMapLimits);
     plan_.harborMapReadable = map.has_value();
     if (!map) return;
     const auto resolvedRoot = mavrel_installer::canonicalPath(root_);

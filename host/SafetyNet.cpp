@@ -301,22 +301,16 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
       });
     }
   }
-  const auto installMap =
-      platform::readPropertyListDictionary(configuration.oldInstallMapPath(), nullptr);
-  const CVDictionary* groups =
-      installMap ? installMap->findDictionary(kGroupContainersKey) : nullptr;
-  if (groups != nullptr) {
-    for (const auto& [identifier, location] : CVLocateLegacyGroupContainers(*groups)) {
-      if (!location.problem.empty() || location.hostPath.empty()) continue;
-      const auto relative = relativeToRoot(root, location.hostPath);
-      if (!relative) continue;
-      net.groupRelatives_.push_back(*relative);
-      const std::size_t slash = relative->rfind('/');
-      const std::string parent = slash == std::string::npos ? "" : relative->substr(0, slash);
-      const std::string name = slash == std::string::npos ? *relative : relative->substr(slash + 1);
-      if (parent.empty()) continue;
-      linkBelow(parent, {name});
-    }
+  for (const auto& [identifier, hostPath] :
+       CVMigratableLegacyGroupContainers(configuration.oldInstallMapPath())) {
+    const auto relative = relativeToRoot(root, hostPath);
+    if (!relative) continue;
+    net.groupRelatives_.push_back(*relative);
+    const std::size_t slash = relative->rfind('/');
+    const std::string parent = slash == std::string::npos ? "" : relative->substr(0, slash);
+    const std::string name = slash == std::string::npos ? *relative : relative->substr(slash + 1);
+    if (parent.empty()) continue;
+    linkBelow(parent, {name});
   }
   return net;
 }

@@ -201,24 +201,18 @@ UserDataManifest collectUserDataManifest(CVGlobalConfiguration& configuration, u
 
   // Group containers and harbors as the pass finds them: never read outside
   // the root, nor a place that is no container of its own.
-  const auto installMap =
-      platform::readPropertyListDictionary(configuration.oldInstallMapPath(), nullptr);
-  const CVDictionary* groups =
-      installMap ? installMap->findDictionary(kGroupContainersKey) : nullptr;
-  if (groups != nullptr) {
-    for (const auto& [identifier, location] : CVLocateLegacyGroupContainers(*groups)) {
-      if (!location.problem.empty() || location.hostPath.empty()) continue;
-      ManifestSource source;
-      source.kind = ManifestSource::Kind::GroupContainer;
-      source.identifier = identifier;
-      source.legacyPath = location.hostPath;
-      listFiles(location.hostPath, "", source);
-      manifest.sources.push_back(std::move(source));
-    }
+  for (const auto& [identifier, hostPath] :
+       CVMigratableLegacyGroupContainers(configuration.oldInstallMapPath())) {
+    ManifestSource source;
+    source.kind = ManifestSource::Kind::GroupContainer;
+    source.identifier = identifier;
+    source.legacyPath = hostPath;
+    listFiles(hostPath, "", source);
+    manifest.sources.push_back(std::move(source));
   }
   const auto harborMap = platform::readPropertyListDictionary(
-      configuration.dataDirectory().URLByAppendingPathComponent(kHarborMapFileName, false),
-      nullptr);
+      configuration.dataDirectory().URLByAppendingPathComponent(kHarborMapFileName, false), nullptr,
+      platform::kHarborMapLimits);
   for (std::size_t i = 0; harborMap && i < harborMap->count(); ++i) {
     const CVDictionary* harbor = harborMap->valueAt(i).asDictionary();
     const std::string* path = harbor ? harbor->findString(kHarborPathKey) : nullptr;
