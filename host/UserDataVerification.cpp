@@ -13,6 +13,7 @@
 #include "installer/InstallerFiles.h"
 #include "platform/DeviceRoot.h"
 #include "platform/PropertyList.h"
+#include "platform/linux/FilesBeneath.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "shared/filemanager/CVFileManager.h"
 #include "shared/support/CVFileDigest.h"
@@ -29,8 +30,18 @@ int hexValue(char c) {
   return -1;
 }
 
-std::optional<std::array<std::uint8_t, 32>> digestOf(const std::string& path) {
-  const auto hex = CVCreateSHA256Digest(path);
+// The digest of the regular file `relative` below the directory `base`,
+// reached relative to open directories (paths of any length, no link
+// followed); nullopt when it is no regular file or cannot be read, with
+// `*present` saying whether a regular file was there.
+std::optional<std::array<std::uint8_t, 32>> digestBelow(const std::string& base,
+                                                        const std::string& relative,
+                                                        bool* present = nullptr) {
+  const platform::sys::UniqueFd file =
+      platform::sys::openRegularFileBeneath(base.c_str(), relative);
+  if (present != nullptr) *present = file.valid();
+  if (!file) return std::nullopt;
+  const auto hex = CVCreateSHA256DigestOfOpenFile(file.get(), base + "/" + relative);
   if (!hex || hex->size() != 64) return std::nullopt;
   std::array<std::uint8_t, 32> bytes{};
   for (std::size_t i = 0; i < bytes.size(); ++i) {
@@ -42,11 +53,14 @@ std::optional<std::array<std::uint8_t, 32>> digestOf(const std::string& path) {
   return bytes;
 }
 
-// The regular files below `root`, prefixed with `prefix`; digests come later.
-void listFiles(const std::string& root, const std::string& prefix, ManifestSource& source) {
-  walkRegularFiles(root, [&](std::string_view relative, std::uint64_t size) {
-    source.files.push_back(ManifestFile{prefix + std::string(relative), size, {}});
-  });
+// The regular files below `root`, prefixed with `prefix`, however deep;
+// digests come later. Returns the items that could not be looked at.
+std::uint64_t listFiles(const std::string& root, const std::string& prefix,
+                        ManifestSource& source) {
+  return platform::sys::walkRegularFilesBeneath(
+      root.c_str(), [&](std::string_view relative, std::uint64_t size) {
+        source.files.push_back(ManifestFile{prefix + std::string(relative), size, {}});
+      });
 }
 
 // Fills in every digest on `workers` threads; drops (and counts) the files
@@ -64,7 +78,7 @@ void computeDigests(UserDataManifest& manifest, unsigned workers) {
   std::vector<std::uint8_t> unreadable(slots.size(), 0);
   parallelFor(slots.size(), workers, [&](std::size_t i) {
     ManifestFile& file = slots[i].source->files[slots[i].index];
-    const auto digest = digestOf(slots[i].source->legacyPath + "/" + file.relativePath);
+    const auto digest = digestBelow(slots[i].source->legacyPath, file.relativePath);
     if (digest) {
       file.digest = *digest;
     } else {
@@ -136,14 +150,9 @@ Places placesAfterThePass(const UserDataManifest& manifest, platform::Applicatio
 
 enum class Finding { Verified, StillInLegacy, LeftBehind, Missing, Changed };
 
-bool matches(const std::string& path, const ManifestFile& file, bool* readable) {
-  *readable = true;
-  if (mavrel_installer::itemKindAtPath(path) != mavrel_installer::ItemKind::Regular) {
-    *readable = false;
-    return false;
-  }
+bool matches(const std::string& place, const ManifestFile& file, bool* present) {
   // Equal digests mean equal contents, sizes included.
-  const auto digest = digestOf(path);
+  const auto digest = digestBelow(place, file.relativePath, present);
   return digest && *digest == file.digest;
 }
 
@@ -151,10 +160,10 @@ Finding check(const ManifestFile& file, const std::string& newPlace, const std::
               bool saidMoved) {
   bool present = false;
   if (!newPlace.empty()) {
-    if (matches(newPlace + "/" + file.relativePath, file, &present)) return Finding::Verified;
+    if (matches(newPlace, file, &present)) return Finding::Verified;
     if (present) return Finding::Changed;
   }
-  if (matches(oldPlace + "/" + file.relativePath, file, &present))
+  if (matches(oldPlace, file, &present))
     return saidMoved ? Finding::LeftBehind : Finding::StillInLegacy;
   return present ? Finding::Changed : Finding::Missing;
 }
@@ -195,7 +204,7 @@ UserDataManifest collectUserDataManifest(CVGlobalConfiguration& configuration, u
         source.identifier = *identifier;
     }
     for (const std::string& item : configuration.appUserDataItemNames())
-      listFiles(entry.path() + "/" + item, item + "/", source);
+      manifest.unreadable += listFiles(entry.path() + "/" + item, item + "/", source);
     manifest.sources.push_back(std::move(source));
   }
 
@@ -207,7 +216,7 @@ UserDataManifest collectUserDataManifest(CVGlobalConfiguration& configuration, u
     source.kind = ManifestSource::Kind::GroupContainer;
     source.identifier = identifier;
     source.legacyPath = hostPath;
-    listFiles(hostPath, "", source);
+    manifest.unreadable += listFiles(hostPath, "", source);
     manifest.sources.push_back(std::move(source));
   }
   const auto harborMap = platform::readPropertyListDictionary(
@@ -223,7 +232,7 @@ UserDataManifest collectUserDataManifest(CVGlobalConfiguration& configuration, u
     source.kind = ManifestSource::Kind::Harbor;
     source.identifier = harborMap->keys()[i];
     source.legacyPath = *hostPath;
-    listFiles(*hostPath, "", source);
+    manifest.unreadable += listFiles(*hostPath, "", source);
     manifest.sources.push_back(std::move(source));
   }
   computeDigests(manifest, workers);

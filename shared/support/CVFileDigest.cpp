@@ -52,13 +52,9 @@ void logFailure(platform::FormatString<Args..., const char*> text, const Args&..
 // Reads the file at `path` sequentially, up to the size it has once open, and
 // hands each chunk to `consumer(bytes, count)`; stops with failure when the
 // consumer answers false. Returns whether the whole size was handed on.
+// The same for a file already open as `file`; `path` names it in messages.
 template <class Consumer>
-bool ReadFile(const char* path, Consumer&& consumer) {
-  const platform::sys::UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
-  if (!file) {
-    logFailure("failed to open %s : %s", path);
-    return false;
-  }
+bool ReadOpenFile(const platform::sys::UniqueFd& file, const char* path, Consumer&& consumer) {
   struct stat status {};
   if (::fstat(file.get(), &status) != 0) {
     logFailure("failed to stat %s : %s", path);
@@ -101,6 +97,16 @@ bool ReadFile(const char* path, Consumer&& consumer) {
   return true;
 }
 
+template <class Consumer>
+bool ReadFile(const char* path, Consumer&& consumer) {
+  const platform::sys::UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
+  if (!file) {
+    logFailure("failed to open %s : %s", path);
+    return false;
+  }
+  return ReadOpenFile(file, path, std::forward<Consumer>(consumer));
+}
+
 struct DigestContextFree {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
@@ -121,20 +127,18 @@ CVReadFileObserver* CVSetReadFileObserverForTesting(CVReadFileObserver* observer
   return readFileObserver.exchange(observer, std::memory_order_acq_rel);
 }
 
-std::optional<std::string> CVCreateSHA256Digest(std::string_view path) {
+namespace {
+
+// The digest of what `read(consumer)` hands on; `path` names the file in the
+// failure message.
+template <class Reader>
+std::optional<std::string> digestOfReading(const std::string& fileSystemPath, Reader&& read) {
   const std::unique_ptr<EVP_MD_CTX, DigestContextFree> context(EVP_MD_CTX_new());
   if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) return std::nullopt;
 
-  const std::string fileSystemPath(path);
-  bool readSucceeded = false;
-  if (fileSystemPath.find('\0') != std::string::npos) {
-    errno = EINVAL;
-  } else {
-    readSucceeded =
-        ReadFile(fileSystemPath.c_str(), [&](const std::uint8_t* bytes, std::size_t count) {
-          return EVP_DigestUpdate(context.get(), bytes, count) == 1;
-        });
-  }
+  const bool readSucceeded = read([&](const std::uint8_t* bytes, std::size_t count) {
+    return EVP_DigestUpdate(context.get(), bytes, count) == 1;
+  });
   const int readErrno = errno;
 
   std::array<unsigned char, 32> digest{};
@@ -149,4 +153,28 @@ std::optional<std::string> CVCreateSHA256Digest(std::string_view path) {
   }
   if (!finished || digestLength != digest.size()) return std::nullopt;
   return lowercaseHex(digest);
+}
+
+}  // namespace
+
+std::optional<std::string> CVCreateSHA256Digest(std::string_view path) {
+  const std::string fileSystemPath(path);
+  return digestOfReading(fileSystemPath, [&](auto&& consumer) {
+    if (fileSystemPath.find('\0') != std::string::npos) {
+      errno = EINVAL;
+      return false;
+    }
+    return ReadFile(fileSystemPath.c_str(), consumer);
+  });
+}
+
+std::optional<std::string> CVCreateSHA256DigestOfOpenFile(int fd, std::string_view name) {
+  const std::string fileSystemPath(name);
+  // Borrowed: the caller keeps and closes the descriptor.
+  platform::sys::UniqueFd file(fd);
+  auto digest = digestOfReading(fileSystemPath, [&](auto&& consumer) {
+    return ReadOpenFile(file, fileSystemPath.c_str(), consumer);
+  });
+  file.release();
+  return digest;
 }

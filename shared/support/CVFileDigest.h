@@ -20,3 +20,9 @@
 #include <string_view>
 
 std::optional<std::string> CVCreateSHA256Digest(std::string_view path);
+
+// The same for a file already open for reading, read from where it stands
+// (its start, when just opened); `name` stands for it in the messages. The
+// descriptor stays open. Lets a caller reach a file relative to a directory
+// descriptor, whatever the length of its path.
+std::optional<std::string> CVCreateSHA256DigestOfOpenFile(int fd, std::string_view name);

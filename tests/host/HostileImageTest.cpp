@@ -134,13 +134,20 @@ class HostileImageTest : public ::testing::Test {
   }
 
   // Runs `mavrel migrate` on the image under a time limit.
-  ProgramRun migrate() {
-    return testing_support::runProgram(
-        "timeout",
-        {"-k", "10", kRunTimeLimit, MAVREL_BINARY_DIR "/bin/mavrel", "migrate", "--root", root_,
-         "--log-json", outside_ + "/json/migration.json", "--installer-log-json",
-         outside_ + "/json/installer.json"},
-        outside_ + "/scratch");
+  ProgramRun migrate(const std::vector<std::string>& extraArguments = {}) {
+    std::vector<std::string> arguments{"-k",
+                                       "10",
+                                       kRunTimeLimit,
+                                       MAVREL_BINARY_DIR "/bin/mavrel",
+                                       "migrate",
+                                       "--root",
+                                       root_,
+                                       "--log-json",
+                                       outside_ + "/json/migration.json",
+                                       "--installer-log-json",
+                                       outside_ + "/json/installer.json"};
+    arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
+    return testing_support::runProgram("timeout", arguments, outside_ + "/scratch");
   }
 
   std::string migrationLog() const { return readFile(outside_ + "/json/migration.json"); }
@@ -384,10 +391,13 @@ TEST_F(HostileImageTest, ATreeDeeperThanPathMaxIsMovedAndRemoved) {
   ASSERT_GT((container + "/Documents" + chain + "/Lower" + chain + "/bottom.txt").size(),
             std::size_t{PATH_MAX});
 
-  const ProgramRun run = migrate();
+  const ProgramRun run = migrate({"--verify"});
   ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
   EXPECT_EQ(run.exitCode, 0) << run.out << run.err << migrationLog();
   EXPECT_TRUE(logged("CVAppMigrator: Removing container for com.example.deep")) << migrationLog();
+  // The file deeper than a path can name is recorded, found and verified.
+  EXPECT_NE(run.err.find("Verified 1 of 1 user-data files"), std::string::npos) << run.err;
+  EXPECT_EQ(run.err.find("could not be read"), std::string::npos) << run.err;
   EXPECT_FALSE(pathExists(container));
   // The temporary directory's own removal cannot reach that deep.
   const ProgramRun removed = testing_support::runProgram("rm", {"-rf", root_});
