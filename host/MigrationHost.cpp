@@ -38,6 +38,7 @@
 #include "platform/Log.h"
 #include "platform/SystemVersion.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
+#include "shared/filemanager/CVFileManager.h"
 
 namespace mavrel_host {
 namespace {
@@ -247,6 +248,25 @@ std::optional<SafetyNet> laySafetyNet(const std::string& root, std::FILE* out, s
   printText(out, formatSafetyNetLaid(net->result()));
   std::fflush(out);
   return net;
+}
+
+// Empties the host's scratch directory in the image. Nothing in it outlives
+// the run that made it, and whatever the image put there (a link leading out
+// of it, where the placeholders are staged) must not be built upon. The
+// removal never follows a link.
+bool clearScratchDirectory(const std::string& path, std::string* reason) {
+  CVFileManager& fileManager = CVFileManager::defaultManager();
+  CVError error;
+  const auto entries = fileManager.urlsForItemsInDirectoryAtURL(CVURL::fileURLWithPath(path, true),
+                                                                /*ignoringSymlinks=*/false, &error);
+  bool cleared = entries.has_value();
+  for (const CVURL& entry : entries.value_or(std::vector<CVURL>())) {
+    cleared = fileManager.removeItemAtURL(entry, &error);
+    if (!cleared) break;
+  }
+  if (cleared) return true;
+  *reason = "cannot empty the scratch directory " + path + ": " + error.localizedDescription();
+  return false;
 }
 
 // What the run says of each container and harbor, for the verification.
@@ -478,6 +498,7 @@ int runMigrate(const MigrateOptions& options, std::FILE* out, std::FILE* err) {
     return refuse(run, reason);
   const std::string temporaryPath =
       *root + (*root == "/" ? "" : "/") + std::string(kTemporaryDirectory);
+  if (!clearScratchDirectory(temporaryPath, &reason)) return refuse(run, reason);
   ::setenv("TMPDIR", temporaryPath.c_str(), 1);
 
   run.logs = openHostLogs(*root, options, runTime, std::move(json), &reason);

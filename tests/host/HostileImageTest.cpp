@@ -342,6 +342,20 @@ TEST_F(HostileImageTest, ALegacyTreeOnAnotherFileSystemIsRefusedUntouched) {
   EXPECT_EQ(snapshotTree(root_), before) << "the refused run wrote into the image";
 }
 
+// The host's scratch directory in the image is emptied before use: a link
+// the image put where placeholders are staged is removed, not followed.
+TEST_F(HostileImageTest, ALinkInTheScratchDirectoryIsRemovedNotFollowed) {
+  makeDirectories(root_ + "/private/var/tmp/mavrel");
+  makeSymlink(canary() + "/Container",
+              root_ + "/private/var/tmp/mavrel/com.zentrel.corvane.migrator");
+  writeApplication(legacy() + "/Staged/Foo.app", "com.example.foo", {});
+
+  const ProgramRun run = migrate();
+  ASSERT_NE(run.exitCode, kTimedOutExitCode) << "the run did not end";
+  EXPECT_EQ(run.exitCode, 0) << run.out << run.err << migrationLog();
+  EXPECT_TRUE(logged("CVAppMigrator: Removing container for com.example.foo")) << migrationLog();
+}
+
 TEST_F(HostileImageTest, AnIdentifierThatIsAPathGetsNoPlaceholder) {
   // The placeholder is staged under a directory named after the identifier.
   const std::string container = legacy() + "/Climbing";
