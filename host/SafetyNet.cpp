@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <unordered_set>
 
 #include "AppMigrator/AppMigrator.h"
@@ -73,26 +75,36 @@ class NetLayer {
 
   // Links the item `name` of `sourceParent` (a file or a whole tree) into
   // `netParent`; `relative` names it for messages.
+  // `type` is what the directory listing said of the item, when it did.
   void linkItem(int sourceParent, int netParent, const std::string& name,
-                const std::string& relative) {
-    struct stat status {};
-    if (platform::sys::statAt(sourceParent, name.c_str(), &status) != 0) {
-      if (errno != ENOENT) failed(relative, errno);
-      return;
+                const std::string& relative,
+                platform::sys::EntryType type = platform::sys::EntryType::Unknown) {
+    if (type == platform::sys::EntryType::Unknown) {
+      struct stat status {};
+      if (platform::sys::statAt(sourceParent, name.c_str(), &status) != 0) {
+        if (errno != ENOENT) failed(relative, errno);
+        return;
+      }
+      type = S_ISREG(status.st_mode)   ? platform::sys::EntryType::Regular
+             : S_ISDIR(status.st_mode) ? platform::sys::EntryType::Directory
+                                       : platform::sys::EntryType::Other;
     }
-    if (S_ISREG(status.st_mode)) {
+    if (type == platform::sys::EntryType::Regular) {
       linkFile(sourceParent, netParent, name, relative);
-    } else if (S_ISDIR(status.st_mode)) {
-      // The net itself is never netted, wherever a group container leads.
-      if (status.st_dev == netDevice_ && status.st_ino == netInode_) return;
+    } else if (type == platform::sys::EntryType::Directory) {
       const UniqueFd source = platform::sys::openDirectoryAt(sourceParent, name.c_str());
-      if (!source) return failed(relative, errno);
+      if (!source) return errno == ENOENT ? void() : failed(relative, errno);
+      // The net itself is never netted, wherever a group container leads.
+      struct stat status {};
+      if (platform::sys::statOpen(source.get(), &status) != 0) return failed(relative, errno);
+      if (status.st_dev == netDevice_ && status.st_ino == netInode_) return;
       const UniqueFd net =
           platform::sys::openOrMakeDirectoryAt(netParent, name.c_str(), kNetDirectoryMode);
       if (!net) return failed(relative, errno);
-      const bool listed = forEachEntry(source.get(), [&](const std::string& child, auto) {
-        linkItem(source.get(), net.get(), child, relative + "/" + child);
-      });
+      const bool listed =
+          forEachEntry(source.get(), [&](const std::string& child, platform::sys::EntryType kind) {
+            linkItem(source.get(), net.get(), child, relative + "/" + child, kind);
+          });
       if (!listed) failed(relative, errno);
     }
   }
@@ -120,12 +132,15 @@ class NetLayer {
                                           ": the net already holds another file of that name");
   }
 
+  // Counts and names an item that could not be linked.
+ public:
   void failed(const std::string& relative, int code) {
     ++result_.notLinked;
     if (result_.notLinkedExamples.size() < kExamplesKept)
       result_.notLinkedExamples.push_back(relative + ": " + std::strerror(code));
   }
 
+ private:
   SafetyNetResult& result_;
   dev_t netDevice_;
   ino_t netInode_;
@@ -152,33 +167,71 @@ struct KeptFile {
   std::uint64_t size = 0;
 };
 
+// Removes the empty directories below the open directory `directory`.
+void removeEmptyDirectoriesBelow(int directory) {
+  forEachEntry(directory, [&](const std::string& name, platform::sys::EntryType type) {
+    if (type != platform::sys::EntryType::Directory) return;
+    if (const UniqueFd child = platform::sys::openDirectoryAt(directory, name.c_str()))
+      removeEmptyDirectoriesBelow(child.get());
+    platform::sys::removeEmptyDirectoryAt(directory, name.c_str());
+  });
+}
+
+// A net entry whose file is neither at its old place nor at its expected new
+// one, but still has another name: looked for in every container afterwards.
+struct Unresolved {
+  std::string relative;  // to the net's run directory
+  std::uint64_t size = 0;
+  ino_t inode = 0;
+};
+
+// Whether `name` in the open directory `directory` is the file `status` describes.
+bool sameFileAt(int directory, const std::string& name, const struct stat& status) {
+  struct stat other {};
+  return directory >= 0 && platform::sys::statAt(directory, name.c_str(), &other) == 0 &&
+         other.st_dev == status.st_dev && other.st_ino == status.st_ino;
+}
+
 // Removes every net entry below `net` whose file is at its old place (the
-// same path below `old`, when it exists) or among `elsewhere`; collects the
-// rest and removes the directories left empty.
-void prune(int net, int old, const std::string& relative,
-           const std::unordered_set<ino_t>& elsewhere, std::vector<KeptFile>& kept) {
-  forEachEntry(net, [&](const std::string& name, platform::sys::EntryType) {
+// same path below `old`) or at its expected new place (the same path below
+// `expected`, the new container of the legacy one the walk is in, which
+// `newPlaceOf` names for a net path); collects the files with no other name
+// in `kept`, the others in `unresolved`, and removes the directories left empty.
+void prune(int net, int old, int expected, const std::string& relative,
+           const std::function<std::optional<std::string>(const std::string&)>& newPlaceOf,
+           int rootFd, std::vector<KeptFile>& kept, std::vector<Unresolved>& unresolved) {
+  forEachEntry(net, [&](const std::string& name, platform::sys::EntryType type) {
     if (relative.empty() && name == kSafetyNetStateFile) return;
     const std::string path = joinRelative(relative, name);
     struct stat status {};
-    if (platform::sys::statAt(net, name.c_str(), &status) != 0) return;
-    if (S_ISDIR(status.st_mode)) {
+    // The net holds only directories and files it made: a directory needs no look.
+    if (type != platform::sys::EntryType::Directory &&
+        platform::sys::statAt(net, name.c_str(), &status) != 0)
+      return;
+    if (type == platform::sys::EntryType::Directory || S_ISDIR(status.st_mode)) {
       const UniqueFd child = platform::sys::openDirectoryAt(net, name.c_str());
       if (!child) return;
       UniqueFd oldChild;
       if (old >= 0) oldChild = platform::sys::openDirectoryAt(old, name.c_str());
-      prune(child.get(), oldChild.get(), path, elsewhere, kept);
+      UniqueFd expectedChild;
+      if (const auto place = newPlaceOf(path)) {
+        expectedChild = openBeneath(rootFd, *place);
+      } else if (expected >= 0) {
+        expectedChild = platform::sys::openDirectoryAt(expected, name.c_str());
+      }
+      prune(child.get(), oldChild.get(), expectedChild.get(), path, newPlaceOf, rootFd, kept,
+            unresolved);
       platform::sys::removeEmptyDirectoryAt(net, name.c_str());
       return;
     }
-    bool safe = false;
     if (status.st_nlink > 1) {
-      struct stat oldStatus {};
-      safe = (old >= 0 && platform::sys::statAt(old, name.c_str(), &oldStatus) == 0 &&
-              oldStatus.st_dev == status.st_dev && oldStatus.st_ino == status.st_ino) ||
-             elsewhere.count(status.st_ino) != 0;
+      if ((sameFileAt(old, name, status) || sameFileAt(expected, name, status)) &&
+          platform::sys::removeFileAt(net, name.c_str()) == 0)
+        return;
+      unresolved.push_back(
+          Unresolved{path, static_cast<std::uint64_t>(status.st_size), status.st_ino});
+      return;
     }
-    if (safe && platform::sys::removeFileAt(net, name.c_str()) == 0) return;
     kept.push_back(KeptFile{path, static_cast<std::uint64_t>(status.st_size)});
   });
 }
@@ -296,8 +349,27 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
     net.legacyRelative_ = *legacy;
     const std::vector<std::string> items = configuration.appUserDataItemNames();
     if (const UniqueFd legacyFd = openBeneath(rootFd.get(), *legacy)) {
+      // Made at the first container that holds user data.
+      UniqueFd netLegacy;
       forEachEntry(legacyFd.get(), [&](const std::string& name, platform::sys::EntryType type) {
-        if (type == platform::sys::EntryType::Directory) linkBelow(*legacy + "/" + name, items);
+        if (type != platform::sys::EntryType::Directory) return;
+        const UniqueFd container = platform::sys::openDirectoryAt(legacyFd.get(), name.c_str());
+        if (!container) return;
+        UniqueFd netContainer;
+        for (const std::string& item : items) {
+          struct stat status {};
+          if (platform::sys::statAt(container.get(), item.c_str(), &status) != 0) continue;
+          if (!netLegacy) netLegacy = openOrMakeBeneath(run.get(), *legacy);
+          if (netLegacy && !netContainer)
+            netContainer = platform::sys::openOrMakeDirectoryAt(netLegacy.get(), name.c_str(),
+                                                                kNetDirectoryMode);
+          const std::string relative = *legacy + "/" + name + "/" + item;
+          if (!netContainer) {
+            layer.failed(relative, errno);
+            continue;
+          }
+          layer.linkItem(container.get(), netContainer.get(), item, relative);
+        }
       });
     }
   }
@@ -306,6 +378,7 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
     const auto relative = relativeToRoot(root, hostPath);
     if (!relative) continue;
     net.groupRelatives_.push_back(*relative);
+    net.groupIdentifiers_[*relative] = identifier;
     const std::size_t slash = relative->rfind('/');
     const std::string parent = slash == std::string::npos ? "" : relative->substr(0, slash);
     const std::string name = slash == std::string::npos ? *relative : relative->substr(slash + 1);
@@ -329,18 +402,54 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
     return;
   }
 
-  // The files at their new places: every data and group container the
-  // registry names, read inside the image only.
-  std::unordered_set<ino_t> elsewhere;
+  // Where the data of each legacy container and group container went: the
+  // data container of its entry's identifier, the group's new container.
   CVError error;
-  if (const auto listing = mavrel_installer::readRegistryListing(configuration, &error)) {
+  const auto listing = mavrel_installer::readRegistryListing(configuration, &error);
+  if (!listing) {
+    result_.problem = "the registry could not be read (" + error.localizedDescription() +
+                      "); files at their new places stay in the net too";
+  }
+  std::map<std::string, std::string, std::less<>> dataContainers;   // identifier to path
+  std::map<std::string, std::string, std::less<>> groupContainers;  // group to path
+  for (const mavrel_installer::ListedApplication& application :
+       listing ? listing->applications : std::vector<mavrel_installer::ListedApplication>()) {
+    dataContainers.emplace(application.identifier, application.dataContainer);
+    if (!application.vpnPluginIdentifier.empty())
+      dataContainers.emplace(application.vpnPluginIdentifier, application.vpnPluginDataContainer);
+    for (const auto& [group, path] : application.groupContainers)
+      groupContainers.emplace(group, path);
+  }
+  std::map<std::string, std::string, std::less<>> newPlaces;  // legacy relative to new relative
+  for (const RecordedEntry& entry : entries) {
+    const auto legacy = relativeToRoot(root_, entry.path);
+    const auto found = dataContainers.find(entry.identifier);
+    if (!legacy || found == dataContainers.end()) continue;
+    if (const auto place = relativeToRoot(root_, found->second)) newPlaces.emplace(*legacy, *place);
+  }
+  for (const auto& [legacy, group] : groupIdentifiers_) {
+    const auto found = groupContainers.find(group);
+    if (found == groupContainers.end()) continue;
+    if (const auto place = relativeToRoot(root_, found->second)) newPlaces.emplace(legacy, *place);
+  }
+  const auto newPlaceOf = [&newPlaces](const std::string& relative) -> std::optional<std::string> {
+    const auto found = newPlaces.find(relative);
+    if (found == newPlaces.end()) return std::nullopt;
+    return found->second;
+  };
+
+  std::vector<KeptFile> kept;
+  std::vector<Unresolved> unresolved;
+  prune(run.get(), rootFd.get(), -1, "", newPlaceOf, rootFd.get(), kept, unresolved);
+  if (!unresolved.empty()) {
+    // Rare: a file with another name neither at its old nor at its expected
+    // new place. Every container the registry names is looked through.
+    std::unordered_set<ino_t> elsewhere;
     std::vector<std::string> places;
-    for (const mavrel_installer::ListedApplication& application : listing->applications) {
-      places.push_back(application.dataContainer);
-      places.push_back(application.vpnPluginDataContainer);
-      for (const auto& [group, path] : application.groupContainers)
-        places.push_back(path);
-    }
+    for (const auto& [identifier, path] : dataContainers)
+      places.push_back(path);
+    for (const auto& [group, path] : groupContainers)
+      places.push_back(path);
     std::sort(places.begin(), places.end());
     places.erase(std::unique(places.begin(), places.end()), places.end());
     for (const std::string& place : places) {
@@ -349,13 +458,14 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
       if (const UniqueFd fd = openBeneath(rootFd.get(), *relative))
         collectLinkedInodes(fd.get(), runStatus.st_dev, elsewhere);
     }
-  } else {
-    result_.problem = "the registry could not be read (" + error.localizedDescription() +
-                      "); files at their new places stay in the net too";
+    for (const Unresolved& file : unresolved) {
+      if (elsewhere.count(file.inode) != 0 &&
+          platform::sys::removeFileAt(run.get(), file.relative.c_str()) == 0)
+        continue;
+      kept.push_back(KeptFile{file.relative, file.size});
+    }
+    removeEmptyDirectoriesBelow(run.get());
   }
-
-  std::vector<KeptFile> kept;
-  prune(run.get(), rootFd.get(), "", elsewhere, kept);
   result_.settled = true;
 
   // By legacy container or group container.

@@ -42,6 +42,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -107,6 +108,8 @@ class SafetyNet {
   std::string baseRelative_;
   std::string legacyRelative_;               // the legacy container directory
   std::vector<std::string> groupRelatives_;  // the legacy group containers
+  // The group identifier of each legacy group container, by its relative path.
+  std::map<std::string, std::string> groupIdentifiers_;
   SafetyNetResult result_;
 };
 
