@@ -3,6 +3,7 @@
 #include <charconv>
 
 #include "host/RecoverCommand.h"
+#include "platform/Version.h"
 
 namespace mavrel_host {
 namespace {
@@ -328,7 +329,7 @@ std::string_view appsUsageText() {
 }
 
 std::string_view toolVersion() {
-  return "0.1.0";
+  return platform::kMavrelVersion;
 }
 
 std::string versionText() {

@@ -4,9 +4,13 @@
 #include <cstdio>
 
 #include "platform/JSONWriter.h"
+#include "platform/Version.h"
 
 namespace samplegen {
 namespace {
+
+// Raised when a member changes meaning or goes away.
+constexpr std::uint64_t kImageManifestSchemaVersion = 1;
 
 std::string fixed(double number, int decimals) {
   char buffer[400];  // room for any double in fixed notation
@@ -29,6 +33,9 @@ std::size_t ImageManifest::vpnOnlyCount() const {
 std::string manifestJSON(const ImageManifest& manifest) {
   platform::JSONWriter json(platform::JSONWriter::Layout::Indented);
   json.beginObject()
+      .member("tool", "mavrel-mkimage")
+      .member("toolVersion", platform::kMavrelVersion)
+      .member("schemaVersion", kImageManifestSchemaVersion)
       .member("root", manifest.root)
       .member("seed", manifest.seed)
       .member("dataScale", manifest.dataScale)
