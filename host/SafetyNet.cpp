@@ -56,7 +56,9 @@ std::string runIdForTime(std::time_t time) {
 // system does not say. False when the directory cannot be read.
 template <typename Visit>
 bool forEachEntry(int fd, Visit&& visit) {
-  auto stream = platform::sys::DirectoryStream::adopt(platform::sys::duplicateDescriptor(fd));
+  // A description of its own ("." opened anew, not a duplicate that would
+  // share the read position), so a directory can be listed more than once.
+  auto stream = platform::sys::DirectoryStream::adopt(platform::sys::openDirectoryAt(fd, "."));
   if (!stream.valid()) return false;
   platform::sys::DirectoryEntry entry;
   bool atEnd = false;

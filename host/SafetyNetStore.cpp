@@ -35,7 +35,7 @@ UniqueFd walkComponents(int fd, std::string_view relative, Visit&& open) {
 }
 
 void listFiles(int fd, const std::string& relative, StoredNet& net) {
-  auto stream = platform::sys::DirectoryStream::adopt(platform::sys::duplicateDescriptor(fd));
+  auto stream = platform::sys::DirectoryStream::adopt(platform::sys::openDirectoryAt(fd, "."));
   if (!stream.valid()) return;
   platform::sys::DirectoryEntry entry;
   bool atEnd = false;
@@ -81,7 +81,7 @@ UniqueFd openOrMakeBeneath(int fd, std::string_view relative) {
 std::vector<StoredNet> listStoredNets(int base, const std::string& baseHostPath,
                                       bool withContents) {
   std::vector<StoredNet> nets;
-  auto stream = platform::sys::DirectoryStream::adopt(platform::sys::duplicateDescriptor(base));
+  auto stream = platform::sys::DirectoryStream::adopt(platform::sys::openDirectoryAt(base, "."));
   if (!stream.valid()) return nets;
   platform::sys::DirectoryEntry entry;
   bool atEnd = false;
