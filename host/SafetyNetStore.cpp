@@ -8,6 +8,7 @@
 #include "host/SafetyNet.h"
 #include "platform/PropertyList.h"
 #include "platform/linux/DirectoryStream.h"
+#include "platform/linux/FilesBeneath.h"
 #include "platform/linux/HardLinks.h"
 
 namespace mavrel_host {
@@ -16,23 +17,6 @@ namespace {
 using platform::sys::UniqueFd;
 
 constexpr mode_t kNetDirectoryMode = 0700;
-
-template <typename Visit>
-UniqueFd walkComponents(int fd, std::string_view relative, Visit&& open) {
-  UniqueFd current = platform::sys::duplicateDescriptor(fd);
-  while (current && !relative.empty()) {
-    const std::size_t slash = relative.find('/');
-    const std::string component(relative.substr(0, slash));
-    relative = slash == std::string_view::npos ? std::string_view() : relative.substr(slash + 1);
-    if (component.empty() || component == ".") continue;
-    if (component == "..") {
-      errno = EINVAL;
-      return UniqueFd();
-    }
-    current = open(current.get(), component.c_str());
-  }
-  return current;
-}
 
 void listFiles(int fd, const std::string& relative, StoredNet& net) {
   auto stream = platform::sys::DirectoryStream::adopt(platform::sys::openDirectoryAt(fd, "."));
@@ -67,13 +51,13 @@ std::uint64_t unsignedValue(const CVDictionary& dictionary, std::string_view key
 }  // namespace
 
 UniqueFd openBeneath(int fd, std::string_view relative) {
-  return walkComponents(fd, relative, [](int parent, const char* name) {
+  return platform::sys::walkDirectoriesBeneath(fd, relative, [](int parent, const char* name) {
     return platform::sys::openDirectoryAt(parent, name);
   });
 }
 
 UniqueFd openOrMakeBeneath(int fd, std::string_view relative) {
-  return walkComponents(fd, relative, [](int parent, const char* name) {
+  return platform::sys::walkDirectoriesBeneath(fd, relative, [](int parent, const char* name) {
     return platform::sys::openOrMakeDirectoryAt(parent, name, kNetDirectoryMode);
   });
 }

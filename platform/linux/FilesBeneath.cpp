@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/linux/DirectoryStream.h"
+#include "platform/linux/HardLinks.h"
 #include "platform/linux/MountPoints.h"
 
 namespace platform::sys {
@@ -18,7 +19,7 @@ namespace {
 // read first and the stream closed before descending.
 std::uint64_t walkDirectory(UniqueFd directory, const std::string& prefix,
                             const BeneathFileVisitor& visit) {
-  const UniqueFd keep(::fcntl(directory.get(), F_DUPFD_CLOEXEC, 0));
+  const UniqueFd keep = duplicateDescriptor(directory.get());
   if (!keep) return 1;
   DirectoryStream stream = DirectoryStream::adopt(std::move(directory));
   if (!stream.valid()) return 1;
@@ -71,21 +72,38 @@ std::uint64_t walkRegularFilesBeneath(const char* root, const BeneathFileVisitor
   return walkDirectory(std::move(directory), std::string(), visit);
 }
 
-UniqueFd openRegularFileBeneath(const char* root, std::string_view relative) {
-  UniqueFd directory = openDirectory(root, FinalLink::NotFollowed);
-  while (directory) {
+UniqueFd walkDirectoriesBeneath(int base, std::string_view relative, const ChildOpener& openChild) {
+  UniqueFd current = duplicateDescriptor(base);
+  while (current && !relative.empty()) {
     const std::size_t slash = relative.find('/');
-    if (slash == std::string_view::npos) break;
-    const std::string name(relative.substr(0, slash));
-    relative.remove_prefix(slash + 1);
-    if (isMountRootAt(directory.get(), name.c_str()) != 0) {
-      errno = EXDEV;
+    const std::string component(relative.substr(0, slash));
+    relative = slash == std::string_view::npos ? std::string_view() : relative.substr(slash + 1);
+    if (component.empty() || component == ".") continue;
+    if (component == "..") {
+      errno = EINVAL;
       return UniqueFd();
     }
-    directory = openDirectoryAt(directory.get(), name.c_str());
+    current = openChild(current.get(), component.c_str());
   }
+  return current;
+}
+
+UniqueFd openRegularFileBeneath(const char* root, std::string_view relative) {
+  const UniqueFd rootDirectory = openDirectory(root, FinalLink::NotFollowed);
+  if (!rootDirectory) return UniqueFd();
+  const std::size_t slash = relative.rfind('/');
+  const UniqueFd directory = walkDirectoriesBeneath(
+      rootDirectory.get(),
+      slash == std::string_view::npos ? std::string_view() : relative.substr(0, slash),
+      [](int parent, const char* name) {
+        if (isMountRootAt(parent, name) != 0) {
+          errno = EXDEV;
+          return UniqueFd();
+        }
+        return openDirectoryAt(parent, name);
+      });
   if (!directory) return UniqueFd();
-  const std::string name(relative);
+  const std::string name(slash == std::string_view::npos ? relative : relative.substr(slash + 1));
   UniqueFd file(::openat(directory.get(), name.c_str(),
                          O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
   if (!file) return file;

@@ -27,4 +27,12 @@ std::uint64_t walkRegularFilesBeneath(const char* root, const BeneathFileVisitor
 // for reading.
 UniqueFd openRegularFileBeneath(const char* root, std::string_view relative);
 
+// Walks from the open directory `base` down the directories of `relative`
+// ("a/b/c"; empty and "." components are skipped), each reached by
+// `openChild(parent, name)` relative to the one before; ".." fails with
+// EINVAL. Returns the last directory (a new descriptor of `base` for an empty
+// `relative`), or an invalid descriptor with errno from the step that failed.
+using ChildOpener = std::function<UniqueFd(int parent, const char* name)>;
+UniqueFd walkDirectoriesBeneath(int base, std::string_view relative, const ChildOpener& openChild);
+
 }  // namespace platform::sys
