@@ -185,6 +185,7 @@ class Planner {
       planned.exists = !planned.hostPath.empty() && mavrel_installer::itemExists(planned.hostPath);
       if (!planned.hostPath.empty() && !planned.exists && planned.problem.empty())
         planned.problem = "leads to nothing in the image";
+      groupContainerIndex_.emplace(identifier, plan_.groupContainers.size());
       plan_.groupContainers.push_back(std::move(planned));
     }
   }
@@ -200,11 +201,8 @@ class Planner {
       const PlannedEntry& entry = plan_.entries[i];
       if (entry.order == 0) continue;
       byIdentifier[entry.identifier].push_back(i);
-      if (entry.containerType == kContainerTypeApp && !entry.vpnPluginPath.empty()) {
-        if (const auto plugin =
-                CVBundleIdentifierForBundle(CVURL::fileURLWithPath(entry.vpnPluginPath, true)))
-          pluginShippedBy.emplace(*plugin, i);
-      }
+      if (entry.containerType == kContainerTypeApp && !entry.vpnPluginIdentifier.empty())
+        pluginShippedBy.emplace(entry.vpnPluginIdentifier, i);
     }
     const auto conflict = [this](std::size_t a, std::size_t b) {
       plan_.entries[a].conflictsWith.push_back(plan_.entries[b].path);
@@ -250,6 +248,11 @@ class Planner {
     entry.containerType = recordString(record, kContainerTypeKey);
     entry.bundlePath = recordString(record, kBundlePathKey);
     entry.vpnPluginPath = recordString(record, kSecondBundlePathKey);
+    if (!entry.vpnPluginPath.empty()) {
+      entry.vpnPluginIdentifier =
+          CVBundleIdentifierForBundle(CVURL::fileURLWithPath(entry.vpnPluginPath, true))
+              .value_or(std::string());
+    }
     const std::string containerPath = recordString(record, kContainerPathKey);
     const bool isApplication = entry.containerType == kContainerTypeApp;
 
@@ -317,11 +320,8 @@ class Planner {
     if (!builtIn) {
       installedDuringPass_.insert(entry.identifier);
       // A VPN plug-in installed with its application is known under its own identifier.
-      if (!entry.vpnPluginPath.empty()) {
-        if (const auto plugin =
-                CVBundleIdentifierForBundle(CVURL::fileURLWithPath(entry.vpnPluginPath, true)))
-          installedDuringPass_.insert(*plugin);
-      }
+      if (!entry.vpnPluginIdentifier.empty())
+        installedDuringPass_.insert(entry.vpnPluginIdentifier);
     }
 
     planGroups(entry, builtIn ? listed->second.bundlePath : installSource);
@@ -340,11 +340,9 @@ class Planner {
   void planGroups(PlannedEntry& entry, const std::string& bundlePath) {
     if (bundlePath.empty()) return;
     for (const std::string& group : mavrel_installer::readApplicationGroups(bundlePath)) {
-      const auto located = std::find_if(plan_.groupContainers.begin(), plan_.groupContainers.end(),
-                                        [&group](const PlannedGroupContainer& container) {
-                                          return container.identifier == group;
-                                        });
-      if (located == plan_.groupContainers.end()) continue;
+      const auto index = groupContainerIndex_.find(group);
+      if (index == groupContainerIndex_.end()) continue;
+      const PlannedGroupContainer* located = &plan_.groupContainers[index->second];
       PlannedGroup planned;
       planned.identifier = group;
       planned.legacyPath = located->hostPath.empty() ? located->storedPath : located->hostPath;
@@ -476,6 +474,8 @@ class Planner {
   std::deque<CVDictionary> workList_;
   std::set<std::string, std::less<>> installedDuringPass_;
   std::set<std::string, std::less<>> claimedGroups_;
+  // Group identifier to its place in plan_.groupContainers.
+  std::map<std::string, std::size_t, std::less<>> groupContainerIndex_;
 };
 
 }  // namespace

@@ -59,7 +59,8 @@ struct PlannedEntry {
   std::string containerType;
   std::string bundlePath;
   std::string vpnPluginPath;
-  std::uint64_t order = 0;  // 1-based position in the pass's work list; 0: not migrated
+  std::string vpnPluginIdentifier;  // read from the plug-in's bundle; "" when unreadable
+  std::uint64_t order = 0;          // 1-based position in the pass's work list; 0: not migrated
   RegistryKnowledge registry = RegistryKnowledge::Unknown;
   bool bundleIsPlaceholder = false;
   // The prediction.
