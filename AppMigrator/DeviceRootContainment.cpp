@@ -4,10 +4,9 @@
 #include "shared/filemanager/CVFileManager.h"
 
 bool CVPathLiesInsideDeviceRoot(const std::string& path) {
-  const platform::DeviceRoot& root = platform::processDeviceRoot();
-  if (root.path() == "/") return true;
-  return static_cast<bool>(CVFileManager::defaultManager().realPathForURL(
-      CVURL::fileURLWithPath(path, false), root.rootURL()));
+  // On the device itself every path qualifies, resolvable or not.
+  if (platform::processDeviceRoot().path() == "/") return true;
+  return static_cast<bool>(CVContainedRealPath(path));
 }
 
 std::optional<std::string> CVHostPathForImagePath(const std::string& stored, std::string* problem) {
@@ -23,6 +22,13 @@ std::optional<std::string> CVHostPathForImagePath(const std::string& stored, std
 
 std::string CVImagePathForHostPath(const std::string& hostPath) {
   return platform::processDeviceRoot().devicePathForHostPath(hostPath).value_or(hostPath);
+}
+
+CVURL CVContainedRealPath(const std::string& hostPath) {
+  const platform::DeviceRoot& root = platform::processDeviceRoot();
+  if (root.path() == "/") return CVResolvedPathInsideDeviceRoot(hostPath);
+  return CVFileManager::defaultManager().realPathForURL(CVURL::fileURLWithPath(hostPath, false),
+                                                        root.rootURL());
 }
 
 CVURL CVResolvedPathInsideDeviceRoot(const std::string& hostPath) {

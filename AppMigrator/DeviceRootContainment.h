@@ -36,3 +36,7 @@ std::string CVImagePathForHostPath(const std::string& hostPath);
 // The resolved form of a host path inside the root (every link that exists
 // followed, a missing tail kept as it is); nil when it cannot be resolved.
 CVURL CVResolvedPathInsideDeviceRoot(const std::string& hostPath);
+
+// The same, and nil too when the resolved place lies outside the device root:
+// the containment check and the resolution in one.
+CVURL CVContainedRealPath(const std::string& hostPath);

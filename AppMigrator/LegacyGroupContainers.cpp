@@ -118,9 +118,9 @@ std::map<std::string, LegacyGroupLocation, std::less<>> CVLocateLegacyGroupConta
     std::string problem;
     if (const auto host = platform::processDeviceRoot().hostPathForDevicePath(*stored, &problem)) {
       location.hostPath = CVURL::fileURLWithPath(*host, false).path();
-      if (!CVPathLiesInsideDeviceRoot(location.hostPath)) {
+      if (const CVURL resolved = CVContainedRealPath(location.hostPath); !resolved) {
         location.problem = "lies outside the device root";
-      } else if (const CVURL resolved = CVResolvedPathInsideDeviceRoot(location.hostPath)) {
+      } else {
         location.problem = places.problemWith(resolved.path());
         if (location.problem.empty())
           resolvedGroups.push_back({resolved.path(), groupContainers.keys()[i]});
