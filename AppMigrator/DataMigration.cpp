@@ -5,7 +5,6 @@
 // user's data and wins. Removals before a move are silent, since the move that
 // follows reports the real problem.
 #include "AppMigrator/AppMigrator.h"
-#include "AppMigrator/DeviceRootContainment.h"
 #include "platform/Log.h"
 #include "shared/filemanager/CVFileManager.h"
 
