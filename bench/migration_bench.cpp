@@ -171,6 +171,22 @@ int main(int argc, char** argv) {
         1000 * result.peer / applications, oursCPU, peerCPU, peerCPU > 0 ? oursCPU / peerCPU : 0.0,
         static_cast<double>(result.peakResidentKilobytes) / 1024.0, loadAverage().c_str());
     bench::printNote(line);
+
+    // The safety net's cost, at the first size only: the same migration with
+    // and without it.
+    if (applications == options.sizes.front()) {
+      auto withoutNet = [&] {
+        const bench::ChildResult run =
+            bench::runChild({mavrel, "migrate", "--root", image, "--no-safety-net"});
+        if (run.status != 0)
+          bench::die("mavrel migrate --no-safety-net failed with status " +
+                     std::to_string(run.status) + " (image " + image + " kept)");
+      };
+      const bench::Measurement net =
+          bench::measure({"mavrel migrate", "mavrel migrate --no-safety-net", workload, "<= 1.10"},
+                         options.repetitions, regenerate, ours, withoutNet);
+      bench::printRow(options.verbose, net);
+    }
     std::printf("\n");
   }
   if (results.size() >= 2) {

@@ -14,6 +14,7 @@
 #include "host/MigrationHost.h"
 #include "host/RootDirectory.h"
 #include "host/SafetyNet.h"
+#include "host/SafetyNetManifest.h"
 #include "host/SafetyNetStore.h"
 #include "platform/DeviceRoot.h"
 #include "platform/linux/DirectoryStream.h"
@@ -99,7 +100,8 @@ bool isEmptyOrMissingDirectory(const std::string& path, std::string* reason) {
   return true;
 }
 
-// Copies every top-level item of the net's directory but its state file.
+// Copies every top-level item of a settled net's directory but its own
+// files; of an interrupted run's net, each file to its legacy path.
 bool copyNet(const ImageNets& image, const StoredNet& net, const std::string& destination,
              std::string* reason) {
   const std::string source = image.basePath + "/" + net.runId;
@@ -109,6 +111,21 @@ bool copyNet(const ImageNets& image, const StoredNet& net, const std::string& de
   if (error) {
     *reason = "cannot make '" + target + "': " + error.message();
     return false;
+  }
+  const auto copy = [&](const std::string& from, const std::string& to) {
+    if (platform::sys::copyTree((source + "/" + from).c_str(), (target + "/" + to).c_str()) == 0)
+      return true;
+    *reason = "cannot copy '" + source + "/" + from + "' to '" + target + "/" + to +
+              "': " + std::strerror(errno);
+    return false;
+  };
+  if (!net.complete) {
+    for (const StoredFile& file : net.files) {
+      std::filesystem::create_directories(
+          std::filesystem::path(target + "/" + file.relative).parent_path(), error);
+      if (!copy(file.inNet, file.relative)) return false;
+    }
+    return true;
   }
   const UniqueFd run = platform::sys::openDirectoryAt(image.base.get(), net.runId.c_str());
   if (!run) {
@@ -121,16 +138,12 @@ bool copyNet(const ImageNets& image, const StoredNet& net, const std::string& de
   bool atEnd = false;
   std::vector<std::string> names;
   while (stream.valid() && stream.next(entry, atEnd) == 0 && !atEnd) {
-    if (entry.name != "." && entry.name != ".." && entry.name != kSafetyNetStateFile)
+    if (entry.name != "." && entry.name != ".." && entry.name != kSafetyNetStateFile &&
+        entry.name != kSafetyNetManifestFile)
       names.emplace_back(entry.name);
   }
   for (const std::string& name : names) {
-    if (platform::sys::copyTree((source + "/" + name).c_str(), (target + "/" + name).c_str()) !=
-        0) {
-      *reason =
-          "cannot copy '" + source + "/" + name + "' to '" + target + "': " + std::strerror(errno);
-      return false;
-    }
+    if (!copy(name, name)) return false;
   }
   return true;
 }

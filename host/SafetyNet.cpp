@@ -16,6 +16,7 @@
 #include "host/DataUsage.h"
 #include "host/DroppingLogSink.h"
 #include "host/EntryOutcomeNames.h"
+#include "host/SafetyNetManifest.h"
 #include "host/SafetyNetStore.h"
 #include "installer/RegistryListing.h"
 #include "platform/JSONWriter.h"
@@ -69,73 +70,125 @@ bool forEachEntry(int fd, Visit&& visit) {
   return atEnd;
 }
 
-// Lays the links of one run; counts go into `result`.
-class NetLayer {
+// Opens directories below a base directory, one component at a time and
+// never following a link, keeping the chain of the last one open: the files
+// of a net come in walk order, so each directory is opened about once.
+class ParentDirectories {
  public:
-  NetLayer(SafetyNetResult& result, dev_t netDevice, ino_t netInode)
-      : result_(result), netDevice_(netDevice), netInode_(netInode) {}
+  enum class Missing { Absent, Made };
+  ParentDirectories(int base, Missing missing) : base_(base), missing_(missing) {}
 
-  // Links the item `name` of `sourceParent` (a file or a whole tree) into
-  // `netParent`; `relative` names it for messages.
-  // `type` is what the directory listing said of the item, when it did.
-  void linkItem(int sourceParent, int netParent, const std::string& name,
-                const std::string& relative,
-                platform::sys::EntryType type = platform::sys::EntryType::Unknown) {
-    if (type == platform::sys::EntryType::Unknown) {
-      struct stat status {};
-      if (platform::sys::statAt(sourceParent, name.c_str(), &status) != 0) {
-        if (errno != ENOENT) failed(relative, errno);
-        return;
+  // The open directory `relative` below the base ("" is the base itself), or
+  // -1 when it cannot be opened (or made).
+  int open(std::string_view relative) {
+    // What could not be opened once is not tried again (a legacy container
+    // that moved away is asked for once per file otherwise).
+    if (!failed_.empty() && relative.starts_with(failed_) &&
+        (relative.size() == failed_.size() || relative[failed_.size()] == '/'))
+      return -1;
+    const std::string_view whole = relative;
+    std::size_t depth = 0;
+    while (!relative.empty()) {
+      const std::size_t slash = relative.find('/');
+      const std::string_view component = relative.substr(0, slash);
+      relative = slash == std::string_view::npos ? std::string_view() : relative.substr(slash + 1);
+      if (depth < chain_.size() && chain_[depth].first == component) {
+        ++depth;
+        continue;
       }
-      type = S_ISREG(status.st_mode)   ? platform::sys::EntryType::Regular
-             : S_ISDIR(status.st_mode) ? platform::sys::EntryType::Directory
-                                       : platform::sys::EntryType::Other;
+      chain_.resize(depth);
+      const int parent = depth == 0 ? base_ : chain_[depth - 1].second.get();
+      const std::string name(component);
+      UniqueFd child =
+          missing_ == Missing::Made
+              ? platform::sys::openOrMakeDirectoryAt(parent, name.c_str(), kNetDirectoryMode)
+              : platform::sys::openDirectoryAt(parent, name.c_str());
+      if (!child) {
+        failed_.assign(whole.substr(0, whole.size() - relative.size()));
+        if (!failed_.empty() && failed_.back() == '/') failed_.pop_back();
+        return -1;
+      }
+      chain_.emplace_back(name, std::move(child));
+      ++depth;
     }
-    if (type == platform::sys::EntryType::Regular) {
-      linkFile(sourceParent, netParent, name, relative);
-    } else if (type == platform::sys::EntryType::Directory) {
-      const UniqueFd source = platform::sys::openDirectoryAt(sourceParent, name.c_str());
-      if (!source) return errno == ENOENT ? void() : failed(relative, errno);
-      // The net itself is never netted, wherever a group container leads.
-      struct stat status {};
-      if (platform::sys::statOpen(source.get(), &status) != 0) return failed(relative, errno);
-      if (status.st_dev == netDevice_ && status.st_ino == netInode_) return;
-      const UniqueFd net =
-          platform::sys::openOrMakeDirectoryAt(netParent, name.c_str(), kNetDirectoryMode);
-      if (!net) return failed(relative, errno);
-      const bool listed =
-          forEachEntry(source.get(), [&](const std::string& child, platform::sys::EntryType kind) {
-            linkItem(source.get(), net.get(), child, relative + "/" + child, kind);
-          });
-      if (!listed) failed(relative, errno);
-    }
+    chain_.resize(depth);
+    return depth == 0 ? base_ : chain_.back().second.get();
   }
 
  private:
-  void linkFile(int sourceParent, int netParent, const std::string& name,
-                const std::string& relative) {
-    if (platform::sys::linkAt(sourceParent, name.c_str(), netParent, name.c_str()) == 0) {
-      ++result_.linked;
+  int base_;
+  Missing missing_;
+  std::vector<std::pair<std::string, UniqueFd>> chain_;
+  std::string failed_;
+};
+
+// "a/b/c" as ("a/b", "c"); "c" as ("", "c").
+std::pair<std::string_view, std::string_view> splitParent(std::string_view relative) {
+  const std::size_t slash = relative.rfind('/');
+  if (slash == std::string_view::npos) return {std::string_view(), relative};
+  return {relative.substr(0, slash), relative.substr(slash + 1)};
+}
+
+// Lays the links of one run into its links directory; counts go into
+// `result`, one manifest record per link into `manifest`.
+class NetLayer {
+ public:
+  NetLayer(SafetyNetResult& result, std::string& manifest, int links, dev_t netDevice,
+           ino_t netInode, std::uint64_t nextName, std::unordered_set<ino_t> alreadyLinked)
+      : result_(result),
+        manifest_(manifest),
+        links_(links),
+        netDevice_(netDevice),
+        netInode_(netInode),
+        nextName_(nextName),
+        alreadyLinked_(std::move(alreadyLinked)) {}
+
+  // Links the item `name` of `sourceParent` (a file or a whole tree) of the
+  // legacy container `container`; `inner` is its path inside the container.
+  // `type` is what the directory listing said of the item, when it did.
+  void linkItem(int sourceParent, const std::string& container, const std::string& name,
+                const std::string& inner,
+                platform::sys::EntryType type = platform::sys::EntryType::Unknown) {
+    if (type == platform::sys::EntryType::Regular)
+      return linkFile(sourceParent, container, name, inner);
+    if (type != platform::sys::EntryType::Directory && type != platform::sys::EntryType::Unknown)
+      return;
+    // Not known from a listing: opened as a directory first, which most
+    // user-data items are, and looked at only when it is not one.
+    UniqueFd source = platform::sys::openDirectoryAt(sourceParent, name.c_str());
+    if (source) return linkContents(std::move(source), container, inner);
+    if (errno == ENOENT) return;
+    if (type == platform::sys::EntryType::Directory) return failed(container + "/" + inner, errno);
+    struct stat status {};
+    if (platform::sys::statAt(sourceParent, name.c_str(), &status) != 0) {
+      if (errno != ENOENT) failed(container + "/" + inner, errno);
       return;
     }
-    if (errno != EEXIST) return failed(relative, errno);
-    // An adopted net may hold it already.
-    struct stat source {};
-    struct stat net {};
-    if (platform::sys::statAt(sourceParent, name.c_str(), &source) == 0 &&
-        platform::sys::statAt(netParent, name.c_str(), &net) == 0 && source.st_dev == net.st_dev &&
-        source.st_ino == net.st_ino) {
-      ++result_.alreadyThere;
-      return;
+    if (S_ISREG(status.st_mode)) linkFile(sourceParent, container, name, inner);
+  }
+
+  // Links everything below the directory `directory` (whose descriptor the
+  // call takes), which is `inner` in `container` ("" for the container itself).
+  void linkContents(UniqueFd directory, const std::string& container, const std::string& inner) {
+    const std::string relative = inner.empty() ? container : container + "/" + inner;
+    // The net itself is never netted, wherever a group container leads.
+    struct stat status {};
+    if (platform::sys::statOpen(directory.get(), &status) != 0) return failed(relative, errno);
+    if (status.st_dev == netDevice_ && status.st_ino == netInode_) return;
+    // The listing reads through the descriptor itself: the directory is read once.
+    auto stream = platform::sys::DirectoryStream::adopt(std::move(directory));
+    const int fd = stream.descriptor();
+    platform::sys::DirectoryEntry entry;
+    bool atEnd = false;
+    while (stream.valid() && stream.next(entry, atEnd) == 0 && !atEnd) {
+      if (entry.name == "." || entry.name == "..") continue;
+      const std::string child(entry.name);
+      linkItem(fd, container, child, inner.empty() ? child : inner + "/" + child, entry.type);
     }
-    ++result_.notLinked;
-    if (result_.notLinkedExamples.size() < kExamplesKept)
-      result_.notLinkedExamples.push_back(relative +
-                                          ": the net already holds another file of that name");
+    if (!atEnd) failed(relative, errno);
   }
 
   // Counts and names an item that could not be linked.
- public:
   void failed(const std::string& relative, int code) {
     ++result_.notLinked;
     if (result_.notLinkedExamples.size() < kExamplesKept)
@@ -143,9 +196,37 @@ class NetLayer {
   }
 
  private:
+  void linkFile(int sourceParent, const std::string& container, const std::string& name,
+                const std::string& inner) {
+    if (!alreadyLinked_.empty()) {
+      // An adopted net: a file it holds already is not linked twice.
+      struct stat status {};
+      if (platform::sys::statAt(sourceParent, name.c_str(), &status) == 0 &&
+          status.st_dev == netDevice_ && alreadyLinked_.contains(status.st_ino)) {
+        ++result_.alreadyThere;
+        return;
+      }
+    }
+    // A name in use is a link an interrupted laying made before its manifest
+    // was written: the next name is taken, and settling clears such links.
+    for (;;) {
+      const std::string linkName = std::to_string(nextName_++);
+      if (platform::sys::linkAt(sourceParent, name.c_str(), links_, linkName.c_str()) == 0) {
+        appendNetLinkRecord(manifest_, linkName, container, inner);
+        ++result_.linked;
+        return;
+      }
+      if (errno != EEXIST) return failed(container + "/" + inner, errno);
+    }
+  }
+
   SafetyNetResult& result_;
+  std::string& manifest_;
+  int links_;
   dev_t netDevice_;
   ino_t netInode_;
+  std::uint64_t nextName_;
+  std::unordered_set<ino_t> alreadyLinked_;
 };
 
 // The inodes of the regular files with more than one name below `fd`, on
@@ -165,77 +246,33 @@ void collectLinkedInodes(int fd, dev_t device, std::unordered_set<ino_t>& inodes
 }
 
 struct KeptFile {
-  std::string relative;  // to the root
+  std::string relative;  // the legacy path, relative to the root
   std::uint64_t size = 0;
+  std::string linkName;  // in the links directory; "" once at its legacy path
 };
 
-// Removes the empty directories below the open directory `directory`.
-void removeEmptyDirectoriesBelow(int directory) {
-  forEachEntry(directory, [&](const std::string& name, platform::sys::EntryType type) {
-    if (type != platform::sys::EntryType::Directory) return;
-    if (const UniqueFd child = platform::sys::openDirectoryAt(directory, name.c_str()))
-      removeEmptyDirectoriesBelow(child.get());
-    platform::sys::removeEmptyDirectoryAt(directory, name.c_str());
-  });
-}
-
-// A net entry whose file is neither at its old place nor at its expected new
+// A net link whose file is neither at its old place nor at its expected new
 // one, but still has another name: looked for in every container afterwards.
 struct Unresolved {
-  std::string relative;  // to the net's run directory
+  std::string relative;  // the legacy path, relative to the root
   std::uint64_t size = 0;
   ino_t inode = 0;
+  std::string linkName;
 };
 
 // Whether `name` in the open directory `directory` is the file `status` describes.
-bool sameFileAt(int directory, const std::string& name, const struct stat& status) {
+bool sameFileAt(int directory, std::string_view name, const struct stat& status) {
   struct stat other {};
-  return directory >= 0 && platform::sys::statAt(directory, name.c_str(), &other) == 0 &&
+  return directory >= 0 &&
+         platform::sys::statAt(directory, std::string(name).c_str(), &other) == 0 &&
          other.st_dev == status.st_dev && other.st_ino == status.st_ino;
 }
 
-// Removes every net entry below `net` whose file is at its old place (the
-// same path below `old`) or at its expected new place (the same path below
-// `expected`, the new container of the legacy one the walk is in, which
-// `newPlaceOf` names for a net path); collects the files with no other name
-// in `kept`, the others in `unresolved`, and removes the directories left empty.
-void prune(int net, int old, int expected, const std::string& relative,
-           const std::function<std::optional<std::string>(const std::string&)>& newPlaceOf,
-           int rootFd, std::vector<KeptFile>& kept, std::vector<Unresolved>& unresolved) {
-  forEachEntry(net, [&](const std::string& name, platform::sys::EntryType type) {
-    if (relative.empty() && name == kSafetyNetStateFile) return;
-    const std::string path = joinRelative(relative, name);
-    struct stat status {};
-    // The net holds only directories and files it made: a directory needs no look.
-    if (type != platform::sys::EntryType::Directory &&
-        platform::sys::statAt(net, name.c_str(), &status) != 0)
-      return;
-    if (type == platform::sys::EntryType::Directory || S_ISDIR(status.st_mode)) {
-      const UniqueFd child = platform::sys::openDirectoryAt(net, name.c_str());
-      if (!child) return;
-      UniqueFd oldChild;
-      if (old >= 0) oldChild = platform::sys::openDirectoryAt(old, name.c_str());
-      UniqueFd expectedChild;
-      if (const auto place = newPlaceOf(path)) {
-        expectedChild = openBeneath(rootFd, *place);
-      } else if (expected >= 0) {
-        expectedChild = platform::sys::openDirectoryAt(expected, name.c_str());
-      }
-      prune(child.get(), oldChild.get(), expectedChild.get(), path, newPlaceOf, rootFd, kept,
-            unresolved);
-      platform::sys::removeEmptyDirectoryAt(net, name.c_str());
-      return;
-    }
-    if (status.st_nlink > 1) {
-      if ((sameFileAt(old, name, status) || sameFileAt(expected, name, status)) &&
-          platform::sys::removeFileAt(net, name.c_str()) == 0)
-        return;
-      unresolved.push_back(
-          Unresolved{path, static_cast<std::uint64_t>(status.st_size), status.st_ino});
-      return;
-    }
-    kept.push_back(KeptFile{path, static_cast<std::uint64_t>(status.st_size)});
-  });
+// Whether the file `status` describes is at `relative` below the root.
+bool sameFileBelow(ParentDirectories& directories, std::string_view relative,
+                   const struct stat& status) {
+  const auto [parent, name] = splitParent(relative);
+  return sameFileAt(directories.open(parent), name, status);
 }
 
 std::optional<std::string> relativeToRoot(const std::string& root, const std::string& path) {
@@ -326,52 +363,50 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
     return std::nullopt;
   }
   result.directory = basePath + "/" + result.runId;
+  const UniqueFd links = platform::sys::openOrMakeDirectoryAt(
+      run.get(), std::string(kSafetyNetLinksDirectory).c_str(), kNetDirectoryMode);
+  if (!links) {
+    *reason = "cannot make '" + result.directory + "/" + std::string(kSafetyNetLinksDirectory) +
+              "': " + std::strerror(errno);
+    return std::nullopt;
+  }
+
+  // An adopted net keeps its links and its manifest; the files it holds
+  // already are not linked again.
+  std::unordered_set<ino_t> alreadyLinked;
+  std::uint64_t nextName = 0;
+  if (result.adopted) {
+    net.manifest_ = readNetManifest(result.directory);
+    for (const NetLinkRecord& record : parseNetManifest(net.manifest_)) {
+      nextName = std::max<std::uint64_t>(nextName, std::stoull(std::string(record.linkName)) + 1);
+      struct stat status {};
+      if (platform::sys::statAt(links.get(), std::string(record.linkName).c_str(), &status) == 0)
+        alreadyLinked.insert(status.st_ino);
+    }
+  }
 
   // Where the pass will look, found as it finds it; the group containers'
   // own check writes nothing to the logs, but keep them quiet all the same.
   const auto drop = std::make_shared<DroppingLogSink>();
   const platform::ScopedLogSink quiet(platform::migrationLog(), drop, std::nullopt);
   const platform::ScopedLogSink quietInstaller(platform::installerLog(), drop, std::nullopt);
-  NetLayer layer(result, runStatus.st_dev, runStatus.st_ino);
-  const auto linkBelow = [&](const std::string& relative, const std::vector<std::string>& items) {
-    const UniqueFd source = openBeneath(rootFd.get(), relative);
-    if (!source) return;
-    const UniqueFd netDirectory = openOrMakeBeneath(run.get(), relative);
-    if (!netDirectory) {
-      ++result.notLinked;
-      result.notLinkedExamples.push_back(relative + ": " + std::strerror(errno));
-      return;
-    }
-    for (const std::string& item : items)
-      layer.linkItem(source.get(), netDirectory.get(), item, relative + "/" + item);
-  };
+  NetLayer layer(result, net.manifest_, links.get(), runStatus.st_dev, runStatus.st_ino, nextName,
+                 std::move(alreadyLinked));
 
   const auto legacy = relativeToRoot(root, configuration.oldContainerPath().path());
   if (legacy) {
     net.legacyRelative_ = *legacy;
     const std::vector<std::string> items = configuration.appUserDataItemNames();
     if (const UniqueFd legacyFd = openBeneath(rootFd.get(), *legacy)) {
-      // Made at the first container that holds user data.
-      UniqueFd netLegacy;
       forEachEntry(legacyFd.get(), [&](const std::string& name, platform::sys::EntryType type) {
-        if (type != platform::sys::EntryType::Directory) return;
+        if (type != platform::sys::EntryType::Directory &&
+            type != platform::sys::EntryType::Unknown)
+          return;
         const UniqueFd container = platform::sys::openDirectoryAt(legacyFd.get(), name.c_str());
         if (!container) return;
-        UniqueFd netContainer;
-        for (const std::string& item : items) {
-          struct stat status {};
-          if (platform::sys::statAt(container.get(), item.c_str(), &status) != 0) continue;
-          if (!netLegacy) netLegacy = openOrMakeBeneath(run.get(), *legacy);
-          if (netLegacy && !netContainer)
-            netContainer = platform::sys::openOrMakeDirectoryAt(netLegacy.get(), name.c_str(),
-                                                                kNetDirectoryMode);
-          const std::string relative = *legacy + "/" + name + "/" + item;
-          if (!netContainer) {
-            layer.failed(relative, errno);
-            continue;
-          }
-          layer.linkItem(container.get(), netContainer.get(), item, relative);
-        }
+        const std::string containerRelative = *legacy + "/" + name;
+        for (const std::string& item : items)
+          layer.linkItem(container.get(), containerRelative, item, item);
       });
     }
   }
@@ -381,11 +416,21 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
     if (!relative) continue;
     net.groupRelatives_.push_back(*relative);
     net.groupIdentifiers_[*relative] = identifier;
-    const std::size_t slash = relative->rfind('/');
-    const std::string parent = slash == std::string::npos ? "" : relative->substr(0, slash);
-    const std::string name = slash == std::string::npos ? *relative : relative->substr(slash + 1);
-    if (parent.empty()) continue;
-    linkBelow(parent, {name});
+    if (UniqueFd group = openBeneath(rootFd.get(), *relative))
+      layer.linkContents(std::move(group), *relative, "");
+  }
+
+  // The links and the manifest are on the disk before the pass moves or
+  // removes anything.
+  CVError error;
+  if (platform::sys::flushDirectory(links.get()) != 0) {
+    *reason = "cannot flush '" + result.directory + "/" + std::string(kSafetyNetLinksDirectory) +
+              "': " + std::strerror(errno);
+    return std::nullopt;
+  }
+  if (!writeNetManifest(result.directory, net.manifest_, &error)) {
+    *reason = "cannot write the safety net's manifest: " + error.localizedDescription();
+    return std::nullopt;
   }
   return net;
 }
@@ -401,6 +446,13 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
   if (!run || platform::sys::statOpen(run.get(), &runStatus) != 0) {
     result_.problem = "cannot open the safety net '" + result_.directory +
                       "': " + std::strerror(errno) + "; it is left as it is";
+    return;
+  }
+  const std::string linksName(kSafetyNetLinksDirectory);
+  const UniqueFd links = platform::sys::openDirectoryAt(run.get(), linksName.c_str());
+  if (!links) {
+    result_.problem = "cannot open '" + result_.directory + "/" + linksName +
+                      "': " + std::strerror(errno) + "; the net is left as it is";
     return;
   }
 
@@ -422,7 +474,9 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
     for (const auto& [group, path] : application.groupContainers)
       groupContainers.emplace(group, path);
   }
-  std::map<std::string, std::string, std::less<>> newPlaces;  // legacy relative to new relative
+  // Legacy container or group container, relative to the root, to the
+  // relative path of its new container.
+  std::map<std::string, std::string, std::less<>> newPlaces;
   for (const RecordedEntry& entry : entries) {
     const auto legacy = relativeToRoot(root_, entry.path);
     const auto found = dataContainers.find(entry.identifier);
@@ -434,15 +488,40 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
     if (found == groupContainers.end()) continue;
     if (const auto place = relativeToRoot(root_, found->second)) newPlaces.emplace(legacy, *place);
   }
-  const auto newPlaceOf = [&newPlaces](const std::string& relative) -> std::optional<std::string> {
-    const auto found = newPlaces.find(relative);
-    if (found == newPlaces.end()) return std::nullopt;
-    return found->second;
-  };
 
+  // A link whose file is at its old place or at its new place goes; a file
+  // with no other name is kept; the rest is looked for below.
   std::vector<KeptFile> kept;
   std::vector<Unresolved> unresolved;
-  prune(run.get(), rootFd.get(), -1, "", newPlaceOf, rootFd.get(), kept, unresolved);
+  ParentDirectories oldPlaces(rootFd.get(), ParentDirectories::Missing::Absent);
+  ParentDirectories newPlaceDirectories(rootFd.get(), ParentDirectories::Missing::Absent);
+  for (const NetLinkRecord& record : parseNetManifest(manifest_)) {
+    const std::string linkName(record.linkName);
+    struct stat status {};
+    if (platform::sys::statAt(links.get(), linkName.c_str(), &status) != 0) {
+      // Moved to its legacy path by an interrupted settling, or gone.
+      if (result_.adopted &&
+          platform::sys::statAt(run.get(), record.legacyRelative().c_str(), &status) == 0 &&
+          S_ISREG(status.st_mode))
+        kept.push_back(KeptFile{record.legacyRelative(), static_cast<std::uint64_t>(status.st_size),
+                                std::string()});
+      continue;
+    }
+    if (status.st_nlink > 1) {
+      const auto newPlace = newPlaces.find(record.container);
+      const bool safe = sameFileBelow(oldPlaces, record.legacyRelative(), status) ||
+                        (newPlace != newPlaces.end() &&
+                         sameFileBelow(newPlaceDirectories,
+                                       newPlace->second + "/" + std::string(record.inner), status));
+      if (safe && platform::sys::removeFileAt(links.get(), linkName.c_str()) == 0) continue;
+      unresolved.push_back(Unresolved{record.legacyRelative(),
+                                      static_cast<std::uint64_t>(status.st_size), status.st_ino,
+                                      linkName});
+      continue;
+    }
+    kept.push_back(
+        KeptFile{record.legacyRelative(), static_cast<std::uint64_t>(status.st_size), linkName});
+  }
   if (!unresolved.empty()) {
     // Rare: a file with another name neither at its old nor at its expected
     // new place. Every container the registry names is looked through.
@@ -462,12 +541,35 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
     }
     for (const Unresolved& file : unresolved) {
       if (elsewhere.count(file.inode) != 0 &&
-          platform::sys::removeFileAt(run.get(), file.relative.c_str()) == 0)
+          platform::sys::removeFileAt(links.get(), file.linkName.c_str()) == 0)
         continue;
-      kept.push_back(KeptFile{file.relative, file.size});
+      kept.push_back(KeptFile{file.relative, file.size, file.linkName});
     }
-    removeEmptyDirectoriesBelow(run.get());
   }
+
+  // What is kept goes to its legacy path under the run's directory.
+  ParentDirectories layout(run.get(), ParentDirectories::Missing::Made);
+  for (KeptFile& file : kept) {
+    if (file.linkName.empty()) continue;
+    const auto [parent, name] = splitParent(file.relative);
+    const int directory = layout.open(parent);
+    if (directory >= 0 &&
+        platform::sys::renameNoReplaceAt(links.get(), file.linkName.c_str(), directory,
+                                         std::string(name).c_str()) == 0)
+      file.linkName.clear();
+  }
+  // Left in the links directory: what could not be moved, and links an
+  // interrupted laying made before its manifest was written. Those of files
+  // with another name go.
+  forEachEntry(links.get(), [&](const std::string& name, platform::sys::EntryType) {
+    struct stat status {};
+    if (platform::sys::statAt(links.get(), name.c_str(), &status) != 0 || status.st_nlink <= 1)
+      return;
+    const bool keptHere = std::any_of(kept.begin(), kept.end(),
+                                      [&](const KeptFile& file) { return file.linkName == name; });
+    if (!keptHere) platform::sys::removeFileAt(links.get(), name.c_str());
+  });
+  platform::sys::removeEmptyDirectoryAt(run.get(), linksName.c_str());
   result_.settled = true;
 
   // By legacy container or group container.
@@ -508,15 +610,22 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
     result_.kept.push_back(std::move(entry));
   }
 
+  const std::string manifestName(kSafetyNetManifestFile);
   if (kept.empty()) {
     // Nothing to keep: no directory is left behind.
+    platform::sys::removeFileAt(run.get(), manifestName.c_str());
     if (platform::sys::removeEmptyDirectoryAt(base.get(), result_.runId.c_str()) == 0)
       removeEmptyNetBase(rootFd.get(), baseRelative_);
     return;
   }
   CVError writeError;
-  if (!writeNetState(result_, hostPath(root_, baseRelative_), root_, &writeError))
+  if (!writeNetState(result_, hostPath(root_, baseRelative_), root_, &writeError)) {
     result_.problem = "cannot mark the safety net complete: " + writeError.localizedDescription();
+    return;
+  }
+  // Only once the state file marks the net complete: the manifest is what
+  // the next run would settle it by.
+  platform::sys::removeFileAt(run.get(), manifestName.c_str());
 }
 
 std::string formatSafetyNetLaid(const SafetyNetResult& result) {

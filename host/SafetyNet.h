@@ -5,8 +5,12 @@
 // replaced by another container of the same identifier) is still there after
 // it.
 //
-// Where: <home>/Library/Mavrel/SafetyNet/<run id>/ inside the image, with the
-// legacy layout kept underneath (the path relative to the device root:
+// Where: <home>/Library/Mavrel/SafetyNet/<run id>/ inside the image. While
+// the run is in progress the links are flat, named by a number, in
+// "SafetyNet.links", and "SafetyNet.manifest" says which legacy file each
+// stands for (SafetyNetManifest.h): one link per file and no directory made
+// per user-data directory. A settled net holds the legacy layout underneath
+// (the path relative to the device root:
 // "private/var/mobile/Applications/<container>/Documents/a.txt"). Hard links
 // cost no space and copy nothing; the net is on the image's file system.
 //
@@ -16,20 +20,23 @@
 // as the pass finds them, never outside the image), gets a link. Everything
 // is opened relative to directory descriptors without following a symbolic
 // link. A file the file system refuses to link (EXDEV, EPERM, EMLINK) is
-// counted and named; the run goes on.
+// counted and named; the run goes on. The links directory and the manifest
+// are flushed before the pass begins.
 //
-// Settling it after the pass: a net entry whose file is still at its old
-// place (same device and inode at the same path) or at a new place (a data
-// or group container the registry names, read inside the image without
+// Settling it after the pass: a link whose file is still at its old place
+// (same device and inode at the same path) or at a new place (a data or
+// group container the registry names, read inside the image without
 // following links) is removed; what is left is the user data the run
-// discarded. It is described, by legacy container or group container, in a
-// state file written atomically into the run's directory, which marks the
-// net complete. An empty net is removed with its directories.
+// discarded, moved to its legacy path under the run's directory. It is
+// described, by legacy container or group container, in a state file
+// written atomically into the run's directory, which marks the net
+// complete; then the manifest goes. An empty net is removed with its
+// directories.
 //
 // Crashes: a run's directory without the state file is a net whose run was
-// interrupted. The next run adopts it (links only what is not there yet) and
-// settles it as its own, so every user file is at any instant at its old
-// place, at its new place or in a net.
+// interrupted. The next run adopts it (keeps its links and manifest, links
+// only what is not there yet) and settles it as its own, so every user file is at any instant at
+// its old place, at its new place or in a net.
 //
 // The net writes nothing to the migration or installer logs and never
 // changes what the pass does or returns.
@@ -110,6 +117,7 @@ class SafetyNet {
   std::vector<std::string> groupRelatives_;  // the legacy group containers
   // The group identifier of each legacy group container, by its relative path.
   std::map<std::string, std::string> groupIdentifiers_;
+  std::string manifest_;  // the records of the net's links
   SafetyNetResult result_;
 };
 

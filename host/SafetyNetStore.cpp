@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "host/SafetyNet.h"
+#include "host/SafetyNetManifest.h"
 #include "platform/PropertyList.h"
 #include "platform/linux/DirectoryStream.h"
 #include "platform/linux/FilesBeneath.h"
@@ -18,6 +19,8 @@ using platform::sys::UniqueFd;
 
 constexpr mode_t kNetDirectoryMode = 0700;
 
+// The files below the open directory `fd` of a run's directory, but the
+// net's own files at its top.
 void listFiles(int fd, const std::string& relative, StoredNet& net) {
   auto stream = platform::sys::DirectoryStream::adopt(platform::sys::openDirectoryAt(fd, "."));
   if (!stream.valid()) return;
@@ -29,7 +32,9 @@ void listFiles(int fd, const std::string& relative, StoredNet& net) {
   }
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
-    if (relative.empty() && name == kSafetyNetStateFile) continue;
+    if (relative.empty() && (name == kSafetyNetStateFile || name == kSafetyNetManifestFile ||
+                             (!net.complete && name == kSafetyNetLinksDirectory)))
+      continue;
     const std::string path = relative.empty() ? name : relative + "/" + name;
     struct stat status {};
     if (platform::sys::statAt(fd, name.c_str(), &status) != 0) continue;
@@ -37,7 +42,7 @@ void listFiles(int fd, const std::string& relative, StoredNet& net) {
       if (const UniqueFd child = platform::sys::openDirectoryAt(fd, name.c_str()))
         listFiles(child.get(), path, net);
     } else if (S_ISREG(status.st_mode)) {
-      net.files.push_back(StoredFile{path, static_cast<std::uint64_t>(status.st_size)});
+      net.files.push_back(StoredFile{path, static_cast<std::uint64_t>(status.st_size), path});
       net.bytes += static_cast<std::uint64_t>(status.st_size);
     }
   }
@@ -84,9 +89,23 @@ std::vector<StoredNet> listStoredNets(int base, const std::string& baseHostPath,
     struct stat status {};
     net.complete =
         platform::sys::statAt(run.get(), std::string(kSafetyNetStateFile).c_str(), &status) == 0;
-    if (withContents) {
-      listFiles(run.get(), "", net);
+    if (withContents && !net.complete && !baseHostPath.empty()) {
+      // Its links, by the legacy paths its manifest gives them.
+      const std::string manifest = readNetManifest(baseHostPath + "/" + name);
+      const UniqueFd links =
+          platform::sys::openDirectoryAt(run.get(), std::string(kSafetyNetLinksDirectory).c_str());
+      for (const NetLinkRecord& record : parseNetManifest(manifest)) {
+        const std::string linkName(record.linkName);
+        if (!links || platform::sys::statAt(links.get(), linkName.c_str(), &status) != 0 ||
+            !S_ISREG(status.st_mode))
+          continue;
+        net.files.push_back(StoredFile{record.legacyRelative(),
+                                       static_cast<std::uint64_t>(status.st_size),
+                                       std::string(kSafetyNetLinksDirectory) + "/" + linkName});
+        net.bytes += static_cast<std::uint64_t>(status.st_size);
+      }
     }
+    if (withContents) listFiles(run.get(), "", net);
     if (net.complete && !baseHostPath.empty()) {
       const auto state = platform::readPropertyListDictionary(
           CVURL::fileURLWithPath(baseHostPath + "/" + name + "/" + std::string(kSafetyNetStateFile),

@@ -27,10 +27,12 @@ platform::sys::UniqueFd openBeneath(int fd, std::string_view relative);
 platform::sys::UniqueFd openOrMakeBeneath(int fd, std::string_view relative);
 
 // A file kept in a net: its path relative to the device root (the legacy
-// layout) and its size.
+// layout), its size and where it is in the run's directory (its legacy path
+// in a settled net, a numbered link in one whose run was interrupted).
 struct StoredFile {
   std::string relative;
   std::uint64_t size = 0;
+  std::string inNet;
 };
 
 // What a net's state file says of one container or group container.

@@ -73,6 +73,10 @@ DirectoryStream DirectoryStream::adopt(UniqueFd directory) {
   return result;
 }
 
+int DirectoryStream::descriptor() const {
+  return stream_ ? ::dirfd(stream_->dir) : -1;
+}
+
 int DirectoryStream::next(DirectoryEntry& entry, bool& atEnd) {
   atEnd = false;
   if (!stream_) return EBADF;

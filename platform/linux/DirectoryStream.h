@@ -51,6 +51,10 @@ class DirectoryStream {
 
   bool valid() const { return stream_ != nullptr; }
 
+  // The directory's descriptor, owned by the stream (-1 when not valid): for
+  // calls relative to the directory while it is read.
+  int descriptor() const;
+
   // Reads the next entry into `entry` ("." and ".." included). Returns 0 and
   // sets `atEnd` at the end of the directory. An entry whose type the file
   // system does not report is looked at without following a link; a

@@ -4,11 +4,25 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 namespace platform::sys {
 
 int linkAt(int fromDirectory, const char* fromName, int toDirectory, const char* toName) {
   return ::linkat(fromDirectory, fromName, toDirectory, toName, 0);
+}
+
+int renameNoReplaceAt(int fromDirectory, const char* fromName, int toDirectory,
+                      const char* toName) {
+  return ::renameat2(fromDirectory, fromName, toDirectory, toName, RENAME_NOREPLACE);
+}
+
+int flushDirectory(int fd) {
+  while (::fsync(fd) != 0) {
+    if (errno == EINVAL) return 0;
+    if (errno != EINTR) return -1;
+  }
+  return 0;
 }
 
 int makeDirectoryAt(int directory, const char* name, mode_t mode) {

@@ -20,6 +20,14 @@ namespace platform::sys {
 // systems, EPERM or EMLINK where the file system refuses another link.
 int linkAt(int fromDirectory, const char* fromName, int toDirectory, const char* toName);
 
+// renameat2 with RENAME_NOREPLACE: moves `fromName` to `toName` in one step,
+// EEXIST when `toName` exists (nothing is replaced).
+int renameNoReplaceAt(int fromDirectory, const char* fromName, int toDirectory, const char* toName);
+
+// fsync of an open directory, so that the names made in it survive a crash. A
+// file system that cannot flush directories (EINVAL) counts as flushed.
+int flushDirectory(int fd);
+
 // mkdirat: makes the directory `name` in `directory` with `mode` (the umask
 // applies); EEXIST when anything of that name exists.
 int makeDirectoryAt(int directory, const char* name, mode_t mode);

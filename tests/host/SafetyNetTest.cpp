@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 
+#include "host/SafetyNetManifest.h"
 #include "tests/host/GeneratedImage.h"
 
 namespace {
@@ -171,14 +172,31 @@ TEST_F(SafetyNetTest, AResumedRunAdoptsTheInterruptedNet) {
   const std::string root = manifest.root;
   const std::string interrupted = root + std::string(kNetBase) + "/20000101-000000";
   const std::string legacyRelative = fs::relative(manifest.legacyDirectory, root).string();
-  // The interrupted run linked a container it then removed...
-  writeFile(interrupted + "/" + legacyRelative + "/Gone/Documents/gone.txt", "gone");
-  // ...and a file still in place.
+  // The interrupted run linked a file of a container it then removed...
+  const std::string links = interrupted + "/SafetyNet.links";
+  writeFile(links + "/0", "gone");
+  std::string records;
+  mavrel_host::appendNetLinkRecord(records, "0", legacyRelative + "/Gone", "Documents/gone.txt");
+  // ...and a file still in place, which its laying had linked twice before
+  // it was cut short (the second link is in no record).
   const auto stillThere = userData(root, manifest.containers.back().containerPath);
   ASSERT_FALSE(stillThere.empty());
   const std::string linked = stillThere.begin()->first;
-  fs::create_directories(fs::path(interrupted + "/" + linked).parent_path());
-  fs::create_hard_link(root + "/" + linked, interrupted + "/" + linked);
+  fs::create_hard_link(root + "/" + linked, links + "/1");
+  fs::create_hard_link(root + "/" + linked, links + "/2");
+  const std::string container =
+      fs::relative(manifest.containers.back().containerPath, root).string();
+  mavrel_host::appendNetLinkRecord(records, "1", container, linked.substr(container.size() + 1));
+  ASSERT_TRUE(mavrel_host::writeNetManifest(interrupted, records, nullptr));
+
+  // Before it is settled, recover copies each linked file to its legacy path.
+  const ProgramRun recovered =
+      runMavrel({"recover", "--root", root, "--to", directory_.path() + "/out"}, directory_.path());
+  ASSERT_EQ(recovered.exitCode, 0) << recovered.out << recovered.err;
+  EXPECT_EQ(
+      filesBelow(directory_.path() + "/out/20000101-000000"),
+      (std::map<std::string, std::string>{{legacyRelative + "/Gone/Documents/gone.txt", "gone"},
+                                          {linked, stillThere.begin()->second}}));
 
   const std::string report = directory_.path() + "/report.json";
   const ProgramRun run =
@@ -196,6 +214,39 @@ TEST_F(SafetyNetTest, AResumedRunAdoptsTheInterruptedNet) {
                 {legacyRelative + "/Gone/Documents/gone.txt", "gone"},
                 {"SafetyNet.plist", readFile(interrupted + "/SafetyNet.plist")}}));
   EXPECT_EQ(filesBelow(root + std::string(kNetBase)).size(), 2u) << "no second net was made";
+}
+
+// The manifest is read from the image, which may be crafted: a record whose
+// link name or paths could lead out of the net's directories is left out.
+TEST(SafetyNetManifestTest, RecordsThatCouldLeadOutOfTheNetAreLeftOut) {
+  const struct {
+    std::string_view link, container, inner;
+    bool kept;
+  } cases[] = {
+      {"7", "private/var/mobile/Applications/A", "Documents/a.txt", true},
+      {"../7", "private/var/mobile/Applications/A", "Documents/a.txt", false},
+      {"7x", "private/var/mobile/Applications/A", "Documents/a.txt", false},
+      {"12345678901234567890", "private/A", "a", false},
+      {"7", "../../outside", "a.txt", false},
+      {"7", "/private/var/mobile/Applications/A", "a.txt", false},
+      {"7", "private/var/mobile/Applications/A", "Documents/../../../a.txt", false},
+      {"7", "private/var/mobile/Applications/A", "Documents//a.txt", false},
+      {"7", "private/var/mobile/Applications/A", ".", false},
+  };
+  for (const auto& c : cases) {
+    std::string manifest;
+    mavrel_host::appendNetLinkRecord(manifest, c.link, c.container, c.inner);
+    EXPECT_EQ(mavrel_host::parseNetManifest(manifest).size(), c.kept ? 1u : 0u)
+        << c.link << " " << c.container << " " << c.inner;
+  }
+  // A record cut short is left out; the one before it stays.
+  std::string manifest;
+  mavrel_host::appendNetLinkRecord(manifest, "1", "private/A", "a");
+  constexpr char kCut[] = "2\0private/B\0b";
+  manifest.append(kCut, sizeof kCut - 1);
+  const auto records = mavrel_host::parseNetManifest(manifest);
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].legacyRelative(), "private/A/a");
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 
+#include "host/SafetyNetManifest.h"
 #include "samplegen/LegacyImageGenerator.h"
 #include "shared/support/CVFileDigest.h"
 #include "tests/support/TestSupport.h"
@@ -372,15 +373,27 @@ void SweepWorkspace::checkOutside(ImageCheck& result) const {
 
 namespace {
 
-// Whether a safety net of the image holds the file with these bytes.
+// Whether a safety net of the image holds the file with these bytes: at its
+// legacy path in a settled net, or as the link its manifest names in one
+// whose run was interrupted.
 bool keptInSafetyNet(const std::string& root, const std::string& legacy,
                      const std::string& relative, const std::string& digest) {
   const std::string nets = root + "/private/var/mobile/Library/Mavrel/SafetyNet";
   const std::string below = fs::path(legacy).lexically_relative(root).string() + "/" + relative;
+  const auto holds = [&](const std::string& path) {
+    return isRegularFile(path) && CVCreateSHA256Digest(path).value_or("") == digest;
+  };
   std::error_code error;
   for (fs::directory_iterator it(nets, error), end; !error && it != end; it.increment(error)) {
-    const std::string path = it->path().string() + "/" + below;
-    if (isRegularFile(path) && CVCreateSHA256Digest(path).value_or("") == digest) return true;
+    const std::string run = it->path().string();
+    if (holds(run + "/" + below)) return true;
+    const std::string manifest = mavrel_host::readNetManifest(run);
+    for (const mavrel_host::NetLinkRecord& record : mavrel_host::parseNetManifest(manifest)) {
+      if (record.legacyRelative() == below &&
+          holds(run + "/" + std::string(mavrel_host::kSafetyNetLinksDirectory) + "/" +
+                std::string(record.linkName)))
+        return true;
+    }
   }
   return false;
 }

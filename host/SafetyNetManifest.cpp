@@ -1,0 +1,82 @@
+#include "host/SafetyNetManifest.h"
+
+#include <cstdint>
+#include <span>
+
+#include "platform/FileIO.h"
+#include "platform/URL.h"
+
+namespace mavrel_host {
+namespace {
+
+// Large enough for tens of millions of files; the manifest is read whole.
+constexpr std::size_t kManifestMaxSize = std::size_t{4} << 30;
+
+CVURL manifestURL(const std::string& runHostPath) {
+  return CVURL::fileURLWithPath(runHostPath + "/" + std::string(kSafetyNetManifestFile), false);
+}
+
+// A link's name is a number; the paths are relative and never step out of
+// their directory (the manifest is read from an image, which may be crafted).
+bool isLinkName(std::string_view name) {
+  return !name.empty() && name.size() <= 18 &&
+         name.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+bool isRelativeBelow(std::string_view path) {
+  if (path.empty()) return false;
+  for (std::size_t start = 0;;) {
+    const std::size_t slash = path.find('/', start);
+    const std::string_view component = path.substr(start, slash - start);
+    if (component.empty() || component == "." || component == "..") return false;
+    if (slash == std::string_view::npos) return true;
+    start = slash + 1;
+  }
+}
+
+}  // namespace
+
+std::string NetLinkRecord::legacyRelative() const {
+  std::string relative(container);
+  relative += '/';
+  relative += inner;
+  return relative;
+}
+
+void appendNetLinkRecord(std::string& manifest, std::string_view linkName,
+                         std::string_view container, std::string_view inner) {
+  for (const std::string_view field : {linkName, container, inner}) {
+    manifest += field;
+    manifest += '\0';
+  }
+}
+
+std::vector<NetLinkRecord> parseNetManifest(std::string_view manifest) {
+  std::vector<NetLinkRecord> records;
+  std::string_view fields[3];
+  std::size_t field = 0;
+  std::size_t start = 0;
+  for (std::size_t end = manifest.find('\0'); end != std::string_view::npos;
+       start = end + 1, end = manifest.find('\0', start)) {
+    fields[field++] = manifest.substr(start, end - start);
+    if (field < 3) continue;
+    field = 0;
+    if (isLinkName(fields[0]) && isRelativeBelow(fields[1]) && isRelativeBelow(fields[2]))
+      records.push_back(NetLinkRecord{fields[0], fields[1], fields[2]});
+  }
+  return records;
+}
+
+std::string readNetManifest(const std::string& runHostPath) {
+  const auto bytes =
+      platform::readFileContents(manifestURL(runHostPath), kManifestMaxSize, nullptr);
+  return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
+}
+
+bool writeNetManifest(const std::string& runHostPath, std::string_view manifest, CVError* error) {
+  const auto* data = reinterpret_cast<const std::uint8_t*>(manifest.data());
+  return platform::writeFileAtomically(manifestURL(runHostPath),
+                                       std::span<const std::uint8_t>(data, manifest.size()), error);
+}
+
+}  // namespace mavrel_host
