@@ -11,11 +11,7 @@ namespace {
 
 using platform::kLogLevelError;
 using platform::kLogLevelNotice;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
 CVURL directoryURL(const std::string& path) {
   return CVURL::fileURLWithPath(path, true);

@@ -19,27 +19,13 @@
 #include "tests/filemanager/CopyTestTrees.h"
 #include "tests/filemanager/FileManagerTestHelpers.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace {
 
 namespace sys = platform::sys;
-using filemanager_test::differences;
-using filemanager_test::entryNames;
-using filemanager_test::LinkAccessTimes;
-using filemanager_test::makeDeepTree;
-using filemanager_test::makeImmutable;
-using filemanager_test::OtherDeviceDirectory;
-using filemanager_test::posixAclValue;
-using filemanager_test::ScopedDescriptorLimit;
-using filemanager_test::sentinelError;
-using filemanager_test::snapshotTree;
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace filemanager_test;
+using namespace testing_support;
 
 constexpr const char* kCopyFunction =
     "-[CVFileManager _copyItemAtURL:toURL:failIfSrcMissing:error:]";
@@ -50,13 +36,6 @@ std::string linkContent(const std::string& path) {
   char buffer[4096];
   const ssize_t length = ::readlink(path.c_str(), buffer, sizeof buffer);
   return length < 0 ? std::string("(not a link)") : std::string(buffer, length);
-}
-
-std::string joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines)
-    text += line + "\n";
-  return text;
 }
 
 std::string functionOf(const CVError& error) {
@@ -180,8 +159,8 @@ TEST_F(CopyMoveTest, LoneItemsAreCopiedAsTheyAre) {
     snapshot.erase("");
     return snapshot;
   };
-  EXPECT_EQ(joined(differences(items(temp_ / "source"), items(temp_ / "copies"),
-                               LinkAccessTimes::Ignored)),
+  EXPECT_EQ(listed(differences(items(temp_ / "source"), items(temp_ / "copies"),
+                               AccessTimes::IgnoredOnLinks)),
             "");
 }
 
@@ -233,7 +212,7 @@ TEST_F(CopyMoveTest, AclsInheritedWhereTheCopyIsMadeAreNotKept) {
                                      nullptr));
 
   EXPECT_EQ(
-      joined(differences(snapshotTree(temp_ / "source"), snapshotTree(temp_ / "inheriting/copy"))),
+      listed(differences(snapshotTree(temp_ / "source"), snapshotTree(temp_ / "inheriting/copy"))),
       "");
   std::vector<std::string> names;
   ASSERT_EQ(
@@ -419,7 +398,7 @@ TEST_F(CopyMoveTest, MoveToAnotherFileSystemCopiesAndKeepsTheSource) {
   EXPECT_FALSE(manager_.moveItemAtURL(temp_.directoryURL("source"), destination, &error));
 
   EXPECT_TRUE(error.isNil()) << error.description();
-  EXPECT_EQ(joined(differences(snapshotTree(temp_ / "source"), snapshotTree(other / "moved"))), "");
+  EXPECT_EQ(listed(differences(snapshotTree(temp_ / "source"), snapshotTree(other / "moved"))), "");
   EXPECT_EQ(readFile(temp_ / "source/file"), "on two file systems");
 }
 

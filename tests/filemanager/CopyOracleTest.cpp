@@ -11,26 +11,12 @@
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/filemanager/CopyTestTrees.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace {
 
-using filemanager_test::differences;
-using filemanager_test::kSparseFile;
-using filemanager_test::kSparseFileSize;
-using filemanager_test::LinkAccessTimes;
-using filemanager_test::makeRichTree;
-using filemanager_test::OtherDeviceDirectory;
-using filemanager_test::snapshotTree;
-using filemanager_test::TreeSnapshot;
-using testing_support::makeDirectories;
-using testing_support::TemporaryDirectory;
-
-std::string listed(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines)
-    text += line + "\n";
-  return text;
-}
+using namespace filemanager_test;
+using namespace testing_support;
 
 class CopyOracleTest : public ::testing::Test {
  protected:
@@ -67,7 +53,7 @@ TEST_F(CopyOracleTest, CopyEqualsTheSourceItemByItemAndLeavesTheSourceAsItWas) {
   expectHolesKept(before, copy);
   // The source was read without touching its access times, except those of
   // links, whose content cannot be read any other way.
-  EXPECT_EQ(listed(differences(before, snapshotTree(source()), LinkAccessTimes::Ignored)), "");
+  EXPECT_EQ(listed(differences(before, snapshotTree(source()), AccessTimes::IgnoredOnLinks)), "");
 
   // The file with a name outside the tree is a file of its own in the copy,
   // and the three names inside it stay one file.
@@ -86,7 +72,7 @@ TEST_F(CopyOracleTest, CopyAgreesWithCpArchive) {
   const TreeSnapshot ours = snapshotTree(temp_ / "ours");
   const TreeSnapshot oracle = snapshotTree(temp_ / "oracle");
   // cp ran after our copy had read the links.
-  EXPECT_EQ(listed(differences(oracle, ours, LinkAccessTimes::Ignored)), "");
+  EXPECT_EQ(listed(differences(oracle, ours, AccessTimes::IgnoredOnLinks)), "");
   EXPECT_LE(ours.at(kSparseFile).blocks, oracle.at(kSparseFile).blocks + 64);
 }
 

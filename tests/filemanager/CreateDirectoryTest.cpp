@@ -18,11 +18,8 @@
 namespace {
 
 namespace sys = platform::sys;
-using filemanager_test::sentinelError;
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace filemanager_test;
+using namespace testing_support;
 
 constexpr const char* kCreateFunction =
     "-[CVFileManager createDirectoryAtURL:withIntermediateDirectories:mode:class:error:]";

@@ -15,11 +15,7 @@
 
 namespace {
 
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr const char* kFunction = "-[CVFileManager diskUsageForURL:]";
 

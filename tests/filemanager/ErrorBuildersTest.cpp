@@ -11,7 +11,7 @@
 
 namespace {
 
-using testing_support::CapturedLog;
+using namespace testing_support;
 
 long numberAt(const CVError& error, std::string_view key) {
   const CVNumber* number = error.userInfo().findNumber(key);

@@ -16,12 +16,8 @@
 
 namespace {
 
-using filemanager_test::sentinelError;
-using testing_support::CapturedLog;
-using testing_support::makeSymlink;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace filemanager_test;
+using namespace testing_support;
 
 constexpr const char* kTemporaryFunction =
     "-[CVFileManager createTemporaryDirectoryInDirectoryURL:error:]";

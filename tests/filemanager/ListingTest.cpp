@@ -15,12 +15,8 @@
 
 namespace {
 
-using filemanager_test::sentinelError;
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace filemanager_test;
+using namespace testing_support;
 
 constexpr const char* kListFunction =
     "-[CVFileManager urlsForItemsInDirectoryAtURL:ignoringSymlinks:error:]";

@@ -17,11 +17,7 @@
 
 namespace {
 
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr std::uint32_t kNewOwner = 501;
 

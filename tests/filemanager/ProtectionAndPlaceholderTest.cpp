@@ -18,13 +18,8 @@
 
 namespace {
 
-using filemanager_test::makeImmutable;
-using filemanager_test::sentinelError;
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace filemanager_test;
+using namespace testing_support;
 
 constexpr const char* kGetFunction = "-[CVFileManager dataProtectionClassOfItemAtURL:class:error:]";
 constexpr const char* kSetFunction =

@@ -13,14 +13,8 @@
 
 namespace {
 
-using filemanager_test::entryNames;
-using filemanager_test::sentinelError;
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace filemanager_test;
+using namespace testing_support;
 
 constexpr const char* kFunction =
     "-[CVFileManager captureStoreDataFromDirectory:toDirectory:doCopy:failureIsFatal:withError:]";

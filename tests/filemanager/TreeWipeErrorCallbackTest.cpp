@@ -12,7 +12,7 @@ namespace {
 
 namespace sys = platform::sys;
 using filemanager_detail::treewipe_error_callback;
-using testing_support::CapturedLog;
+using namespace testing_support;
 
 int report(sys::TreeWipeState* state, int errorNumber, const char* path, int* firstError) {
   EXPECT_EQ(sys::treeWipeStateSetErrorNumber(state, errorNumber), 0);

@@ -20,16 +20,8 @@
 namespace {
 
 namespace sys = platform::sys;
-using filemanager_test::entryNames;
-using filemanager_test::makeDeepTree;
-using filemanager_test::makeImmutable;
-using filemanager_test::ScopedDescriptorLimit;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace filemanager_test;
+using namespace testing_support;
 
 using Report = std::pair<std::string, int>;  // path, error number
 

@@ -9,18 +9,12 @@
 #include <sstream>
 
 #include "host/CommandLine.h"
-#include "tests/host/HostProcess.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 std::string plist(const std::string& body) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n" + body +
@@ -230,36 +224,6 @@ TEST_F(AppsCommandTest, UsageErrorsAndHelp) {
   EXPECT_NE(run.out.find("usage: mavrel apps --root DIR [--json]"), std::string::npos) << run.out;
   run = mavrel({"--help"});
   EXPECT_NE(run.out.find("mavrel apps --root DIR"), std::string::npos) << run.out;
-}
-
-TEST(AppsCommandLineTest, EachFormParses) {
-  using mavrel_host::ParsedCommand;
-  const auto parse = [](std::vector<std::string_view> words) {
-    return mavrel_host::parseCommandLine(words);
-  };
-  ParsedCommand command = parse({"apps", "--root", "/images/a", "--json"});
-  ASSERT_EQ(command.kind, ParsedCommand::Kind::Apps) << command.error;
-  EXPECT_EQ(command.apps.root, "/images/a");
-  EXPECT_TRUE(command.apps.json);
-  command = parse({"apps", "--root=/images/b"});
-  ASSERT_EQ(command.kind, ParsedCommand::Kind::Apps) << command.error;
-  EXPECT_EQ(command.apps.root, "/images/b");
-  EXPECT_FALSE(command.apps.json);
-  EXPECT_EQ(parse({"apps", "--json", "--help"}).kind, ParsedCommand::Kind::AppsHelp);
-
-  const std::vector<std::pair<std::vector<std::string_view>, std::string>> refused = {
-      {{"apps", "--root"}, "option '--root' needs a value"},
-      {{"apps", "--root="}, "option '--root' needs a non-empty value"},
-      {{"apps", "--root", "/a", "--root", "/b"}, "option '--root' given more than once"},
-      {{"apps", "--root", "/a", "--json", "--json"}, "option '--json' given more than once"},
-      {{"apps", "--root", "/a", "extra"}, "unexpected argument 'extra'"},
-      {{"apps", "--colour=yes"}, "unknown option '--colour'"},
-  };
-  for (const auto& [words, message] : refused) {
-    command = parse(words);
-    EXPECT_EQ(command.kind, ParsedCommand::Kind::Error);
-    EXPECT_EQ(command.error, message);
-  }
 }
 
 }  // namespace

@@ -15,8 +15,8 @@
 #include "platform/linux/ExtendedAttributes.h"
 #include "samplegen/LegacyImageGenerator.h"
 #include "shared/support/CVFileDigest.h"
-#include "tests/host/HostProcess.h"
-#include "tests/host/JSONValue.h"
+#include "tests/support/ChildProgram.h"
+#include "tests/support/JSON.h"
 #include "tests/support/TestSupport.h"
 
 namespace host_test {
@@ -60,14 +60,6 @@ inline std::map<std::string, std::string> snapshotTree(const std::string& direct
   for (const auto& entry : std::filesystem::recursive_directory_iterator(directory))
     describe(entry.path().string());
   return items;
-}
-
-// The members of a JSON array of objects, keyed by their "path".
-inline std::map<std::string, JSONValue> byPath(const JSONValue& array) {
-  std::map<std::string, JSONValue> entries;
-  for (const JSONValue& entry : array.array)
-    entries[entry["path"].string] = entry;
-  return entries;
 }
 
 }  // namespace host_test

@@ -11,17 +11,8 @@
 
 namespace {
 
-using host_test::byPath;
-using host_test::JSONValue;
-using host_test::parseJSON;
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using host_test::snapshotTree;
-using testing_support::DeviceImage;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
+using namespace host_test;
 
 constexpr const char* kMarkerName = "com.zentrel.corvane.container_migrator.plist";
 

@@ -11,17 +11,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using host_test::byPath;
-using host_test::JSONValue;
-using host_test::parseJSON;
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class RunReportTest : public ::testing::Test {
  protected:

@@ -15,11 +15,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using host_test::parseJSON;
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
+using namespace testing_support;
 
 // Sets an environment variable for the life of the object.
 class ScopedEnvironment {

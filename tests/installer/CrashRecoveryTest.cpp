@@ -23,9 +23,7 @@ namespace installer_test {
 namespace {
 
 using mavrel_installer::EmbeddedInstallerService;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
+using namespace testing_support;
 
 constexpr int kKilled = 86;
 constexpr int kScenarioComplete = 0;

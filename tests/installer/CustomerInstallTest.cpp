@@ -17,12 +17,7 @@
 namespace installer_test {
 namespace {
 
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
 // Every file below `directory` with its contents, for before/after comparisons.
 std::map<std::string, std::string> treeOf(const std::string& directory) {

@@ -14,12 +14,8 @@
 namespace {
 
 using platform::Image;
-using png_test::Bytes;
-using png_test::isUniform;
-using png_test::uniformPNG;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
+using namespace png_test;
+using namespace testing_support;
 
 class IconServiceTest : public ::testing::Test {
  protected:

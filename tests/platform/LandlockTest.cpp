@@ -18,10 +18,7 @@
 
 namespace {
 
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 // Runs `body` in a child and returns what it wrote on its pipe: one line per
 // failed expectation, or "" when all held.

@@ -12,7 +12,7 @@ namespace {
 using platform::kLogLevelDebug;
 using platform::kLogLevelError;
 using platform::kLogLevelNotice;
-using testing_support::CapturedLog;
+using namespace testing_support;
 
 TEST(LogThresholdTest, WithoutHandleFailuresAndNoticesOnly) {
   platform::Log log("Test");

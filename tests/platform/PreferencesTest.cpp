@@ -19,12 +19,7 @@ using platform::kPreferencesAnyUser;
 using platform::kPreferencesCurrentHost;
 using platform::kPreferencesCurrentUser;
 using platform::PreferencesStore;
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr std::string_view kDomain = "com.zentrel.corvane";
 

@@ -9,10 +9,7 @@
 
 namespace {
 
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class SystemVersionTest : public ::testing::Test {
  protected:

@@ -16,12 +16,8 @@ namespace {
 namespace fs = std::filesystem;
 using samplegen::GeneratorOptions;
 using samplegen::ImageManifest;
-using samplegen_test::SampleImageTest;
-using samplegen_test::summarizeTree;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::writeFile;
+using namespace samplegen_test;
+using namespace testing_support;
 
 class LegacyImageGeneratorTest : public SampleImageTest {};
 
