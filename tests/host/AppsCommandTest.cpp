@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "host/CommandLine.h"
-#include "tests/support/ChildProgram.h"
+#include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -21,26 +21,12 @@ std::string plist(const std::string& body) {
          "\n</plist>\n";
 }
 
-// Every entry under `directory` with its type, size and contents, leaving out
-// the registry's SQLite companions, which a reader may create (and so the time
-// of the directory that holds them).
-std::map<std::string, std::string> snapshotTree(const std::string& directory) {
-  std::map<std::string, std::string> entries;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
-    const std::string path = entry.path().string();
-    if (path.ends_with(".sqlite-wal") || path.ends_with(".sqlite-shm") ||
-        path.ends_with("/Library/Corvane"))
-      continue;
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) continue;
-    std::ostringstream description;
-    description << std::oct << status.st_mode << std::dec << " " << status.st_size << " "
-                << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
-    if (S_ISREG(status.st_mode)) description << " " << readFile(path);
-    entries[path] = description.str();
-  }
-  return entries;
-}
+// The registry's SQLite companions, which a reader may create (and so the
+// time of the directory that holds them), are left out.
+const TreeDescription kWithoutRegistryCompanions{.skipped = [](const std::string& path) {
+  return path.ends_with(".sqlite-wal") || path.ends_with(".sqlite-shm") ||
+         path.ends_with("/Library/Corvane");
+}};
 
 // The value after "<label>: " on the line that has it.
 std::string valueAfter(const std::string& text, const std::string& label) {
@@ -94,7 +80,7 @@ TEST_F(AppsCommandTest, ListsWhatAMigrationInstalledWithoutChangingTheImage) {
   const ProgramRun migration = mavrel({"migrate", "--root", root_});
   ASSERT_EQ(migration.exitCode, 0) << migration.out << migration.err;
 
-  const auto before = snapshotTree(root_);
+  const auto before = describeTree(root_, kWithoutRegistryCompanions);
   const ProgramRun text = mavrel({"apps", "--root", root_});
   ASSERT_EQ(text.exitCode, 0) << text.err;
   EXPECT_NE(text.out.find("Application registry: " + registry()), std::string::npos) << text.out;
@@ -130,7 +116,7 @@ TEST_F(AppsCommandTest, ListsWhatAMigrationInstalledWithoutChangingTheImage) {
                 "\"}}],\"safeHarbors\":[{\"identifier\":\"com.example.gone\",\"path\":\"" + home() +
                 "/Harbors/Gone\",\"containerType\":2}]}\n");
 
-  EXPECT_EQ(snapshotTree(root_), before) << "listing changed the image";
+  EXPECT_EQ(describeTree(root_, kWithoutRegistryCompanions), before) << "listing changed the image";
 }
 
 TEST_F(AppsCommandTest, AnImageWithoutARegistryListsItsBuiltInApplications) {

@@ -13,39 +13,22 @@
 #include "samplegen/LegacyImageGenerator.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "shared/support/CVFileDigest.h"
+#include "tests/host/GeneratedImage.h"
 #include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace testing_support;
 
-// Relative path to SHA-256 of every regular file below `directory`.
 using Digests = std::map<std::string, std::string>;
-
-Digests digestsBelow(const std::string& directory) {
-  Digests digests;
-  if (!fs::exists(fs::symlink_status(directory))) return digests;
-  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-    if (entry.is_symlink() || !entry.is_regular_file()) continue;
-    const auto digest = CVCreateSHA256Digest(entry.path().string());
-    digests[fs::relative(entry.path(), directory).string()] = digest.value_or("unreadable");
-  }
-  return digests;
-}
 
 class MigrationEndToEndTest : public ::testing::Test {
  protected:
-  samplegen::ImageManifest generate(samplegen::GeneratorOptions options) {
-    CVError error;
-    const auto root =
-        samplegen::prepareImageRoot(image_.path() + "/image", /*replace=*/false, &error);
-    EXPECT_TRUE(root.has_value()) << error.description();
-    options.root = root.value_or("");
-    auto manifest = samplegen::generateLegacyImage(options, &error);
-    EXPECT_TRUE(manifest.has_value()) << error.description();
-    return manifest.value_or(samplegen::ImageManifest());
+  samplegen::ImageManifest generate(const samplegen::GeneratorOptions& options) {
+    return host_test::generateImage(image_.path() + "/image", options);
   }
 
   // The user data of each container and each group container, before the pass.

@@ -200,14 +200,14 @@ TEST_F(PlanCommandTest, TheVerdictSaysWhenAMigrationIsRunningOrWasInterrupted) {
 class PlanWritesNothingTest : public ::testing::Test {
  protected:
   void expectPlanLeavesEverythingAsItWas(const std::string& root) {
-    const auto before = snapshotTree(directory_.path());
+    const auto before = describeTree(directory_.path());
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"plan", "--root", root},
           std::vector<std::string>{"plan", "--root", root, "--json"}}) {
       const ProgramRun run = runMavrel(arguments, scratch_.path());
       ASSERT_EQ(run.exitCode, 0) << run.err;
     }
-    const auto after = snapshotTree(directory_.path());
+    const auto after = describeTree(directory_.path());
     EXPECT_EQ(before.size(), after.size());
     for (const auto& [path, description] : after) {
       const auto found = before.find(path);

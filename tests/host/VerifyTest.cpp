@@ -180,7 +180,7 @@ TEST_F(VerifyTest, EveryFormOfDevicePathAndAMovedImageMigrateAlike) {
 }
 
 TEST_F(VerifyTest, ARemovedFileIsMissing) {
-  const auto manifest = generate(42);
+  const auto manifest = generate(41);
   const auto [identifier, document] = someDocument(manifest);
   const ScopedEnvironment damage("MAVREL_TEST_DAMAGE", "remove:" + identifier + ":" + document);
   const ProgramRun run = runMavrel(
@@ -196,7 +196,7 @@ TEST_F(VerifyTest, ARemovedFileIsMissing) {
 // A file still at its old place while the run says it moved is out of its
 // application's reach: named, counted and never called safe.
 TEST_F(VerifyTest, AFileLeftBehindWhereTheRunSaysItMovedIsALoss) {
-  const auto manifest = generate(45);
+  const auto manifest = generate(41);
   const auto [identifier, document] = someDocument(manifest);
   std::string legacy;
   for (const auto& container : manifest.containers) {
@@ -214,7 +214,7 @@ TEST_F(VerifyTest, AFileLeftBehindWhereTheRunSaysItMovedIsALoss) {
 }
 
 TEST_F(VerifyTest, AChangedFileIsCaught) {
-  const auto manifest = generate(43);
+  const auto manifest = generate(41);
   const auto [identifier, document] = someDocument(manifest);
   const ScopedEnvironment damage("MAVREL_TEST_DAMAGE", "corrupt:" + identifier + ":" + document);
   const ProgramRun run = runMavrel(

@@ -12,6 +12,7 @@
 
 #include "samplegen/LegacyImageGenerator.h"
 #include "shared/support/CVFileDigest.h"
+#include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
 
 namespace reliability {
@@ -40,30 +41,16 @@ bool exists(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0;
 }
 
-// One line per item below `directory` (not following links).
+// One line per item below `directory` (not following links), by relative path.
 TreeSnapshot snapshotBelow(const std::string& directory, bool withTimes, bool skipBookkeeping) {
-  TreeSnapshot snapshot;
-  std::error_code error;
-  for (fs::recursive_directory_iterator it(directory, error), end; !error && it != end;
-       it.increment(error)) {
-    const std::string path = it->path().string();
-    const std::string relative = fs::relative(it->path(), directory).string();
-    if (skipBookkeeping && isRunBookkeeping(relative)) continue;
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) continue;
-    std::ostringstream line;
-    line << std::oct << status.st_mode << std::dec;
-    if (S_ISREG(status.st_mode)) {
-      line << " size " << status.st_size << " sha256 "
-           << CVCreateSHA256Digest(path).value_or("unreadable");
-    } else if (S_ISLNK(status.st_mode)) {
-      std::error_code ignored;
-      line << " -> " << fs::read_symlink(it->path(), ignored).string();
-    }
-    if (withTimes) line << " mtime " << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
-    snapshot[relative] = line.str();
-  }
-  return snapshot;
+  testing_support::TreeDescription how;
+  how.times = withTimes;
+  how.ownersAndAttributes = false;
+  how.relativeKeys = true;
+  how.skipped = [skipBookkeeping](const std::string& relative) {
+    return relative.empty() || (skipBookkeeping && isRunBookkeeping(relative));
+  };
+  return testing_support::describeTree(directory, how);
 }
 
 bool isHex(char c, bool upper) {

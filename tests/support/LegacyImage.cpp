@@ -12,35 +12,41 @@
 namespace testing_support {
 
 std::map<std::string, std::string> describeTree(const std::string& directory,
-                                                const std::vector<std::string>& skipped) {
+                                                const TreeDescription& how) {
   std::map<std::string, std::string> items;
-  const auto describe = [&](const std::string& path) {
-    for (const std::string& skip : skipped) {
-      if (path.find(skip) != std::string::npos) return;
-    }
+  const auto describe = [&](const std::filesystem::path& path) {
+    const std::string key = !how.relativeKeys   ? path.string()
+                            : path == directory ? std::string()
+                                                : path.lexically_relative(directory).string();
+    if (how.skipped && how.skipped(key)) return;
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) return;
     std::ostringstream text;
-    text << std::oct << status.st_mode << std::dec << " " << status.st_uid << ":" << status.st_gid
-         << " " << status.st_size << " " << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
-    if (S_ISREG(status.st_mode)) text << " " << CVCreateSHA256Digest(path).value_or("unreadable");
-    if (S_ISLNK(status.st_mode)) text << " -> " << std::filesystem::read_symlink(path).string();
-    std::vector<std::string> names;
-    const auto item = platform::sys::AttributeItem::link(path.c_str());
-    if (platform::sys::listAttributes(item, names) == 0) {
-      for (const std::string& name : names) {
-        std::vector<char> value;
-        platform::sys::getAttribute(item, name.c_str(), value);
-        text << " [" << name << "=" << std::string(value.begin(), value.end()) << "]";
+    text << std::oct << status.st_mode << std::dec << " " << status.st_size;
+    if (S_ISREG(status.st_mode))
+      text << " " << CVCreateSHA256Digest(path.string()).value_or("unreadable");
+    std::error_code ignored;
+    if (S_ISLNK(status.st_mode)) text << " -> " << std::filesystem::read_symlink(path, ignored);
+    if (how.times) text << " " << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
+    if (how.ownersAndAttributes) {
+      text << " " << status.st_uid << ":" << status.st_gid;
+      std::vector<std::string> names;
+      const auto item = platform::sys::AttributeItem::link(path.c_str());
+      if (platform::sys::listAttributes(item, names) == 0) {
+        for (const std::string& name : names) {
+          std::vector<char> value;
+          platform::sys::getAttribute(item, name.c_str(), value);
+          text << " [" << name << "=" << std::string(value.begin(), value.end()) << "]";
+        }
       }
     }
-    items[path] = text.str();
+    items[key] = text.str();
   };
   describe(directory);
   std::error_code error;
   for (std::filesystem::recursive_directory_iterator it(directory, error), end; !error && it != end;
        it.increment(error))
-    describe(it->path().string());
+    describe(it->path());
   return items;
 }
 

@@ -5,6 +5,7 @@
 // remove). The canary is checked unchanged when the object goes away.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -47,10 +48,18 @@ class LegacyImage : public DeviceImage {
   std::map<std::string, std::string> canaryBefore_;
 };
 
-// Every item below `directory`, the directory itself included: kind and
-// mode, owner, size, modification time, contents (by digest) and extended
-// attributes; paths matching one of `skipped` are left out.
+// What describeTree says of each item.
+struct TreeDescription {
+  bool times = true;                // modification times
+  bool ownersAndAttributes = true;  // owner, group and extended attributes
+  bool relativeKeys = false;        // keys relative to the directory ("" for itself)
+  std::function<bool(const std::string& path)> skipped;  // items left out (by key)
+};
+
+// Every item below `directory`, the directory itself included, one line
+// each: kind and mode, size, contents (by digest), a link's target, and what
+// `how` adds.
 std::map<std::string, std::string> describeTree(const std::string& directory,
-                                                const std::vector<std::string>& skipped = {});
+                                                const TreeDescription& how = {});
 
 }  // namespace testing_support

@@ -34,8 +34,9 @@ using TreeSnapshot = std::map<std::string, ItemRecord>;
 TreeSnapshot snapshotTree(const std::string& root);
 
 // Reading a link's content (as any copy must) stamps the link's access time;
-// a program that reads files stamps theirs.
-enum class AccessTimes { Compared, IgnoredOnLinks, Ignored };
+// a program that reads files stamps theirs; two trees made one after the
+// other differ in every time.
+enum class AccessTimes { Compared, IgnoredOnLinks, Ignored, AndModificationTimesIgnored };
 
 // The differences between two trees: lstat fields except inode, ctime, device,
 // block count and a directory's size; extended attributes; bytes; link

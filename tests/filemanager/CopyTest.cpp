@@ -1,13 +1,17 @@
-// CVFileManager copy and move operations: the "IfExists" pre-check, error
-// records, items in the way, trees deeper than the descriptor window, and
-// the long-standing outcome of moves across file systems.
+// CVFileManager copy and move: the "IfExists" pre-check, error records, items in
+// the way, trees deeper than the descriptor window, a copy equal to its source
+// item by item (and to cp -a), moves across file systems, and mounts never crossed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -26,6 +30,9 @@ namespace {
 namespace sys = platform::sys;
 using namespace filemanager_test;
 using namespace testing_support;
+
+// ---- CVFileManager copy and move operations: the "IfExists" pre-check, error
+namespace copyMove {
 
 constexpr const char* kCopyFunction =
     "-[CVFileManager _copyItemAtURL:toURL:failIfSrcMissing:error:]";
@@ -401,5 +408,173 @@ TEST_F(CopyMoveTest, MoveToAnotherFileSystemCopiesAndKeepsTheSource) {
   EXPECT_EQ(listed(differences(snapshotTree(temp_ / "source"), snapshotTree(other / "moved"))), "");
   EXPECT_EQ(readFile(temp_ / "source/file"), "on two file systems");
 }
+
+}  // namespace copyMove
+
+// ---- CVFileManager::copyItemAtURL over a tree with every kind of item: the copy
+namespace copyOracle {
+
+class CopyOracleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    makeDirectories(temp_ / "outside");
+    ASSERT_NO_FATAL_FAILURE(makeRichTree(source(), temp_ / "outside"));
+  }
+
+  std::string source() const { return temp_ / "source"; }
+  CVURL sourceURL() const { return temp_.directoryURL("source"); }
+
+  // The copy's sparse file keeps its holes: it takes about as many blocks
+  // as the source's, far fewer than its size.
+  static void expectHolesKept(const TreeSnapshot& original, const TreeSnapshot& copy) {
+    const auto& want = original.at(kSparseFile);
+    const auto& got = copy.at(kSparseFile);
+    EXPECT_LT(got.blocks * 512, kSparseFileSize / 8) << "the holes were filled";
+    EXPECT_LE(got.blocks, want.blocks + 64);
+  }
+
+  CVFileManager& manager_ = CVFileManager::defaultManager();
+  TemporaryDirectory temp_;
+};
+
+TEST_F(CopyOracleTest, CopyEqualsTheSourceItemByItemAndLeavesTheSourceAsItWas) {
+  const TreeSnapshot before = snapshotTree(source());
+
+  CVError error;
+  ASSERT_TRUE(manager_.copyItemAtURL(sourceURL(), temp_.directoryURL("copy"), &error))
+      << error.description();
+
+  const TreeSnapshot copy = snapshotTree(temp_ / "copy");
+  EXPECT_EQ(listed(differences(before, copy)), "");
+  expectHolesKept(before, copy);
+  // The source was read without touching its access times, except those of
+  // links, whose content cannot be read any other way.
+  EXPECT_EQ(listed(differences(before, snapshotTree(source()), AccessTimes::IgnoredOnLinks)), "");
+
+  // The file with a name outside the tree is a file of its own in the copy,
+  // and the three names inside it stay one file.
+  struct stat status {};
+  ASSERT_EQ(::lstat((temp_ / "copy/shared-outside").c_str(), &status), 0);
+  EXPECT_EQ(status.st_nlink, 1u);
+  ASSERT_EQ(::lstat((temp_ / "copy/nested/one").c_str(), &status), 0);
+  EXPECT_EQ(status.st_nlink, 3u);
+}
+
+TEST_F(CopyOracleTest, CopyAgreesWithCpArchive) {
+  ASSERT_TRUE(manager_.copyItemAtURL(sourceURL(), temp_.directoryURL("ours"), nullptr));
+  const std::string command = "cp -a '" + source() + "' '" + (temp_ / "oracle") + "'";
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+
+  const TreeSnapshot ours = snapshotTree(temp_ / "ours");
+  const TreeSnapshot oracle = snapshotTree(temp_ / "oracle");
+  // cp ran after our copy had read the links.
+  EXPECT_EQ(listed(differences(oracle, ours, AccessTimes::IgnoredOnLinks)), "");
+  EXPECT_LE(ours.at(kSparseFile).blocks, oracle.at(kSparseFile).blocks + 64);
+}
+
+TEST_F(CopyOracleTest, CopyToAnotherFileSystemEqualsTheSource) {
+  const OtherDeviceDirectory other(temp_.path());
+  if (!other.available()) GTEST_SKIP() << "no second file system (/dev/shm) to copy to";
+  const TreeSnapshot before = snapshotTree(source());
+
+  CVError error;
+  ASSERT_TRUE(
+      manager_.copyItemAtURL(sourceURL(), CVURL::fileURLWithPath(other / "copy", true), &error))
+      << error.description();
+
+  const TreeSnapshot copy = snapshotTree(other / "copy");
+  EXPECT_EQ(listed(differences(before, copy)), "");
+  expectHolesKept(before, copy);
+}
+
+}  // namespace copyOracle
+
+// ---- Mounts inside a tree: removal, copy, the ownership walk and disk usage
+namespace mountPoint {
+
+constexpr std::uint32_t kNewOwner = 501;
+
+struct Operation {
+  const char* name;
+  // Runs on the tree; true when it reported the failure it must.
+  std::function<bool(const TemporaryDirectory& place)> run;
+};
+
+void PrintTo(const Operation& operation, std::ostream* out) {
+  *out << operation.name;
+}
+
+class MountPointTest : public ::testing::TestWithParam<Operation> {
+ protected:
+  void SetUp() override {
+    writeFile(place_ / "outside/canary.txt", "outside the tree");
+    writeFile(place_ / "tree/file.txt", "inside");
+    makeDirectories(place_ / "tree/sub/mounted");
+    if (::mount((place_ / "outside").c_str(), (place_ / "tree/sub/mounted").c_str(), nullptr,
+                MS_BIND, nullptr) != 0) {
+      GTEST_SKIP() << "no bind mount here: " << std::strerror(errno);
+    }
+    mounted_ = true;
+  }
+
+  void TearDown() override {
+    if (mounted_) {
+      EXPECT_EQ(::umount2((place_ / "tree/sub/mounted").c_str(), MNT_DETACH), 0)
+          << std::strerror(errno);
+    }
+  }
+
+  // Declared first: the directory goes away after the mount is undone.
+  TemporaryDirectory place_;
+  bool mounted_ = false;
+};
+
+TEST_P(MountPointTest, TheMountIsNotCrossedAndStaysInPlace) {
+  EXPECT_TRUE(GetParam().run(place_));
+  EXPECT_EQ(readFile(place_ / "outside/canary.txt"), "outside the tree");
+  struct stat status {};
+  ASSERT_EQ(::stat((place_ / "outside/canary.txt").c_str(), &status), 0);
+  EXPECT_NE(status.st_uid, kNewOwner);
+  EXPECT_TRUE(pathExists(place_ / "tree/sub/mounted/canary.txt"));
+}
+
+CVFileManager& fileManager() {
+  return CVFileManager::defaultManager();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Operations, MountPointTest,
+    ::testing::Values(
+        Operation{"Removal",
+                  [](const TemporaryDirectory& place) {
+                    CVError error;
+                    return !fileManager().removeItemAtURL(place.directoryURL("tree"), &error) &&
+                           error.code() == EXDEV && !pathExists(place / "tree/file.txt");
+                  }},
+        Operation{"Copy",
+                  [](const TemporaryDirectory& place) {
+                    CVError error;
+                    return !fileManager().copyItemAtURL(place.directoryURL("tree"),
+                                                        place.directoryURL("copy"), &error) &&
+                           error.code() == EXDEV && !pathExists(place / "copy/sub/mounted");
+                  }},
+        Operation{"Ownership",
+                  [](const TemporaryDirectory& place) {
+                    CVError error;
+                    return !fileManager().standardizeOwnershipAndValidateSymlinksAtURL(
+                               place.directoryURL("tree"), kNewOwner, kNewOwner, &error) &&
+                           error.code() == EXDEV;
+                  }},
+        Operation{"DiskUsage",
+                  [](const TemporaryDirectory& place) {
+                    // The canary is far larger than the tree's own file.
+                    writeFile(place / "outside/large.bin", std::string(1 << 20, 'x'));
+                    return fileManager().diskUsageForURL(place.directoryURL("tree")) < (1 << 20);
+                  }}),
+    [](const ::testing::TestParamInfo<Operation>& parameter) {
+      return std::string(parameter.param.name);
+    });
+
+}  // namespace mountPoint
 
 }  // namespace
