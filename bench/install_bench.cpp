@@ -16,6 +16,7 @@
 #include "installer/InstallerFiles.h"
 #include "platform/Bundle.h"
 #include "platform/InstallOptions.h"
+#include "platform/Log.h"
 #include "platform/PropertyList.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 
@@ -64,6 +65,7 @@ int main(int argc, char** argv) {
     writeBundle(work + "/placeholders/" + identifier + ".app", identifier, false);
     writeBundle(work + "/plain/" + std::to_string(i) + "/app.app", identifier, true);
   }
+  platform::installerLog().setHandleLevel(platform::kLogLevelError);  // no line per install
   CVGlobalConfiguration configuration{platform::DeviceRoot(root)};
   CVError error;
   auto service = mavrel_installer::EmbeddedInstallerService::open(configuration, &error);
