@@ -14,6 +14,7 @@
 #include "shared/support/CVFileDigest.h"
 #include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace reliability {
 namespace {
@@ -184,14 +185,9 @@ std::unique_ptr<SweepWorkspace> SweepWorkspace::create(const std::string& base,
 bool SweepWorkspace::recordData(std::string* reason) {
   const auto record = [this](const std::string& owner, const std::string& kind,
                              const std::string& legacy, const std::string& below) {
-    const std::string directory = below.empty() ? legacy : legacy + "/" + below;
-    if (!exists(directory)) return;
-    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-      if (entry.is_symlink() || !entry.is_regular_file()) continue;
-      const std::string path = entry.path().string();
-      data_.push_back({owner, kind, legacy, fs::relative(entry.path(), legacy).string(),
-                       CVCreateSHA256Digest(path).value_or("unreadable")});
-    }
+    const std::string prefix = below.empty() ? "" : below + "/";
+    for (const auto& [relative, digest] : testing_support::digestsBelow(legacy + "/" + below))
+      data_.push_back({owner, kind, legacy, prefix + relative, digest});
   };
   std::uint64_t expected = 0;
   for (const auto& container : manifest_.containers) {
