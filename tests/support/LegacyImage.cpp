@@ -22,9 +22,13 @@ std::map<std::string, std::string> describeTree(const std::string& directory,
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) return;
     std::ostringstream text;
-    text << std::oct << status.st_mode << std::dec << " " << status.st_size;
-    if (S_ISREG(status.st_mode))
-      text << " " << CVCreateSHA256Digest(path.string()).value_or("unreadable");
+    // A directory's size is the file system's business (it changes as entries
+    // come and go, bookkeeping left out included).
+    text << std::oct << status.st_mode << std::dec;
+    if (S_ISREG(status.st_mode)) {
+      text << " " << status.st_size << " "
+           << CVCreateSHA256Digest(path.string()).value_or("unreadable");
+    }
     std::error_code ignored;
     if (S_ISLNK(status.st_mode)) text << " -> " << std::filesystem::read_symlink(path, ignored);
     if (how.times) text << " " << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;

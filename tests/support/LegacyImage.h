@@ -57,8 +57,8 @@ struct TreeDescription {
 };
 
 // Every item below `directory`, the directory itself included, one line
-// each: kind and mode, size, contents (by digest), a link's target, and what
-// `how` adds.
+// each: kind and mode, a file's size and contents (by digest), a link's
+// target, and what `how` adds.
 std::map<std::string, std::string> describeTree(const std::string& directory,
                                                 const TreeDescription& how = {});
 
