@@ -31,7 +31,7 @@ namespace sys = platform::sys;
 using namespace filemanager_test;
 using namespace testing_support;
 
-// ---- CVFileManager copy and move operations: the "IfExists" pre-check, error
+// ---- Copy and move: the "IfExists" pre-check, error records, items in the way.
 namespace copyMove {
 
 constexpr const char* kCopyFunction =
@@ -411,7 +411,7 @@ TEST_F(CopyMoveTest, MoveToAnotherFileSystemCopiesAndKeepsTheSource) {
 
 }  // namespace copyMove
 
-// ---- CVFileManager::copyItemAtURL over a tree with every kind of item: the copy
+// ---- A copy of a tree with every kind of item equals its source, and cp -a.
 namespace copyOracle {
 
 class CopyOracleTest : public ::testing::Test {
@@ -489,7 +489,7 @@ TEST_F(CopyOracleTest, CopyToAnotherFileSystemEqualsTheSource) {
 
 }  // namespace copyOracle
 
-// ---- Mounts inside a tree: removal, copy, the ownership walk and disk usage
+// ---- Mounts inside a tree are never crossed.
 namespace mountPoint {
 
 constexpr std::uint32_t kNewOwner = 501;

@@ -37,7 +37,7 @@ using namespace testing_support;
 using namespace filemanager_test;
 namespace sys = platform::sys;
 
-// ---- itemExistsAtURL / itemDoesNotExistAtURL: lstat-based, and both false when the
+// ---- itemExistsAtURL / itemDoesNotExistAtURL.
 namespace existence {
 
 // (item, exists, does not exist, the level-3 line for both calls or "").
@@ -76,7 +76,7 @@ TEST(ExistenceTest, EachKindOfItemAnswersBothQuestions) {
 
 }  // namespace existence
 
-// ---- CVFileManager::urlsForItemsInDirectoryAtURL: the flat listing of one
+// ---- urlsForItemsInDirectoryAtURL: the flat listing of one directory.
 namespace listing {
 
 constexpr const char* kListFunction =
@@ -207,7 +207,7 @@ TEST_F(ListingTest, RegularFileFailsWithENOTDIRAndALogLine) {
 
 }  // namespace listing
 
-// ---- CVFileManager temporary directories, making symbolic links and reading
+// ---- Temporary directories, making symbolic links and reading them.
 namespace linksAndTemporary {
 
 constexpr const char* kTemporaryFunction =
@@ -368,7 +368,7 @@ TEST_F(LinksAndTemporaryTest, LongLinkContentIsCutAt1024Bytes) {
 
 }  // namespace linksAndTemporary
 
-// ---- CVFileManager::createDirectoryAtURL with and without intermediate
+// ---- createDirectoryAtURL with and without intermediate directories.
 namespace createDirectory {
 
 constexpr const char* kCreateFunction =
@@ -579,7 +579,7 @@ TEST(CreateAndLogErrorTest, WithoutFormatThereIsNeitherDescriptionNorLogLine) {
 
 }  // namespace errorBuilders
 
-// ---- CVFileManager::diskUsageForURL against an independent count, hard links
+// ---- diskUsageForURL against an independent count.
 namespace diskUsage {
 
 constexpr const char* kFunction = "-[CVFileManager diskUsageForURL:]";
@@ -726,7 +726,7 @@ TEST_F(DiskUsageTest, URLsThatAreNotDirectoriesCountZeroWithAFailureLine) {
 
 }  // namespace diskUsage
 
-// ---- CVFileManager::captureStoreDataFromDirectory: the four store data items,
+// ---- captureStoreDataFromDirectory: the four store data items.
 namespace storeData {
 
 constexpr const char* kFunction =

@@ -27,7 +27,7 @@ using namespace testing_support;
 namespace sys = platform::sys;
 using filemanager_detail::treewipe_error_callback;
 
-// ---- CVFileManager::removeItemAtURL: files, links, whole trees and the errors of
+// ---- removeItemAtURL: files, links, whole trees and their errors.
 namespace removeItem {
 
 constexpr const char* kRemoveFunction = "-[CVFileManager removeItemAtURL:error:]";
@@ -168,7 +168,7 @@ TEST_F(RemoveItemTest, PathThroughAFileFailsWithTheResolutionError) {
 
 }  // namespace removeItem
 
-// ---- The recursive removal facility under removeItemAtURL: its callback
+// ---- The recursive removal facility under removeItemAtURL.
 namespace treeWipe {
 
 using Report = std::pair<std::string, int>;  // path, error number
@@ -374,7 +374,7 @@ TEST_F(TreeWipeTest, DirectoryMovedOutOfTheTreeBelowClosedAncestorsIsNotFollowed
 
 }  // namespace treeWipe
 
-// ---- The error callback of removeItemAtURL, driven directly: which error number
+// ---- The error callback of removeItemAtURL, driven directly.
 namespace treeWipeErrorCallback {
 
 int report(sys::TreeWipeState* state, int errorNumber, const char* path, int* firstError) {
