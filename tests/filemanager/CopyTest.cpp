@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +21,7 @@
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/filemanager/CopyTestTrees.h"
 #include "tests/filemanager/FileManagerTestHelpers.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 #include "tests/support/TreeSnapshot.h"
 
@@ -294,19 +294,15 @@ TEST_F(CopyMoveTest, UnprivilegedCopyBelongsToTheCaller) {
   ASSERT_EQ(::chown((temp_ / "mine").c_str(), 65534, 65534), 0);
   ASSERT_EQ(::chmod(temp_.path().c_str(), 0755), 0);
 
-  const pid_t child = ::fork();
-  ASSERT_NE(child, -1);
-  if (child == 0) {
-    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(3);
+  const int exitCode = runInChild([this] {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 3;
     CVError error;
-    const bool copied = CVFileManager::defaultManager().copyItemAtURL(
-        temp_.directoryURL("source"), temp_.directoryURL("mine/copy"), &error);
-    ::_exit(copied ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0) << "1: the copy failed; 3: could not drop privileges";
+    return CVFileManager::defaultManager().copyItemAtURL(temp_.directoryURL("source"),
+                                                         temp_.directoryURL("mine/copy"), &error)
+               ? 0
+               : 1;
+  });
+  ASSERT_EQ(exitCode, 0) << "1: the copy failed; 3: could not drop privileges";
 
   struct stat copy {};
   ASSERT_EQ(::lstat((temp_ / "mine/copy/file").c_str(), &copy), 0);
@@ -462,8 +458,7 @@ TEST_F(CopyOracleTest, CopyEqualsTheSourceItemByItemAndLeavesTheSourceAsItWas) {
 
 TEST_F(CopyOracleTest, CopyAgreesWithCpArchive) {
   ASSERT_TRUE(manager_.copyItemAtURL(sourceURL(), temp_.directoryURL("ours"), nullptr));
-  const std::string command = "cp -a '" + source() + "' '" + (temp_ / "oracle") + "'";
-  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  ASSERT_EQ(runProgram("cp", {"-a", source(), temp_ / "oracle"}).exitCode, 0);
 
   const TreeSnapshot ours = snapshotTree(temp_ / "ours");
   const TreeSnapshot oracle = snapshotTree(temp_ / "oracle");

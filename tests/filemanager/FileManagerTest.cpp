@@ -29,6 +29,7 @@
 #include "shared/filemanager/CVErrors.h"
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/filemanager/FileManagerTestHelpers.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -593,11 +594,9 @@ std::uint64_t allocatedBytes(const std::string& path) {
 // What du reports for the tree (every item, hard-linked files once, the
 // directories' own blocks included) less the directories' own blocks.
 std::uint64_t duWithoutDirectories(const std::string& root) {
-  FILE* du = ::popen(("du -s -B1 '" + root + "'").c_str(), "r");
-  EXPECT_NE(du, nullptr);
-  unsigned long long total = 0;
-  EXPECT_EQ(std::fscanf(du, "%llu", &total), 1);
-  ::pclose(du);
+  const TemporaryDirectory scratch;
+  const std::uint64_t total =
+      std::stoull(runProgram("du", {"-s", "-B1", root}, scratch.path()).out);
   std::uint64_t directories = allocatedBytes(root);
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
     if (entry.symlink_status().type() == std::filesystem::file_type::directory)

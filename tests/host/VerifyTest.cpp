@@ -136,7 +136,7 @@ TEST_F(VerifyTest, EveryFormOfDevicePathAndAMovedImageMigrateAlike) {
     if (variant == Variant::CopiedElsewhere) {
       root = directory_.path() + "/copy";
       fs::remove_all(root);
-      ASSERT_EQ(std::system(("cp -a '" + made + "' '" + root + "'").c_str()), 0);
+      ASSERT_EQ(runProgram("cp", {"-a", made, root}).exitCode, 0);
       fs::remove_all(made);
     }
     // Rewrites every group container path of the install map.

@@ -17,6 +17,7 @@
 #include "installer/RegistryListing.h"
 #include "platform/Log.h"
 #include "tests/installer/InstallerFixture.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 
 namespace installer_test {
@@ -112,18 +113,12 @@ class CrashRecoveryTest : public ::testing::Test {
 
   // Runs the scenario in a child killed at the Nth point (0: never).
   int runChild(const Scenario& scenario, long killAt) {
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
+    return testing_support::runInChild([&scenario, killAt] {
       platform::installerLog().setSink(std::make_shared<SilentSink>());
       pointsLeft = killAt;
       if (killAt > 0) mavrel_installer::setFaultHandler(&killAtNthPoint);
-      ::_exit(runScenario(scenario));
-    }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      return runScenario(scenario);
+    });
   }
 
   void checkInvariants(const Scenario& scenario, long killAt);

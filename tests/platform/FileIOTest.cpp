@@ -44,9 +44,7 @@ std::size_t openDescriptorCount() {
 }
 
 bool setImmutable(const std::string& path, bool immutable) {
-  const std::string command =
-      std::string("chattr ") + (immutable ? "+i" : "-i") + " '" + path + "' 2>/dev/null";
-  return std::system(command.c_str()) == 0;
+  return runProgram("chattr", {immutable ? "+i" : "-i", path}).exitCode == 0;
 }
 
 TEST(FileIOReadTest, ReadsExactBytesUpToAnInclusiveCap) {

@@ -8,11 +8,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <sstream>
 #include <thread>
 
+#include "platform/linux/FileDescriptor.h"
 #include "tests/support/TestSupport.h"
 
 extern char** environ;
@@ -137,16 +139,42 @@ ProgramRun runProgram(const std::string& program, const std::vector<std::string>
   return run;
 }
 
-int runInChild(const std::function<int()>& body) {
+ChildOutcome runCapturedInChild(const std::function<int()>& body) {
+  ChildOutcome outcome;
+  const TemporaryDirectory scratch;
+  const std::string outPath = scratch / "stdout", errPath = scratch / "stderr";
+  std::fflush(nullptr);  // nothing buffered is written twice
   const pid_t child = ::fork();
-  if (child == 0) ::_exit(body());
-  EXPECT_NE(child, -1) << std::strerror(errno);
-  int status = 0;
-  while (child > 0 && ::waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
+  if (child == 0) {
+    for (const auto& [path, target] : {std::pair{outPath, 1}, std::pair{errPath, 2}}) {
+      const platform::sys::UniqueFd fd(
+          ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+      if (!fd || ::dup2(fd.get(), target) < 0) ::_exit(127);
+    }
+    const int code = body();
+    std::fflush(nullptr);
+    ::_exit(code);
   }
-  if (child < 0) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  if (child < 0) {
+    ADD_FAILURE() << "fork failed: " << std::strerror(errno);
+    return outcome;
+  }
+  outcome.started = true;
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFEXITED(status)) outcome.exitCode = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) outcome.signal = WTERMSIG(status);
+  outcome.out = readFile(outPath);
+  outcome.err = readFile(errPath);
+  return outcome;
+}
+
+int runInChild(const std::function<int()>& body) {
+  const ChildOutcome outcome = runCapturedInChild(body);
+  std::fwrite(outcome.out.data(), 1, outcome.out.size(), stdout);
+  std::fwrite(outcome.err.data(), 1, outcome.err.size(), stderr);
+  return outcome.signal != 0 ? 128 + outcome.signal : outcome.exitCode;
 }
 
 }  // namespace testing_support

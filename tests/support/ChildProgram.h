@@ -59,8 +59,11 @@ inline ProgramRun runMavrel(const std::vector<std::string>& arguments,
 #endif
 
 // Runs `body` in a forked child (for what must not happen in the test's own
-// process: a chroot, dropped privileges, an abort) and gives its exit code,
-// or 128 + the signal that ended it.
+// process: a chroot, dropped privileges, a kill, an abort) and gives its exit
+// code, or 128 + the signal that ended it.
 int runInChild(const std::function<int()>& body);
+// The same, with the child's standard output and error captured: `exitCode`
+// or `signal` says how it ended.
+ChildOutcome runCapturedInChild(const std::function<int()>& body);
 
 }  // namespace testing_support
