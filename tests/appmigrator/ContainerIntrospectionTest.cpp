@@ -8,10 +8,7 @@ namespace {
 
 using platform::kLogLevelError;
 using platform::kLogLevelNotice;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class ContainerIntrospectionTest : public MigratorTest {
  protected:

@@ -11,10 +11,7 @@ namespace {
 
 using platform::kLogLevelError;
 using platform::kLogLevelNotice;
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr std::string_view kIdentifier = "com.example.notes";
 

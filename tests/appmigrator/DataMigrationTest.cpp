@@ -6,16 +6,13 @@
 
 #include "platform/Log.h"
 #include "tests/appmigrator/MigratorFixture.h"
+#include "tests/support/ChildProgram.h"
 
 namespace {
 
 using platform::kLogLevelError;
 using platform::kLogLevelNotice;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
 CVURL directoryURL(const std::string& path) {
   return CVURL::fileURLWithPath(path, true);
@@ -259,12 +256,12 @@ TEST_F(DataMigrationTest, MoveAllGoesOnPastItemsThatFail) {
   makeDirectories(destination);
   // "b" cannot be replaced: the removal before it fails on an immutable directory.
   writeFile(destination + "/b/kept", "old");
-  ASSERT_EQ(std::system(("chattr +i '" + destination + "/b'").c_str()), 0);
+  ASSERT_EQ(runProgram("chattr", {"+i", destination + "/b"}).exitCode, 0);
   auto migrator = makeMigrator();
 
   const bool result =
       migrator->_moveAllItemsInGroupContainerURL(directoryURL(source), directoryURL(destination));
-  std::system(("chattr -i '" + destination + "/b'").c_str());
+  runProgram("chattr", {"-i", destination + "/b"});
   EXPECT_TRUE(result);
   EXPECT_EQ(readFile(destination + "/a"), "a");
   EXPECT_EQ(readFile(destination + "/c"), "c");

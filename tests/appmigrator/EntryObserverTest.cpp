@@ -12,10 +12,7 @@
 
 namespace {
 
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class RecordingObserver final : public MavrelMigrationObserver {
  public:

@@ -15,10 +15,7 @@ namespace {
 
 using platform::kLogLevelError;
 using platform::kLogLevelNotice;
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
 // An icon service that answers with a fixed image, or with nothing.
 class FixedIconService final : public platform::IconService {

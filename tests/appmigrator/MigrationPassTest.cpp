@@ -9,11 +9,7 @@ namespace {
 
 using platform::kLogLevelError;
 using platform::kLogLevelNotice;
-using testing_support::BinaryPlistBuilder;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr std::string_view kFinalFailureMessage =
     "CVAppMigrator: Returning migration failed. Please include the contents of "

@@ -11,7 +11,9 @@
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
+#include "shared/support/CVFileDigest.h"
 #include "shared/support/CVProcessGuards.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/DeviceImage.h"
 
 namespace {
@@ -81,6 +83,21 @@ TEST(ConcurrentReadersTest, TransactionalTasksFromManyThreadsAllRunAndPair) {
     });
   }
   EXPECT_EQ(ran.load(), kThreads * kRounds);
+}
+
+TEST(ConcurrentReadersTest, ConcurrentDigestsDoNotInterfere) {
+  testing_support::TemporaryDirectory directory;
+  std::vector<std::string> paths, expected;
+  for (int i = 0; i < kThreads; ++i) {
+    paths.push_back(directory / ("file-" + std::to_string(i)));
+    testing_support::writeFile(paths.back(), std::string(200'000 + i, static_cast<char>('a' + i)));
+    expected.push_back(testing_support::runProgram("sha256sum", {paths.back()}, directory.path())
+                           .out.substr(0, 64));
+  }
+  std::vector<std::optional<std::string>> results(paths.size());
+  runOnThreads([&](int thread) { results[thread] = CVCreateSHA256Digest(paths[thread]); });
+  for (std::size_t i = 0; i < paths.size(); ++i)
+    EXPECT_EQ(results[i], expected[i]);
 }
 
 }  // namespace

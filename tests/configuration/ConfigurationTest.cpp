@@ -14,10 +14,7 @@ namespace {
 
 using platform::kLogLevelError;
 using platform::kLogLevelNotice;
-using testing_support::CapturedLog;
-using testing_support::DeviceImage;
-using testing_support::pathExists;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class ConfigurationTest : public ::testing::Test {
  protected:

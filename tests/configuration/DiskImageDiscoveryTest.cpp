@@ -9,8 +9,7 @@ namespace {
 
 using platform::IORegistryTree;
 using platform::MountEntry;
-using testing_support::CapturedLog;
-using testing_support::DeviceImage;
+using namespace testing_support;
 
 class FixedMountTable final : public platform::MountTable {
  public:

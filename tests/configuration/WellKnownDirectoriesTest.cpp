@@ -18,12 +18,7 @@ namespace {
 
 using platform::kLogLevelDebug;
 using platform::kLogLevelError;
-using testing_support::CapturedLog;
-using testing_support::DeviceImage;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::writeFile;
+using namespace testing_support;
 
 std::optional<std::int32_t> protectionClassOf(const std::string& path) {
   std::int32_t value = 0;

@@ -9,11 +9,13 @@
 #include <filesystem>
 
 #include "platform/linux/FileDescriptor.h"
+#include "tests/support/ChildProgram.h"
 
 namespace filemanager_test {
 
 void makeImmutable(const std::string& path) {
-  ASSERT_EQ(std::system(("chattr +i '" + path + "'").c_str()), 0) << "chattr +i " << path;
+  ASSERT_EQ(testing_support::runProgram("chattr", {"+i", path}).exitCode, 0)
+      << "chattr +i " << path;
 }
 
 void makeDeepTree(const std::string& root, int levels, const std::string& name) {

@@ -19,16 +19,10 @@
 
 namespace {
 
-using filemanager_test::makeDeepTree;
-using filemanager_test::makeImmutable;
-using filemanager_test::sentinelError;
+using namespace filemanager_test;
 using platform::sys::WalkEntry;
 using platform::sys::WalkKind;
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr const char* kTraverseFunction = "-[CVFileManager _traverseDirectory:error:withBlock:]";
 constexpr const char* kStandardizeFunction =

@@ -9,44 +9,24 @@
 #include <sstream>
 
 #include "host/CommandLine.h"
-#include "tests/host/HostProcess.h"
+#include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 std::string plist(const std::string& body) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n" + body +
          "\n</plist>\n";
 }
 
-// Every entry under `directory` with its type, size and contents, leaving out
-// the registry's SQLite companions, which a reader may create (and so the time
-// of the directory that holds them).
-std::map<std::string, std::string> snapshotTree(const std::string& directory) {
-  std::map<std::string, std::string> entries;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
-    const std::string path = entry.path().string();
-    if (path.ends_with(".sqlite-wal") || path.ends_with(".sqlite-shm") ||
-        path.ends_with("/Library/Corvane"))
-      continue;
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) continue;
-    std::ostringstream description;
-    description << std::oct << status.st_mode << std::dec << " " << status.st_size << " "
-                << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
-    if (S_ISREG(status.st_mode)) description << " " << readFile(path);
-    entries[path] = description.str();
-  }
-  return entries;
-}
+// The registry's SQLite companions, which a reader may create (and so the
+// time of the directory that holds them), are left out.
+const TreeDescription kWithoutRegistryCompanions{.skipped = [](const std::string& path) {
+  return path.ends_with(".sqlite-wal") || path.ends_with(".sqlite-shm") ||
+         path.ends_with("/Library/Corvane");
+}};
 
 // The value after "<label>: " on the line that has it.
 std::string valueAfter(const std::string& text, const std::string& label) {
@@ -100,7 +80,7 @@ TEST_F(AppsCommandTest, ListsWhatAMigrationInstalledWithoutChangingTheImage) {
   const ProgramRun migration = mavrel({"migrate", "--root", root_});
   ASSERT_EQ(migration.exitCode, 0) << migration.out << migration.err;
 
-  const auto before = snapshotTree(root_);
+  const auto before = describeTree(root_, kWithoutRegistryCompanions);
   const ProgramRun text = mavrel({"apps", "--root", root_});
   ASSERT_EQ(text.exitCode, 0) << text.err;
   EXPECT_NE(text.out.find("Application registry: " + registry()), std::string::npos) << text.out;
@@ -136,7 +116,7 @@ TEST_F(AppsCommandTest, ListsWhatAMigrationInstalledWithoutChangingTheImage) {
                 "\"}}],\"safeHarbors\":[{\"identifier\":\"com.example.gone\",\"path\":\"" + home() +
                 "/Harbors/Gone\",\"containerType\":2}]}\n");
 
-  EXPECT_EQ(snapshotTree(root_), before) << "listing changed the image";
+  EXPECT_EQ(describeTree(root_, kWithoutRegistryCompanions), before) << "listing changed the image";
 }
 
 TEST_F(AppsCommandTest, AnImageWithoutARegistryListsItsBuiltInApplications) {
@@ -230,36 +210,6 @@ TEST_F(AppsCommandTest, UsageErrorsAndHelp) {
   EXPECT_NE(run.out.find("usage: mavrel apps --root DIR [--json]"), std::string::npos) << run.out;
   run = mavrel({"--help"});
   EXPECT_NE(run.out.find("mavrel apps --root DIR"), std::string::npos) << run.out;
-}
-
-TEST(AppsCommandLineTest, EachFormParses) {
-  using mavrel_host::ParsedCommand;
-  const auto parse = [](std::vector<std::string_view> words) {
-    return mavrel_host::parseCommandLine(words);
-  };
-  ParsedCommand command = parse({"apps", "--root", "/images/a", "--json"});
-  ASSERT_EQ(command.kind, ParsedCommand::Kind::Apps) << command.error;
-  EXPECT_EQ(command.apps.root, "/images/a");
-  EXPECT_TRUE(command.apps.json);
-  command = parse({"apps", "--root=/images/b"});
-  ASSERT_EQ(command.kind, ParsedCommand::Kind::Apps) << command.error;
-  EXPECT_EQ(command.apps.root, "/images/b");
-  EXPECT_FALSE(command.apps.json);
-  EXPECT_EQ(parse({"apps", "--json", "--help"}).kind, ParsedCommand::Kind::AppsHelp);
-
-  const std::vector<std::pair<std::vector<std::string_view>, std::string>> refused = {
-      {{"apps", "--root"}, "option '--root' needs a value"},
-      {{"apps", "--root="}, "option '--root' needs a non-empty value"},
-      {{"apps", "--root", "/a", "--root", "/b"}, "option '--root' given more than once"},
-      {{"apps", "--root", "/a", "--json", "--json"}, "option '--json' given more than once"},
-      {{"apps", "--root", "/a", "extra"}, "unexpected argument 'extra'"},
-      {{"apps", "--colour=yes"}, "unknown option '--colour'"},
-  };
-  for (const auto& [words, message] : refused) {
-    command = parse(words);
-    EXPECT_EQ(command.kind, ParsedCommand::Kind::Error);
-    EXPECT_EQ(command.error, message);
-  }
 }
 
 }  // namespace

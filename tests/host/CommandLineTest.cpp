@@ -1,5 +1,6 @@
-// The command-line parser: what each form means, and that every malformed
-// command line is refused with a message naming the option or word at fault.
+// The command-line parser of mavrel: what each form means, and one table of
+// every malformed command line with the message that names the word at fault
+// and the short usage shown with it.
 #include <gtest/gtest.h>
 
 #include <initializer_list>
@@ -12,63 +13,86 @@ namespace mavrel_host {
 namespace {
 
 ParsedCommand parse(std::initializer_list<std::string_view> words) {
-  const std::vector<std::string_view> arguments(words);
-  return parseCommandLine(arguments);
+  return parseCommandLine(std::vector<std::string_view>(words));
 }
 
-TEST(CommandLineTest, MigrateWithEveryOption) {
-  const ParsedCommand command =
+TEST(CommandLineTest, EachFormMeansWhatItSays) {
+  ParsedCommand command =
       parse({"migrate", "--root", "/images/a", "--log-json", "m.json", "--installer-log-json",
-             "i.json", "--log-level", "7", "--plugin-dir", "/opt/plugins"});
+             "i.json", "--log-level", "7", "--plugin-dir", "/opt/plugins", "--verify", "--report",
+             "out/report.json", "--force", "-q", "--progress-fd=3"});
   ASSERT_EQ(command.kind, ParsedCommand::Kind::Migrate) << command.error;
-  EXPECT_EQ(command.options.root, "/images/a");
-  EXPECT_EQ(command.options.migrationLogJSON, "m.json");
-  EXPECT_EQ(command.options.installerLogJSON, "i.json");
-  EXPECT_EQ(command.options.logLevel, 7);
-  EXPECT_EQ(command.options.pluginDirectory, "/opt/plugins");
-}
+  const MigrateOptions& options = command.options;
+  EXPECT_EQ(options.root, "/images/a");
+  EXPECT_EQ(options.migrationLogJSON, "m.json");
+  EXPECT_EQ(options.installerLogJSON, "i.json");
+  EXPECT_EQ(options.logLevel, 7);
+  EXPECT_EQ(options.pluginDirectory, "/opt/plugins");
+  EXPECT_TRUE(options.verify && options.force && options.quiet);
+  EXPECT_EQ(options.reportPath, "out/report.json");
+  EXPECT_EQ(options.progressFD, 3);
 
-TEST(CommandLineTest, MigrateWithRootOnlyLeavesTheRestUnset) {
-  const ParsedCommand command = parse({"migrate", "--root=/images/a"});
+  command = parse({"migrate", "--report=r.json", "--root=/images/a"});
   ASSERT_EQ(command.kind, ParsedCommand::Kind::Migrate) << command.error;
-  EXPECT_EQ(command.options.root, "/images/a");
-  EXPECT_FALSE(command.options.migrationLogJSON);
-  EXPECT_FALSE(command.options.installerLogJSON);
+  EXPECT_EQ(command.options.reportPath, "r.json");
+  EXPECT_FALSE(command.options.verify || command.options.force || command.options.quiet);
+  EXPECT_FALSE(command.options.migrationLogJSON || command.options.installerLogJSON ||
+               command.options.pluginDirectory);
   EXPECT_FALSE(command.options.logLevel);  // no handle: levels 3 and 5 only
-  EXPECT_FALSE(command.options.pluginDirectory);
-}
 
-TEST(CommandLineTest, HelpAndVersionForms) {
-  EXPECT_EQ(parse({"--help"}).kind, ParsedCommand::Kind::Help);
-  EXPECT_EQ(parse({"-h"}).kind, ParsedCommand::Kind::Help);
-  EXPECT_EQ(parse({"--version"}).kind, ParsedCommand::Kind::Version);
-  EXPECT_EQ(parse({"-V"}).kind, ParsedCommand::Kind::Version);
-  const ParsedCommand quiet =
-      parse({"migrate", "--root", "/a", "--force", "-q", "--progress-fd=3"});
-  ASSERT_EQ(quiet.kind, ParsedCommand::Kind::Migrate) << quiet.error;
-  EXPECT_TRUE(quiet.options.force);
-  EXPECT_TRUE(quiet.options.quiet);
-  EXPECT_EQ(quiet.options.progressFD, 3);
-  EXPECT_EQ(parse({"migrate", "--help"}).kind, ParsedCommand::Kind::MigrateHelp);
+  for (const auto& [words, kind, root, json] : std::vector<
+           std::tuple<std::vector<std::string_view>, ParsedCommand::Kind, std::string, bool>>{
+           {{"plan", "--root", "/images/a", "--json"},
+            ParsedCommand::Kind::Plan,
+            "/images/a",
+            true},
+           {{"plan", "--root=/images/b"}, ParsedCommand::Kind::Plan, "/images/b", false},
+           {{"apps", "--root", "/images/a", "--json"},
+            ParsedCommand::Kind::Apps,
+            "/images/a",
+            true},
+           {{"apps", "--root=/images/b"}, ParsedCommand::Kind::Apps, "/images/b", false}}) {
+    command = parseCommandLine(words);
+    ASSERT_EQ(command.kind, kind) << command.error;
+    EXPECT_EQ(command.apps.root, root);
+    EXPECT_EQ(command.apps.json, json);
+  }
   // Help wins over a missing --root.
-  EXPECT_EQ(parse({"migrate", "--log-level", "5", "--help"}).kind,
-            ParsedCommand::Kind::MigrateHelp);
-  EXPECT_NE(versionText().find("mavrel "), std::string::npos);
-  EXPECT_NE(migrateUsageText().find("--root DIR"), std::string::npos);
+  for (const auto& [words, kind] :
+       std::vector<std::pair<std::vector<std::string_view>, ParsedCommand::Kind>>{
+           {{"--help"}, ParsedCommand::Kind::Help},
+           {{"-h"}, ParsedCommand::Kind::Help},
+           {{"--version"}, ParsedCommand::Kind::Version},
+           {{"-V"}, ParsedCommand::Kind::Version},
+           {{"migrate", "--help"}, ParsedCommand::Kind::MigrateHelp},
+           {{"migrate", "--log-level", "5", "--help"}, ParsedCommand::Kind::MigrateHelp},
+           {{"plan", "--help"}, ParsedCommand::Kind::PlanHelp},
+           {{"plan", "--json", "-h"}, ParsedCommand::Kind::PlanHelp},
+           {{"apps", "--json", "--help"}, ParsedCommand::Kind::AppsHelp}})
+    EXPECT_EQ(parseCommandLine(words).kind, kind) << words.front();
 }
 
-struct RefusedCase {
-  std::vector<std::string_view> words;
-  std::string_view message;
-};
+TEST(CommandLineTest, HelpDescribesEveryOption) {
+  for (const char* option :
+       {"--root DIR", "--log-json FILE", "--installer-log-json FILE", "--log-level N",
+        "--plugin-dir DIR", "--verify", "--report FILE", "--help", "3 when --verify"})
+    EXPECT_NE(migrateUsageText().find(option), std::string_view::npos) << option;
+  for (const char* option : {"--root DIR", "--json", "--help"})
+    EXPECT_NE(planUsageText().find(option), std::string_view::npos) << option;
+  for (const char* text : {"mavrel plan --root DIR", "plan ", "mavrel COMMAND --help", "--version"})
+    EXPECT_NE(generalUsageText().find(text), std::string_view::npos) << text;
+  EXPECT_NE(versionText().find("mavrel "), std::string::npos);
+}
 
 TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
-  const std::vector<RefusedCase> cases = {
+  const std::string level = "option '--log-level' needs a whole number from 0 to 7, not ";
+  const std::vector<std::pair<std::vector<std::string_view>, std::string>> cases = {
       {{}, "no command given"},
       {{"convert"}, "unknown command 'convert'"},
       {{"--frobnicate"}, "unknown option '--frobnicate'"},
       {{"--version", "extra"}, "unexpected argument 'extra'"},
       {{"--help", "migrate"}, "unexpected argument 'migrate'"},
+      {{"-V", "x"}, "unexpected argument 'x'"},
       {{"migrate"}, "option '--root' is required: the device image to migrate"},
       {{"migrate", "--log-level", "5"}, "option '--root' is required: the device image to migrate"},
       {{"migrate", "--root"}, "option '--root' needs a value"},
@@ -85,14 +109,10 @@ TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
       {{"migrate", "--root", "/a", "--plugin-dir", "x", "--plugin-dir", "y"},
        "option '--plugin-dir' given more than once"},
       {{"migrate", "--root", "/a", "--log-level"}, "option '--log-level' needs a value"},
-      {{"migrate", "--root", "/a", "--log-level", "loud"},
-       "option '--log-level' needs a whole number from 0 to 7, not 'loud'"},
-      {{"migrate", "--root", "/a", "--log-level", "8"},
-       "option '--log-level' needs a whole number from 0 to 7, not '8'"},
-      {{"migrate", "--root", "/a", "--log-level", "-1"},
-       "option '--log-level' needs a whole number from 0 to 7, not '-1'"},
-      {{"migrate", "--root", "/a", "--log-level", "5x"},
-       "option '--log-level' needs a whole number from 0 to 7, not '5x'"},
+      {{"migrate", "--root", "/a", "--log-level", "loud"}, level + "'loud'"},
+      {{"migrate", "--root", "/a", "--log-level", "8"}, level + "'8'"},
+      {{"migrate", "--root", "/a", "--log-level", "-1"}, level + "'-1'"},
+      {{"migrate", "--root", "/a", "--log-level", "5x"}, level + "'5x'"},
       {{"migrate", "--root", "/a", "--log-level", "3", "--log-level", "5"},
        "option '--log-level' given more than once"},
       {{"migrate", "--root", "/a", "--verbose"}, "unknown option '--verbose'"},
@@ -106,20 +126,38 @@ TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
       {{"migrate", "--root", "/a", "-q", "--quiet"}, "option '--quiet' given more than once"},
       {{"migrate", "--root", "/a", "--progress-fd", "three"},
        "option '--progress-fd' needs a file descriptor number, not 'three'"},
-      {{"-V", "x"}, "unexpected argument 'x'"},
+      {{"migrate", "--root", "a", "--verify", "--verify"},
+       "option '--verify' given more than once"},
+      {{"migrate", "--root", "a", "--verify=yes"}, "option '--verify' takes no value"},
+      {{"migrate", "--root", "a", "--report"}, "option '--report' needs a value"},
+      {{"migrate", "--root", "a", "--report="}, "option '--report' needs a non-empty value"},
+      {{"migrate", "--root", "a", "--report", "x", "--report", "y"},
+       "option '--report' given more than once"},
+      {{"plan"}, "option '--root' is required: the device image to plan for"},
+      {{"plan", "--root", "a", "--verify"}, "unknown option '--verify'"},
+      {{"plan", "--root", "a", "extra"}, "unexpected argument 'extra'"},
+      {{"plan", "--root", "a", "--root", "b"}, "option '--root' given more than once"},
+      {{"apps", "--root"}, "option '--root' needs a value"},
+      {{"apps", "--root="}, "option '--root' needs a non-empty value"},
+      {{"apps", "--root", "/a", "--root", "/b"}, "option '--root' given more than once"},
+      {{"apps", "--root", "/a", "--json", "--json"}, "option '--json' given more than once"},
+      {{"apps", "--root", "/a", "extra"}, "unexpected argument 'extra'"},
+      {{"apps", "--colour=yes"}, "unknown option '--colour'"},
   };
-  for (const RefusedCase& refused : cases) {
-    const ParsedCommand command = parseCommandLine(refused.words);
+  for (const auto& [words, message] : cases) {
+    const ParsedCommand command = parseCommandLine(words);
     std::string shown;
-    for (std::string_view word : refused.words)
+    for (std::string_view word : words)
       shown += std::string(word) + " ";
     EXPECT_EQ(command.kind, ParsedCommand::Kind::Error) << shown;
-    EXPECT_EQ(command.error, refused.message) << shown;
+    EXPECT_EQ(command.error, message) << shown;
     // The short usage of the command at fault, or the general one.
-    const std::string_view usage = !refused.words.empty() && refused.words[0] == "migrate"
-                                       ? "usage: mavrel migrate --root DIR"
-                                       : "usage: mavrel migrate|plan|apps";
-    EXPECT_TRUE(command.usage.starts_with(usage)) << shown << command.usage;
+    if (words.empty() || (words[0] != "plan" && words[0] != "apps")) {
+      EXPECT_TRUE(command.usage.starts_with(!words.empty() && words[0] == "migrate"
+                                                ? "usage: mavrel migrate --root DIR"
+                                                : "usage: mavrel migrate|plan|apps"))
+          << shown << command.usage;
+    }
   }
 }
 

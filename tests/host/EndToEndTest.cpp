@@ -1,62 +1,32 @@
-// The mavrel program run as a user runs it, on device images in a temporary
-// directory: exit codes, what it writes inside the image (logs, version
-// record, removed legacy items), what it prints, and that nothing outside the
-// image changes.
+// The mavrel program run as a user runs it, on device images beside a canary
+// that no run may touch: exit codes, what it writes inside the image (logs,
+// version record, removed legacy items), what it prints, and the report.
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <map>
-#include <sstream>
 
 #include "host/UniqueFd.h"
 #include "platform/PropertyList.h"
-#include "tests/host/HostProcess.h"
-#include "tests/host/JSONValue.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/JSON.h"
+#include "tests/support/LegacyImage.h"
 
 namespace {
 
-using host_test::JSONValue;
-using host_test::parseJSON;
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr const char* kBuild = "23A344";
 
 std::string plist(const std::string& body) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<plist version=\"1.0\">\n" +
-         body + "\n</plist>\n";
-}
-
-// Every entry under `directory`: type, size, modification time and content.
-std::map<std::string, std::string> snapshotTree(const std::string& directory) {
-  std::map<std::string, std::string> entries;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
-    struct stat status {};
-    const std::string path = entry.path().string();
-    if (::lstat(path.c_str(), &status) != 0) continue;
-    std::ostringstream description;
-    description << std::oct << status.st_mode << std::dec << " " << status.st_size << " "
-                << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
-    if (S_ISREG(status.st_mode)) description << " " << readFile(path);
-    entries[path] = description.str();
-  }
-  return entries;
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n" + body +
+         "\n</plist>\n";
 }
 
 std::vector<std::string> filesIn(const std::string& directory) {
   std::vector<std::string> names;
-  if (!pathExists(directory)) return names;
-  for (const auto& entry : std::filesystem::directory_iterator(directory))
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
     names.push_back(entry.path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
@@ -92,54 +62,27 @@ std::vector<std::string> linesOf(const std::string& text) {
   return lines;
 }
 
-// A device image in a temporary directory, with a canary directory beside it
-// that no run may touch.
 class EndToEndTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    root_ = std::filesystem::canonical(directory_.path()).string() + "/image";
-    makeDirectories(root_ + "/System/Library/CoreServices");
-    makeDirectories(home() + "/Library");
-    writeFile(root_ + "/System/Library/CoreServices/SystemBuild.plist",
-              plist("<dict><key>SystemBuildVersion</key><string>" + std::string(kBuild) +
-                    "</string><key>SystemName</key><string>Corvane OS</string>"
-                    "<key>SystemVersion</key><string>17.0</string></dict>"));
-    makeDirectories(canary() + "/nested");
-    writeFile(canary() + "/nested/keep.txt", "canary");
-    makeDirectories(directory_ / "scratch");
-    makeDirectories(directory_ / "json");
-    canaryBefore_ = snapshotTree(canary());
-  }
-
-  void TearDown() override {
-    EXPECT_EQ(snapshotTree(canary()), canaryBefore_) << "something outside the image changed";
-  }
-
-  std::string home() const { return root_ + "/private/var/mobile"; }
-  std::string canary() const { return directory_ / "canary"; }
-  std::string migrationJSON() const { return directory_ / "json/migration.json"; }
-  std::string installerJSON() const { return directory_ / "json/installer.json"; }
-
-  ProgramRun migrate(std::vector<std::string> extra = {}) {
-    std::vector<std::string> arguments = {"migrate",      "--root",        root_,
-                                          "--log-json",   migrationJSON(), "--installer-log-json",
-                                          installerJSON()};
-    arguments.insert(arguments.end(), extra.begin(), extra.end());
-    return runMavrel(arguments, directory_ / "scratch");
-  }
-
+  std::string home(const std::string& relative = "") const { return image_.home(relative); }
+  ProgramRun migrate(const std::vector<std::string>& extra = {}) { return image_.migrate(extra); }
+  ProgramRun mavrel(const std::vector<std::string>& arguments) { return image_.mavrel(arguments); }
   std::string onlyLog(const std::string& subdirectory, const std::string& prefix) {
-    const std::string directory = home() + "/Library/Logs/" + subdirectory;
+    const std::string directory = home("Library/Logs/" + subdirectory);
     const std::vector<std::string> names = filesIn(directory);
     EXPECT_EQ(names.size(), 1u) << directory;
     if (names.empty()) return {};
     EXPECT_TRUE(hasShape(names[0], prefix + "-9999-99-99-999999.log")) << names[0];
     return directory + "/" + names[0];
   }
+  // An application whose bundle lacks its executable: its entry fails.
+  void writeBrokenApplication(const std::string& container) {
+    image_.writeApplication(home("Applications/" + container + "/Example.app"), "com.example.app",
+                            {}, false);
+  }
 
-  TemporaryDirectory directory_;
-  std::string root_;
-  std::map<std::string, std::string> canaryBefore_;
+  LegacyImage image_;
+  const std::string root_ = image_.rootPath();
 };
 
 TEST_F(EndToEndTest, WithoutLegacyTreeRecordsTheSystemVersionAndWritesBothLogs) {
@@ -167,7 +110,7 @@ TEST_F(EndToEndTest, WithoutLegacyTreeRecordsTheSystemVersionAndWritesBothLogs) 
       std::string(R"("message":"CVAppMigrator: Recorded current system version as )") + kBuild +
       "\"}";
   bool found = false;
-  for (const std::string& line : linesOf(readFile(migrationJSON()))) {
+  for (const std::string& line : linesOf(image_.migrationLog())) {
     EXPECT_EQ(line.front(), '{') << line;
     EXPECT_EQ(line.back(), '}') << line;
     EXPECT_NE(line.find(R"("category":"MavrelHost")"), std::string::npos) << line;
@@ -176,7 +119,7 @@ TEST_F(EndToEndTest, WithoutLegacyTreeRecordsTheSystemVersionAndWritesBothLogs) 
       EXPECT_NE(line.find(R"("level":5,)"), std::string::npos) << line;
     }
   }
-  EXPECT_TRUE(found) << readFile(migrationJSON());
+  EXPECT_TRUE(found) << image_.migrationLog();
 
   EXPECT_NE(run.err.find("Migrating device image at " + root_), std::string::npos) << run.err;
   EXPECT_NE(run.err.find(": succeeded in "), std::string::npos) << run.err;
@@ -209,7 +152,7 @@ TEST_F(EndToEndTest, AFailedPassExitsOneAndSaysSo) {
   const std::string harborMap = home() + "/Library/Corvane/SafeHarbor.plist";
   writeFile(harborMap, plist("<dict><key>com.example.gone</key><dict><key>HarborPathKey</key>"
                              "<string>" +
-                             canary() + "/nested</string></dict></dict>"));
+                             image_.canary() + "/Documents</string></dict></dict>"));
 
   const ProgramRun run = migrate({"--log-level", "3"});
   EXPECT_EQ(run.exitCode, 1) << run.err << run.err;
@@ -224,10 +167,10 @@ TEST_F(EndToEndTest, AFailedPassExitsOneAndSaysSo) {
   const std::string text = readFile(migrationLog);
   EXPECT_EQ(text.find(" <5> "), std::string::npos) << text;
   EXPECT_NE(text.find(" <3> "), std::string::npos) << text;
-  const std::string installerJSONText = readFile(installerJSON());
+  const std::string installerJSONText = image_.installerLog();
   EXPECT_NE(installerJSONText.find(R"("level":3,)"), std::string::npos) << installerJSONText;
-  EXPECT_NE(installerJSONText.find("Refusing safe harbor for com.example.gone at " + canary() +
-                                   "/nested"),
+  EXPECT_NE(installerJSONText.find("Refusing safe harbor for com.example.gone at " +
+                                   image_.canary() + "/Documents"),
             std::string::npos)
       << installerJSONText;
 }
@@ -248,49 +191,47 @@ TEST_F(EndToEndTest, PrintsOneLinePerApplicationWithoutATerminal) {
 }
 
 TEST_F(EndToEndTest, UsageErrorsExitTwoWithAClearMessage) {
-  const std::string scratch = directory_ / "scratch";
-
-  ProgramRun run = runMavrel({"migrate"}, scratch);
+  ProgramRun run = mavrel({"migrate"});
   EXPECT_EQ(run.exitCode, 2);
   EXPECT_NE(run.err.find("option '--root' is required"), std::string::npos) << run.err;
   EXPECT_NE(run.err.find("usage: mavrel migrate --root DIR"), std::string::npos) << run.err;
 
-  writeFile(directory_ / "plain-file", "not an image");
-  run = runMavrel({"migrate", "--root", directory_ / "plain-file"}, scratch);
+  writeFile(image_.outside("plain-file"), "not an image");
+  run = mavrel({"migrate", "--root", image_.outside("plain-file")});
   EXPECT_EQ(run.exitCode, 2);
-  EXPECT_NE(run.err.find("option '--root': the root '" + (directory_ / "plain-file") +
+  EXPECT_NE(run.err.find("option '--root': the root '" + (image_.outside("plain-file")) +
                          "' is not a directory"),
             std::string::npos)
       << run.err;
 
-  run = runMavrel({"migrate", "--root", directory_ / "absent"}, scratch);
+  run = mavrel({"migrate", "--root", image_.outside("absent")});
   EXPECT_EQ(run.exitCode, 2);
   EXPECT_NE(run.err.find("does not exist"), std::string::npos) << run.err;
-  EXPECT_FALSE(pathExists(directory_ / "absent"));
+  EXPECT_FALSE(pathExists(image_.outside("absent")));
 
-  run = runMavrel({"migrate", "--root", root_, "--colour"}, scratch);
+  run = mavrel({"migrate", "--root", root_, "--colour"});
   EXPECT_EQ(run.exitCode, 2);
   EXPECT_NE(run.err.find("unknown option '--colour'"), std::string::npos) << run.err;
   EXPECT_FALSE(pathExists(home() + "/Library/Logs")) << "a usage error must not touch the image";
 
-  run = runMavrel({"migrate", "--help"}, scratch);
+  run = mavrel({"migrate", "--help"});
   EXPECT_EQ(run.exitCode, 0);
   EXPECT_NE(run.out.find("--installer-log-json FILE"), std::string::npos) << run.out;
-  run = runMavrel({"--help"}, scratch);
+  run = mavrel({"--help"});
   EXPECT_EQ(run.exitCode, 0);
   EXPECT_NE(run.out.find("usage: mavrel migrate --root DIR"), std::string::npos) << run.out;
-  run = runMavrel({"--version"}, scratch);
+  run = mavrel({"--version"});
   EXPECT_EQ(run.exitCode, 0);
   EXPECT_EQ(run.out.rfind("mavrel ", 0), 0u) << run.out;
 }
 
 TEST_F(EndToEndTest, ALinkOutOfTheImageStopsTheRunBeforeAnythingIsWritten) {
   makeDirectories(home() + "/Library");
-  makeSymlink(canary(), home() + "/Library/Logs");
+  makeSymlink(image_.canary(), home() + "/Library/Logs");
   const ProgramRun run = migrate();
   EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
   EXPECT_NE(run.err.find(home() + "/Library/Logs"), std::string::npos) << run.err;
-  EXPECT_FALSE(pathExists(canary() + "/Mavrel"));
+  EXPECT_FALSE(pathExists(image_.canary() + "/Mavrel"));
 }
 
 TEST_F(EndToEndTest, AMigratorThatCannotSetUpStopsTheRun) {
@@ -306,8 +247,8 @@ TEST_F(EndToEndTest, AMigratorThatCannotSetUpStopsTheRun) {
 }
 
 TEST_F(EndToEndTest, AnEmptyPluginDirectoryIsAFailedSetUp) {
-  makeDirectories(directory_ / "no-plugins");
-  const ProgramRun run = migrate({"--plugin-dir", directory_ / "no-plugins"});
+  makeDirectories(image_.outside("no-plugins"));
+  const ProgramRun run = migrate({"--plugin-dir", image_.outside("no-plugins")});
   EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
   EXPECT_NE(run.err.find("no plug-ins"), std::string::npos) << run.err;
 }
@@ -318,7 +259,7 @@ struct RefusedRun {
 };
 
 TEST_F(EndToEndTest, EveryOptionAndOutputIsCheckedBeforeAnythingIsWritten) {
-  const std::string outside = directory_ / "outside";
+  const std::string outside = image_.outside("outside");
   makeDirectories(outside + "/a-directory");
   writeFile(outside + "/target.json", "keep");
   makeSymlink(outside + "/target.json", outside + "/link.json");
@@ -338,14 +279,14 @@ TEST_F(EndToEndTest, EveryOptionAndOutputIsCheckedBeforeAnythingIsWritten) {
       {{"--plugin-dir", outside + "/a-directory"}, "no plug-ins (*.migrator) found"},
       {{"--progress-fd", "97"}, "option '--progress-fd': descriptor 97 is not open for writing"},
   };
-  const auto before = snapshotTree(root_);
+  const auto before = describeTree(root_);
   for (const RefusedRun& refused : cases) {
     std::vector<std::string> arguments = {"migrate", "--root", root_};
     arguments.insert(arguments.end(), refused.arguments.begin(), refused.arguments.end());
-    const ProgramRun run = runMavrel(arguments, directory_ / "scratch");
+    const ProgramRun run = mavrel(arguments);
     EXPECT_EQ(run.exitCode, 2) << refused.message << "\n" << run.err;
     EXPECT_NE(run.err.find(refused.message), std::string::npos) << run.err;
-    EXPECT_EQ(snapshotTree(root_), before) << refused.message;
+    EXPECT_EQ(describeTree(root_), before) << refused.message;
   }
   EXPECT_EQ(readFile(outside + "/target.json"), "keep");
   struct stat status {};
@@ -358,11 +299,10 @@ TEST_F(EndToEndTest, EveryOptionAndOutputIsCheckedBeforeAnythingIsWritten) {
       ::open((home() + "/Library/Corvane/ApplicationRegistry.lock").c_str(), O_RDONLY));
   ASSERT_EQ(::flock(lock.get(), LOCK_EX | LOCK_NB), 0);
   const std::string report = outside + "/report.json";
-  const ProgramRun run =
-      runMavrel({"migrate", "--root", root_, "--report", report}, directory_ / "scratch");
+  const ProgramRun run = mavrel({"migrate", "--root", root_, "--report", report});
   EXPECT_EQ(run.exitCode, 2) << run.err;
   EXPECT_NE(run.err.find("is in use by another installer"), std::string::npos) << run.err;
-  EXPECT_EQ(snapshotTree(root_), before);
+  EXPECT_EQ(describeTree(root_), before);
   const JSONValue document = parseJSON(readFile(report));
   EXPECT_FALSE(document["succeeded"].boolean);
   EXPECT_EQ(document["exitCode"].count(), 2u);
@@ -370,20 +310,19 @@ TEST_F(EndToEndTest, EveryOptionAndOutputIsCheckedBeforeAnythingIsWritten) {
 }
 
 TEST_F(EndToEndTest, ADirectoryHoldingNoDeviceImageIsRefusedUnlessForced) {
-  const std::string empty = directory_ / "typo-dir";
+  const std::string empty = image_.outside("typo-dir");
   makeDirectories(empty);
   for (const std::string command : {"migrate", "plan"}) {
-    const ProgramRun run = runMavrel({command, "--root", empty}, directory_ / "scratch");
+    const ProgramRun run = mavrel({command, "--root", empty});
     EXPECT_EQ(run.exitCode, 2) << command << run.out << run.err;
     EXPECT_NE(run.err.find("holds no device image: it has no private/var/mobile"),
               std::string::npos)
         << run.err;
     EXPECT_TRUE(filesIn(empty).empty()) << command << " wrote into " << empty;
   }
-  const ProgramRun refused = runMavrel({"migrate", "--root", empty}, directory_ / "scratch");
+  const ProgramRun refused = mavrel({"migrate", "--root", empty});
   EXPECT_NE(refused.err.find("--force"), std::string::npos) << refused.err;
-  const ProgramRun forced =
-      runMavrel({"migrate", "--root", empty, "--force"}, directory_ / "scratch");
+  const ProgramRun forced = mavrel({"migrate", "--root", empty, "--force"});
   EXPECT_EQ(forced.exitCode, 0) << forced.err;
   EXPECT_TRUE(pathExists(empty + "/private/var/mobile/Library/Logs/Mavrel"));
 }
@@ -393,10 +332,9 @@ TEST_F(EndToEndTest, ReportAndProgressGoThroughStandardOutputAndSayTheTruth) {
   // carries only JSON: the progress events, then the report.
   for (const std::string name : {"-", "/dev/stdout"}) {
     const ProgramRun run =
-        runMavrel({"migrate", "--root", root_, "--report", name, "--progress-fd", "1", "--quiet"},
-                  directory_ / "scratch");
+        mavrel({"migrate", "--root", root_, "--report", name, "--progress-fd", "1", "--quiet"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_FALSE(pathExists(directory_ / "scratch/-"));
+    EXPECT_FALSE(pathExists(image_.outside("scratch/-")));
     struct stat status {};
     ASSERT_EQ(::lstat("/dev/stdout", &status), 0);
     EXPECT_TRUE(S_ISLNK(status.st_mode));
@@ -427,13 +365,13 @@ struct InterruptionCase {
 };
 
 TEST_F(EndToEndTest, AnInterruptedRunSaysSoWritesItsReportAndResumes) {
-  const std::string plugins = directory_ / "plugins";
+  const std::string plugins = image_.outside("plugins");
   makeDirectories(plugins);
   std::filesystem::copy_file(MAVREL_BINARY_DIR "/plugins/AppMigrator.migrator",
                              plugins + "/AppMigrator.migrator");
   std::filesystem::copy_file(MAVREL_BINARY_DIR "/test-plugins/DamagingMigrator.migrator",
                              plugins + "/ZZDamagingMigrator.migrator");
-  const std::string report = directory_ / "scratch/report.json";
+  const std::string report = image_.outside("scratch/report.json");
   for (const InterruptionCase& interruption :
        {InterruptionCase{"TERM", 143, "SIGTERM", "(between two entries)"},
         InterruptionCase{"INT,INT", 130, "SIGINT", "(in the middle of an entry)"}}) {
@@ -443,8 +381,7 @@ TEST_F(EndToEndTest, AnInterruptedRunSaysSoWritesItsReportAndResumes) {
                     "<key>QXBundleExecutable</key><string>Example</string></dict>"));
     ::setenv("MAVREL_TEST_SIGNAL", interruption.signals.c_str(), 1);
     const ProgramRun run =
-        runMavrel({"migrate", "--root", root_, "--plugin-dir", plugins, "--report", report},
-                  directory_ / "scratch");
+        mavrel({"migrate", "--root", root_, "--plugin-dir", plugins, "--report", report});
     ::unsetenv("MAVREL_TEST_SIGNAL");
     EXPECT_EQ(run.exitCode, interruption.exitCode) << run.out << run.err;
     EXPECT_NE(run.err.find("interrupted by " + interruption.name +
@@ -464,7 +401,7 @@ TEST_F(EndToEndTest, AnInterruptedRunSaysSoWritesItsReportAndResumes) {
   }
   // The interrupted passes had ended with the legacy tree: the next run has
   // nothing left to do, and says so.
-  const ProgramRun again = runMavrel({"migrate", "--root", root_}, directory_ / "scratch");
+  const ProgramRun again = mavrel({"migrate", "--root", root_});
   EXPECT_EQ(again.exitCode, 0) << again.err;
   EXPECT_NE(again.err.find("Nothing to migrate: " + root_), std::string::npos) << again.err;
 }

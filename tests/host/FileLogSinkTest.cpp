@@ -11,9 +11,7 @@
 namespace mavrel_host {
 namespace {
 
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 timespec fixedClock() {
   return timespec{1795249920, 0};

@@ -1,10 +1,7 @@
-// Helpers for the host tests that run on generated legacy images: making an
-// image, a snapshot of everything below a directory (to prove that nothing
-// changed), and the JSON documents of `mavrel plan` and `--report`.
+// The generated legacy images of the host tests, made once per test program.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <map>
@@ -12,62 +9,68 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/ExtendedAttributes.h"
 #include "samplegen/LegacyImageGenerator.h"
-#include "shared/support/CVFileDigest.h"
-#include "tests/host/HostProcess.h"
-#include "tests/host/JSONValue.h"
+#include "tests/support/ChildProgram.h"
+#include "tests/support/JSON.h"
+#include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
 
 namespace host_test {
 
-// Generates a legacy image in `directory` (which must not exist yet).
+// A legacy image at `directory` (which must not exist yet). Generating costs
+// more than copying: each set of options is generated once per test program,
+// into a directory that lives as long as the program, and every test gets its
+// own copy (cp -a keeps times and attributes; the image's maps hold device
+// paths, so a copy is an image of its own), with the manifest's paths moved
+// along.
 inline samplegen::ImageManifest generateImage(const std::string& directory,
                                               samplegen::GeneratorOptions options) {
-  CVError error;
-  const auto root = samplegen::prepareImageRoot(directory, /*replace=*/false, &error);
-  EXPECT_TRUE(root.has_value()) << error.description();
-  options.root = root.value_or("");
-  auto manifest = samplegen::generateLegacyImage(options, &error);
-  EXPECT_TRUE(manifest.has_value()) << error.description();
-  return manifest.value_or(samplegen::ImageManifest());
-}
-
-// Every item below `directory`, the directory itself included: kind and mode,
-// size, modification time, contents (by digest) and extended attributes.
-inline std::map<std::string, std::string> snapshotTree(const std::string& directory) {
-  std::map<std::string, std::string> items;
-  const auto describe = [&items](const std::string& path) {
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) return;
-    std::ostringstream text;
-    text << std::oct << status.st_mode << std::dec << " " << status.st_size << " "
-         << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
-    if (S_ISREG(status.st_mode)) text << " " << CVCreateSHA256Digest(path).value_or("unreadable");
-    if (S_ISLNK(status.st_mode)) text << " -> " << std::filesystem::read_symlink(path).string();
-    std::vector<std::string> names;
-    const auto item = platform::sys::AttributeItem::link(path.c_str());
-    if (platform::sys::listAttributes(item, names) == 0) {
-      for (const std::string& name : names) {
-        std::vector<char> value;
-        platform::sys::getAttribute(item, name.c_str(), value);
-        text << " [" << name << "=" << std::string(value.begin(), value.end()) << "]";
-      }
-    }
-    items[path] = text.str();
+  static testing_support::TemporaryDirectory templates;
+  static std::map<std::string, samplegen::ImageManifest> generated;
+  std::ostringstream key;
+  key << options.applicationCount << "/" << options.seed << "/" << options.dataScale << "/"
+      << (options.vpnOnlyCount ? std::to_string(*options.vpnOnlyCount) : "default");
+  for (const auto& list : {options.missingExecutable, options.extraItem}) {
+    key << "/";
+    for (const std::string& item : list)
+      key << item << ",";
+  }
+  auto found = generated.find(key.str());
+  if (found == generated.end()) {
+    CVError error;
+    const auto root = samplegen::prepareImageRoot(templates / std::to_string(generated.size()),
+                                                  /*replace=*/false, &error);
+    EXPECT_TRUE(root.has_value()) << error.description();
+    options.root = root.value_or("");
+    auto manifest = samplegen::generateLegacyImage(options, &error);
+    EXPECT_TRUE(manifest.has_value()) << error.description();
+    if (!manifest) return samplegen::ImageManifest();
+    found = generated.emplace(key.str(), std::move(*manifest)).first;
+  }
+  std::filesystem::create_directories(std::filesystem::path(directory).parent_path());
+  EXPECT_EQ(testing_support::runProgram("cp", {"-a", found->second.root, directory}).exitCode, 0);
+  samplegen::ImageManifest manifest = found->second;
+  const std::string from = manifest.root;
+  const std::string to = std::filesystem::canonical(directory).string();
+  const auto move = [&](std::string& path) {
+    if (path.starts_with(from)) path = to + path.substr(from.size());
   };
-  describe(directory);
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory))
-    describe(entry.path().string());
-  return items;
-}
-
-// The members of a JSON array of objects, keyed by their "path".
-inline std::map<std::string, JSONValue> byPath(const JSONValue& array) {
-  std::map<std::string, JSONValue> entries;
-  for (const JSONValue& entry : array.array)
-    entries[entry["path"].string] = entry;
-  return entries;
+  for (std::string* path :
+       {&manifest.root, &manifest.legacyDirectory, &manifest.installMapPath,
+        &manifest.harborMapPath, &manifest.systemBuildPath, &manifest.strayNotePath})
+    move(*path);
+  for (auto& container : manifest.containers) {
+    move(container.containerPath);
+    move(container.bundlePath);
+    move(container.vpnPluginPath);
+  }
+  for (auto& group : manifest.groupContainers)
+    move(group.path);
+  for (auto& harbor : manifest.harbors)
+    move(harbor.path);
+  for (auto& builtIn : manifest.builtIns)
+    move(builtIn.bundlePath);
+  return manifest;
 }
 
 }  // namespace host_test

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/LogFormat.h"
 
@@ -22,39 +23,33 @@ const platform::LogLine kInstallerLine{
     3, "-[CVFileManager removeItemAtURL:error:]", "Failed to remove /x: Permission denied", {}, {},
     0};
 
-TEST(LogFormatTest, MigrationTextLine) {
-  EXPECT_EQ(formatTextLine(LogFlavor::Migration, kMigrationLine, "2026-11-21 08:32:00.123"),
-            "2026-11-21 08:32:00.123 <5> MavrelHost AppMigrator.cpp:123 "
-            "-[CVAppMigrator performMigration]: CVAppMigrator: Introspecting /var/a\n");
-}
-
-TEST(LogFormatTest, InstallerTextLineHasNoCategoryOrSourcePlace) {
-  EXPECT_EQ(formatTextLine(LogFlavor::Installer, kInstallerLine, "2026-11-21 08:32:00.123"),
-            "2026-11-21 08:32:00.123 <3> -[CVFileManager removeItemAtURL:error:]: "
-            "Failed to remove /x: Permission denied\n");
-}
-
-TEST(LogFormatTest, MigrationJSONLineCarriesEveryField) {
-  EXPECT_EQ(formatJSONLine(LogFlavor::Migration, kMigrationLine, "2026-11-21 08:32:00.123"),
-            R"({"time":"2026-11-21 08:32:00.123","level":5,"category":"MavrelHost",)"
-            R"("file":"AppMigrator.cpp","line":123,"function":"-[CVAppMigrator performMigration]",)"
-            R"("message":"CVAppMigrator: Introspecting /var/a"})"
-            "\n");
-}
-
-TEST(LogFormatTest, InstallerJSONLineLeavesOutMigrationFields) {
-  const std::string line = formatJSONLine(LogFlavor::Installer, kInstallerLine, "t");
-  EXPECT_EQ(line, R"({"time":"t","level":3,"function":"-[CVFileManager removeItemAtURL:error:]",)"
-                  R"("message":"Failed to remove /x: Permission denied"})"
-                  "\n");
-}
-
-TEST(LogFormatTest, JSONLineQuotesEveryStringField) {
-  const platform::LogLine line{4, "f\"n\"", "tab\there C:\\x", "Cat\\", "a\"b.cpp", 7};
-  EXPECT_EQ(formatJSONLine(LogFlavor::Migration, line, "t\x01"),
-            R"({"time":"t\u0001","level":4,"category":"Cat\\","file":"a\"b.cpp","line":7,)"
-            R"("function":"f\"n\"","message":"tab\there C:\\x"})"
-            "\n");
+TEST(LogFormatTest, EachLayoutOfALine) {
+  const platform::LogLine quoted{4, "f\"n\"", "tab\there C:\\x", "Cat\\", "a\"b.cpp", 7};
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {formatTextLine(LogFlavor::Migration, kMigrationLine, "2026-11-21 08:32:00.123"),
+       "2026-11-21 08:32:00.123 <5> MavrelHost AppMigrator.cpp:123 "
+       "-[CVAppMigrator performMigration]: CVAppMigrator: Introspecting /var/a\n"},
+      // The installer's lines have no category or source place.
+      {formatTextLine(LogFlavor::Installer, kInstallerLine, "2026-11-21 08:32:00.123"),
+       "2026-11-21 08:32:00.123 <3> -[CVFileManager removeItemAtURL:error:]: "
+       "Failed to remove /x: Permission denied\n"},
+      {formatJSONLine(LogFlavor::Migration, kMigrationLine, "2026-11-21 08:32:00.123"),
+       R"({"time":"2026-11-21 08:32:00.123","level":5,"category":"MavrelHost",)"
+       R"("file":"AppMigrator.cpp","line":123,"function":"-[CVAppMigrator performMigration]",)"
+       R"("message":"CVAppMigrator: Introspecting /var/a"})"
+       "\n"},
+      {formatJSONLine(LogFlavor::Installer, kInstallerLine, "t"),
+       R"({"time":"t","level":3,"function":"-[CVFileManager removeItemAtURL:error:]",)"
+       R"("message":"Failed to remove /x: Permission denied"})"
+       "\n"},
+      // Every string field is quoted.
+      {formatJSONLine(LogFlavor::Migration, quoted, "t\x01"),
+       R"({"time":"t\u0001","level":4,"category":"Cat\\","file":"a\"b.cpp","line":7,)"
+       R"("function":"f\"n\"","message":"tab\there C:\\x"})"
+       "\n"},
+  };
+  for (const auto& [got, expected] : cases)
+    EXPECT_EQ(got, expected);
 }
 
 TEST(LogFormatTest, JSONMessageWithInvalidBytesStaysOneValidLine) {

@@ -13,39 +13,22 @@
 #include "samplegen/LegacyImageGenerator.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "shared/support/CVFileDigest.h"
-#include "tests/host/HostProcess.h"
+#include "tests/host/GeneratedImage.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using testing_support::pathExists;
+using namespace testing_support;
 
-// Relative path to SHA-256 of every regular file below `directory`.
 using Digests = std::map<std::string, std::string>;
-
-Digests digestsBelow(const std::string& directory) {
-  Digests digests;
-  if (!fs::exists(fs::symlink_status(directory))) return digests;
-  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-    if (entry.is_symlink() || !entry.is_regular_file()) continue;
-    const auto digest = CVCreateSHA256Digest(entry.path().string());
-    digests[fs::relative(entry.path(), directory).string()] = digest.value_or("unreadable");
-  }
-  return digests;
-}
 
 class MigrationEndToEndTest : public ::testing::Test {
  protected:
-  samplegen::ImageManifest generate(samplegen::GeneratorOptions options) {
-    CVError error;
-    const auto root =
-        samplegen::prepareImageRoot(image_.path() + "/image", /*replace=*/false, &error);
-    EXPECT_TRUE(root.has_value()) << error.description();
-    options.root = root.value_or("");
-    auto manifest = samplegen::generateLegacyImage(options, &error);
-    EXPECT_TRUE(manifest.has_value()) << error.description();
-    return manifest.value_or(samplegen::ImageManifest());
+  samplegen::ImageManifest generate(const samplegen::GeneratorOptions& options) {
+    return host_test::generateImage(image_.path() + "/image", options);
   }
 
   // The user data of each container and each group container, before the pass.
@@ -72,8 +55,8 @@ class MigrationEndToEndTest : public ::testing::Test {
     EXPECT_EQ(recorded, expected);
   }
 
-  host_test::ProgramRun migrate(const samplegen::ImageManifest& manifest) {
-    return host_test::runMavrel({"migrate", "--root", manifest.root}, image_.path());
+  testing_support::ProgramRun migrate(const samplegen::ImageManifest& manifest) {
+    return testing_support::runMavrel({"migrate", "--root", manifest.root}, image_.path());
   }
 
   std::unique_ptr<mavrel_installer::EmbeddedInstallerService> openRegistry(
@@ -112,7 +95,7 @@ TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrives) {
   const samplegen::ImageManifest manifest = generate(options);
   recordUserData(manifest);
 
-  const host_test::ProgramRun run = migrate(manifest);
+  const testing_support::ProgramRun run = migrate(manifest);
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   EXPECT_NE(run.err.find("succeeded"), std::string::npos) << run.err;
   EXPECT_FALSE(pathExists(manifest.legacyDirectory));
@@ -153,8 +136,8 @@ TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrives) {
   for (const auto& group : manifest.groupContainers)
     EXPECT_FALSE(pathExists(group.path));
   // The listing names each plug-in and the data container its data went to.
-  const host_test::ProgramRun apps =
-      host_test::runMavrel({"apps", "--json", "--root", manifest.root}, image_.path());
+  const testing_support::ProgramRun apps =
+      testing_support::runMavrel({"apps", "--json", "--root", manifest.root}, image_.path());
   for (const auto& container : manifest.containers) {
     if (container.containerType != "VPNBundle") continue;
     const std::string data =
@@ -177,7 +160,7 @@ TEST_F(MigrationEndToEndTest, MissingExecutableKeepsDataAndFailsTheRun) {
                                    [](const auto& c) { return c.missingExecutable; });
   ASSERT_NE(broken, manifest.containers.end());
 
-  const host_test::ProgramRun run = migrate(manifest);
+  const testing_support::ProgramRun run = migrate(manifest);
   EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
   EXPECT_EQ(run.err.find("succeeded"), std::string::npos) << run.err;
   // The container goes, the data stays in the data container of its placeholder.
@@ -199,7 +182,7 @@ TEST_F(MigrationEndToEndTest, UnknownExtraItemKeepsItsContainer) {
                                   [](const auto& c) { return c.extraItem; });
   ASSERT_NE(extra, manifest.containers.end());
 
-  const host_test::ProgramRun run = migrate(manifest);
+  const testing_support::ProgramRun run = migrate(manifest);
   EXPECT_EQ(run.exitCode, 1) << run.out << run.err;
   EXPECT_TRUE(pathExists(extra->containerPath + "/Unexpected.dat"));
   // The legacy tree and its map stay while something is left to migrate.

@@ -12,13 +12,7 @@
 
 namespace {
 
-using host_test::byPath;
-using host_test::JSONValue;
-using host_test::parseJSON;
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
+using namespace testing_support;
 
 class PlanAgainstPassTest : public ::testing::Test {
  protected:

@@ -11,17 +11,8 @@
 
 namespace {
 
-using host_test::byPath;
-using host_test::JSONValue;
-using host_test::parseJSON;
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using host_test::snapshotTree;
-using testing_support::DeviceImage;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
+using namespace host_test;
 
 constexpr const char* kMarkerName = "com.zentrel.corvane.container_migrator.plist";
 
@@ -209,14 +200,14 @@ TEST_F(PlanCommandTest, TheVerdictSaysWhenAMigrationIsRunningOrWasInterrupted) {
 class PlanWritesNothingTest : public ::testing::Test {
  protected:
   void expectPlanLeavesEverythingAsItWas(const std::string& root) {
-    const auto before = snapshotTree(directory_.path());
+    const auto before = describeTree(directory_.path());
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"plan", "--root", root},
           std::vector<std::string>{"plan", "--root", root, "--json"}}) {
       const ProgramRun run = runMavrel(arguments, scratch_.path());
       ASSERT_EQ(run.exitCode, 0) << run.err;
     }
-    const auto after = snapshotTree(directory_.path());
+    const auto after = describeTree(directory_.path());
     EXPECT_EQ(before.size(), after.size());
     for (const auto& [path, description] : after) {
       const auto found = before.find(path);

@@ -8,10 +8,7 @@
 namespace mavrel_host {
 namespace {
 
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 TEST(PluginLoaderTest, FindsMigratorModulesInNameOrder) {
   TemporaryDirectory directory;

@@ -9,11 +9,7 @@
 namespace mavrel_host {
 namespace {
 
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 mode_t modeOf(const std::string& path) {
   struct stat status {};

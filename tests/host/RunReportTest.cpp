@@ -6,22 +6,14 @@
 
 #include <filesystem>
 
+#include "host/EntryRecorder.h"
+#include "host/RunReport.h"
 #include "tests/host/GeneratedImage.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using host_test::byPath;
-using host_test::JSONValue;
-using host_test::parseJSON;
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class RunReportTest : public ::testing::Test {
  protected:
@@ -153,6 +145,36 @@ TEST_F(RunReportTest, AReportThatCannotBeWrittenIsRefusedBeforeMigrating) {
   // Nothing was migrated.
   for (const auto& container : manifest_.containers)
     EXPECT_TRUE(pathExists(container.containerPath)) << container.containerPath;
+}
+
+}  // namespace
+
+namespace {
+
+// The one line a failed run ends with, for each mix of outcomes and passes.
+TEST(FailedRunLineTest, SaysWhatFailedInWordsThatCount) {
+  const auto line = [](std::vector<MavrelEntryOutcome> outcomes, bool passFailed) {
+    mavrel_host::RunReport report;
+    for (const MavrelEntryOutcome outcome : outcomes) {
+      mavrel_host::RecordedEntry entry;
+      entry.result.outcome = outcome;
+      report.entries.push_back(entry);
+    }
+    report.migrators.push_back({"AppMigrator", !passFailed, 0, std::nullopt});
+    return mavrel_host::describeFailedRun(report);
+  };
+  using enum MavrelEntryOutcome;
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {line({}, false), "the migration failed"},
+      {line({Failed, Migrated}, false), "1 legacy entry failed"},
+      {line({Failed, Failed}, false), "2 legacy entries failed"},
+      {line({Left}, false), "1 legacy entry was left in place"},
+      {line({Left, Left, Failed}, true),
+       "1 legacy entry failed, 2 legacy entries were left in place and the pass of AppMigrator "
+       "reported failure"},
+  };
+  for (const auto& [got, expected] : cases)
+    EXPECT_EQ(got, expected);
 }
 
 }  // namespace

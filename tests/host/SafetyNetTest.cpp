@@ -14,12 +14,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using host_test::parseJSON;
-using host_test::ProgramRun;
-using host_test::runMavrel;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr std::string_view kNetBase = "/private/var/mobile/Library/Mavrel/SafetyNet";
 constexpr std::string_view kMavrelLibrary = "/private/var/mobile/Library/Mavrel";

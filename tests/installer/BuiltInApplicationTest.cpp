@@ -14,9 +14,7 @@
 namespace installer_test {
 namespace {
 
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
 std::optional<std::int32_t> protectionClassOf(const std::string& path) {
   std::vector<char> value;

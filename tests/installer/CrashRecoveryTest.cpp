@@ -17,15 +17,14 @@
 #include "installer/RegistryListing.h"
 #include "platform/Log.h"
 #include "tests/installer/InstallerFixture.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 
 namespace installer_test {
 namespace {
 
 using mavrel_installer::EmbeddedInstallerService;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
+using namespace testing_support;
 
 constexpr int kKilled = 86;
 constexpr int kScenarioComplete = 0;
@@ -114,18 +113,12 @@ class CrashRecoveryTest : public ::testing::Test {
 
   // Runs the scenario in a child killed at the Nth point (0: never).
   int runChild(const Scenario& scenario, long killAt) {
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
+    return testing_support::runInChild([&scenario, killAt] {
       platform::installerLog().setSink(std::make_shared<SilentSink>());
       pointsLeft = killAt;
       if (killAt > 0) mavrel_installer::setFaultHandler(&killAtNthPoint);
-      ::_exit(runScenario(scenario));
-    }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      return runScenario(scenario);
+    });
   }
 
   void checkInvariants(const Scenario& scenario, long killAt);

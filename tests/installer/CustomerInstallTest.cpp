@@ -12,32 +12,23 @@
 #include "platform/PropertyList.h"
 #include "shared/filemanager/CVErrors.h"
 #include "tests/installer/InstallerFixture.h"
+#include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
 
 namespace installer_test {
 namespace {
 
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
-// Every file below `directory` with its contents, for before/after comparisons.
+// Every item below `directory`, for before/after comparisons: the installer
+// may move a refused package and give it back, and takes ownership of it
+// while it checks it, so times and owners are left out.
 std::map<std::string, std::string> treeOf(const std::string& directory) {
-  std::map<std::string, std::string> tree;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
-    const std::string relative = entry.path().string().substr(directory.size());
-    if (entry.is_symlink()) {
-      tree[relative] = "-> " + std::filesystem::read_symlink(entry.path()).string();
-    } else if (entry.is_regular_file()) {
-      tree[relative] = readFile(entry.path().string());
-    } else {
-      tree[relative] = "/";
-    }
-  }
-  return tree;
+  TreeDescription how;
+  how.times = false;
+  how.ownersAndAttributes = false;
+  how.relativeKeys = true;
+  return describeTree(directory, how);
 }
 
 class CustomerInstallTest : public InstallerFixture {};

@@ -9,8 +9,7 @@
 namespace installer_test {
 namespace {
 
-using testing_support::pathExists;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class GroupContainerTest : public InstallerFixture {};
 

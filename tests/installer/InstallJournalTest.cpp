@@ -15,11 +15,7 @@ using mavrel_installer::JournalPurpose;
 using mavrel_installer::JournalStep;
 using mavrel_installer::RegistryDatabase;
 using mavrel_installer::RegistryStore;
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 JournalStep rename(std::string source, std::string target) {
   return {JournalStep::Action::Rename, std::move(source), std::move(target)};

@@ -10,8 +10,7 @@
 
 namespace installer_test {
 
-using testing_support::makeDirectories;
-using testing_support::writeFile;
+using namespace testing_support;
 
 std::string InstallOutcome::errorName() const {
   for (const CVDictionary& each : progress) {

@@ -9,10 +9,7 @@
 namespace installer_test {
 namespace {
 
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class PlaceholderInstallTest : public InstallerFixture {
  protected:

@@ -8,8 +8,7 @@
 namespace installer_test {
 namespace {
 
-using testing_support::makeDirectories;
-using testing_support::pathExists;
+using namespace testing_support;
 
 class RepeatedRequestTest : public InstallerFixture {
  protected:

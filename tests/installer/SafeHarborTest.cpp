@@ -10,11 +10,7 @@
 namespace installer_test {
 namespace {
 
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class SafeHarborTest : public InstallerFixture {
  protected:

@@ -10,10 +10,7 @@
 namespace installer_test {
 namespace {
 
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr const char* kApplication = "com.example.notes";
 // The plug-in InstallerFixture::stageCustomerPackage ships with an application.

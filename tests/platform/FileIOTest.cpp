@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,16 +16,12 @@
 #include <vector>
 
 #include "platform/FileIO.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 std::span<const std::uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
@@ -49,97 +44,53 @@ std::size_t openDescriptorCount() {
 }
 
 bool setImmutable(const std::string& path, bool immutable) {
-  const std::string command =
-      std::string("chattr ") + (immutable ? "+i" : "-i") + " '" + path + "' 2>/dev/null";
-  return std::system(command.c_str()) == 0;
+  return runProgram("chattr", {immutable ? "+i" : "-i", path}).exitCode == 0;
 }
 
-// ---- Reading
-
-TEST(FileIOReadTest, ReadsExactBytes) {
+TEST(FileIOReadTest, ReadsExactBytesUpToAnInclusiveCap) {
   TemporaryDirectory directory;
   const std::string contents("with\0nul\nand more", 17);
-  writeFile(directory / "file", contents);
-  CVError error;
-  const auto bytes = platform::readFileContents(directory.fileURL("file"), 1024, &error);
-  ASSERT_TRUE(bytes) << error.description();
-  EXPECT_EQ(textOf(*bytes), contents);
-}
-
-TEST(FileIOReadTest, ReadsLargeFilesWhole) {
-  TemporaryDirectory directory;
-  std::string contents;
-  for (int i = 0; contents.size() < 3 * 1024 * 1024; ++i)
-    contents += std::to_string(i) + ",";
-  writeFile(directory / "large", contents);
-  const auto bytes = platform::readFileContents(directory.fileURL("large"), 8 << 20, nullptr);
-  ASSERT_TRUE(bytes);
-  EXPECT_EQ(textOf(*bytes), contents);
-}
-
-TEST(FileIOReadTest, EmptyFileIsEmptyNotAFailure) {
-  TemporaryDirectory directory;
-  writeFile(directory / "empty", "");
-  const auto bytes = platform::readFileContents(directory.fileURL("empty"), 10, nullptr);
-  ASSERT_TRUE(bytes);
-  EXPECT_TRUE(bytes->empty());
-}
-
-TEST(FileIOReadTest, SizeCapIsInclusive) {
-  TemporaryDirectory directory;
-  writeFile(directory / "ten", "0123456789");
-  EXPECT_TRUE(platform::readFileContents(directory.fileURL("ten"), 10, nullptr));
+  std::string large;
+  for (int i = 0; large.size() < 3 * 1024 * 1024; ++i)
+    large += std::to_string(i) + ",";
+  for (const auto& [name, text, cap] :
+       {std::tuple{"file", contents, 1024}, std::tuple{"large", large, 8 << 20},
+        std::tuple{"empty", std::string(), 10}, std::tuple{"ten", std::string("0123456789"), 10}}) {
+    writeFile(directory / name, text);
+    CVError error;
+    const auto bytes = platform::readFileContents(directory.fileURL(name), cap, &error);
+    ASSERT_TRUE(bytes) << name << ": " << error.description();
+    EXPECT_TRUE(textOf(*bytes) == text) << name;
+  }
   CVError error;
   EXPECT_FALSE(platform::readFileContents(directory.fileURL("ten"), 9, &error));
   EXPECT_TRUE(error.isPOSIX(EFBIG)) << error.description();
 }
 
-TEST(FileIOReadTest, MissingFileNamesCallAndPath) {
-  TemporaryDirectory directory;
-  CVError error;
-  EXPECT_FALSE(platform::readFileContents(directory.fileURL("absent"), 10, &error));
-  EXPECT_TRUE(error.isPOSIX(ENOENT));
-  EXPECT_EQ(error.localizedDescription(),
-            "open of " + (directory / "absent") + " failed: No such file or directory");
-}
-
-TEST(FileIOReadTest, RefusesWhatIsNotARegularFile) {
+TEST(FileIOReadTest, RefusesWhatIsNotARegularFileByItsError) {
   TemporaryDirectory directory;
   writeFile(directory / "target", "contents");
   makeSymlink(directory / "target", directory / "link");
   makeDirectories(directory / "subdirectory");
-  ASSERT_EQ(::mkfifo((directory / "fifo").c_str(), 0644), 0);
-
-  CVError error;
-  EXPECT_FALSE(platform::readFileContents(directory.fileURL("link"), 100, &error));
-  EXPECT_TRUE(error.isPOSIX(ELOOP)) << error.description();
-  EXPECT_FALSE(platform::readFileContents(directory.directoryURL("subdirectory"), 100, &error));
-  EXPECT_TRUE(error.isPOSIX(EINVAL)) << error.description();
   // A FIFO without a writer would block an ordinary open; it must be refused.
-  EXPECT_FALSE(platform::readFileContents(directory.fileURL("fifo"), 100, &error));
-  EXPECT_TRUE(error.isPOSIX(EINVAL)) << error.description();
-  EXPECT_FALSE(platform::readFileContents(CVURL(), 100, &error));
-  EXPECT_TRUE(error.isPOSIX(EINVAL)) << error.description();
+  ASSERT_EQ(::mkfifo((directory / "fifo").c_str(), 0644), 0);
+  for (const auto& [url, code] :
+       {std::pair{directory.fileURL("absent"), ENOENT}, std::pair{directory.fileURL("link"), ELOOP},
+        std::pair{directory.directoryURL("subdirectory"), EINVAL},
+        std::pair{directory.fileURL("fifo"), EINVAL}, std::pair{CVURL(), EINVAL}}) {
+    CVError error;
+    EXPECT_FALSE(platform::readFileContents(url, 100, &error)) << url.path();
+    EXPECT_TRUE(error.isPOSIX(code)) << error.description();
+  }
+  CVError error;
+  platform::readFileContents(directory.fileURL("absent"), 10, &error);
+  EXPECT_EQ(error.localizedDescription(),
+            "open of " + (directory / "absent") + " failed: No such file or directory");
 }
 
-// ---- Writing
-
-TEST(FileIOAtomicWriteTest, CreatesAndReplacesWithoutLeftovers) {
+TEST(FileIOAtomicWriteTest, CreatesAndReplacesReadableByAllWithoutLeftovers) {
   TemporaryDirectory directory;
   const CVURL target = directory.fileURL("file.plist");
-  ASSERT_TRUE(platform::writeFileAtomically(target, bytesOf("first"), nullptr));
-  EXPECT_EQ(readFile(target.path()), "first");
-  CVError error;
-  ASSERT_TRUE(platform::writeFileAtomically(target, bytesOf("second, longer"), &error))
-      << error.description();
-  EXPECT_EQ(readFile(target.path()), "second, longer");
-  ASSERT_TRUE(platform::writeFileAtomically(target, bytesOf(""), &error));
-  EXPECT_EQ(readFile(target.path()), "");
-  EXPECT_EQ(entries(directory.path()), std::vector<std::string>{"file.plist"});
-}
-
-TEST(FileIOAtomicWriteTest, AsideFilesLeftByAKilledWriterGoWithTheNextWrite) {
-  TemporaryDirectory directory;
   // What a process killed between writing and renaming leaves, older than this
   // process; and look-alikes that are not aside files of this target.
   for (const char* name : {".file.plist.0123456789abcdef.tmp", ".other.plist.0123456789abcdef.tmp",
@@ -148,118 +99,70 @@ TEST(FileIOAtomicWriteTest, AsideFilesLeftByAKilledWriterGoWithTheNextWrite) {
     const struct timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
     ASSERT_EQ(::utimensat(AT_FDCWD, (directory / name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
   }
-  ASSERT_TRUE(
-      platform::writeFileAtomically(directory.fileURL("file.plist"), bytesOf("new"), nullptr));
+  const mode_t previous = ::umask(022);
+  for (const std::string text : {"first", "second, longer", ""}) {
+    CVError error;
+    ASSERT_TRUE(platform::writeFileAtomically(target, bytesOf(text), &error))
+        << error.description();
+    EXPECT_EQ(readFile(target.path()), text);
+  }
+  ::umask(previous);
+  struct stat status {};
+  ASSERT_EQ(::stat(target.path().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0644u);
   EXPECT_EQ(entries(directory.path()),
             (std::vector<std::string>{".file.plist.0123456789abcdeg.tmp", ".file.plist.tmp",
                                       ".other.plist.0123456789abcdef.tmp", "file.plist"}));
-}
-
-TEST(FileIOAtomicWriteTest, NewFilesAreReadableByAll) {
-  TemporaryDirectory directory;
-  const mode_t previous = ::umask(022);
-  const bool written =
-      platform::writeFileAtomically(directory.fileURL("file"), bytesOf("x"), nullptr);
-  ::umask(previous);
-  ASSERT_TRUE(written);
-  struct stat status {};
-  ASSERT_EQ(::stat((directory / "file").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0644u);
-}
-
-TEST(FileIOAtomicWriteTest, ReplacesASymlinkRatherThanItsTarget) {
-  TemporaryDirectory directory;
+  // Long names still get an aside file; a link is replaced, not followed.
+  const std::string name(255, 'n');
+  EXPECT_TRUE(platform::writeFileAtomically(directory.fileURL(name), bytesOf("x"), nullptr));
   writeFile(directory / "elsewhere", "keep me");
   makeSymlink(directory / "elsewhere", directory / "link");
   ASSERT_TRUE(platform::writeFileAtomically(directory.fileURL("link"), bytesOf("new"), nullptr));
   EXPECT_EQ(readFile(directory / "elsewhere"), "keep me");
-  struct stat status {};
   ASSERT_EQ(::lstat((directory / "link").c_str(), &status), 0);
   EXPECT_TRUE(S_ISREG(status.st_mode));
   EXPECT_EQ(readFile(directory / "link"), "new");
 }
 
-TEST(FileIOAtomicWriteTest, MissingDirectoryFailsAndCreatesNothing) {
+TEST(FileIOAtomicWriteTest, FailedWritesLeaveTheTargetAndNoAsideFile) {
   TemporaryDirectory directory;
+  writeFile(directory / "target", "old");
+  writeFile(directory / "locked/target", "old");
+  writeFile(directory / "directory/inside", "untouched");
   CVError error;
   EXPECT_FALSE(
       platform::writeFileAtomically(directory.fileURL("missing/file"), bytesOf("x"), &error));
   EXPECT_TRUE(error.isPOSIX(ENOENT)) << error.description();
-  EXPECT_FALSE(pathExists(directory / "missing"));
-  EXPECT_TRUE(entries(directory.path()).empty());
-}
-
-TEST(FileIOAtomicWriteTest, DirectoryInTheWayIsLeftIntact) {
-  TemporaryDirectory directory;
-  makeDirectories(directory / "target");
-  writeFile(directory / "target/inside", "untouched");
-  CVError error;
-  EXPECT_FALSE(platform::writeFileAtomically(directory.fileURL("target"), bytesOf("x"), &error));
+  EXPECT_FALSE(platform::writeFileAtomically(directory.fileURL("directory"), bytesOf("x"), &error));
   EXPECT_EQ(error.domain(), kPOSIXErrorDomain);
-  EXPECT_EQ(readFile(directory / "target/inside"), "untouched");
-  EXPECT_EQ(entries(directory.path()), std::vector<std::string>{"target"});
-}
-
-TEST(FileIOAtomicWriteTest, ImmutableTargetIsLeftAsItWas) {
-  TemporaryDirectory directory;
-  writeFile(directory / "target", "old");
-  if (!setImmutable(directory / "target", true)) GTEST_SKIP() << "chattr +i unsupported here";
-  CVError error;
-  const bool written =
-      platform::writeFileAtomically(directory.fileURL("target"), bytesOf("new"), &error);
+  EXPECT_EQ(readFile(directory / "directory/inside"), "untouched");
+  // A child with a tiny file-size limit: the write stops short, then fails
+  // with EFBIG.
+  const CVURL target = directory.fileURL("target");
+  EXPECT_EQ(runInChild([&target] {
+              ::signal(SIGXFSZ, SIG_IGN);
+              const rlimit limit{16, 16};
+              ::setrlimit(RLIMIT_FSIZE, &limit);
+              CVError childError;
+              const bool written = platform::writeFileAtomically(
+                  target, bytesOf(std::string(4096, 'x')), &childError);
+              return written ? 1 : childError.isPOSIX(EFBIG) ? 0 : 2;
+            }),
+            0)
+      << "1: the write succeeded; 2: another error";
+  if (setImmutable(directory / "target", true) && setImmutable(directory / "locked", true)) {
+    EXPECT_FALSE(platform::writeFileAtomically(target, bytesOf("new"), &error));
+    EXPECT_TRUE(error.isPOSIX(EPERM)) << error.description();
+    EXPECT_FALSE(
+        platform::writeFileAtomically(directory.fileURL("locked/target"), bytesOf("new"), nullptr));
+  }
   setImmutable(directory / "target", false);
-  EXPECT_FALSE(written);
-  EXPECT_TRUE(error.isPOSIX(EPERM)) << error.description();
-  EXPECT_EQ(readFile(directory / "target"), "old");
-  EXPECT_EQ(entries(directory.path()), std::vector<std::string>{"target"});
-}
-
-TEST(FileIOAtomicWriteTest, ImmutableDirectoryRefusesTheAsideFile) {
-  TemporaryDirectory directory;
-  makeDirectories(directory / "locked");
-  writeFile(directory / "locked/target", "old");
-  if (!setImmutable(directory / "locked", true)) GTEST_SKIP() << "chattr +i unsupported here";
-  CVError error;
-  const bool written =
-      platform::writeFileAtomically(directory.fileURL("locked/target"), bytesOf("new"), &error);
   setImmutable(directory / "locked", false);
-  EXPECT_FALSE(written);
+  EXPECT_EQ(readFile(directory / "target"), "old");
   EXPECT_EQ(readFile(directory / "locked/target"), "old");
   EXPECT_EQ(entries(directory / "locked"), std::vector<std::string>{"target"});
-}
-
-TEST(FileIOAtomicWriteTest, FailedWriteRemovesTheAsideFile) {
-  TemporaryDirectory directory;
-  writeFile(directory / "target", "old contents");
-  const CVURL target = directory.fileURL("target");
-  // A child process with a tiny file-size limit: the write stops short and
-  // then fails with EFBIG.
-  const pid_t child = ::fork();
-  ASSERT_NE(child, -1);
-  if (child == 0) {
-    ::signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit{16, 16};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-    const std::string contents(4096, 'x');
-    CVError error;
-    const bool written = platform::writeFileAtomically(target, bytesOf(contents), &error);
-    ::_exit(written ? 1 : error.isPOSIX(EFBIG) ? 0 : 2);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: the write succeeded; 2: another error";
-  EXPECT_EQ(readFile(directory / "target"), "old contents");
-  EXPECT_EQ(entries(directory.path()), std::vector<std::string>{"target"});
-}
-
-TEST(FileIOAtomicWriteTest, LongNamesStillGetAnAsideFile) {
-  TemporaryDirectory directory;
-  const std::string name(255, 'n');
-  CVError error;
-  ASSERT_TRUE(platform::writeFileAtomically(directory.fileURL(name), bytesOf("x"), &error))
-      << error.description();
-  EXPECT_EQ(entries(directory.path()), std::vector<std::string>{name});
+  EXPECT_EQ(entries(directory.path()), (std::vector<std::string>{"directory", "locked", "target"}));
 }
 
 TEST(FileIODescriptorTest, NoDescriptorLeaksOnAnyPath) {

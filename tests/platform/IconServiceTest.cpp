@@ -2,6 +2,8 @@
 // that the result is a 120 x 120 premultiplied image.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -14,12 +16,8 @@
 namespace {
 
 using platform::Image;
-using png_test::Bytes;
-using png_test::isUniform;
-using png_test::uniformPNG;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::TemporaryDirectory;
+using namespace png_test;
+using namespace testing_support;
 
 class IconServiceTest : public ::testing::Test {
  protected:
@@ -35,11 +33,6 @@ class IconServiceTest : public ::testing::Test {
   void writeIcon(const std::string& name, const Bytes& bytes) {
     png_test::writeBytes(bundlePath_ + "/" + name, bytes);
   }
-  // A bundle icon of one colour and the given side.
-  void writeIcon(const std::string& name, std::uint32_t side, std::uint8_t red, std::uint8_t green,
-                 std::uint8_t blue) {
-    writeIcon(name, uniformPNG(side, side, red, green, blue));
-  }
   std::optional<Image> icon() {
     const std::unique_ptr<platform::Bundle> bundle =
         platform::Bundle::create(CVURL::fileURLWithPath(bundlePath_, true));
@@ -52,11 +45,6 @@ class IconServiceTest : public ::testing::Test {
     }
     return image;
   }
-  bool iconIs(std::uint8_t red, std::uint8_t green, std::uint8_t blue) {
-    const std::optional<Image> image = icon();
-    return image && isUniform(*image, red, green, blue, 255);
-  }
-
   TemporaryDirectory directory_;
   std::string bundlePath_;
 };
@@ -66,69 +54,103 @@ Bytes headerOnlyPNG(std::uint32_t side) {
   return png_test::buildPNG(side, side, 8, 2, Bytes{});
 }
 
-// ---- Which file
+// One bundle per case: its Info.plist (none when null), the icon files it
+// holds, and the colour of the icon chosen, or none.
+struct IconCase {
+  const char* name;
+  std::optional<CVDictionary> info;
+  std::vector<std::pair<std::string, Bytes>> files;
+  std::optional<std::array<std::uint8_t, 3>> colour;
+};
 
-TEST_F(IconServiceTest, StringKeyNamesTheIcon) {
-  writeInfoPlist({{"QXBundleIconFile", "AppIcon.png"}});
-  writeIcon("AppIcon.png", 120, 200, 10, 10);
-  writeIcon("Icon.png", 120, 10, 200, 10);
-  EXPECT_TRUE(iconIs(200, 10, 10));
-}
-
-TEST_F(IconServiceTest, NamesAreTriedWithAndWithoutThePNGSuffix) {
-  writeInfoPlist({{"QXBundleIconFile", "AppIcon"}});
-  writeIcon("AppIcon.png", 120, 200, 10, 10);
-  EXPECT_TRUE(iconIs(200, 10, 10));
-
-  writeInfoPlist({{"QXBundleIconFile", "Plain.png"}});
-  writeIcon("Plain", 120, 10, 10, 200);
-  EXPECT_TRUE(iconIs(10, 10, 200));
-}
-
-TEST_F(IconServiceTest, ArrayKeyNamesTheIcons) {
-  writeInfoPlist({{"QXBundleIconFiles", CVArray{"Missing", 42, "Second"}}});
-  writeIcon("Second.png", 120, 10, 200, 10);
-  EXPECT_TRUE(iconIs(10, 200, 10));
-}
-
-TEST_F(IconServiceTest, LargestOfAllNamedIconsWins) {
-  writeInfoPlist({{"QXBundleIconFile", "Small"},
-                  {"QXBundleIconFiles", CVArray{"Medium.png", "Large", "Small.png"}}});
-  writeIcon("Small.png", 57, 200, 0, 0);
-  writeIcon("Medium.png", 120, 0, 200, 0);
-  writeIcon("Large.png", 180, 0, 0, 200);
-  writeIcon("Icon.png", 512, 9, 9, 9);  // not named: not a candidate
-  EXPECT_TRUE(iconIs(0, 0, 200));
-}
-
-TEST_F(IconServiceTest, LargestHeaderThatDoesNotDecodeGivesWayToTheNext) {
-  writeInfoPlist({{"QXBundleIconFiles", CVArray{"Broken", "Good"}}});
-  writeIcon("Broken.png", headerOnlyPNG(1024));
-  writeIcon("Good.png", 60, 40, 50, 60);
-  EXPECT_TRUE(iconIs(40, 50, 60));
-}
-
-TEST_F(IconServiceTest, FallsBackToIconPNG) {
-  writeIcon("Icon.png", 120, 7, 8, 9);
-  EXPECT_TRUE(iconIs(7, 8, 9)) << "no Info.plist at all";
-
-  writeInfoPlist({{"QXBundleIdentifier", "com.example.app"}});
-  EXPECT_TRUE(iconIs(7, 8, 9)) << "no icon keys";
-
-  writeInfoPlist({{"QXBundleIconFile", "Gone"}, {"QXBundleIconFiles", CVArray{"AlsoGone"}}});
-  EXPECT_TRUE(iconIs(7, 8, 9)) << "named icons missing";
-
-  writeInfoPlist({{"QXBundleIconFile", "Broken"}});
-  writeIcon("Broken.png", headerOnlyPNG(120));
-  EXPECT_TRUE(iconIs(7, 8, 9)) << "named icon undecodable";
-}
-
-TEST_F(IconServiceTest, ScalesEveryIconTo120) {
-  writeInfoPlist({{"QXBundleIconFile", "Big"}});
-  writeIcon("Big.png", uniformPNG(300, 200, 1, 2, 3));
-  EXPECT_TRUE(iconIs(1, 2, 3));
-  writeIcon("Big.png", 60, 4, 5, 6);  // upscaled
-  EXPECT_TRUE(iconIs(4, 5, 6));
+TEST_F(IconServiceTest, EachBundleGetsTheIconItNamesOrTheFallback) {
+  const Bytes red = uniformPNG(120, 120, 200, 10, 10), green = uniformPNG(120, 120, 10, 200, 10);
+  Bytes padded = uniformPNG(120, 120, 200, 0, 0);  // decoders ignore bytes after IEND
+  padded.resize(9 * 1024 * 1024, 0);
+  const std::vector<IconCase> cases = {
+      {"string key",
+       CVDictionary{{"QXBundleIconFile", "AppIcon.png"}},
+       {{"AppIcon.png", red}, {"Icon.png", green}},
+       std::array<std::uint8_t, 3>{200, 10, 10}},
+      {"name without suffix",
+       CVDictionary{{"QXBundleIconFile", "AppIcon"}},
+       {{"AppIcon.png", red}},
+       std::array<std::uint8_t, 3>{200, 10, 10}},
+      {"name with a suffix the file lacks",
+       CVDictionary{{"QXBundleIconFile", "Plain.png"}},
+       {{"Plain", green}},
+       std::array<std::uint8_t, 3>{10, 200, 10}},
+      {"array key",
+       CVDictionary{{"QXBundleIconFiles", CVArray{"Missing", 42, "Second"}}},
+       {{"Second.png", green}},
+       std::array<std::uint8_t, 3>{10, 200, 10}},
+      {"largest named icon",
+       CVDictionary{{"QXBundleIconFile", "Small"},
+                    {"QXBundleIconFiles", CVArray{"Medium.png", "Large", "Small.png"}}},
+       {{"Small.png", uniformPNG(57, 57, 200, 0, 0)},
+        {"Medium.png", uniformPNG(120, 120, 0, 200, 0)},
+        {"Large.png", uniformPNG(180, 180, 0, 0, 200)},
+        {"Icon.png", uniformPNG(512, 512, 9, 9, 9)}},  // not named: not a candidate
+       std::array<std::uint8_t, 3>{0, 0, 200}},
+      {"largest header that does not decode",
+       CVDictionary{{"QXBundleIconFiles", CVArray{"Broken", "Good"}}},
+       {{"Broken.png", headerOnlyPNG(1024)}, {"Good.png", uniformPNG(60, 60, 40, 50, 60)}},
+       std::array<std::uint8_t, 3>{40, 50, 60}},
+      {"fallback without Info.plist",
+       std::nullopt,
+       {{"Icon.png", green}},
+       std::array<std::uint8_t, 3>{10, 200, 10}},
+      {"fallback without icon keys",
+       CVDictionary{{"QXBundleIdentifier", "com.example.app"}},
+       {{"Icon.png", green}},
+       std::array<std::uint8_t, 3>{10, 200, 10}},
+      {"fallback when the named icons are missing",
+       CVDictionary{{"QXBundleIconFile", "Gone"}, {"QXBundleIconFiles", CVArray{"AlsoGone"}}},
+       {{"Icon.png", green}},
+       std::array<std::uint8_t, 3>{10, 200, 10}},
+      {"fallback when the named icon does not decode",
+       CVDictionary{{"QXBundleIconFile", "Broken"}},
+       {{"Broken.png", headerOnlyPNG(120)}, {"Icon.png", green}},
+       std::array<std::uint8_t, 3>{10, 200, 10}},
+      {"scaled down",
+       CVDictionary{{"QXBundleIconFile", "Big"}},
+       {{"Big.png", uniformPNG(300, 200, 1, 2, 3)}},
+       std::array<std::uint8_t, 3>{1, 2, 3}},
+      {"scaled up",
+       std::nullopt,
+       {{"Icon.png", uniformPNG(60, 60, 4, 5, 6)}},
+       std::array<std::uint8_t, 3>{4, 5, 6}},
+      {"no icon", std::nullopt, {}, std::nullopt},
+      {"named icon missing", CVDictionary{{"QXBundleIconFile", "Missing"}}, {}, std::nullopt},
+      {"not a PNG", std::nullopt, {{"Icon.png", Bytes(500, 'x')}}, std::nullopt},
+      {"corrupt PNG",
+       std::nullopt,
+       {{"Icon.png", png_test::readBytes(MAVREL_TESTDATA_DIR "/png/pngsuite/xcsn0g01.png")}},
+       std::nullopt},
+      {"oversized file",
+       CVDictionary{{"QXBundleIconFile", "Padded.png"}},
+       {{"Padded.png", padded}},
+       std::nullopt},
+      {"dimensions beyond the icon limit",
+       std::nullopt,
+       {{"Icon.png", headerOnlyPNG(5000)}},
+       std::nullopt},
+  };
+  for (const IconCase& each : cases) {
+    SCOPED_TRACE(each.name);
+    std::filesystem::remove_all(bundlePath_);
+    makeDirectories(bundlePath_);
+    if (each.info) writeInfoPlist(*each.info);
+    for (const auto& [name, bytes] : each.files)
+      writeIcon(name, bytes);
+    const std::optional<Image> image = icon();
+    if (each.colour) {
+      ASSERT_TRUE(image);
+      EXPECT_TRUE(isUniform(*image, (*each.colour)[0], (*each.colour)[1], (*each.colour)[2], 255));
+    } else {
+      EXPECT_FALSE(image);
+    }
+  }
 }
 
 TEST_F(IconServiceTest, TransparentRedDoesNotBleedIntoTheIcon) {
@@ -137,8 +159,7 @@ TEST_F(IconServiceTest, TransparentRedDoesNotBleedIntoTheIcon) {
   Bytes pixels;
   for (int y = 0; y < 240; ++y) {
     for (int x = 0; x < 240; ++x) {
-      const bool transparent = (x + y) % 2 == 0;
-      const Bytes pixel = transparent ? Bytes{255, 0, 0, 0} : Bytes{0, 0, 255, 255};
+      const Bytes pixel = (x + y) % 2 == 0 ? Bytes{255, 0, 0, 0} : Bytes{0, 0, 255, 255};
       pixels.insert(pixels.end(), pixel.begin(), pixel.end());
     }
   }
@@ -148,59 +169,29 @@ TEST_F(IconServiceTest, TransparentRedDoesNotBleedIntoTheIcon) {
   EXPECT_TRUE(isUniform(*image, 0, 0, 128, 128));
 }
 
-// ---- Nothing usable
-
-TEST_F(IconServiceTest, NoIconGivesNothing) {
-  EXPECT_FALSE(icon());
-  writeInfoPlist({{"QXBundleIconFile", "Missing"}});
-  EXPECT_FALSE(icon());
-}
-
-TEST_F(IconServiceTest, UndecodableIconGivesNothing) {
-  testing_support::CapturedLog log(platform::installerLog(), platform::kLogLevelDebug);
-  writeIcon("Icon.png", headerOnlyPNG(120));
-  EXPECT_FALSE(icon());
-  EXPECT_TRUE(log.containsFragment(bundlePath_ + "/Icon.png not decoded: corrupt PNG"))
-      << log.dump();
-  writeIcon("Icon.png", Bytes(500, 'x'));
-  EXPECT_FALSE(icon());
-  writeIcon("Icon.png", png_test::readBytes(MAVREL_TESTDATA_DIR "/png/pngsuite/xcsn0g01.png"));
-  EXPECT_FALSE(icon());
-}
-
-TEST_F(IconServiceTest, SymbolicLinkIconsAreRefused) {
-  const std::string outside = directory_ / "outside.png";
-  png_test::writeBytes(outside, uniformPNG(120, 120, 200, 0, 0));
-  makeSymlink(outside, bundlePath_ + "/Icon.png");
-  EXPECT_FALSE(icon()) << "fallback icon is a link";
-
-  writeInfoPlist({{"QXBundleIconFile", "Linked.png"}});
-  makeSymlink(outside, bundlePath_ + "/Linked.png");
-  EXPECT_FALSE(icon()) << "named icon is a link";
-}
-
-TEST_F(IconServiceTest, NamesCannotLeaveTheBundle) {
-  png_test::writeBytes(directory_ / "outside.png", uniformPNG(120, 120, 200, 0, 0));
-  writeInfoPlist({{"QXBundleIconFile", "../outside.png"},
-                  {"QXBundleIconFiles", CVArray{"..", "/" + (directory_ / "outside.png")}}});
-  EXPECT_FALSE(icon());
-}
-
-TEST_F(IconServiceTest, NonRegularAndOversizedFilesAreRefused) {
+TEST_F(IconServiceTest, UndecodableIconsAreLoggedAndNothingOutsideTheBundleIsRead) {
+  {
+    testing_support::CapturedLog log(platform::installerLog(), platform::kLogLevelDebug);
+    writeIcon("Icon.png", headerOnlyPNG(120));
+    EXPECT_FALSE(icon());
+    EXPECT_TRUE(log.containsFragment(bundlePath_ + "/Icon.png not decoded: corrupt PNG"))
+        << log.dump();
+  }
+  std::filesystem::remove(bundlePath_ + "/Icon.png");
   makeDirectories(bundlePath_ + "/Icon.png");
   EXPECT_FALSE(icon()) << "directory";
-
-  // A valid icon padded past the size cap (decoders ignore bytes after IEND).
-  Bytes padded = uniformPNG(120, 120, 200, 0, 0);
-  padded.resize(9 * 1024 * 1024, 0);
-  writeInfoPlist({{"QXBundleIconFile", "Padded.png"}});
-  writeIcon("Padded.png", padded);
-  EXPECT_FALSE(icon()) << "oversized";
-}
-
-TEST_F(IconServiceTest, DimensionsBeyondTheIconLimitAreRefused) {
-  writeIcon("Icon.png", headerOnlyPNG(5000));
-  EXPECT_FALSE(icon());
+  // Links are refused, and names cannot leave the bundle.
+  const std::string outside = directory_ / "outside.png";
+  png_test::writeBytes(outside, uniformPNG(120, 120, 200, 0, 0));
+  std::filesystem::remove(bundlePath_ + "/Icon.png");
+  makeSymlink(outside, bundlePath_ + "/Icon.png");
+  EXPECT_FALSE(icon()) << "fallback icon is a link";
+  makeSymlink(outside, bundlePath_ + "/Linked.png");
+  writeInfoPlist({{"QXBundleIconFile", "Linked.png"}});
+  EXPECT_FALSE(icon()) << "named icon is a link";
+  writeInfoPlist({{"QXBundleIconFile", "../outside.png"},
+                  {"QXBundleIconFiles", CVArray{"..", "/" + outside}}});
+  EXPECT_FALSE(icon()) << "names leaving the bundle";
 }
 
 }  // namespace

@@ -11,9 +11,7 @@ namespace {
 
 using platform::Image;
 using platform::scaleImageByAreaAveraging;
-using png_test::isUniform;
-using png_test::pixelAt;
-using png_test::uniformImage;
+using namespace png_test;
 
 void setPixel(Image& image, std::uint32_t x, std::uint32_t y, std::vector<std::uint8_t> rgba) {
   std::copy(

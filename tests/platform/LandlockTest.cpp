@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,37 +13,22 @@
 #include <vector>
 
 #include "platform/linux/Landlock.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
-// Runs `body` in a child and returns what it wrote on its pipe: one line per
-// failed expectation, or "" when all held.
+// Runs `body` in a child (the confinement cannot be undone) and returns
+// what it reported: one line per failed expectation, or "" when all held.
 std::string inChild(const std::function<std::string()>& body) {
-  int pipeEnds[2];
-  if (::pipe(pipeEnds) != 0) return "pipe failed";
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::close(pipeEnds[0]);
+  const testing_support::ChildOutcome outcome = testing_support::runCapturedInChild([&body] {
     const std::string report = body();
-    const ssize_t written = ::write(pipeEnds[1], report.data(), report.size());
-    ::_exit(written == static_cast<ssize_t>(report.size()) ? 0 : 1);
-  }
-  ::close(pipeEnds[1]);
-  std::string report;
-  char buffer[512];
-  for (ssize_t got; (got = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0;)
-    report.append(buffer, static_cast<std::size_t>(got));
-  ::close(pipeEnds[0]);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) report += "child did not finish\n";
-  return report;
+    std::fwrite(report.data(), 1, report.size(), stdout);
+    return 0;
+  });
+  return outcome.out + (outcome.exitCode == 0 ? "" : "child did not finish\n");
 }
 
 // "" when the call gave `expected` (0 for success), else a line saying what happened.

@@ -10,6 +10,7 @@
 
 #include "platform/Preferences.h"
 #include "platform/PropertyList.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -19,12 +20,7 @@ using platform::kPreferencesAnyUser;
 using platform::kPreferencesCurrentHost;
 using platform::kPreferencesCurrentUser;
 using platform::PreferencesStore;
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 constexpr std::string_view kDomain = "com.zentrel.corvane";
 
@@ -183,11 +179,11 @@ TEST_F(PreferencesTest, FileInThePathFailsWithALogLine) {
 
 TEST_F(PreferencesTest, UncreatableDirectoryFailsWithALogLine) {
   makeDirectories(home_ / "Library");
-  const std::string chattr = "chattr +i '" + (home_ / "Library") + "' 2>/dev/null";
-  if (std::system(chattr.c_str()) != 0) GTEST_SKIP() << "chattr +i unsupported here";
+  if (runProgram("chattr", {"+i", home_ / "Library"}).exitCode != 0)
+    GTEST_SKIP() << "chattr +i unsupported here";
   CapturedLog log(platform::installerLog());
   const bool written = set(store_, "key", CVValue(1));
-  std::system(("chattr -i '" + (home_ / "Library") + "'").c_str());
+  runProgram("chattr", {"-i", home_ / "Library"});
   EXPECT_FALSE(written);
   ASSERT_EQ(log.count(), 1u) << log.dump();
   EXPECT_EQ(log.lines()[0].level, platform::kLogLevelError);

@@ -16,12 +16,7 @@
 
 namespace {
 
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 std::vector<std::string> entries(const std::string& directory) {
   std::vector<std::string> names;

@@ -15,7 +15,7 @@
 
 namespace {
 
-using testing_support::BinaryPlistBuilder;
+using namespace testing_support;
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -346,6 +346,42 @@ TEST(PropertyListHostileInputTest, OverlyDeepValuesAreNotEncoded) {
   for (std::size_t i = 0; i < platform::kMaxPropertyListDepth; ++i)
     deep = CVArray{deep};
   EXPECT_TRUE(platform::encodeXMLPropertyList(deep).empty());
+}
+
+// Files of other writers that probe our reading: twins must read alike,
+// integers keep their sign and width, keys their order and odd kinds, and
+// broken tables are refused, not followed.
+TEST(PropertyListSuiteTest, OtherWritersFilesThatProbeOurHandling) {
+  const std::string suite = MAVREL_TESTDATA_DIR "/plist/suite/";
+  const auto read = [&suite](const std::string& relative, CVError* error = nullptr) {
+    return platform::readPropertyList(CVURL::fileURLWithPath(suite + relative, false), error);
+  };
+  EXPECT_EQ(read("libplist/signedunsigned.bplist"),
+            CVValue(CVArray{
+                -1, CVNumber::unsignedInteger(std::numeric_limits<std::uint64_t>::max()),
+                std::numeric_limits<std::int64_t>::max(), std::numeric_limits<std::int64_t>::min(),
+                CVNumber::unsignedInteger(std::uint64_t{1} << 63)}));
+  EXPECT_EQ(read("libplist/signedunsigned.bplist"), read("libplist/signedunsigned.plist"));
+  EXPECT_EQ(read("cpython/TESTDATA_FMT_BINARY.plist"), read("cpython/TESTDATA_FMT_XML.plist"));
+  for (const char* relative : {"libplist/order.plist", "libplist/order.bplist"}) {
+    const auto order = read(relative);
+    ASSERT_TRUE(order && order->asDictionary()) << relative;
+    EXPECT_EQ(order->asDictionary()->keys(), (std::vector<std::string>{"test", "foo"}));
+  }
+  EXPECT_EQ(read("libplist/uid.bplist"),
+            CVValue(CVDictionary{{"CF$UID", CVValue(CVNumber::integer(7))}}));
+  const auto odd = read("libplist/malformed_dict.bplist");  // a key that is an array
+  ASSERT_TRUE(odd && odd->asDictionary());
+  EXPECT_GT(odd->asDictionary()->nonStringKeyCount(), 0u);
+  for (const char* relative :
+       {"libplist/recursion.bplist", "rust-plist/binary_circular_array.plist",
+        "rust-plist/binary_zero_offset_size.plist", "biplist/data/invalid_object_offset_size.plist",
+        "biplist/data/invalid_object_ref_size.plist", "dd-plist/test-xml-utf-16le-bom.plist"}) {
+    CVError error;
+    EXPECT_FALSE(read(relative, &error)) << relative;
+    EXPECT_EQ(error.code(), kPlatformPropertyListReadCorruptError) << relative;
+    EXPECT_NE(error.localizedDescription().find(suite + relative), std::string::npos);
+  }
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
 // The device's system version dictionary, read from its file on every call.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <optional>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "platform/PropertyList.h"
 #include "platform/SystemVersion.h"
@@ -9,10 +13,7 @@
 
 namespace {
 
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class SystemVersionTest : public ::testing::Test {
  protected:
@@ -52,36 +53,28 @@ TEST_F(SystemVersionTest, EveryCallReadsTheFileAgain) {
   EXPECT_EQ(*version_.copySystemVersionDictionary().findString("SystemBuildVersion"), "2B2");
 }
 
-TEST_F(SystemVersionTest, AbsentFileGivesEmptyDictionaryAndANotice) {
-  CapturedLog log(platform::installerLog());
-  EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
-  ASSERT_EQ(log.count(), 1u) << log.dump();
-  EXPECT_TRUE(log.contains(platform::kLogLevelNotice, "No system version file at " + versionPath()))
-      << log.dump();
-}
-
-TEST_F(SystemVersionTest, CorruptFileGivesEmptyDictionaryAndAFailureLine) {
-  makeDirectories(root_ / "System/Library/CoreServices");
-  writeFile(versionPath(), "<plist><dict><key>SystemBuildVersion</key>");
-  CapturedLog log(platform::installerLog());
-  EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
-  ASSERT_EQ(log.count(), 1u) << log.dump();
-  const auto line = log.lines()[0];
-  EXPECT_EQ(line.level, platform::kLogLevelError);
-  EXPECT_EQ(line.message.rfind("Failed to read system version from " + versionPath() + " : ", 0),
-            0u)
-      << line.message;
-}
-
-TEST_F(SystemVersionTest, NonDictionaryRootCountsAsUnreadable) {
-  writeVersion(CVValue(CVArray{"21A329"}));
-  CapturedLog log(platform::installerLog());
-  EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
-  ASSERT_EQ(log.count(), 1u) << log.dump();
-  EXPECT_EQ(log.lines()[0].level, platform::kLogLevelError);
-}
-
-TEST_F(SystemVersionTest, NoticeIsSuppressedByAFailureLevelHandle) {
+// What cannot be read gives an empty dictionary and one line: (file contents,
+// or none; level; message start).
+TEST_F(SystemVersionTest, UnreadableFilesGiveAnEmptyDictionaryAndOneLine) {
+  const std::vector<std::tuple<std::optional<std::string>, int, std::string>> cases = {
+      {std::nullopt, platform::kLogLevelNotice, "No system version file at " + versionPath()},
+      {"<plist><dict><key>SystemBuildVersion</key>", platform::kLogLevelError,
+       "Failed to read system version from " + versionPath() + " : "},
+      {platform::encodeXMLPropertyList(CVValue(CVArray{"21A329"})), platform::kLogLevelError,
+       "Failed to read system version from " + versionPath() + " : "}};
+  for (const auto& [contents, level, message] : cases) {
+    if (contents) {
+      makeDirectories(root_ / "System/Library/CoreServices");
+      writeFile(versionPath(), *contents);
+    }
+    CapturedLog log(platform::installerLog());
+    EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
+    ASSERT_EQ(log.count(), 1u) << log.dump();
+    EXPECT_EQ(log.lines()[0].level, level);
+    EXPECT_EQ(log.lines()[0].message.rfind(message, 0), 0u) << log.dump();
+  }
+  // A failure-level handle suppresses the notice.
+  std::filesystem::remove(versionPath());
   CapturedLog log(platform::installerLog(), platform::kLogLevelError);
   EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
   EXPECT_EQ(log.count(), 0u) << log.dump();

@@ -13,7 +13,9 @@
 #include "host/SafetyNetManifest.h"
 #include "samplegen/LegacyImageGenerator.h"
 #include "shared/support/CVFileDigest.h"
+#include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace reliability {
 namespace {
@@ -41,30 +43,16 @@ bool exists(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0;
 }
 
-// One line per item below `directory` (not following links).
+// One line per item below `directory` (not following links), by relative path.
 TreeSnapshot snapshotBelow(const std::string& directory, bool withTimes, bool skipBookkeeping) {
-  TreeSnapshot snapshot;
-  std::error_code error;
-  for (fs::recursive_directory_iterator it(directory, error), end; !error && it != end;
-       it.increment(error)) {
-    const std::string path = it->path().string();
-    const std::string relative = fs::relative(it->path(), directory).string();
-    if (skipBookkeeping && isRunBookkeeping(relative)) continue;
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) continue;
-    std::ostringstream line;
-    line << std::oct << status.st_mode << std::dec;
-    if (S_ISREG(status.st_mode)) {
-      line << " size " << status.st_size << " sha256 "
-           << CVCreateSHA256Digest(path).value_or("unreadable");
-    } else if (S_ISLNK(status.st_mode)) {
-      std::error_code ignored;
-      line << " -> " << fs::read_symlink(it->path(), ignored).string();
-    }
-    if (withTimes) line << " mtime " << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
-    snapshot[relative] = line.str();
-  }
-  return snapshot;
+  testing_support::TreeDescription how;
+  how.times = withTimes;
+  how.ownersAndAttributes = false;
+  how.relativeKeys = true;
+  how.skipped = [skipBookkeeping](const std::string& relative) {
+    return relative.empty() || (skipBookkeeping && isRunBookkeeping(relative));
+  };
+  return testing_support::describeTree(directory, how);
 }
 
 bool isHex(char c, bool upper) {
@@ -198,14 +186,9 @@ std::unique_ptr<SweepWorkspace> SweepWorkspace::create(const std::string& base,
 bool SweepWorkspace::recordData(std::string* reason) {
   const auto record = [this](const std::string& owner, const std::string& kind,
                              const std::string& legacy, const std::string& below) {
-    const std::string directory = below.empty() ? legacy : legacy + "/" + below;
-    if (!exists(directory)) return;
-    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-      if (entry.is_symlink() || !entry.is_regular_file()) continue;
-      const std::string path = entry.path().string();
-      data_.push_back({owner, kind, legacy, fs::relative(entry.path(), legacy).string(),
-                       CVCreateSHA256Digest(path).value_or("unreadable")});
-    }
+    const std::string prefix = below.empty() ? "" : below + "/";
+    for (const auto& [relative, digest] : testing_support::digestsBelow(legacy + "/" + below))
+      data_.push_back({owner, kind, legacy, prefix + relative, digest});
   };
   std::uint64_t expected = 0;
   for (const auto& container : manifest_.containers) {

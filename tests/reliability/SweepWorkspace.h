@@ -24,10 +24,14 @@
 
 #include "samplegen/ImageManifest.h"
 #include "tests/reliability/AppsListing.h"
-#include "tests/reliability/ChildProcess.h"
 #include "tests/reliability/StraceTrace.h"
+#include "tests/support/ChildProgram.h"
 
 namespace reliability {
+
+using testing_support::ChildOptions;
+using testing_support::ChildOutcome;
+using testing_support::runChild;
 
 struct ImageSettings {
   // Seed 1 with ten applications gives: one with a VPN plug-in beside it,

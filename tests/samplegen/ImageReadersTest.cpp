@@ -25,7 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using samplegen::ContainerManifest;
-using testing_support::pathExists;
+using namespace testing_support;
 
 // One image for the whole suite: every test only reads it.
 class ImageReadersTest : public ::testing::Test {

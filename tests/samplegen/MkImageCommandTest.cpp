@@ -12,11 +12,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::writeFile;
-
-using testing_support::ProgramRun;
+using namespace testing_support;
 
 class MkImageCommandTest : public ::testing::Test {
  protected:

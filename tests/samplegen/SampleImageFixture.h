@@ -1,6 +1,4 @@
-// A fixture that makes sample images in a temporary directory, and a summary
-// of a tree (every item's relative path, kind, mode, size and content digest)
-// to compare images by.
+// A fixture that makes sample images in a temporary directory.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,22 +12,6 @@
 #include "tests/support/TestSupport.h"
 
 namespace samplegen_test {
-
-struct TreeItem {
-  char kind = '?';  // 'd' directory, 'f' regular file, 'l' link, '?' other
-  unsigned mode = 0;
-  std::uint64_t size = 0;
-  std::string digest;  // SHA-256 of a file's contents
-  bool operator==(const TreeItem&) const = default;
-};
-using TreeSummary = std::map<std::string, TreeItem>;
-
-// Every item below `root`, keyed by its path relative to `root`; links are
-// listed, not followed.
-TreeSummary summarizeTree(const std::string& root);
-
-// The relative paths on which two summaries differ (at most `limit` of them).
-std::string describeDifferences(const TreeSummary& a, const TreeSummary& b, std::size_t limit = 10);
 
 class SampleImageTest : public ::testing::Test {
  protected:

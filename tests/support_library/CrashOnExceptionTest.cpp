@@ -1,7 +1,6 @@
 // The last-resort crash path, run in child processes: message, annotation, abort.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -11,69 +10,24 @@
 #include "platform/ExceptionRecord.h"
 #include "platform/ProcessServices.h"
 #include "platform/ThreadName.h"
-#include "platform/linux/FileDescriptor.h"
 #include "shared/support/CVCrashTesting.h"
 #include "shared/support/CVProcessGuards.h"
+#include "tests/support/ChildProgram.h"
 
 namespace {
 
 using platform::ExceptionRecord;
-using platform::sys::UniqueFd;
 
-struct ChildOutcome {
-  int status = 0;
-  std::string standardError;
-  std::string report;  // what the child wrote to its report pipe
-};
+using testing_support::ChildOutcome;
 
-// The child's end of the report pipe; set in the child only.
-int reportDescriptor = -1;
-
-std::string readAll(int fd) {
-  std::string text;
-  char chunk[512];
-  for (;;) {
-    const ssize_t count = ::read(fd, chunk, sizeof chunk);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    text.append(chunk, static_cast<std::size_t>(count));
-  }
-  return text;
-}
-
-// Runs `body` in a forked child whose standard error goes to a pipe, and waits.
+// Runs `body` in a forked child: its report (written by the abort hook) and
+// the crash handler's message come back as the child's standard output and
+// error.
 ChildOutcome runInChild(const std::function<void()>& body) {
-  int errorPipe[2];
-  int reportPipe[2];
-  if (::pipe(errorPipe) != 0 || ::pipe(reportPipe) != 0) {
-    ADD_FAILURE() << "pipe failed";
-    return {};
-  }
-  UniqueFd errorRead(errorPipe[0]), errorWrite(errorPipe[1]);
-  UniqueFd reportRead(reportPipe[0]), reportWrite(reportPipe[1]);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(errorWrite.get(), STDERR_FILENO);
-    reportDescriptor = reportWrite.get();
+  return testing_support::runCapturedInChild([&body] {
     body();
-    ::_exit(0);
-  }
-  errorWrite.reset();
-  reportWrite.reset();
-  ChildOutcome outcome;
-  if (child < 0) {
-    ADD_FAILURE() << "fork failed";
-    return outcome;
-  }
-  outcome.standardError = readAll(errorRead.get());
-  outcome.report = readAll(reportRead.get());
-  while (::waitpid(child, &outcome.status, 0) < 0 && errno == EINTR) {
-  }
-  return outcome;
-}
-
-bool abortedBySignal(int status) {
-  return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+    return 0;
+  });
 }
 
 // In place of the abort: report the annotation's contents, then leave.
@@ -82,7 +36,7 @@ void reportAnnotationAndExit() {
   const platform::CrashAnnotation record = platform::crashAnnotationSnapshot();
   std::string report = "version=" + std::to_string(record.version) + "\n";
   report += record.message != 0 ? "message=" + *platform::crashAnnotationMessage() : "no message";
-  [[maybe_unused]] const ssize_t ignored = ::write(reportDescriptor, report.data(), report.size());
+  [[maybe_unused]] const ssize_t ignored = ::write(STDOUT_FILENO, report.data(), report.size());
   ::_exit(kHookExitCode);
 }
 
@@ -91,8 +45,8 @@ TEST(CrashOnExceptionTest, WritesTheFullMessageAndAborts) {
     platform::setCurrentThreadName("worker");
     CVCrashOnException(ExceptionRecord{"BadThing", "it broke", std::vector<std::string>{"a", "b"}});
   });
-  EXPECT_TRUE(abortedBySignal(outcome.status)) << "status " << outcome.status;
-  EXPECT_EQ(outcome.standardError,
+  EXPECT_EQ(outcome.signal, SIGABRT) << outcome.describe();
+  EXPECT_EQ(outcome.err,
             "** INTERNAL ERROR: Uncaught Exception **\n"
             "Exception: <worker> BadThing: it broke\n"
             "Stack:\n"
@@ -106,9 +60,8 @@ TEST(CrashOnExceptionTest, RecordsTheMessageInTheAnnotation) {
     platform::setCurrentThreadName("io");
     CVCrashOnException(ExceptionRecord{"Kind", "why", std::vector<std::string>{"frame 0"}});
   });
-  ASSERT_TRUE(WIFEXITED(outcome.status)) << "status " << outcome.status;
-  EXPECT_EQ(WEXITSTATUS(outcome.status), kHookExitCode);
-  EXPECT_EQ(outcome.report,
+  EXPECT_EQ(outcome.exitCode, kHookExitCode);
+  EXPECT_EQ(outcome.out,
             "version=5\n"
             "message=** INTERNAL ERROR: Uncaught Exception **\n"
             "Exception: <io> Kind: why\n"
@@ -123,8 +76,8 @@ TEST(CrashOnExceptionTest, MissingPartsLeaveNoPunctuationBehind) {
     // which is no thread name.
     CVCrashOnException(ExceptionRecord{});
   });
-  EXPECT_EQ(WEXITSTATUS(outcome.status), kHookExitCode);
-  EXPECT_EQ(outcome.report,
+  EXPECT_EQ(outcome.exitCode, kHookExitCode);
+  EXPECT_EQ(outcome.out,
             "version=5\n"
             "message=** INTERNAL ERROR: Uncaught Exception **\n"
             "Exception: \n"
@@ -136,16 +89,16 @@ TEST(CrashOnExceptionTest, ReasonWithoutNameAndNameWithoutReason) {
     platform::setCurrentThreadName("");
     CVCrashOnException(ExceptionRecord{std::nullopt, "just why", std::nullopt});
   });
-  EXPECT_TRUE(abortedBySignal(reasonOnly.status));
-  EXPECT_EQ(reasonOnly.standardError,
+  EXPECT_EQ(reasonOnly.signal, SIGABRT) << reasonOnly.describe();
+  EXPECT_EQ(reasonOnly.err,
             "** INTERNAL ERROR: Uncaught Exception **\nException: just why\nStack:\n\n");
 
   const ChildOutcome nameOnly = runInChild([] {
     platform::setCurrentThreadName("t");
     CVCrashOnException(ExceptionRecord{"Name", std::nullopt, std::vector<std::string>{}});
   });
-  EXPECT_TRUE(abortedBySignal(nameOnly.status));
-  EXPECT_EQ(nameOnly.standardError,
+  EXPECT_EQ(nameOnly.signal, SIGABRT) << nameOnly.describe();
+  EXPECT_EQ(nameOnly.err,
             "** INTERNAL ERROR: Uncaught Exception **\nException: <t> Name: \nStack:\n\n");
 }
 

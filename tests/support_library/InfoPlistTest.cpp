@@ -15,11 +15,7 @@ namespace {
 
 using platform::kLogLevelDebug;
 using platform::kLogLevelError;
-using testing_support::CapturedLog;
-using testing_support::DeviceImage;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::writeFile;
+using namespace testing_support;
 
 class InfoPlistTest : public ::testing::Test {
  protected:

@@ -1,13 +1,16 @@
-// CVFileManager copy and move operations: the "IfExists" pre-check, error
-// records, items in the way, trees deeper than the descriptor window, and
-// the long-standing outcome of moves across file systems.
+// CVFileManager copy and move: the "IfExists" pre-check, error records, items in
+// the way, trees deeper than the descriptor window, a copy equal to its source
+// item by item (and to cp -a), moves across file systems, and mounts never crossed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -18,28 +21,18 @@
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/filemanager/CopyTestTrees.h"
 #include "tests/filemanager/FileManagerTestHelpers.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace {
 
 namespace sys = platform::sys;
-using filemanager_test::differences;
-using filemanager_test::entryNames;
-using filemanager_test::LinkAccessTimes;
-using filemanager_test::makeDeepTree;
-using filemanager_test::makeImmutable;
-using filemanager_test::OtherDeviceDirectory;
-using filemanager_test::posixAclValue;
-using filemanager_test::ScopedDescriptorLimit;
-using filemanager_test::sentinelError;
-using filemanager_test::snapshotTree;
-using testing_support::CapturedLog;
-using testing_support::makeDirectories;
-using testing_support::makeSymlink;
-using testing_support::pathExists;
-using testing_support::readFile;
-using testing_support::TemporaryDirectory;
-using testing_support::writeFile;
+using namespace filemanager_test;
+using namespace testing_support;
+
+// ---- Copy and move: the "IfExists" pre-check, error records, items in the way.
+namespace copyMove {
 
 constexpr const char* kCopyFunction =
     "-[CVFileManager _copyItemAtURL:toURL:failIfSrcMissing:error:]";
@@ -50,13 +43,6 @@ std::string linkContent(const std::string& path) {
   char buffer[4096];
   const ssize_t length = ::readlink(path.c_str(), buffer, sizeof buffer);
   return length < 0 ? std::string("(not a link)") : std::string(buffer, length);
-}
-
-std::string joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines)
-    text += line + "\n";
-  return text;
 }
 
 std::string functionOf(const CVError& error) {
@@ -180,8 +166,8 @@ TEST_F(CopyMoveTest, LoneItemsAreCopiedAsTheyAre) {
     snapshot.erase("");
     return snapshot;
   };
-  EXPECT_EQ(joined(differences(items(temp_ / "source"), items(temp_ / "copies"),
-                               LinkAccessTimes::Ignored)),
+  EXPECT_EQ(listed(differences(items(temp_ / "source"), items(temp_ / "copies"),
+                               AccessTimes::IgnoredOnLinks)),
             "");
 }
 
@@ -233,7 +219,7 @@ TEST_F(CopyMoveTest, AclsInheritedWhereTheCopyIsMadeAreNotKept) {
                                      nullptr));
 
   EXPECT_EQ(
-      joined(differences(snapshotTree(temp_ / "source"), snapshotTree(temp_ / "inheriting/copy"))),
+      listed(differences(snapshotTree(temp_ / "source"), snapshotTree(temp_ / "inheriting/copy"))),
       "");
   std::vector<std::string> names;
   ASSERT_EQ(
@@ -308,19 +294,15 @@ TEST_F(CopyMoveTest, UnprivilegedCopyBelongsToTheCaller) {
   ASSERT_EQ(::chown((temp_ / "mine").c_str(), 65534, 65534), 0);
   ASSERT_EQ(::chmod(temp_.path().c_str(), 0755), 0);
 
-  const pid_t child = ::fork();
-  ASSERT_NE(child, -1);
-  if (child == 0) {
-    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(3);
+  const int exitCode = runInChild([this] {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 3;
     CVError error;
-    const bool copied = CVFileManager::defaultManager().copyItemAtURL(
-        temp_.directoryURL("source"), temp_.directoryURL("mine/copy"), &error);
-    ::_exit(copied ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0) << "1: the copy failed; 3: could not drop privileges";
+    return CVFileManager::defaultManager().copyItemAtURL(temp_.directoryURL("source"),
+                                                         temp_.directoryURL("mine/copy"), &error)
+               ? 0
+               : 1;
+  });
+  ASSERT_EQ(exitCode, 0) << "1: the copy failed; 3: could not drop privileges";
 
   struct stat copy {};
   ASSERT_EQ(::lstat((temp_ / "mine/copy/file").c_str(), &copy), 0);
@@ -419,8 +401,175 @@ TEST_F(CopyMoveTest, MoveToAnotherFileSystemCopiesAndKeepsTheSource) {
   EXPECT_FALSE(manager_.moveItemAtURL(temp_.directoryURL("source"), destination, &error));
 
   EXPECT_TRUE(error.isNil()) << error.description();
-  EXPECT_EQ(joined(differences(snapshotTree(temp_ / "source"), snapshotTree(other / "moved"))), "");
+  EXPECT_EQ(listed(differences(snapshotTree(temp_ / "source"), snapshotTree(other / "moved"))), "");
   EXPECT_EQ(readFile(temp_ / "source/file"), "on two file systems");
 }
+
+}  // namespace copyMove
+
+// ---- A copy of a tree with every kind of item equals its source, and cp -a.
+namespace copyOracle {
+
+class CopyOracleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    makeDirectories(temp_ / "outside");
+    ASSERT_NO_FATAL_FAILURE(makeRichTree(source(), temp_ / "outside"));
+  }
+
+  std::string source() const { return temp_ / "source"; }
+  CVURL sourceURL() const { return temp_.directoryURL("source"); }
+
+  // The copy's sparse file keeps its holes: it takes about as many blocks
+  // as the source's, far fewer than its size.
+  static void expectHolesKept(const TreeSnapshot& original, const TreeSnapshot& copy) {
+    const auto& want = original.at(kSparseFile);
+    const auto& got = copy.at(kSparseFile);
+    EXPECT_LT(got.blocks * 512, kSparseFileSize / 8) << "the holes were filled";
+    EXPECT_LE(got.blocks, want.blocks + 64);
+  }
+
+  CVFileManager& manager_ = CVFileManager::defaultManager();
+  TemporaryDirectory temp_;
+};
+
+TEST_F(CopyOracleTest, CopyEqualsTheSourceItemByItemAndLeavesTheSourceAsItWas) {
+  const TreeSnapshot before = snapshotTree(source());
+
+  CVError error;
+  ASSERT_TRUE(manager_.copyItemAtURL(sourceURL(), temp_.directoryURL("copy"), &error))
+      << error.description();
+
+  const TreeSnapshot copy = snapshotTree(temp_ / "copy");
+  EXPECT_EQ(listed(differences(before, copy)), "");
+  expectHolesKept(before, copy);
+  // The source was read without touching its access times, except those of
+  // links, whose content cannot be read any other way.
+  EXPECT_EQ(listed(differences(before, snapshotTree(source()), AccessTimes::IgnoredOnLinks)), "");
+
+  // The file with a name outside the tree is a file of its own in the copy,
+  // and the three names inside it stay one file.
+  struct stat status {};
+  ASSERT_EQ(::lstat((temp_ / "copy/shared-outside").c_str(), &status), 0);
+  EXPECT_EQ(status.st_nlink, 1u);
+  ASSERT_EQ(::lstat((temp_ / "copy/nested/one").c_str(), &status), 0);
+  EXPECT_EQ(status.st_nlink, 3u);
+}
+
+TEST_F(CopyOracleTest, CopyAgreesWithCpArchive) {
+  ASSERT_TRUE(manager_.copyItemAtURL(sourceURL(), temp_.directoryURL("ours"), nullptr));
+  ASSERT_EQ(runProgram("cp", {"-a", source(), temp_ / "oracle"}).exitCode, 0);
+
+  const TreeSnapshot ours = snapshotTree(temp_ / "ours");
+  const TreeSnapshot oracle = snapshotTree(temp_ / "oracle");
+  // cp ran after our copy had read the links.
+  EXPECT_EQ(listed(differences(oracle, ours, AccessTimes::IgnoredOnLinks)), "");
+  EXPECT_LE(ours.at(kSparseFile).blocks, oracle.at(kSparseFile).blocks + 64);
+}
+
+TEST_F(CopyOracleTest, CopyToAnotherFileSystemEqualsTheSource) {
+  const OtherDeviceDirectory other(temp_.path());
+  if (!other.available()) GTEST_SKIP() << "no second file system (/dev/shm) to copy to";
+  const TreeSnapshot before = snapshotTree(source());
+
+  CVError error;
+  ASSERT_TRUE(
+      manager_.copyItemAtURL(sourceURL(), CVURL::fileURLWithPath(other / "copy", true), &error))
+      << error.description();
+
+  const TreeSnapshot copy = snapshotTree(other / "copy");
+  EXPECT_EQ(listed(differences(before, copy)), "");
+  expectHolesKept(before, copy);
+}
+
+}  // namespace copyOracle
+
+// ---- Mounts inside a tree are never crossed.
+namespace mountPoint {
+
+constexpr std::uint32_t kNewOwner = 501;
+
+struct Operation {
+  const char* name;
+  // Runs on the tree; true when it reported the failure it must.
+  std::function<bool(const TemporaryDirectory& place)> run;
+};
+
+void PrintTo(const Operation& operation, std::ostream* out) {
+  *out << operation.name;
+}
+
+class MountPointTest : public ::testing::TestWithParam<Operation> {
+ protected:
+  void SetUp() override {
+    writeFile(place_ / "outside/canary.txt", "outside the tree");
+    writeFile(place_ / "tree/file.txt", "inside");
+    makeDirectories(place_ / "tree/sub/mounted");
+    if (::mount((place_ / "outside").c_str(), (place_ / "tree/sub/mounted").c_str(), nullptr,
+                MS_BIND, nullptr) != 0) {
+      GTEST_SKIP() << "no bind mount here: " << std::strerror(errno);
+    }
+    mounted_ = true;
+  }
+
+  void TearDown() override {
+    if (mounted_) {
+      EXPECT_EQ(::umount2((place_ / "tree/sub/mounted").c_str(), MNT_DETACH), 0)
+          << std::strerror(errno);
+    }
+  }
+
+  // Declared first: the directory goes away after the mount is undone.
+  TemporaryDirectory place_;
+  bool mounted_ = false;
+};
+
+TEST_P(MountPointTest, TheMountIsNotCrossedAndStaysInPlace) {
+  EXPECT_TRUE(GetParam().run(place_));
+  EXPECT_EQ(readFile(place_ / "outside/canary.txt"), "outside the tree");
+  struct stat status {};
+  ASSERT_EQ(::stat((place_ / "outside/canary.txt").c_str(), &status), 0);
+  EXPECT_NE(status.st_uid, kNewOwner);
+  EXPECT_TRUE(pathExists(place_ / "tree/sub/mounted/canary.txt"));
+}
+
+CVFileManager& fileManager() {
+  return CVFileManager::defaultManager();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Operations, MountPointTest,
+    ::testing::Values(
+        Operation{"Removal",
+                  [](const TemporaryDirectory& place) {
+                    CVError error;
+                    return !fileManager().removeItemAtURL(place.directoryURL("tree"), &error) &&
+                           error.code() == EXDEV && !pathExists(place / "tree/file.txt");
+                  }},
+        Operation{"Copy",
+                  [](const TemporaryDirectory& place) {
+                    CVError error;
+                    return !fileManager().copyItemAtURL(place.directoryURL("tree"),
+                                                        place.directoryURL("copy"), &error) &&
+                           error.code() == EXDEV && !pathExists(place / "copy/sub/mounted");
+                  }},
+        Operation{"Ownership",
+                  [](const TemporaryDirectory& place) {
+                    CVError error;
+                    return !fileManager().standardizeOwnershipAndValidateSymlinksAtURL(
+                               place.directoryURL("tree"), kNewOwner, kNewOwner, &error) &&
+                           error.code() == EXDEV;
+                  }},
+        Operation{"DiskUsage",
+                  [](const TemporaryDirectory& place) {
+                    // The canary is far larger than the tree's own file.
+                    writeFile(place / "outside/large.bin", std::string(1 << 20, 'x'));
+                    return fileManager().diskUsageForURL(place.directoryURL("tree")) < (1 << 20);
+                  }}),
+    [](const ::testing::TestParamInfo<Operation>& parameter) {
+      return std::string(parameter.param.name);
+    });
+
+}  // namespace mountPoint
 
 }  // namespace

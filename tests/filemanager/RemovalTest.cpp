@@ -1,0 +1,435 @@
+// CVFileManager removal: single items, whole trees (with the error callback and
+// the immutable and deep cases), and what is logged.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <functional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/Value.h"
+#include "platform/linux/FileDescriptor.h"
+#include "platform/linux/TreeWipe.h"
+#include "shared/filemanager/CVFileManager.h"
+#include "shared/filemanager/CVTreeWipeErrorCallback.h"
+#include "tests/filemanager/FileManagerTestHelpers.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using namespace filemanager_test;
+using namespace testing_support;
+namespace sys = platform::sys;
+using filemanager_detail::treewipe_error_callback;
+
+// ---- removeItemAtURL: files, links, whole trees and their errors.
+namespace removeItem {
+
+constexpr const char* kRemoveFunction = "-[CVFileManager removeItemAtURL:error:]";
+constexpr const char* kCallbackFunction = "_treewipe_error_callback";
+
+class RemoveItemTest : public ::testing::Test {
+ protected:
+  CVFileManager& manager_ = CVFileManager::defaultManager();
+  TemporaryDirectory temp_;
+};
+
+TEST_F(RemoveItemTest, MissingPathIsSuccessAndLeavesTheErrorUntouched) {
+  CapturedLog log(platform::installerLog());
+  CVError error = sentinelError();
+
+  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("absent"), &error));
+
+  EXPECT_EQ(error, sentinelError());
+  EXPECT_EQ(log.count(), 0u) << log.dump();
+}
+
+TEST_F(RemoveItemTest, NilURLFailsWithBadAddress) {
+  CVError error;
+  EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), &error));
+  EXPECT_TRUE(error.isPOSIX(EFAULT));
+  EXPECT_EQ(error.localizedDescription(), "nil url passed to -removeItemAtURL:error:");
+  EXPECT_EQ(*error.userInfo().findString("FunctionName"), kRemoveFunction);
+  EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), nullptr));
+}
+
+TEST_F(RemoveItemTest, RemovesASingleFile) {
+  writeFile(temp_ / "file", "contents");
+  EXPECT_TRUE(manager_.removeItemAtURL(temp_.fileURL("file"), nullptr));
+  EXPECT_FALSE(pathExists(temp_ / "file"));
+}
+
+TEST_F(RemoveItemTest, RemovesALinkButNotTheDirectoryItPointsTo) {
+  makeDirectories(temp_ / "target");
+  writeFile(temp_ / "target/keep", "kept");
+  makeSymlink(temp_ / "target", temp_ / "link");
+
+  // Marked as a directory URL, as a caller who trusts the link might pass it.
+  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("link"), nullptr));
+
+  EXPECT_FALSE(pathExists(temp_ / "link"));
+  EXPECT_EQ(readFile(temp_ / "target/keep"), "kept");
+}
+
+TEST_F(RemoveItemTest, RemovesAWholeTreeWithoutFollowingLinksOutOfIt) {
+  makeDirectories(temp_ / "outside");
+  writeFile(temp_ / "outside/file", "outside");
+  makeDirectories(temp_ / "root/a/b/c");
+  makeDirectories(temp_ / "root/a/empty");
+  writeFile(temp_ / "root/a/b/c/file", "x");
+  for (int i = 0; i < 500; ++i)
+    writeFile(temp_ / ("root/a/many-" + std::to_string(i)), "");
+  ASSERT_EQ(::mkfifo((temp_ / "root/a/fifo").c_str(), 0600), 0);
+  makeSymlink(temp_ / "outside", temp_ / "root/link-to-directory");
+  makeSymlink(temp_ / "outside/file", temp_ / "root/a/b/link-to-file");
+  makeSymlink(temp_ / "nowhere", temp_ / "root/dangling");
+  CVError error = sentinelError();
+
+  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("root"), &error));
+
+  EXPECT_EQ(error, sentinelError());
+  EXPECT_FALSE(pathExists(temp_ / "root"));
+  EXPECT_EQ(readFile(temp_ / "outside/file"), "outside");
+}
+
+TEST_F(RemoveItemTest, LinkStandingInForASubdirectoryLeavesItsTargetAlone) {
+  makeDirectories(temp_ / "canary");
+  writeFile(temp_ / "canary/keep", "kept");
+  makeDirectories(temp_ / "root/real");
+  writeFile(temp_ / "root/real/file", "");
+  makeSymlink(temp_ / "canary", temp_ / "root/sub");
+
+  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("root"), nullptr));
+
+  EXPECT_FALSE(pathExists(temp_ / "root"));
+  EXPECT_EQ(entryNames(temp_ / "canary"), std::set<std::string>{"keep"});
+}
+
+TEST_F(RemoveItemTest, RemovesATreeDeeperThanPathMaxAndTheDescriptorWindow) {
+  makeDirectories(temp_ / "deep");
+  makeDeepTree(temp_ / "deep", 3000);
+
+  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("deep"), nullptr));
+
+  EXPECT_FALSE(pathExists(temp_ / "deep"));
+}
+
+TEST_F(RemoveItemTest, UndeletableEntryFailsWithItsErrorAfterRemovingEverythingElse) {
+  makeDirectories(temp_ / "root/keep");
+  makeDirectories(temp_ / "root/gone/x/y");
+  writeFile(temp_ / "root/gone/x/y/z", "");
+  writeFile(temp_ / "root/file", "");
+  writeFile(temp_ / "root/keep/other", "");
+  writeFile(temp_ / "root/keep/locked", "");
+  makeImmutable(temp_ / "root/keep/locked");
+  const CVURL url = temp_.directoryURL("root");
+  CapturedLog log(platform::installerLog());
+  CVError error;
+
+  EXPECT_FALSE(manager_.removeItemAtURL(url, &error));
+
+  EXPECT_TRUE(error.isPOSIX(EPERM)) << error.description();
+  EXPECT_EQ(error.localizedDescription(),
+            "treewipe of " + url.description() + " failed: Operation not permitted");
+  EXPECT_EQ(*error.userInfo().findString("FunctionName"), kRemoveFunction);
+  // What could go is gone; the locked file keeps its directories.
+  EXPECT_EQ(entryNames(temp_ / "root"), std::set<std::string>{"keep"});
+  EXPECT_EQ(entryNames(temp_ / "root/keep"), std::set<std::string>{"locked"});
+
+  EXPECT_TRUE(log.contains(
+      3, "treewipe hit error for " + (temp_ / "root/keep/locked") + " : Operation not permitted"))
+      << log.dump();
+  EXPECT_TRUE(
+      log.contains(3, "treewipe hit error for " + (temp_ / "root/keep") + " : Directory not empty"))
+      << log.dump();
+  for (const auto& line : log.lines())
+    EXPECT_EQ(line.function, kCallbackFunction);
+}
+
+TEST_F(RemoveItemTest, PathThroughAFileFailsWithTheResolutionError) {
+  writeFile(temp_ / "file", "");
+  const CVURL url = temp_.fileURL("file/below");
+  CapturedLog log(platform::installerLog());
+  CVError error;
+
+  EXPECT_FALSE(manager_.removeItemAtURL(url, &error));
+
+  EXPECT_TRUE(error.isPOSIX(ENOTDIR)) << error.description();
+  EXPECT_EQ(error.localizedDescription(),
+            "treewipe of " + url.description() + " failed: Not a directory");
+  EXPECT_TRUE(pathExists(temp_ / "file"));
+  EXPECT_EQ(log.count(), 0u) << log.dump();
+}
+
+}  // namespace removeItem
+
+// ---- The recursive removal facility under removeItemAtURL.
+namespace treeWipe {
+
+using Report = std::pair<std::string, int>;  // path, error number
+
+// Records every report; can act on the tree when called and answer stop.
+struct Recorder {
+  std::vector<Report> reports;
+  std::function<void(const std::string& path)> onReport;
+  int verdict = sys::kTreeWipeProceed;
+
+  static int callback(sys::TreeWipeState* state, const char* path, void* context) {
+    auto* self = static_cast<Recorder*>(context);
+    int errorNumber = 0;
+    EXPECT_EQ(sys::treeWipeStateGetErrorNumber(state, &errorNumber), 0);
+    self->reports.emplace_back(path, errorNumber);
+    if (self->onReport) self->onReport(path);
+    return self->verdict;
+  }
+
+  sys::TreeWipeStatePtr install() {
+    sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
+    EXPECT_EQ(sys::treeWipeStateSetErrorCallback(state.get(), &Recorder::callback), 0);
+    EXPECT_EQ(sys::treeWipeStateSetErrorContext(state.get(), this), 0);
+    return state;
+  }
+
+  bool reported(const std::string& path, int errorNumber) const {
+    for (const Report& report : reports) {
+      if (report == Report(path, errorNumber)) return true;
+    }
+    return false;
+  }
+};
+
+std::string repeat(const std::string& part, int times) {
+  std::string result;
+  for (int i = 0; i < times; ++i)
+    result += part;
+  return result;
+}
+
+class TreeWipeTest : public ::testing::Test {
+ protected:
+  TemporaryDirectory temp_;
+};
+
+TEST_F(TreeWipeTest, MissingRootFailsWithENOENTWithoutReport) {
+  Recorder recorder;
+  const sys::TreeWipeStatePtr state = recorder.install();
+  errno = 0;
+  EXPECT_EQ(sys::treeWipe((temp_ / "absent").c_str(), state.get(), sys::kTreeWipeRecursive), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_TRUE(recorder.reports.empty());
+}
+
+TEST_F(TreeWipeTest, StateWithoutObjectRefusesSettings) {
+  int number = 0;
+  EXPECT_EQ(sys::treeWipeStateSetErrorCallback(nullptr, &Recorder::callback), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(sys::treeWipeStateSetErrorContext(nullptr, nullptr), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(sys::treeWipeStateGetErrorNumber(nullptr, &number), -1);
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(TreeWipeTest, WithoutCallbackReturnsTheFirstErrorAfterRemovingTheRest) {
+  makeDirectories(temp_ / "root/sub/deeper");
+  writeFile(temp_ / "root/sub/deeper/file", "");
+  writeFile(temp_ / "root/locked", "");
+  makeImmutable(temp_ / "root/locked");
+
+  errno = 0;
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), nullptr, sys::kTreeWipeRecursive), -1);
+
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(entryNames(temp_ / "root"), std::set<std::string>{"locked"});
+}
+
+TEST_F(TreeWipeTest, CallbackAnsweringStopEndsTheRemoval) {
+  makeDirectories(temp_ / "root/sub");
+  writeFile(temp_ / "root/sub/file", "");
+  writeFile(temp_ / "root/locked", "");
+  makeImmutable(temp_ / "root/locked");
+  Recorder recorder;
+  recorder.verdict = sys::kTreeWipeStop;
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  errno = 0;
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), state.get(), sys::kTreeWipeRecursive), -1);
+
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(recorder.reports, (std::vector<Report>{{temp_ / "root/locked", EPERM}}));
+  // Files go while the directory is read; subdirectories only afterwards.
+  EXPECT_TRUE(pathExists(temp_ / "root/sub/file"));
+}
+
+TEST_F(TreeWipeTest, WithoutRecursiveFlagOnlyAnEmptyDirectoryGoes) {
+  makeDirectories(temp_ / "empty");
+  makeDirectories(temp_ / "full/sub");
+  Recorder recorder;
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  EXPECT_EQ(sys::treeWipe((temp_ / "empty").c_str(), state.get(), 0), 0);
+  EXPECT_EQ(sys::treeWipe((temp_ / "full").c_str(), state.get(), 0), 0);
+
+  EXPECT_FALSE(pathExists(temp_ / "empty"));
+  EXPECT_TRUE(pathExists(temp_ / "full/sub"));
+  EXPECT_EQ(recorder.reports, (std::vector<Report>{{temp_ / "full", ENOTEMPTY}}));
+}
+
+TEST_F(TreeWipeTest, RemovesATreeDeeperThanTheDescriptorLimit) {
+  makeDirectories(temp_ / "deep");
+  makeDeepTree(temp_ / "deep", 600);
+  {
+    // Few descriptors are in use at this point; leave room for a handful.
+    const sys::UniqueFd probe(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    ASSERT_LT(probe.get(), 24);
+  }
+  Recorder recorder;
+  const sys::TreeWipeStatePtr state = recorder.install();
+  int result = 0;
+  {
+    ScopedDescriptorLimit limit(32);
+    result = sys::treeWipe((temp_ / "deep").c_str(), state.get(), sys::kTreeWipeRecursive);
+  }
+
+  EXPECT_EQ(result, 0);
+  EXPECT_TRUE(recorder.reports.empty()) << recorder.reports.front().first.substr(0, 200);
+  EXPECT_FALSE(pathExists(temp_ / "deep"));
+}
+
+TEST_F(TreeWipeTest, LinkSwappedInForADirectoryDuringTheWalkIsRemovedNotFollowed) {
+  makeDirectories(temp_ / "canary");
+  writeFile(temp_ / "canary/keep", "kept");
+  makeDirectories(temp_ / "root/sub");
+  writeFile(temp_ / "root/sub/file", "");
+  writeFile(temp_ / "root/locked", "");
+  makeImmutable(temp_ / "root/locked");
+  // The locked file is reported while "root" is being read, after "sub" has
+  // been seen as a directory and before the walk goes into it: swap it then.
+  Recorder recorder;
+  recorder.onReport = [&](const std::string& path) {
+    if (path != temp_ / "root/locked") return;
+    ASSERT_EQ(std::rename((temp_ / "root/sub").c_str(), (temp_ / "moved-sub").c_str()), 0);
+    makeSymlink(temp_ / "canary", temp_ / "root/sub");
+  };
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), state.get(), sys::kTreeWipeRecursive), 0);
+
+  EXPECT_EQ(readFile(temp_ / "canary/keep"), "kept");
+  EXPECT_EQ(entryNames(temp_ / "root"), std::set<std::string>{"locked"});
+  EXPECT_TRUE(pathExists(temp_ / "moved-sub/file"));
+  EXPECT_EQ(recorder.reports,
+            (std::vector<Report>{{temp_ / "root/locked", EPERM}, {temp_ / "root", ENOTEMPTY}}));
+}
+
+TEST_F(TreeWipeTest, EntryVanishingDuringTheWalkIsReportedAsENOENT) {
+  makeDirectories(temp_ / "root/vanishing");
+  writeFile(temp_ / "root/locked", "");
+  makeImmutable(temp_ / "root/locked");
+  Recorder recorder;
+  recorder.onReport = [&](const std::string& path) {
+    if (path == temp_ / "root/locked") ::rmdir((temp_ / "root/vanishing").c_str());
+  };
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), state.get(), sys::kTreeWipeRecursive), 0);
+
+  EXPECT_TRUE(recorder.reported(temp_ / "root/vanishing", ENOENT));
+}
+
+// While the walk is 300 levels down, the ancestors near the root have their
+// descriptors closed. A directory among them is moved out of the tree: the
+// way back up must notice that ".." now leads elsewhere, finish the rest of
+// the tree from the root, and leave the directory it was moved to alone.
+TEST_F(TreeWipeTest, DirectoryMovedOutOfTheTreeBelowClosedAncestorsIsNotFollowedOut) {
+  makeDirectories(temp_ / "root");
+  makeDeepTree(temp_ / "root", 300);
+  const std::string level9 = temp_ / "root" + repeat("/d", 9);
+  makeDirectories(level9 + "/sibling");
+  writeFile(level9 + "/sibling/file", "");
+  makeDirectories(temp_ / "outside");
+  writeFile(temp_ / "outside/keep", "kept");
+  const std::string deepest = temp_ / "root" + repeat("/d", 300);
+  makeImmutable(deepest + "/leaf");
+
+  Recorder recorder;
+  recorder.onReport = [&](const std::string& path) {
+    if (path != deepest + "/leaf") return;
+    ASSERT_EQ(std::rename((level9 + "/d").c_str(), (temp_ / "outside/moved").c_str()), 0);
+  };
+  const sys::TreeWipeStatePtr state = recorder.install();
+
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), state.get(), sys::kTreeWipeRecursive), 0);
+
+  EXPECT_FALSE(pathExists(temp_ / "root"));
+  EXPECT_EQ(entryNames(temp_ / "outside"), (std::set<std::string>{"keep", "moved"}));
+  EXPECT_EQ(readFile(temp_ / "outside/keep"), "kept");
+  EXPECT_TRUE(pathExists(temp_ / "outside/moved" + repeat("/d", 290) + "/leaf"));
+  EXPECT_TRUE(recorder.reported(level9 + "/d", ENOENT));
+}
+
+}  // namespace treeWipe
+
+// ---- The error callback of removeItemAtURL, driven directly.
+namespace treeWipeErrorCallback {
+
+int report(sys::TreeWipeState* state, int errorNumber, const char* path, int* firstError) {
+  EXPECT_EQ(sys::treeWipeStateSetErrorNumber(state, errorNumber), 0);
+  return treewipe_error_callback(state, path, firstError);
+}
+
+TEST(TreeWipeErrorCallbackTest, KeepsOnlyTheFirstNumberAndLogsAllButVanishedEntries) {
+  CapturedLog log(platform::installerLog());
+  const sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
+  int firstError = 0;
+
+  EXPECT_EQ(report(state.get(), EACCES, "/r/a", &firstError), sys::kTreeWipeProceed);
+  EXPECT_EQ(report(state.get(), EPERM, "/r/b", &firstError), sys::kTreeWipeProceed);
+  EXPECT_EQ(report(state.get(), ENOENT, "/r/c", &firstError), sys::kTreeWipeProceed);
+
+  EXPECT_EQ(firstError, EACCES);
+  ASSERT_EQ(log.count(), 2u) << log.dump();
+  EXPECT_TRUE(log.contains(3, "treewipe hit error for /r/a : Permission denied"));
+  EXPECT_TRUE(log.contains(3, "treewipe hit error for /r/b : Operation not permitted"));
+  EXPECT_EQ(log.lines()[0].function, "_treewipe_error_callback");
+}
+
+TEST(TreeWipeErrorCallbackTest, AFirstVanishedEntryMasksLaterFailures) {
+  CapturedLog log(platform::installerLog());
+  const sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
+  int firstError = 0;
+
+  EXPECT_EQ(report(state.get(), ENOENT, "/r/gone", &firstError), sys::kTreeWipeProceed);
+  EXPECT_EQ(report(state.get(), EPERM, "/r/locked", &firstError), sys::kTreeWipeProceed);
+
+  // removeItemAtURL treats a kept ENOENT as success.
+  EXPECT_EQ(firstError, ENOENT);
+  EXPECT_EQ(log.messages(),
+            std::vector<std::string>{"treewipe hit error for /r/locked : Operation not permitted"});
+}
+
+TEST(TreeWipeErrorCallbackTest, UnreadableErrorNumberCountsAsVanished) {
+  CapturedLog log(platform::installerLog());
+  int firstError = 0;
+
+  EXPECT_EQ(treewipe_error_callback(nullptr, "/r/x", &firstError), sys::kTreeWipeProceed);
+
+  EXPECT_EQ(firstError, ENOENT);
+  EXPECT_TRUE(log.contains(3, "treewipe hit error for /r/x but we failed to get the error number"))
+      << log.dump();
+}
+
+TEST(TreeWipeErrorCallbackTest, WorksWithoutAContext) {
+  const sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
+  CapturedLog log(platform::installerLog());
+  EXPECT_EQ(report(state.get(), EIO, "/r/y", nullptr), sys::kTreeWipeProceed);
+  EXPECT_TRUE(log.contains(3, "treewipe hit error for /r/y : Input/output error"));
+}
+
+}  // namespace treeWipeErrorCallback
+
+}  // namespace

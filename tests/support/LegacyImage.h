@@ -1,0 +1,65 @@
+// A device image for the tests that run the real programs on it: the system
+// build record every run needs, builders for the applications the installer
+// accepts, and, beside the image, a canary tree that looks like legacy
+// containers (so that a run misled into it would find plenty to move or
+// remove). The canary is checked unchanged when the object goes away.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/support/ChildProgram.h"
+#include "tests/support/DeviceImage.h"
+#include "tests/support/TestSupport.h"
+
+namespace testing_support {
+
+class LegacyImage : public DeviceImage {
+ public:
+  LegacyImage();
+  ~LegacyImage();
+
+  // A place beside the image, outside it (canonical).
+  std::string outside(std::string_view relative = "") const;
+  std::string canary() const { return outside("canary"); }
+  std::string legacy() const { return legacyDirectory(); }
+
+  // An application bundle the installer accepts (identifier, version and,
+  // unless `executable` is false, an executable that is there) and, when
+  // `groups` is not empty, entitlements naming those application groups.
+  void writeApplication(const std::string& path, std::string_view identifier,
+                        const std::vector<std::string>& groups = {}, bool executable = true) const;
+
+  // Runs mavrel with `arguments`, capturing its output beside the image.
+  ProgramRun mavrel(const std::vector<std::string>& arguments) const;
+  // `mavrel migrate --root <root>` with both JSON logs beside the image.
+  ProgramRun migrate(const std::vector<std::string>& extraArguments = {}) const;
+  std::string migrationLog() const { return readFile(outside("json/migration.json")); }
+  std::string installerLog() const { return readFile(outside("json/installer.json")); }
+  // Whether the JSON migration log holds `fragment` (which must need no escaping).
+  bool logged(std::string_view fragment) const;
+
+ private:
+  TemporaryDirectory outside_;
+  std::string outsidePath_;
+  std::map<std::string, std::string> canaryBefore_;
+};
+
+// What describeTree says of each item.
+struct TreeDescription {
+  bool times = true;                // modification times
+  bool ownersAndAttributes = true;  // owner, group and extended attributes
+  bool relativeKeys = false;        // keys relative to the directory ("" for itself)
+  std::function<bool(const std::string& path)> skipped;  // items left out (by key)
+};
+
+// Every item below `directory`, the directory itself included, one line
+// each: kind and mode, a file's size and contents (by digest), a link's
+// target, and what `how` adds.
+std::map<std::string, std::string> describeTree(const std::string& directory,
+                                                const TreeDescription& how = {});
+
+}  // namespace testing_support
