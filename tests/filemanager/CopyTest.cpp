@@ -39,17 +39,6 @@ constexpr const char* kCopyFunction =
 constexpr const char* kMoveFunction =
     "-[CVFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]";
 
-std::string linkContent(const std::string& path) {
-  char buffer[4096];
-  const ssize_t length = ::readlink(path.c_str(), buffer, sizeof buffer);
-  return length < 0 ? std::string("(not a link)") : std::string(buffer, length);
-}
-
-std::string functionOf(const CVError& error) {
-  const auto* name = error.userInfo().findString("FunctionName");
-  return name ? *name : std::string();
-}
-
 // The depth of the chain of directories named `name` below `root`, counted
 // through descriptors (the chain may be longer than PATH_MAX), and whether
 // its deepest directory holds "leaf".

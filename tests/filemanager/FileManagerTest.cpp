@@ -214,17 +214,6 @@ namespace linksAndTemporary {
 constexpr const char* kTemporaryFunction =
     "-[CVFileManager createTemporaryDirectoryInDirectoryURL:error:]";
 
-std::string linkContent(const std::string& path) {
-  char buffer[4096];
-  const ssize_t length = ::readlink(path.c_str(), buffer, sizeof buffer);
-  return length < 0 ? std::string("(not a link)") : std::string(buffer, length);
-}
-
-std::string functionOf(const CVError& error) {
-  const auto* name = error.userInfo().findString("FunctionName");
-  return name ? *name : std::string();
-}
-
 class LinksAndTemporaryTest : public ::testing::Test {
  protected:
   CVFileManager& manager_ = CVFileManager::defaultManager();

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "platform/Value.h"
 #include "platform/linux/FileDescriptor.h"
 #include "tests/support/ChildProgram.h"
 
@@ -51,6 +52,17 @@ ScopedDescriptorLimit::ScopedDescriptorLimit(rlim_t softLimit) {
 
 ScopedDescriptorLimit::~ScopedDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &previous_);
+}
+
+std::string linkContent(const std::string& path) {
+  char buffer[4096];
+  const ssize_t length = ::readlink(path.c_str(), buffer, sizeof buffer);
+  return length < 0 ? std::string("(not a link)") : std::string(buffer, length);
+}
+
+std::string functionOf(const CVError& error) {
+  const auto* name = error.userInfo().findString("FunctionName");
+  return name ? *name : std::string();
 }
 
 }  // namespace filemanager_test

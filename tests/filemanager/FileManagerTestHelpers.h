@@ -24,6 +24,12 @@ void makeDeepTree(const std::string& root, int levels, const std::string& name =
 // The names in a directory, "." and ".." excluded.
 std::set<std::string> entryNames(const std::string& directory);
 
+// What the symbolic link at `path` holds, or "(not a link)".
+std::string linkContent(const std::string& path);
+
+// The "FunctionName" of an error record ("" when it has none).
+std::string functionOf(const CVError& error);
+
 // A record that no operation makes, to check that an out-error is untouched.
 CVError sentinelError();
 
