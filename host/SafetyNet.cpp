@@ -497,30 +497,27 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
   ParentDirectories newPlaceDirectories(rootFd.get(), ParentDirectories::Missing::Absent);
   for (const NetLinkRecord& record : parseNetManifest(manifest_)) {
     const std::string linkName(record.linkName);
+    const std::string legacy = record.legacyRelative();
     struct stat status {};
     if (platform::sys::statAt(links.get(), linkName.c_str(), &status) != 0) {
       // Moved to its legacy path by an interrupted settling, or gone.
-      if (result_.adopted &&
-          platform::sys::statAt(run.get(), record.legacyRelative().c_str(), &status) == 0 &&
+      if (result_.adopted && platform::sys::statAt(run.get(), legacy.c_str(), &status) == 0 &&
           S_ISREG(status.st_mode))
-        kept.push_back(KeptFile{record.legacyRelative(), static_cast<std::uint64_t>(status.st_size),
-                                std::string()});
+        kept.push_back(KeptFile{legacy, static_cast<std::uint64_t>(status.st_size), std::string()});
       continue;
     }
     if (status.st_nlink > 1) {
       const auto newPlace = newPlaces.find(record.container);
-      const bool safe = sameFileBelow(oldPlaces, record.legacyRelative(), status) ||
+      const bool safe = sameFileBelow(oldPlaces, legacy, status) ||
                         (newPlace != newPlaces.end() &&
                          sameFileBelow(newPlaceDirectories,
                                        newPlace->second + "/" + std::string(record.inner), status));
       if (safe && platform::sys::removeFileAt(links.get(), linkName.c_str()) == 0) continue;
-      unresolved.push_back(Unresolved{record.legacyRelative(),
-                                      static_cast<std::uint64_t>(status.st_size), status.st_ino,
-                                      linkName});
+      unresolved.push_back(
+          Unresolved{legacy, static_cast<std::uint64_t>(status.st_size), status.st_ino, linkName});
       continue;
     }
-    kept.push_back(
-        KeptFile{record.legacyRelative(), static_cast<std::uint64_t>(status.st_size), linkName});
+    kept.push_back(KeptFile{legacy, static_cast<std::uint64_t>(status.st_size), linkName});
   }
   if (!unresolved.empty()) {
     // Rare: a file with another name neither at its old nor at its expected
