@@ -213,7 +213,7 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   // Prepares (in the staging root) the data container the entry lacks and
   // the group containers not yet known, and adds the steps that put them in
   // place. A bare data container is the directory alone, its skeleton left to
-  // completeDataContainers.
+  // completePlaceholderDataContainers or the customer install.
   enum class DataContainerShape { Complete, Bare };
   bool prepareContainers(Preparation& preparation, const std::vector<std::string>& groups,
                          DataContainerShape shape, InstallFailure* failure);

@@ -134,11 +134,13 @@ bool EmbeddedInstallerService::installPlaceholder(const std::string& url,
   }
 
   progress.report(kStatusRegistering);
+  // Remembered before registering: an install registered whose finish fails
+  // still has its data container completed when the session ends.
+  if (newDataContainer) barePlaceholders_.insert(request.identifier);
   if (!registerAndFinish(preparation, std::nullopt, &failure)) {
     if (failure.error == InstallError::RegistryFailure) return discardAndFail(failure);
     return progress.fail(kFunction, failure, error);
   }
-  if (newDataContainer) barePlaceholders_.insert(request.identifier);
   platform::logInstaller(platform::kLogLevelNotice, kFunction,
                          "Installed a placeholder for %@ into %s", request.identifier,
                          *bundleContainer);

@@ -8,6 +8,7 @@
 // by its hash alone, so a result is only ever given back for identical bytes.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
