@@ -1,13 +1,16 @@
 // The whole migration against the least work the change of layout needs.
 //
 //   migration_bench [--dir DIR] [--apps N[,N...]] [--reps R] [--seed S] [--verbose]
+//                   [--no-safety-net]
 //
 // For each size (default 1,000 and 5,000 applications) it times, R times each
 // (default 3), alternating which side goes first, two child programs over a
 // legacy image that mavrel-mkimage writes afresh before every timed run, with
 // the same seed (default 7), at the same path below DIR (default $TMPDIR or
 // /tmp), and written back to the disk before the clock starts:
-//   ours: `mavrel migrate --root IMAGE` (which must succeed);
+//   ours: `mavrel migrate --root IMAGE` (which must succeed; with
+//         --no-safety-net, `mavrel migrate --no-safety-net --root IMAGE`, the
+//         migration without the net of hard links it lays first);
 //   peer: `migration_lower_bound --root IMAGE` (see that program).
 // Only the migration is timed, never the making of the image. The image holds
 // absolute paths, so it is regenerated in place rather than copied.
@@ -32,6 +35,7 @@ struct MigrationOptions {
   int repetitions = 3;
   unsigned long seed = 7;
   bool verbose = false;
+  bool withoutSafetyNet = false;
 };
 
 std::vector<std::size_t> parseSizes(const std::string& text) {
@@ -56,10 +60,15 @@ MigrationOptions parse(int argc, char** argv) {
       options.verbose = true;
       continue;
     }
+    if (argument == "--no-safety-net") {
+      options.withoutSafetyNet = true;
+      continue;
+    }
     if (i + 1 >= argc || (argument != "--dir" && argument != "--apps" && argument != "--reps" &&
                           argument != "--seed")) {
       std::fprintf(stderr,
-                   "usage: %s [--dir DIR] [--apps N[,N...]] [--reps R] [--seed S] [--verbose]\n",
+                   "usage: %s [--dir DIR] [--apps N[,N...]] [--reps R] [--seed S] [--verbose] "
+                   "[--no-safety-net]\n",
                    argv[0]);
       std::exit(argument == "--help" ? 0 : 2);
     }
@@ -115,6 +124,8 @@ int main(int argc, char** argv) {
   const std::string scratch = bench::makeScratchDirectory(options.directory, "migration-bench");
   const std::string image = scratch + "/image";
 
+  const std::string ourName =
+      options.withoutSafetyNet ? "mavrel migrate --no-safety-net" : "mavrel migrate";
   std::vector<SizeResult> results;
   for (const std::size_t applications : options.sizes) {
     const std::string count = std::to_string(applications);
@@ -131,7 +142,10 @@ int main(int argc, char** argv) {
     std::vector<double> oursProcessor;
     std::vector<double> peerProcessor;
     auto ours = [&] {
-      const bench::ChildResult result = bench::runChild({mavrel, "migrate", "--root", image});
+      const bench::ChildResult result =
+          options.withoutSafetyNet
+              ? bench::runChild({mavrel, "migrate", "--no-safety-net", "--root", image})
+              : bench::runChild({mavrel, "migrate", "--root", image});
       if (result.status != 0)
         bench::die("mavrel migrate failed with status " + std::to_string(result.status) +
                    " (image " + image + " kept)");
@@ -150,8 +164,8 @@ int main(int argc, char** argv) {
     const std::string workload = "legacy image of " + count + " apps (mavrel-mkimage --apps " +
                                  count + " --seed " + seed + "), written back before each run";
     const bench::Measurement measurement =
-        bench::measure({"mavrel migrate", "migration_lower_bound", workload, "<= 3.0"},
-                       options.repetitions, regenerate, ours, peer);
+        bench::measure({ourName, "migration_lower_bound", workload, "<= 3.0"}, options.repetitions,
+                       regenerate, ours, peer);
     bench::printRow(options.verbose, measurement);
     std::printf("image: %s", summary.c_str());
     const SizeResult result{applications, bench::median(measurement.ours),
@@ -162,14 +176,15 @@ int main(int argc, char** argv) {
     const double oursCPU = bench::median(oursProcessor);
     const double peerCPU = bench::median(peerProcessor);
     char line[320];
-    std::snprintf(
-        line, sizeof line,
-        "mavrel migrate, %zu apps: %.0f apps/s, %.2f ms per app (lower bound %.2f ms), "
-        "processor time %.2f s (lower bound %.2f s, ratio %.1f), peak resident set "
-        "%.1f MiB; load average after: %s",
-        applications, applications / result.ours, 1000 * result.ours / applications,
-        1000 * result.peer / applications, oursCPU, peerCPU, peerCPU > 0 ? oursCPU / peerCPU : 0.0,
-        static_cast<double>(result.peakResidentKilobytes) / 1024.0, loadAverage().c_str());
+    std::snprintf(line, sizeof line,
+                  "%s, %zu apps: %.0f apps/s, %.2f ms per app (lower bound %.2f ms), "
+                  "processor time %.2f s (lower bound %.2f s, ratio %.1f), peak resident set "
+                  "%.1f MiB; load average after: %s",
+                  ourName.c_str(), applications, applications / result.ours,
+                  1000 * result.ours / applications, 1000 * result.peer / applications, oursCPU,
+                  peerCPU, peerCPU > 0 ? oursCPU / peerCPU : 0.0,
+                  static_cast<double>(result.peakResidentKilobytes) / 1024.0,
+                  loadAverage().c_str());
     bench::printNote(line);
 
     // The safety net's cost, at the first size only: the same migration with

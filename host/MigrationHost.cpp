@@ -324,8 +324,12 @@ int migrateWithLogs(MigrationRun& run, const std::string& root,
   std::optional<UserDataManifest> manifest;
   if (options.verify) manifest = recordUserData(run.console);
   CVError installerError;
+  mavrel_installer::InstallerServiceOptions installerOptions;
+  // The migrator stages its placeholders there and removes them afterwards.
+  installerOptions.temporaryDirectory =
+      deviceRoot.rootURL().URLByAppendingPathComponent(kTemporaryDirectory, true).path();
   const auto installer = mavrel_installer::EmbeddedInstallerService::open(
-      CVGlobalConfiguration::sharedInstance(), &installerError);
+      CVGlobalConfiguration::sharedInstance(), &installerError, installerOptions);
   if (!installer)
     return refuse(run,
                   "cannot open the application registry: " + installerError.localizedDescription());

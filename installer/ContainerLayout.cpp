@@ -1,5 +1,7 @@
 #include "installer/ContainerLayout.h"
 
+#include <cerrno>
+
 #include "installer/RandomUUID.h"
 #include "platform/FileIOPosix.h"
 
@@ -62,6 +64,32 @@ bool makeDataContainer(const std::string& path, const ItemOwner& owner, CVError*
   if (!makeOwnedDirectory(path, kContainerMode, owner, error)) return false;
   for (const std::string_view entry : kDataContainerSkeleton) {
     if (!makeOwnedDirectory(path + "/" + std::string(entry), kContainerMode, owner, error)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool completeDataContainer(const std::string& path, const ItemOwner& owner, CVError* error) {
+  // The first entry of a top-level name that mkdir makes marks the name as
+  // made here; its nested entries follow only then. EEXIST settles "there"
+  // without a separate lookup and never follows a link.
+  std::string_view madeTop;
+  for (const std::string_view entry : kDataContainerSkeleton) {
+    const std::size_t slash = entry.find('/');
+    const std::string entryPath = path + "/" + std::string(entry);
+    if (slash != std::string_view::npos) {
+      if (entry.substr(0, slash) != madeTop) continue;
+      if (!makeOwnedDirectory(entryPath, kContainerMode, owner, error)) return false;
+      continue;
+    }
+    CVError makeError;
+    if (makeOwnedDirectory(entryPath, kContainerMode, owner, &makeError)) {
+      madeTop = entry;
+    } else if (makeError.isPOSIX(EEXIST)) {
+      madeTop = {};
+    } else {
+      CVSetError(error, makeError);
       return false;
     }
   }

@@ -64,4 +64,11 @@ inline constexpr std::string_view kDataContainerSkeleton[] = {
 // its skeleton, all with kContainerMode and `owner`.
 bool makeDataContainer(const std::string& path, const ItemOwner& owner, CVError* error);
 
+// Gives the existing data container `path` the top-level skeleton entries it
+// lacks ("Documents", "Library", "tmp"), each made whole ("Library" with its
+// "Caches" and "Preferences"). An entry that is there, whatever it is, is
+// left as it is and nothing is made inside it: the result is the container a
+// full skeleton would have given once the items present had replaced theirs.
+bool completeDataContainer(const std::string& path, const ItemOwner& owner, CVError* error);
+
 }  // namespace mavrel_installer

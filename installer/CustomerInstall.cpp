@@ -230,7 +230,18 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
     if (plugin != request.identifier) entry.vpnPluginIdentifier = plugin;
   }
   entry.installedFrom = relative(*origin);
-  if (!prepareContainers(preparation, facts->groups, &failure)) return restoreAndFail(failure);
+  if (!prepareContainers(preparation, facts->groups, DataContainerShape::Complete, &failure))
+    return restoreAndFail(failure);
+  // A placeholder's data container may still be bare; it is completed before
+  // the application that replaces the placeholder is registered.
+  if (existing && existing->kind == ApplicationKind::Placeholder &&
+      !existing->dataContainer.empty()) {
+    const std::string data = layout_.absolute(existing->dataContainer);
+    if (CVError completeError; !completeDataContainer(data, owner_, &completeError)) {
+      return restoreAndFail({InstallError::ContainerCreationFailed, data, completeError});
+    }
+    barePlaceholders_.erase(request.identifier);
+  }
   preparation.steps.insert(preparation.steps.end(), cleanup.begin(), cleanup.end());
   if (existing && !existing->bundleContainer.empty()) {
     preparation.steps.push_back({JournalStep::Action::Remove, existing->bundleContainer, {}});

@@ -72,6 +72,7 @@ std::unique_ptr<EmbeddedInstallerService> EmbeddedInstallerService::open(
   std::unique_ptr<EmbeddedInstallerService> service(
       new EmbeddedInstallerService(configuration, ContainerLayout(*root, *home)));
   service->flushOnClose_ = options.flushOnClose;
+  service->temporaryDirectory_ = options.temporaryDirectory;
   if (!service->setUp(error)) return nullptr;
   return service;
 }
@@ -119,6 +120,17 @@ bool EmbeddedInstallerService::setUp(CVError* error) {
       return false;
     }
   }
+  // Packages are taken from the temporary directory only when it lies inside
+  // the image, on the staging root's file system, and is none of the
+  // installer's own places.
+  if (!temporaryDirectory_.empty()) {
+    const auto resolved = canonicalPath(temporaryDirectory_);
+    temporaryDirectory_.clear();
+    if (resolved && pathIsWithin(*resolved, layout_.root()) && *resolved != layout_.root() &&
+        !isProtectedLocation(*resolved) && itemKindAtPath(*resolved) == ItemKind::Directory &&
+        deviceOfPath(*resolved) == stagingDevice)
+      temporaryDirectory_ = *resolved;
+  }
   // Only a privileged process may give what it installs away.
   if (::geteuid() == 0) owner_ = ItemOwner{configuration_.uid(), configuration_.gid(), true};
 
@@ -131,7 +143,11 @@ bool EmbeddedInstallerService::setUp(CVError* error) {
   loadBuiltInApplications();
   blacklist_ = configuration_.installationBlacklist();
   metadataItemNames_ = configuration_.appBundleMetadataItemNames();
-  return recoverPendingInstalls(*store_, layout_, stagingRoot_, &recovery_, error);
+  if (!recoverPendingInstalls(*store_, layout_, stagingRoot_, &recovery_, error)) return false;
+  // A session that ended without closing may have left placeholders' data
+  // containers bare.
+  completePlaceholderDataContainers(nullptr);
+  return true;
 }
 
 bool EmbeddedInstallerService::lockRegistry(CVError* error) {
@@ -176,6 +192,10 @@ void EmbeddedInstallerService::loadBuiltInApplications() {
 
 EmbeddedInstallerService::~EmbeddedInstallerService() {
   std::lock_guard lock(mutex_);
+  if (store_ && !barePlaceholders_.empty()) {
+    completePlaceholderDataContainers(&barePlaceholders_);
+    barePlaceholders_.clear();
+  }
   if (store_ && !doneJournal_.empty()) {
     WriteTransaction transaction(store_->database());
     CVError error;
@@ -293,7 +313,7 @@ std::optional<ApplicationEntry> EmbeddedInstallerService::registerSystemApplicat
                "the bundle " + builtIn.bundlePath + " names more than " +
                    std::to_string(kMaximumApplicationGroups) + " application groups",
                {}};
-  } else if (prepareContainers(preparation, groups, &failure) &&
+  } else if (prepareContainers(preparation, groups, DataContainerShape::Complete, &failure) &&
              registerAndFinish(preparation, std::nullopt, &failure)) {
     platform::logInstaller(platform::kLogLevelNotice, kRegistryFunction,
                            "Made the data container %s of the built-in application %@",

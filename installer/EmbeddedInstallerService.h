@@ -12,9 +12,15 @@
 // ".app" and at most one ".vpnplugin", store metadata items beside "Payload")
 // is consumed: one rename moves it into the installer's staging root, it is
 // checked there and, rearranged by renames, becomes the new bundle container.
-// A placeholder package (an ".app" directory) is copied, marked as a
-// placeholder and stored with its store metadata. A replaced bundle's data
-// container is kept.
+// A placeholder package (an ".app" directory) is marked as a placeholder and
+// stored with its store metadata: taken by rename when it lies in the
+// device's temporary directory (the caller's own disposable copy, see
+// InstallerServiceOptions), copied otherwise. Its data container is made
+// bare, for the user data the migrator moves in next; the skeleton entries
+// the data leaves missing are made by the customer install that replaces the
+// placeholder (before it registers), and for the placeholders still there
+// when the service closes, or opens after a session that never closed. A
+// replaced bundle's data container is kept.
 // Built-in applications of the image are known as installed "System"
 // applications; their data containers are made on first need, and installing
 // one is refused as "ApplicationAlreadyInstalled".
@@ -65,6 +71,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -97,6 +104,11 @@ struct InstallerServiceOptions {
   // durability notes). Tests that open and close many services turn it off;
   // it makes no difference to what survives the process being killed.
   bool flushOnClose = true;
+  // The device's temporary directory, where callers stage the placeholder
+  // packages they remove after the install. A placeholder package inside it
+  // (on the image's file system) is taken by rename instead of copied; one
+  // anywhere else is only read. Empty: every package is copied.
+  std::string temporaryDirectory;
 };
 
 class EmbeddedInstallerService final : public platform::InstallerService,
@@ -200,9 +212,16 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   bool discardStagingDirectory(const std::string& origin);
   // Prepares (in the staging root) the data container the entry lacks and
   // the group containers not yet known, and adds the steps that put them in
-  // place.
+  // place. A bare data container is the directory alone, its skeleton left to
+  // completePlaceholderDataContainers or the customer install.
+  enum class DataContainerShape { Complete, Bare };
   bool prepareContainers(Preparation& preparation, const std::vector<std::string>& groups,
-                         InstallFailure* failure);
+                         DataContainerShape shape, InstallFailure* failure);
+  // Gives the data containers of the registered placeholders (`only` when
+  // given: those of these identifiers) the skeleton entries they lack. A
+  // container that cannot be completed is logged and left for the next
+  // attempt; false when one could not be.
+  bool completePlaceholderDataContainers(const std::set<std::string, std::less<>>* only);
   // Commits the entry with its finish steps (replacing `journal` when given),
   // then performs the steps.
   bool registerAndFinish(Preparation& preparation, std::optional<std::int64_t> journal,
@@ -219,6 +238,7 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   ContainerLayout layout_;
   std::string dataDirectory_;
   std::string stagingRoot_;
+  std::string temporaryDirectory_;  // resolved; "" when packages are never taken
   std::string registryPath_;
   ItemOwner owner_;
   std::map<std::string, BuiltInApplication, std::less<>> builtIns_;
@@ -231,6 +251,9 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   RecoveryReport recovery_;
   bool flushOnClose_ = true;
   bool changed_ = false;  // something was committed since opening
+  // Placeholders installed in this session whose data containers were made
+  // bare and are not complete yet.
+  std::set<std::string, std::less<>> barePlaceholders_;
   std::recursive_mutex mutex_;
 };
 

@@ -74,6 +74,7 @@ bool EmbeddedInstallerService::discardStagingDirectory(const std::string& origin
 
 bool EmbeddedInstallerService::prepareContainers(Preparation& preparation,
                                                  const std::vector<std::string>& groups,
+                                                 DataContainerShape shape,
                                                  InstallFailure* failure) {
   ApplicationEntry& entry = preparation.entry;
   CVError error;
@@ -81,7 +82,10 @@ bool EmbeddedInstallerService::prepareContainers(Preparation& preparation,
     const auto target = layout_.newContainerPath(ContainerClass::Data);
     const auto prepared = newStagingPath(failure);
     if (!prepared) return false;
-    if (!target || !makeDataContainer(*prepared, owner_, &error)) {
+    const bool made = shape == DataContainerShape::Bare
+                          ? makeOwnedDirectory(*prepared, kContainerMode, owner_, &error)
+                          : makeDataContainer(*prepared, owner_, &error);
+    if (!target || !made) {
       preparation.prepared.push_back(*prepared);  // whatever of it was made
       *failure = containerFailure("cannot make a data container for " + entry.identifier, error);
       return false;
@@ -118,6 +122,42 @@ bool EmbeddedInstallerService::prepareContainers(Preparation& preparation,
     entry.groups.push_back(GroupMembership{group, *container});
   }
   return true;
+}
+
+bool EmbeddedInstallerService::completePlaceholderDataContainers(
+    const std::set<std::string, std::less<>>* only) {
+  std::vector<ApplicationEntry> entries;
+  if (only != nullptr) {
+    for (const std::string& identifier : *only) {
+      std::optional<ApplicationEntry> entry;
+      CVError error;
+      if (!store_->findApplication(identifier, entry, &error)) {
+        platform::logInstaller(platform::kLogLevelError, kFunction,
+                               "Could not look up %@ to complete its data container: %@",
+                               identifier, error);
+        return false;
+      }
+      if (entry) entries.push_back(std::move(*entry));
+    }
+  } else if (CVError error; !store_->listApplications(entries, &error)) {
+    platform::logInstaller(platform::kLogLevelError, kFunction,
+                           "Could not list the placeholders to complete their data containers: %@",
+                           error);
+    return false;
+  }
+  bool completed = true;
+  for (const ApplicationEntry& entry : entries) {
+    if (entry.kind != ApplicationKind::Placeholder || entry.dataContainer.empty()) continue;
+    const std::string container = layout_.absolute(entry.dataContainer);
+    CVError error;
+    if (!completeDataContainer(container, owner_, &error)) {
+      platform::logInstaller(platform::kLogLevelError, kFunction,
+                             "Could not complete the data container %s of %@: %@", container,
+                             entry.identifier, error);
+      completed = false;
+    }
+  }
+  return completed;
 }
 
 bool EmbeddedInstallerService::beginWrite(WriteTransaction& transaction, CVError* error) {

@@ -11,6 +11,7 @@
 
 #include "platform/FileIOPosix.h"
 #include "platform/linux/FileDescriptor.h"
+#include "platform/linux/PathResolution.h"
 
 namespace mavrel_installer {
 namespace {
@@ -116,10 +117,9 @@ bool writeNewFile(const std::string& path, std::span<const std::uint8_t> bytes, 
 }
 
 std::optional<std::string> canonicalPath(const std::string& path) {
-  const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
-                                                             &std::free);
-  if (!resolved) return std::nullopt;
-  return std::string(resolved.get());
+  std::string resolved;
+  if (platform::sys::resolveExistingPath(path.c_str(), &resolved) != 0) return std::nullopt;
+  return resolved;
 }
 
 bool pathIsWithin(std::string_view path, std::string_view base) {

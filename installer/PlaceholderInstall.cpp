@@ -1,8 +1,9 @@
 // Installing a placeholder package: an ".app" directory that the caller
-// keeps (and removes) itself.
+// removes itself afterwards.
 //
-// The bundle is copied into a bundle container prepared in the staging root,
-// checked, marked as a placeholder and given its store metadata; a data
+// The bundle is moved (from the device's temporary directory) or copied
+// (from anywhere else) into a bundle container prepared in the staging root,
+// checked, marked as a placeholder and given its store metadata; a bare data
 // container is prepared beside it. Until the one commit that registers it,
 // everything lives in the staging root, which the next opening sweeps after a
 // crash; after the commit the journal's finish steps rename it into place.
@@ -56,7 +57,14 @@ bool EmbeddedInstallerService::installPlaceholder(const std::string& url,
   // The placeholder's bundle container is prepared as an entry of the
   // staging root and renamed into place once registered.
   Preparation preparation;
+  std::string takenFrom, takenTo;  // a package taken by rename, and where it went
   const auto discardAndFail = [&](const InstallFailure& reason) {
+    if (!takenFrom.empty()) {
+      if (CVError renameError; !renameItem(takenTo, takenFrom, &renameError)) {
+        platform::logInstaller(platform::kLogLevelError, kFunction,
+                               "Could not put the package %s back: %@", takenFrom, renameError);
+      }
+    }
     discardStagingItems(preparation.prepared);
     return progress.fail(kFunction, reason, error);
   };
@@ -69,8 +77,18 @@ bool EmbeddedInstallerService::installPlaceholder(const std::string& url,
     return discardAndFail({InstallError::ContainerCreationFailed, *prepared, makeError});
   }
   preparation.prepared.push_back(*prepared);
-  if (CVError copyError; !fileManager.copyItemAtURL(
-          CVURL::fileURLWithPath(*source, true), CVURL::fileURLWithPath(copy, true), &copyError)) {
+  // The caller's disposable package is taken whole; any other is copied and
+  // left where it is. A taken package goes back when the install fails; a
+  // crash leaves it in the staging root, which the next opening sweeps.
+  if (!temporaryDirectory_.empty() && pathIsWithin(*source, temporaryDirectory_) &&
+      *source != temporaryDirectory_) {
+    if (CVError renameError; !renameItem(*source, copy, &renameError))
+      return discardAndFail({InstallError::BundleCopyFailed, *source, renameError});
+    takenFrom = *source;
+    takenTo = copy;
+  } else if (CVError copyError;
+             !fileManager.copyItemAtURL(CVURL::fileURLWithPath(*source, true),
+                                        CVURL::fileURLWithPath(copy, true), &copyError)) {
     return discardAndFail({InstallError::BundleCopyFailed, *source, copyError});
   }
   faultPoint("placeholder copied");
@@ -105,12 +123,20 @@ bool EmbeddedInstallerService::installPlaceholder(const std::string& url,
       {JournalStep::Action::Rename, relative(*prepared), relative(*bundleContainer)});
   preparation.entry = entryForBundle(request, ApplicationKind::Placeholder, *facts,
                                      *bundleContainer, bundleName, existing);
-  if (!prepareContainers(preparation, facts->groups, &failure)) return discardAndFail(failure);
+  // The data container is made bare: the migrator moves the user data in
+  // next, and whatever skeleton entries the data leaves missing are made when
+  // the placeholder is replaced or the session ends.
+  const bool newDataContainer = preparation.entry.dataContainer.empty();
+  if (!prepareContainers(preparation, facts->groups, DataContainerShape::Bare, &failure))
+    return discardAndFail(failure);
   if (existing && !existing->bundleContainer.empty()) {
     preparation.steps.push_back({JournalStep::Action::Remove, existing->bundleContainer, {}});
   }
 
   progress.report(kStatusRegistering);
+  // Remembered before registering: an install registered whose finish fails
+  // still has its data container completed when the session ends.
+  if (newDataContainer) barePlaceholders_.insert(request.identifier);
   if (!registerAndFinish(preparation, std::nullopt, &failure)) {
     if (failure.error == InstallError::RegistryFailure) return discardAndFail(failure);
     return progress.fail(kFunction, failure, error);

@@ -51,7 +51,7 @@ bool EmbeddedInstallerService::registerPluginDataContainer(PluginEntry& plugin) 
     return store_->setPluginDataContainer(plugin.identifier, preparation.entry.dataContainer,
                                           error);
   };
-  if (prepareContainers(preparation, {}, &failure) &&
+  if (prepareContainers(preparation, {}, DataContainerShape::Complete, &failure) &&
       commitAndFinish(preparation, std::nullopt, record, &failure)) {
     plugin.dataContainer = preparation.entry.dataContainer;
     platform::logInstaller(platform::kLogLevelNotice, kRegistryFunction,

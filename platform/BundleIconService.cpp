@@ -13,6 +13,7 @@
 #include "platform/ImageScaling.h"
 #include "platform/Log.h"
 #include "platform/PNGCodec.h"
+#include "platform/RecentResults.h"
 
 namespace platform {
 namespace {
@@ -76,21 +77,46 @@ std::optional<std::vector<std::uint8_t>> readIconFile(const CVURL& url) {
   return bytes;
 }
 
-std::optional<Image> decodeIconFile(const CVURL& url) {
-  const std::optional<std::vector<std::uint8_t>> bytes = readIconFile(url);
-  if (!bytes) return std::nullopt;
-  CVError error;
-  std::optional<Image> image = decodePNG(*bytes, kIconDecodeLimits, &error);
-  if (!image) {
-    logInstaller(kLogLevelDebug, kLogFunction, "Icon %@ not decoded: %@", url.path(),
-                 error.localizedDescription());
-  }
-  return image;
+std::optional<Image> toHomeScreenSize(Image image) {
+  if (image.width == kHomeScreenIconSide && image.height == kHomeScreenIconSide) return image;
+  return scaleImageByAreaAveraging(image, kHomeScreenIconSide, kHomeScreenIconSide);
 }
 
+// Home-screen icons made from the bytes of icon files. Applications built
+// from one template ship the same icon file, so each distinct file is
+// decoded and scaled once; the entries are small (120 x 120 pixels).
+RecentResults<Image>& recentIcons() {
+  static RecentResults<Image>* const icons = new RecentResults<Image>(16);
+  return *icons;
+}
+
+// The home-screen icon made from the bytes of the icon file at `url`.
+std::optional<Image> homeScreenIconFromBytes(const CVURL& url,
+                                             const std::vector<std::uint8_t>& bytes) {
+  return recentIcons().findOrMake(bytes, [&]() -> std::optional<Image> {
+    CVError error;
+    std::optional<Image> image = decodePNG(bytes, kIconDecodeLimits, &error);
+    if (!image) {
+      logInstaller(kLogLevelDebug, kLogFunction, "Icon %@ not decoded: %@", url.path(),
+                   error.localizedDescription());
+      return std::nullopt;
+    }
+    return toHomeScreenSize(std::move(*image));
+  });
+}
+
+std::optional<Image> homeScreenIconFromFile(const CVURL& url) {
+  const std::optional<std::vector<std::uint8_t>> bytes = readIconFile(url);
+  if (!bytes) return std::nullopt;
+  return homeScreenIconFromBytes(url, *bytes);
+}
+
+// A named file that exists, with its bytes (read once: ranked by header,
+// decoded from the same bytes).
 struct Candidate {
   CVURL url;
   std::uint64_t pixelCount = 0;
+  std::vector<std::uint8_t> bytes;
 };
 
 // The named files that exist and carry a PNG header within the decoding
@@ -99,8 +125,8 @@ std::vector<Candidate> rankedCandidates(const CVURL& bundleURL,
                                         const std::vector<std::string>& names) {
   std::vector<Candidate> candidates;
   for (const std::string& name : names) {
-    Candidate candidate{bundleURL.URLByAppendingPathComponent(name, false), 0};
-    const std::optional<std::vector<std::uint8_t>> bytes = readIconFile(candidate.url);
+    Candidate candidate{bundleURL.URLByAppendingPathComponent(name, false), 0, {}};
+    std::optional<std::vector<std::uint8_t>> bytes = readIconFile(candidate.url);
     if (!bytes) continue;
     const std::optional<PNGHeader> header = peekPNGHeader(*bytes, nullptr);
     if (!header || header->width > kIconDecodeLimits.maxWidth ||
@@ -110,17 +136,13 @@ std::vector<Candidate> rankedCandidates(const CVURL& bundleURL,
       continue;
     }
     candidate.pixelCount = header->pixelCount();
+    candidate.bytes = std::move(*bytes);
     candidates.push_back(std::move(candidate));
   }
   std::stable_sort(
       candidates.begin(), candidates.end(),
       [](const Candidate& a, const Candidate& b) { return a.pixelCount > b.pixelCount; });
   return candidates;
-}
-
-std::optional<Image> toHomeScreenSize(Image image) {
-  if (image.width == kHomeScreenIconSide && image.height == kHomeScreenIconSide) return image;
-  return scaleImageByAreaAveraging(image, kHomeScreenIconSide, kHomeScreenIconSide);
 }
 
 class BundleIconService final : public IconService {
@@ -131,24 +153,21 @@ class BundleIconService final : public IconService {
     // decoded; a file whose header promises more but whose data is bad gives
     // way to the next.
     for (const Candidate& candidate : rankedCandidates(bundle.url(), names)) {
-      if (std::optional<Image> image = decodeIconFile(candidate.url)) {
-        return toHomeScreenSize(std::move(*image));
+      if (std::optional<Image> icon = homeScreenIconFromBytes(candidate.url, candidate.bytes)) {
+        return icon;
       }
     }
     const std::string fallbackName(kBundleDefaultIconFileName);
     if (std::find(names.begin(), names.end(), fallbackName) != names.end()) return std::nullopt;
-    if (std::optional<Image> image =
-            decodeIconFile(bundle.url().URLByAppendingPathComponent(fallbackName, false))) {
-      return toHomeScreenSize(std::move(*image));
-    }
-    return std::nullopt;
+    return homeScreenIconFromFile(bundle.url().URLByAppendingPathComponent(fallbackName, false));
   }
 };
 
 }  // namespace
 
 IconService& defaultIconService() {
-  // Stateless, and never destroyed, so it stays usable during process exit.
+  // Holds nothing but its memo of recent icons, and is never destroyed, so it stays usable during
+  // process exit.
   static BundleIconService* const service = new BundleIconService;
   return *service;
 }

@@ -1,10 +1,32 @@
+#include <cstring>
 #include <new>
 #include <utility>
 
 #include "platform/Image.h"
 #include "platform/PNGCodec.h"
+#include "platform/RecentResults.h"
 
 namespace platform {
+namespace {
+
+// PNG encodings of recent images: the same icon is added again and again
+// when applications share it, and is encoded once.
+RecentResults<std::vector<std::uint8_t>>& recentEncodings() {
+  static RecentResults<std::vector<std::uint8_t>>* const encodings =
+      new RecentResults<std::vector<std::uint8_t>>(16);
+  return *encodings;
+}
+
+// What identifies an image for its encoding: its sides, then its pixels.
+std::vector<std::uint8_t> imageKey(const Image& image) {
+  std::vector<std::uint8_t> key(8 + image.pixels.size());
+  std::memcpy(key.data(), &image.width, 4);
+  std::memcpy(key.data() + 4, &image.height, 4);
+  if (!image.pixels.empty()) std::memcpy(key.data() + 8, image.pixels.data(), image.pixels.size());
+  return key;
+}
+
+}  // namespace
 
 std::unique_ptr<ImageDestination> PVImageDestinationCreateWithData(std::vector<std::uint8_t>* data,
                                                                    std::string_view type,
@@ -28,8 +50,9 @@ bool PVImageDestinationFinalize(ImageDestination& destination) {
   data.clear();
   if (destination.images_.size() != destination.count_) return false;
   destination.finalized_ = true;
+  const Image& image = destination.images_.front();
   std::optional<std::vector<std::uint8_t>> encoded =
-      encodePNG(destination.images_.front(), nullptr);
+      recentEncodings().findOrMake(imageKey(image), [&image] { return encodePNG(image, nullptr); });
   destination.images_.clear();
   if (!encoded) return false;
   data = std::move(*encoded);

@@ -11,6 +11,7 @@
 #include "platform/PropertyListBinary.h"
 #include "platform/PropertyListGuard.h"
 #include "platform/PropertyListNodes.h"
+#include "platform/RecentResults.h"
 
 namespace platform {
 namespace {
@@ -21,6 +22,14 @@ struct ParseOutcome {
   std::optional<CVValue> value;
   std::string reason;  // why there is no value
 };
+
+// Files up to this size have their parses kept in a small memo.
+constexpr std::size_t kMaxRecentParseSize = 64 * 1024;
+
+RecentResults<CVValue>& recentParses() {
+  static RecentResults<CVValue>* const parses = new RecentResults<CVValue>(8);
+  return *parses;
+}
 
 ParseOutcome parseBytes(std::span<const std::uint8_t> bytes, const PropertyListLimits& limits) {
   if (bytes.empty()) return {std::nullopt, "the data is empty"};
@@ -117,7 +126,24 @@ std::optional<CVValue> readPropertyList(const CVURL& url, CVError* error,
                              readError));
     return std::nullopt;
   }
-  ParseOutcome outcome = parseBytes(*bytes, limits);
+  ParseOutcome outcome;
+  if (bytes->size() <= kMaxRecentParseSize) {
+    // The same small file is often read again by the next step (a bundle's
+    // Info.plist by classification, placeholder and install): its bytes are
+    // parsed once.
+    std::vector<std::uint8_t> key(sizeof limits.maxFileSize + sizeof limits.maxObjects);
+    std::memcpy(key.data(), &limits.maxFileSize, sizeof limits.maxFileSize);
+    std::memcpy(key.data() + sizeof limits.maxFileSize, &limits.maxObjects,
+                sizeof limits.maxObjects);
+    key.insert(key.end(), bytes->begin(), bytes->end());
+    outcome.value = recentParses().findOrMake(key, [&]() -> std::optional<CVValue> {
+      ParseOutcome parsed = parseBytes(*bytes, limits);
+      outcome.reason = std::move(parsed.reason);
+      return std::move(parsed.value);
+    });
+  } else {
+    outcome = parseBytes(*bytes, limits);
+  }
   if (!outcome.value) {
     CVSetError(error, platformError(kPlatformPropertyListReadCorruptError,
                                     readFailureDescription(url, outcome.reason)));

@@ -144,6 +144,17 @@ class Walk {
 int Walk::run(unsigned flags) {
   if ((flags & kTreeWipeRecursive) == 0) return removeRootAlone();
 
+  // An empty directory (common: a staging directory emptied by renames) goes
+  // with one call. rmdir never follows a final link and refuses a mount point
+  // (EBUSY); everything but success, a missing root or a non-directory takes
+  // the walk below, which reports it as it always has.
+  if (::rmdir(root_) == 0) return 0;
+  if (const int error = errno; error == ENOENT) {
+    return -1;
+  } else if (error == ENOTDIR) {
+    return removeRootNonDirectory();
+  }
+
   UniqueFd root = openDirectory(root_, FinalLink::NotFollowed);
   if (!root) {
     const int error = errno;

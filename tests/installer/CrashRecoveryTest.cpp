@@ -43,17 +43,23 @@ class SilentSink final : public platform::LogSink {
 // The image's applications and packages, by role.
 struct Scenario {
   std::string root;          // the image
-  std::string placeholders;  // the migrator's temporary directory, outside the image
+  std::string placeholders;  // the device's temporary directory, where the migrator stages
   std::string home() const { return root + "/private/var/mobile"; }
   std::string staging(const std::string& container) const {
     return home() + "/Applications/" + container + "/Staging";
+  }
+  // Placeholder packages staged there are taken by rename.
+  mavrel_installer::InstallerServiceOptions options() const {
+    mavrel_installer::InstallerServiceOptions options = kNoFlush;
+    options.temporaryDirectory = placeholders;
+    return options;
   }
 };
 
 // Runs in the child. Returns the number of the step that failed, or 0.
 int runScenario(const Scenario& scenario) {
   CVGlobalConfiguration configuration{platform::DeviceRoot(scenario.root)};
-  auto service = EmbeddedInstallerService::open(configuration, nullptr, kNoFlush);
+  auto service = EmbeddedInstallerService::open(configuration, nullptr, scenario.options());
   if (!service) return 10;
   const auto install = [&service](const std::string& path, const CVDictionary& options) {
     return service->installApplication(CVURL::fileURLWithPath(path, true), options, nullptr, {});
@@ -64,6 +70,7 @@ int runScenario(const Scenario& scenario) {
   const auto alpha = service->bundleRecordForIdentifier("com.example.alpha");
   if (!alpha || alpha->dataContainerURL.isNil()) return 12;
   // The user's data, moved in by the migrator.
+  std::filesystem::create_directory(alpha->dataContainerURL.path() + "/Documents");
   std::ofstream(alpha->dataContainerURL.path() + "/Documents/user.txt") << "precious";
   if (!service->bundleRecordForIdentifier("com.zentrel.weather")) return 13;
   if (!install(scenario.staging("A1"), customerOptions("com.example.alpha"))) return 14;
@@ -87,7 +94,7 @@ class CrashRecoveryTest : public ::testing::Test {
     writeBundle(root + "/Applications/weather.app", weather);
     BundleSpec alphaPlaceholder{"com.example.alpha"};
     alphaPlaceholder.executable.clear();
-    writeBundle(template_ + "/placeholders/com.example.alpha.app", alphaPlaceholder);
+    writeBundle(root + "/private/var/tmp/mavrel/com.example.alpha.app", alphaPlaceholder);
     BundleSpec alpha2{"com.example.alpha"};
     alpha2.version = "2";
     alpha2.groups = {"group.example.shared", "group.example.alpha"};
@@ -108,7 +115,7 @@ class CrashRecoveryTest : public ::testing::Test {
   Scenario copyTemplate(const TemporaryDirectory& directory) {
     const std::string base = std::filesystem::canonical(directory.path()).string();
     std::filesystem::copy(template_, base, std::filesystem::copy_options::recursive);
-    return Scenario{base + "/image", base + "/placeholders"};
+    return Scenario{base + "/image", base + "/image/private/var/tmp/mavrel"};
   }
 
   // Runs the scenario in a child killed at the Nth point (0: never).
@@ -138,7 +145,7 @@ void CrashRecoveryTest::checkInvariants(const Scenario& scenario, long killAt) {
   SCOPED_TRACE("killed at point " + std::to_string(killAt));
   CVGlobalConfiguration configuration{platform::DeviceRoot(scenario.root)};
   CVError error;
-  auto service = EmbeddedInstallerService::open(configuration, &error, kNoFlush);
+  auto service = EmbeddedInstallerService::open(configuration, &error, scenario.options());
   ASSERT_TRUE(service) << error.description();
   const auto listing = mavrel_installer::readRegistryListing(configuration, &error);
   ASSERT_TRUE(listing) << error.description();
@@ -169,6 +176,10 @@ void CrashRecoveryTest::checkInvariants(const Scenario& scenario, long killAt) {
   EXPECT_EQ(entriesAsPaths(layout.directoryFor(mavrel_installer::ContainerClass::Data)), data);
   EXPECT_EQ(entriesAsPaths(layout.directoryFor(mavrel_installer::ContainerClass::Group)), groups);
 
+  // Not killed, the scenario ends with the user's data in place.
+  if (killAt == 0) {
+    EXPECT_TRUE(pathExists(alphaData + "/Documents/user.txt")) << alphaData;
+  }
   // The user's data lives in the registered data container, and only there.
   for (const std::string& container : data) {
     if (pathExists(container + "/Documents/user.txt")) {

@@ -75,7 +75,7 @@ void InstallerFixture::SetUp() {
 
 void InstallerFixture::openService() {
   CVError error;
-  service_ = mavrel_installer::EmbeddedInstallerService::open(*configuration_, &error, kNoFlush);
+  service_ = mavrel_installer::EmbeddedInstallerService::open(*configuration_, &error, options_);
   ASSERT_TRUE(service_) << error.description();
 }
 

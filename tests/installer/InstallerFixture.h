@@ -16,7 +16,8 @@
 namespace installer_test {
 
 // Tests open and close many services: none of them flushes the file system.
-inline constexpr mavrel_installer::InstallerServiceOptions kNoFlush{.flushOnClose = false};
+inline const mavrel_installer::InstallerServiceOptions kNoFlush{.flushOnClose = false,
+                                                                .temporaryDirectory = {}};
 
 // What one install call gave back.
 struct InstallOutcome {
@@ -101,6 +102,7 @@ class InstallerFixture : public ::testing::Test {
   }
 
   testing_support::DeviceImage image_;
+  mavrel_installer::InstallerServiceOptions options_ = kNoFlush;  // of the next opening
   std::unique_ptr<CVGlobalConfiguration> configuration_;
   std::unique_ptr<mavrel_installer::EmbeddedInstallerService> service_;
   std::string root_;

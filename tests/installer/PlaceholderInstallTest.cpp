@@ -2,6 +2,8 @@
 // data container, and a customer install taking its place later.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/installer/InstallerFixture.h"
 #include "tests/support/TestSupport.h"
@@ -41,8 +43,12 @@ TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
   EXPECT_EQ(readFile(container + "/com.example.maps.app/Icon.png"), "png bytes");
   const std::string stored = readFile(container + "/SorvikMetadata.plist");
   EXPECT_EQ(CVData(stored.begin(), stored.end()), metadata);
-  EXPECT_EQ(entriesOf(placeholder->dataContainerURL.path()),
-            (std::vector<std::string>{"Documents", "Library", "tmp"}));
+  // Bare until the user data has come in; completed when the session ends.
+  const std::string data = placeholder->dataContainerURL.path();
+  EXPECT_EQ(entriesOf(data), std::vector<std::string>{});
+  reopen();
+  EXPECT_EQ(entriesOf(data), (std::vector<std::string>{"Documents", "Library", "tmp"}));
+  EXPECT_EQ(entriesOf(data + "/Library"), (std::vector<std::string>{"Caches", "Preferences"}));
 
   // The caller's package is only read: it stays, unmarked.
   EXPECT_TRUE(pathExists(package + "/Info.plist"));
@@ -109,6 +115,63 @@ TEST_F(PlaceholderInstallTest, APlaceholderReplacesAPlaceholderButNeverAnApplica
   EXPECT_FALSE(refused.succeeded);
   EXPECT_EQ(refused.errorName(), "ApplicationAlreadyInstalled");
   EXPECT_EQ(record("com.example.news")->bundleContainerURL, installed->bundleContainerURL);
+  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
+}
+
+// A package in the device's temporary directory is taken, not copied, and
+// given back when the install fails; the skeleton entries the user data
+// leaves missing are made, and only those, when the placeholder is replaced
+// or the session ends without a replacement.
+TEST_F(PlaceholderInstallTest, TakesPackagesFromTheTemporaryDirectoryAndCompletesTheDataLater) {
+  const std::string temporary = root() + "/private/var/tmp/mavrel";
+  std::filesystem::create_directories(temporary);
+  options_.temporaryDirectory = temporary;
+  reopen();
+  struct Case {
+    const char* identifier;
+    const char* packageIdentifier;          // what the package's Info.plist says
+    std::vector<std::string> userData;      // made in the data container before the end
+    bool replaced;                          // by a customer install, else by reopening
+    std::vector<std::string> libraryAfter;  // entries of "Library" at the end
+  };
+  const Case cases[] = {
+      {"com.example.one", "com.example.one", {}, false, {"Caches", "Preferences"}},
+      {"com.example.two", "com.example.two", {"Library/Cookies"}, true, {"Cookies"}},
+      {"com.example.three",
+       "com.example.three",
+       {"Documents/a.txt"},
+       false,
+       {"Caches", "Preferences"}},
+      {"com.example.four", "com.example.other", {}, false, {}},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.identifier);
+    const std::string package = makePlaceholderPackage(temporary, {test.packageIdentifier});
+    const InstallOutcome outcome = installPlaceholder(package, test.identifier);
+    if (std::string_view(test.identifier) != test.packageIdentifier) {
+      EXPECT_EQ(outcome.errorName(), "BundleIdentifierMismatch");
+      EXPECT_TRUE(pathExists(package + "/Info.plist"));  // given back
+      continue;
+    }
+    ASSERT_TRUE(outcome.succeeded) << outcome.dump();
+    EXPECT_FALSE(pathExists(package));  // taken
+    const auto placeholder = record(test.identifier);
+    ASSERT_TRUE(placeholder);
+    EXPECT_TRUE(pathExists(placeholder->bundleURL.path() + "/Info.plist"));
+    const std::string data = placeholder->dataContainerURL.path();
+    EXPECT_EQ(entriesOf(data), std::vector<std::string>{});
+    for (const std::string& item : test.userData)
+      writeFile(data + "/" + item, "user data");
+    if (test.replaced) {
+      ASSERT_TRUE(
+          installCustomer(stageCustomerPackage(test.identifier, {test.identifier}), test.identifier)
+              .succeeded);
+    } else {
+      reopen();
+    }
+    EXPECT_EQ(entriesOf(data), (std::vector<std::string>{"Documents", "Library", "tmp"}));
+    EXPECT_EQ(entriesOf(data + "/Library"), test.libraryAfter);
+  }
   EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
 }
 
