@@ -189,7 +189,7 @@ int main(int argc, char** argv) {
 
     // The safety net's cost, at the first size only: the same migration with
     // and without it.
-    if (applications == options.sizes.front()) {
+    if (!options.withoutSafetyNet && applications == options.sizes.front()) {
       auto withoutNet = [&] {
         const bench::ChildResult run =
             bench::runChild({mavrel, "migrate", "--root", image, "--no-safety-net"});
