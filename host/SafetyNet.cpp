@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -16,6 +18,7 @@
 #include "host/DataUsage.h"
 #include "host/DroppingLogSink.h"
 #include "host/EntryOutcomeNames.h"
+#include "host/ParallelFor.h"
 #include "host/SafetyNetManifest.h"
 #include "host/SafetyNetStore.h"
 #include "installer/RegistryListing.h"
@@ -129,34 +132,42 @@ std::pair<std::string_view, std::string_view> splitParent(std::string_view relat
   return {relative.substr(0, slash), relative.substr(slash + 1)};
 }
 
-// Lays the links of one run into its links directory; counts go into
-// `result`, one manifest record per link into `manifest`.
+// What every layer of one run links into, shared by the threads that lay it.
+struct NetTarget {
+  int links = -1;  // the links directory
+  dev_t netDevice = 0;
+  ino_t netInode = 0;                              // the run's directory, never netted itself
+  std::atomic<std::uint64_t>* nextName = nullptr;  // the next link's name
+  const std::unordered_set<ino_t>* alreadyLinked = nullptr;  // in an adopted net
+};
+
+// Lays the links of a part of one run's net into its links directory;
+// counts go into `result`, one manifest record per link into `manifest`.
 class NetLayer {
  public:
-  NetLayer(SafetyNetResult& result, std::string& manifest, int links, dev_t netDevice,
-           ino_t netInode, std::uint64_t nextName, std::unordered_set<ino_t> alreadyLinked)
-      : result_(result),
-        manifest_(manifest),
-        links_(links),
-        netDevice_(netDevice),
-        netInode_(netInode),
-        nextName_(nextName),
-        alreadyLinked_(std::move(alreadyLinked)) {}
+  NetLayer(SafetyNetResult& result, std::string& manifest, const NetTarget& target)
+      : result_(result), manifest_(manifest), target_(target) {}
 
   // Links the item `name` of `sourceParent` (a file or a whole tree) of the
   // legacy container `container`; `inner` is its path inside the container.
-  // `type` is what the directory listing said of the item, when it did.
+  // `type` and `inode` are what the directory listing said of the item,
+  // when it did.
   void linkItem(int sourceParent, const std::string& container, const std::string& name,
                 const std::string& inner,
-                platform::sys::EntryType type = platform::sys::EntryType::Unknown) {
+                platform::sys::EntryType type = platform::sys::EntryType::Unknown,
+                std::uint64_t inode = 0) {
     if (type == platform::sys::EntryType::Regular)
       return linkFile(sourceParent, container, name, inner);
     if (type != platform::sys::EntryType::Directory && type != platform::sys::EntryType::Unknown)
       return;
+    // The net itself is never netted, wherever a group container leads. A
+    // listed directory is known by the inode its parent records (a mount
+    // point shows the covered one, whose files could not be linked anyway).
+    if (inode != 0 && inode == target_.netInode) return;
     // Not known from a listing: opened as a directory first, which most
     // user-data items are, and looked at only when it is not one.
     UniqueFd source = platform::sys::openDirectoryAt(sourceParent, name.c_str());
-    if (source) return linkContents(std::move(source), container, inner);
+    if (source) return linkContents(std::move(source), container, inner, /*listed=*/inode != 0);
     if (errno == ENOENT) return;
     if (type == platform::sys::EntryType::Directory) return failed(container + "/" + inner, errno);
     struct stat status {};
@@ -168,13 +179,17 @@ class NetLayer {
   }
 
   // Links everything below the directory `directory` (whose descriptor the
-  // call takes), which is `inner` in `container` ("" for the container itself).
-  void linkContents(UniqueFd directory, const std::string& container, const std::string& inner) {
+  // call takes), which is `inner` in `container` ("" for the container
+  // itself). A directory not found in a listing (`listed` false) is looked
+  // at first: it may be the net.
+  void linkContents(UniqueFd directory, const std::string& container, const std::string& inner,
+                    bool listed = false) {
     const std::string relative = inner.empty() ? container : container + "/" + inner;
-    // The net itself is never netted, wherever a group container leads.
-    struct stat status {};
-    if (platform::sys::statOpen(directory.get(), &status) != 0) return failed(relative, errno);
-    if (status.st_dev == netDevice_ && status.st_ino == netInode_) return;
+    if (!listed) {
+      struct stat status {};
+      if (platform::sys::statOpen(directory.get(), &status) != 0) return failed(relative, errno);
+      if (status.st_dev == target_.netDevice && status.st_ino == target_.netInode) return;
+    }
     // The listing reads through the descriptor itself: the directory is read once.
     auto stream = platform::sys::DirectoryStream::adopt(std::move(directory));
     const int fd = stream.descriptor();
@@ -183,7 +198,8 @@ class NetLayer {
     while (stream.valid() && stream.next(entry, atEnd) == 0 && !atEnd) {
       if (entry.name == "." || entry.name == "..") continue;
       const std::string child(entry.name);
-      linkItem(fd, container, child, inner.empty() ? child : inner + "/" + child, entry.type);
+      linkItem(fd, container, child, inner.empty() ? child : inner + "/" + child, entry.type,
+               entry.inode);
     }
     if (!atEnd) failed(relative, errno);
   }
@@ -198,11 +214,11 @@ class NetLayer {
  private:
   void linkFile(int sourceParent, const std::string& container, const std::string& name,
                 const std::string& inner) {
-    if (!alreadyLinked_.empty()) {
+    if (!target_.alreadyLinked->empty()) {
       // An adopted net: a file it holds already is not linked twice.
       struct stat status {};
       if (platform::sys::statAt(sourceParent, name.c_str(), &status) == 0 &&
-          status.st_dev == netDevice_ && alreadyLinked_.contains(status.st_ino)) {
+          status.st_dev == target_.netDevice && target_.alreadyLinked->contains(status.st_ino)) {
         ++result_.alreadyThere;
         return;
       }
@@ -210,8 +226,8 @@ class NetLayer {
     // A name in use is a link an interrupted laying made before its manifest
     // was written: the next name is taken, and settling clears such links.
     for (;;) {
-      const std::string linkName = std::to_string(nextName_++);
-      if (platform::sys::linkAt(sourceParent, name.c_str(), links_, linkName.c_str()) == 0) {
+      const std::string linkName = std::to_string(target_.nextName->fetch_add(1));
+      if (platform::sys::linkAt(sourceParent, name.c_str(), target_.links, linkName.c_str()) == 0) {
         appendNetLinkRecord(manifest_, linkName, container, inner);
         ++result_.linked;
         return;
@@ -222,11 +238,7 @@ class NetLayer {
 
   SafetyNetResult& result_;
   std::string& manifest_;
-  int links_;
-  dev_t netDevice_;
-  ino_t netInode_;
-  std::uint64_t nextName_;
-  std::unordered_set<ino_t> alreadyLinked_;
+  const NetTarget& target_;
 };
 
 // The inodes of the regular files with more than one name below `fd`, on
@@ -390,25 +402,23 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
   const auto drop = std::make_shared<DroppingLogSink>();
   const platform::ScopedLogSink quiet(platform::migrationLog(), drop, std::nullopt);
   const platform::ScopedLogSink quietInstaller(platform::installerLog(), drop, std::nullopt);
-  NetLayer layer(result, net.manifest_, links.get(), runStatus.st_dev, runStatus.st_ino, nextName,
-                 std::move(alreadyLinked));
 
+  // One task per legacy container and per legacy group container, laid on
+  // every core: walking the user data is most of the net's cost. Each task
+  // keeps its own records and counts, joined in task order, so the manifest
+  // reads as one walk.
+  UniqueFd legacyFd;
+  std::vector<std::string> containerNames;
   const auto legacy = relativeToRoot(root, configuration.oldContainerPath().path());
   if (legacy) {
     net.legacyRelative_ = *legacy;
-    const std::vector<std::string> items = configuration.appUserDataItemNames();
-    if (const UniqueFd legacyFd = openBeneath(rootFd.get(), *legacy)) {
+    legacyFd = openBeneath(rootFd.get(), *legacy);
+    if (legacyFd)
       forEachEntry(legacyFd.get(), [&](const std::string& name, platform::sys::EntryType type) {
-        if (type != platform::sys::EntryType::Directory &&
-            type != platform::sys::EntryType::Unknown)
-          return;
-        const UniqueFd container = platform::sys::openDirectoryAt(legacyFd.get(), name.c_str());
-        if (!container) return;
-        const std::string containerRelative = *legacy + "/" + name;
-        for (const std::string& item : items)
-          layer.linkItem(container.get(), containerRelative, item, item);
+        if (type == platform::sys::EntryType::Directory ||
+            type == platform::sys::EntryType::Unknown)
+          containerNames.push_back(name);
       });
-    }
   }
   for (const auto& [identifier, hostPath] :
        CVMigratableLegacyGroupContainers(configuration.oldInstallMapPath())) {
@@ -416,8 +426,38 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
     if (!relative) continue;
     net.groupRelatives_.push_back(*relative);
     net.groupIdentifiers_[*relative] = identifier;
-    if (UniqueFd group = openBeneath(rootFd.get(), *relative))
-      layer.linkContents(std::move(group), *relative, "");
+  }
+  const std::vector<std::string> items = configuration.appUserDataItemNames();
+  std::atomic<std::uint64_t> nextLinkName{nextName};
+  const NetTarget target{links.get(), runStatus.st_dev, runStatus.st_ino, &nextLinkName,
+                         &alreadyLinked};
+  const std::size_t tasks = containerNames.size() + net.groupRelatives_.size();
+  std::vector<SafetyNetResult> counts(tasks);
+  std::vector<std::string> records(tasks);
+  parallelFor(tasks, defaultWorkerCount(), [&](std::size_t task) {
+    NetLayer layer(counts[task], records[task], target);
+    if (task < containerNames.size()) {
+      const std::string& name = containerNames[task];
+      const UniqueFd container = platform::sys::openDirectoryAt(legacyFd.get(), name.c_str());
+      if (!container) return;
+      const std::string containerRelative = *legacy + "/" + name;
+      for (const std::string& item : items)
+        layer.linkItem(container.get(), containerRelative, item, item);
+      return;
+    }
+    const std::string& group = net.groupRelatives_[task - containerNames.size()];
+    if (UniqueFd fd = openBeneath(rootFd.get(), group))
+      layer.linkContents(std::move(fd), group, "");
+  });
+  for (std::size_t task = 0; task < tasks; ++task) {
+    result.linked += counts[task].linked;
+    result.alreadyThere += counts[task].alreadyThere;
+    result.notLinked += counts[task].notLinked;
+    for (std::string& example : counts[task].notLinkedExamples) {
+      if (result.notLinkedExamples.size() < kExamplesKept)
+        result.notLinkedExamples.push_back(std::move(example));
+    }
+    net.manifest_ += records[task];
   }
 
   // The links and the manifest are on the disk before the pass moves or
@@ -490,34 +530,53 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
   }
 
   // A link whose file is at its old place or at its new place goes; a file
-  // with no other name is kept; the rest is looked for below.
+  // with no other name is kept; the rest is looked for below. The records
+  // are settled on every core, in runs of consecutive records (which share
+  // their directories), joined back in order.
+  const std::vector<NetLinkRecord> records = parseNetManifest(manifest_);
+  const std::size_t runs = std::min<std::size_t>(defaultWorkerCount(), records.size());
+  std::vector<std::vector<KeptFile>> keptByRun(runs);
+  std::vector<std::vector<Unresolved>> unresolvedByRun(runs);
+  parallelFor(runs, defaultWorkerCount(), [&](std::size_t part) {
+    std::vector<KeptFile>& kept = keptByRun[part];
+    std::vector<Unresolved>& unresolved = unresolvedByRun[part];
+    ParentDirectories oldPlaces(rootFd.get(), ParentDirectories::Missing::Absent);
+    ParentDirectories newPlaceDirectories(rootFd.get(), ParentDirectories::Missing::Absent);
+    const std::size_t end = records.size() * (part + 1) / runs;
+    for (std::size_t index = records.size() * part / runs; index < end; ++index) {
+      const NetLinkRecord& record = records[index];
+      const std::string linkName(record.linkName);
+      const std::string legacy = record.legacyRelative();
+      struct stat status {};
+      if (platform::sys::statAt(links.get(), linkName.c_str(), &status) != 0) {
+        // Moved to its legacy path by an interrupted settling, or gone.
+        if (result_.adopted && platform::sys::statAt(run.get(), legacy.c_str(), &status) == 0 &&
+            S_ISREG(status.st_mode))
+          kept.push_back(
+              KeptFile{legacy, static_cast<std::uint64_t>(status.st_size), std::string()});
+        continue;
+      }
+      if (status.st_nlink > 1) {
+        const auto newPlace = newPlaces.find(record.container);
+        const bool safe =
+            sameFileBelow(oldPlaces, legacy, status) ||
+            (newPlace != newPlaces.end() &&
+             sameFileBelow(newPlaceDirectories, newPlace->second + "/" + std::string(record.inner),
+                           status));
+        if (safe && platform::sys::removeFileAt(links.get(), linkName.c_str()) == 0) continue;
+        unresolved.push_back(Unresolved{legacy, static_cast<std::uint64_t>(status.st_size),
+                                        status.st_ino, linkName});
+        continue;
+      }
+      kept.push_back(KeptFile{legacy, static_cast<std::uint64_t>(status.st_size), linkName});
+    }
+  });
   std::vector<KeptFile> kept;
   std::vector<Unresolved> unresolved;
-  ParentDirectories oldPlaces(rootFd.get(), ParentDirectories::Missing::Absent);
-  ParentDirectories newPlaceDirectories(rootFd.get(), ParentDirectories::Missing::Absent);
-  for (const NetLinkRecord& record : parseNetManifest(manifest_)) {
-    const std::string linkName(record.linkName);
-    const std::string legacy = record.legacyRelative();
-    struct stat status {};
-    if (platform::sys::statAt(links.get(), linkName.c_str(), &status) != 0) {
-      // Moved to its legacy path by an interrupted settling, or gone.
-      if (result_.adopted && platform::sys::statAt(run.get(), legacy.c_str(), &status) == 0 &&
-          S_ISREG(status.st_mode))
-        kept.push_back(KeptFile{legacy, static_cast<std::uint64_t>(status.st_size), std::string()});
-      continue;
-    }
-    if (status.st_nlink > 1) {
-      const auto newPlace = newPlaces.find(record.container);
-      const bool safe = sameFileBelow(oldPlaces, legacy, status) ||
-                        (newPlace != newPlaces.end() &&
-                         sameFileBelow(newPlaceDirectories,
-                                       newPlace->second + "/" + std::string(record.inner), status));
-      if (safe && platform::sys::removeFileAt(links.get(), linkName.c_str()) == 0) continue;
-      unresolved.push_back(
-          Unresolved{legacy, static_cast<std::uint64_t>(status.st_size), status.st_ino, linkName});
-      continue;
-    }
-    kept.push_back(KeptFile{legacy, static_cast<std::uint64_t>(status.st_size), linkName});
+  for (std::size_t part = 0; part < runs; ++part) {
+    std::move(keptByRun[part].begin(), keptByRun[part].end(), std::back_inserter(kept));
+    std::move(unresolvedByRun[part].begin(), unresolvedByRun[part].end(),
+              std::back_inserter(unresolved));
   }
   if (!unresolved.empty()) {
     // Rare: a file with another name neither at its old nor at its expected

@@ -7,14 +7,19 @@
 #include <cerrno>
 #include <new>
 
+#include "platform/linux/DirentRecords.h"
+
 namespace platform::sys {
 
+// Entries are read with getdents64 straight into a buffer of the stream's
+// own: no fstat and no fcntl on the descriptor, as fdopendir would make for
+// every directory a walk opens.
 struct DirectoryStream::Stream {
-  explicit Stream(DIR* opened) : dir(opened) {}
-  ~Stream() { ::closedir(dir); }
-  Stream(const Stream&) = delete;
-  Stream& operator=(const Stream&) = delete;
-  DIR* dir;
+  explicit Stream(UniqueFd opened) : fd(std::move(opened)) {}
+  UniqueFd fd;
+  std::size_t offset = 0;  // of the next record in `buffer`
+  std::size_t filled = 0;  // bytes of records in `buffer`
+  char buffer[32 * 1024];
 };
 
 namespace {
@@ -62,35 +67,41 @@ DirectoryStream& DirectoryStream::operator=(DirectoryStream&&) noexcept = defaul
 
 DirectoryStream DirectoryStream::adopt(UniqueFd directory) {
   DirectoryStream result;
-  DIR* dir = ::fdopendir(directory.get());
-  if (dir == nullptr) return result;  // `directory` closes the descriptor, keeping errno
-  directory.release();                // the stream owns it now
-  result.stream_.reset(new (std::nothrow) Stream(dir));
-  if (!result.stream_) {
-    ::closedir(dir);
-    errno = ENOMEM;
+  if (!directory) {
+    errno = EBADF;
+    return result;
   }
+  result.stream_.reset(new (std::nothrow) Stream(std::move(directory)));
+  if (!result.stream_) errno = ENOMEM;  // `directory` was not moved from: it closes
   return result;
 }
 
 int DirectoryStream::descriptor() const {
-  return stream_ ? ::dirfd(stream_->dir) : -1;
+  return stream_ ? stream_->fd.get() : -1;
 }
 
 int DirectoryStream::next(DirectoryEntry& entry, bool& atEnd) {
   atEnd = false;
   if (!stream_) return EBADF;
-  errno = 0;
-  const struct dirent* record = ::readdir(stream_->dir);
-  if (record == nullptr) {
-    if (errno != 0) return errno;
-    atEnd = true;
-    return 0;
+  Stream& stream = *stream_;
+  if (stream.offset >= stream.filled) {
+    const ssize_t read = readDirents(stream.fd.get(), stream.buffer, sizeof stream.buffer);
+    if (read < 0) return errno;
+    if (read == 0) {
+      atEnd = true;
+      return 0;
+    }
+    stream.filled = static_cast<std::size_t>(read);
+    stream.offset = 0;
   }
-  entry.name = record->d_name;
-  entry.type = typeFromDirent(record->d_type);
-  if (entry.type == EntryType::Unknown)
-    entry.type = typeFromStat(::dirfd(stream_->dir), record->d_name);
+  DirentRecord record;
+  const std::size_t length = decodeDirent(stream.buffer + stream.offset, &record);
+  if (length == 0) return EIO;  // a record the kernel never writes
+  stream.offset += length;
+  entry.name = record.name;
+  entry.inode = record.inode;
+  entry.type = typeFromDirent(record.type);
+  if (entry.type == EntryType::Unknown) entry.type = typeFromStat(stream.fd.get(), record.name);
   return 0;
 }
 

@@ -2,12 +2,14 @@
 //
 // Error contract: the open functions return an invalid UniqueFd and leave the
 // call's error number in errno. DirectoryStream::adopt returns a stream that
-// is not valid (errno set) when the descriptor cannot be wrapped; the
-// descriptor is closed then. DirectoryStream::next returns the read's error
-// number (0 for success and at the end). Nothing here follows a symbolic link
+// is not valid (errno set) when the descriptor is not valid or memory runs
+// out; the descriptor is closed then. DirectoryStream::next returns the read's error
+// number (0 for success and at the end); a descriptor that is not a
+// directory fails there, with ENOTDIR. Nothing here follows a symbolic link
 // unless it says so.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string_view>
 
@@ -35,6 +37,7 @@ enum class EntryType { Unknown, Directory, Symlink, Regular, Other };
 struct DirectoryEntry {
   std::string_view name;  // valid until the next read from the stream
   EntryType type = EntryType::Unknown;
+  std::uint64_t inode = 0;  // as the directory records it (for a mount point, the covered one)
 };
 
 // A directory stream over an open directory descriptor, which it owns.
