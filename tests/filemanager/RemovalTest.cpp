@@ -123,11 +123,10 @@ TEST_F(RemoveItemTest, UndeletableEntryFailsWithItsErrorAfterRemovingEverythingE
 
 using Report = std::pair<std::string, int>;  // path, error number
 
-// Records every report; can act on the tree when called and answer stop.
+// Records every report; can act on the tree when called.
 struct Recorder {
   std::vector<Report> reports;
   std::function<void(const std::string& path)> onReport;
-  int verdict = sys::kTreeWipeProceed;
 
   static int callback(sys::TreeWipeState* state, const char* path, void* context) {
     auto* self = static_cast<Recorder*>(context);
@@ -135,7 +134,7 @@ struct Recorder {
     EXPECT_EQ(sys::treeWipeStateGetErrorNumber(state, &errorNumber), 0);
     self->reports.emplace_back(path, errorNumber);
     if (self->onReport) self->onReport(path);
-    return self->verdict;
+    return sys::kTreeWipeProceed;
   }
 
   sys::TreeWipeStatePtr install() {
@@ -164,6 +163,20 @@ class TreeWipeTest : public ::testing::Test {
  protected:
   TemporaryDirectory temp_;
 };
+
+// As the recovery of an interrupted run uses it, without a callback.
+TEST_F(TreeWipeTest, WithoutCallbackReturnsTheFirstErrorAfterRemovingTheRest) {
+  writeFile(temp_ / "root/sub/deeper/file", "");
+  writeFile(temp_ / "root/locked", "");
+  makeImmutable(temp_ / "root/locked");
+  errno = 0;
+  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), nullptr, sys::kTreeWipeRecursive), -1);
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(entryNames(temp_ / "root"), std::set<std::string>{"locked"});
+  errno = 0;
+  EXPECT_EQ(sys::treeWipe((temp_ / "absent").c_str(), nullptr, sys::kTreeWipeRecursive), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
 
 TEST_F(TreeWipeTest, RemovesATreeDeeperThanTheDescriptorLimit) {
   makeDirectories(temp_ / "deep");
