@@ -1,6 +1,6 @@
-// File digests: three known answers, agreement with the system's sha256sum
-// around the chunk size, how the file is read, and every way a read fails
-// (nullopt, the reader's line, then the digest's).
+// File digests: three known answers, how the file is read in chunks (every
+// chunk hashed, checked against the system's sha256sum), and every way a read
+// fails (nullopt, the reader's line, then the digest's).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -55,7 +55,7 @@ class RecordingObserver : public CVReadFileObserver {
   CVReadFileObserver* previous_;
 };
 
-TEST(FileDigestTest, KnownAnswersAndAgreementWithSha256sum) {
+TEST(FileDigestTest, KnownAnswers) {
   TemporaryDirectory directory;
   for (const auto& [message, digest] : std::vector<std::pair<std::string, std::string>>{
            {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
@@ -64,12 +64,6 @@ TEST(FileDigestTest, KnownAnswersAndAgreementWithSha256sum) {
             "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"}}) {
     writeFile(directory / "message", message);
     EXPECT_EQ(CVCreateSHA256Digest(directory / "message"), digest) << message;
-  }
-  unsigned seed = 7;
-  for (const std::size_t size : {1UL, 65'535UL, 65'536UL, 65'537UL, 3'000'017UL}) {
-    const std::string path = directory / ("file-" + std::to_string(size));
-    writeFile(path, randomBytes(size, ++seed));
-    EXPECT_EQ(CVCreateSHA256Digest(path), sha256sum(path, directory.path())) << size;
   }
 }
 
