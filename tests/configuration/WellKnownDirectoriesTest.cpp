@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <thread>
 
 #include "platform/Log.h"
 #include "platform/linux/ProtectionClassTesting.h"
@@ -156,15 +155,6 @@ TEST_F(WellKnownDirectoriesTest, ALinkOutOfTheImageOnTheWayIsRefusedBeforeAnythi
   }
 }
 
-TEST_F(WellKnownDirectoriesTest, ConcurrentLogDirectoryCallsBothSucceed) {
-  CapturedLog log(platform::installerLog());
-  std::thread other([this] { configuration_.logDirectory(); });
-  configuration_.logDirectory();
-  other.join();
-  EXPECT_TRUE(pathExists(image_.home("Library/Logs/Corvane")));
-  EXPECT_EQ(log.count(), 0u) << log.dump();
-}
-
 class BuiltInBundleMapsTest : public WellKnownDirectoriesTest {
  protected:
   void app(const std::string& directory, const std::string& name, const std::string& identifier,
@@ -259,26 +249,6 @@ TEST_F(BuiltInBundleMapsTest, MapsAreCachedUntilARescan) {
   const auto after = configuration_.systemAppBundleIDToInfoMap();
   EXPECT_NE(after, before);
   EXPECT_EQ(after->count(), 2u);
-}
-
-TEST_F(BuiltInBundleMapsTest, ConcurrentReadersShareOneScan) {
-  for (int i = 0; i < 20; ++i) {
-    app("Applications", "App" + std::to_string(i) + ".app", "com.example.app" + std::to_string(i));
-  }
-  std::vector<CVGlobalConfiguration::BundleMap> seen(6);
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < seen.size(); ++i) {
-    threads.emplace_back([&, i] {
-      seen[i] = configuration_.systemAppBundleIDToInfoMap();
-      configuration_.builtInFrameworkBundleIDs();
-      configuration_.stagingRoot();
-    });
-  }
-  for (auto& thread : threads)
-    thread.join();
-  for (const auto& map : seen)
-    EXPECT_EQ(map, seen[0]);
-  EXPECT_EQ(seen[0]->count(), 20u);
 }
 
 }  // namespace
