@@ -1,6 +1,5 @@
 // The configuration's preferences, fixed names and the data directory.
 #include <gtest/gtest.h>
-#include <sys/xattr.h>
 
 #include <set>
 #include <thread>
@@ -12,7 +11,6 @@
 
 namespace {
 
-using platform::kLogLevelError;
 using platform::kLogLevelNotice;
 using namespace testing_support;
 
@@ -35,54 +33,63 @@ TEST_F(ConfigurationTest, DefaultsWithoutPreferencesAreSilent) {
   EXPECT_FALSE(configuration.skipDeviceFamilyCheck());
   EXPECT_FALSE(configuration.skipThinningCheck());
   EXPECT_EQ(configuration.nSimultaneousInstallations(), 4);
-  EXPECT_EQ(configuration.uid(), 501u);
-  EXPECT_EQ(configuration.gid(), 501u);
+  EXPECT_EQ(std::tuple(configuration.uid(), configuration.gid()), std::tuple(501u, 501u));
   EXPECT_EQ(installerLog_.count(), 0u) << installerLog_.dump();
 }
 
-TEST_F(ConfigurationTest, OnlyAStoredBooleanFalseLowersNothing) {
-  // The number 0 is not the boolean false: background priority stays on.
-  setPreference("LowerInstallPriority", CVValue(0));
-  EXPECT_TRUE(CVGlobalConfiguration(image_.root()).lowerInstallPriority());
-  EXPECT_EQ(installerLog_.count(), 0u);
-
-  setPreference("LowerInstallPriority", CVValue(false));
-  EXPECT_FALSE(CVGlobalConfiguration(image_.root()).lowerInstallPriority());
-  EXPECT_TRUE(installerLog_.contains(
-      kLogLevelNotice, "Not running installation at background priority because of a set default"));
-}
-
-TEST_F(ConfigurationTest, SkipFlagsNeedABooleanTrue) {
-  setPreference("SkipDeviceFamilyCheck", CVValue("YES"));
-  setPreference("SkipThinningCheck", CVValue(1));
-  {
-    CVGlobalConfiguration configuration(image_.root());
-    EXPECT_FALSE(configuration.skipDeviceFamilyCheck());
-    EXPECT_FALSE(configuration.skipThinningCheck());
+// Each stored preference, what the configuration makes of it, and its notice:
+// the flags need a stored boolean (the number 0 is not false, "YES" and 1 are
+// not true), the number of installations any number.
+TEST(ConfigurationPreferencesTest, OnlyValuesOfTheRightTypeCountAndEachIsAnnounced) {
+  using Getter = long (*)(const CVGlobalConfiguration&);
+  const Getter lower = [](const CVGlobalConfiguration& c) -> long {
+    return c.lowerInstallPriority();
+  };
+  const Getter family = [](const CVGlobalConfiguration& c) -> long {
+    return c.skipDeviceFamilyCheck();
+  };
+  const Getter thinning = [](const CVGlobalConfiguration& c) -> long {
+    return c.skipThinningCheck();
+  };
+  const Getter installs = [](const CVGlobalConfiguration& c) -> long {
+    return c.nSimultaneousInstallations();
+  };
+  const struct {
+    const char* key;
+    CVValue value;
+    Getter getter;
+    long expected;
+    const char* notice;
+  } cases[] = {
+      {"LowerInstallPriority", CVValue(0), lower, 1, ""},
+      {"LowerInstallPriority", CVValue(false), lower, 0,
+       "Not running installation at background priority because of a set default"},
+      {"SkipDeviceFamilyCheck", CVValue("YES"), family, 0, ""},
+      {"SkipDeviceFamilyCheck", CVValue(true), family, 1,
+       "Skipping device family check because of a set default"},
+      {"SkipThinningCheck", CVValue(1), thinning, 0, ""},
+      {"SkipThinningCheck", CVValue(true), thinning, 1,
+       "Skipping device thinning check because of a set default"},
+      {"SimultaneousInstallsNumber", CVValue("8"), installs, 4, ""},
+      {"SimultaneousInstallsNumber", CVValue(-3), installs, -3,
+       "Setting simultaneous installations allowed to -3"},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(std::string(each.key) + " = " + each.value.description());
+    DeviceImage image;
+    platform::PreferencesStore store(image.root().homeURL());
+    ASSERT_TRUE(store.setValue(each.key, each.value, kCVPreferencesDomain,
+                               platform::kPreferencesCurrentUser,
+                               platform::kPreferencesCurrentHost));
+    CapturedLog log(platform::installerLog());
+    EXPECT_EQ(each.getter(CVGlobalConfiguration(image.root())), each.expected);
+    std::vector<std::tuple<int, std::string, std::string>> expected, got;
+    if (*each.notice)
+      expected.emplace_back(kLogLevelNotice, each.notice, "-[CVGlobalConfiguration init]");
+    for (const auto& line : log.lines())
+      got.emplace_back(line.level, line.message, line.function);
+    EXPECT_EQ(got, expected);
   }
-  setPreference("SkipDeviceFamilyCheck", CVValue(true));
-  setPreference("SkipThinningCheck", CVValue(true));
-  CVGlobalConfiguration configuration(image_.root());
-  EXPECT_TRUE(configuration.skipDeviceFamilyCheck());
-  EXPECT_TRUE(configuration.skipThinningCheck());
-  EXPECT_TRUE(installerLog_.contains(kLogLevelNotice,
-                                     "Skipping device family check because of a set default"));
-  EXPECT_TRUE(installerLog_.contains(kLogLevelNotice,
-                                     "Skipping device thinning check because of a set default"));
-  for (const auto& line : installerLog_.lines()) {
-    EXPECT_EQ(line.function, "-[CVGlobalConfiguration init]");
-  }
-}
-
-TEST_F(ConfigurationTest, SimultaneousInstallsTakesAnyNumberAndIgnoresOtherTypes) {
-  setPreference("SimultaneousInstallsNumber", CVValue("8"));
-  EXPECT_EQ(CVGlobalConfiguration(image_.root()).nSimultaneousInstallations(), 4);
-  EXPECT_EQ(installerLog_.count(), 0u);
-
-  setPreference("SimultaneousInstallsNumber", CVValue(-3));
-  EXPECT_EQ(CVGlobalConfiguration(image_.root()).nSimultaneousInstallations(), -3);
-  EXPECT_TRUE(
-      installerLog_.contains(kLogLevelNotice, "Setting simultaneous installations allowed to -3"));
 }
 
 TEST_F(ConfigurationTest, PluginContainerFlagIsReadAndWrittenThroughTheStore) {
@@ -153,48 +160,10 @@ TEST(DeviceRootPathsTest, StoredPathsLeadUnderTheRoot) {
   EXPECT_EQ(root.devicePathForHostPath("/images/one").value_or(""), "/");
   EXPECT_FALSE(root.devicePathForHostPath("/images/onex/A").has_value());
   std::string problem;
-  EXPECT_EQ(platform::DeviceRoot("/").hostPathForDevicePath("/var/x", &problem).value_or(""),
-            "/var/x");
-}
-
-TEST_F(ConfigurationTest, DeviceRootSlashGivesTheDevicePaths) {
-  const platform::DeviceRoot root("/");
-  EXPECT_EQ(root.homeURL().absoluteString(), "file:///private/var/mobile/");
-  EXPECT_EQ(root.rootURL().absoluteString(), "file:///");
-}
-
-TEST_F(ConfigurationTest, DataDirectoryIsCreatedOnEveryCallWithItsClass) {
-  CVGlobalConfiguration configuration(image_.root());
-  const CVURL first = configuration.dataDirectory();
-  EXPECT_EQ(first.path(), image_.dataDirectory());
-  ASSERT_TRUE(pathExists(image_.dataDirectory()));
-  std::int32_t protectionClass = 0;
-  ASSERT_EQ(::getxattr(image_.dataDirectory().c_str(), "user.mavrel.protection-class",
-                       &protectionClass, sizeof protectionClass),
-            static_cast<ssize_t>(sizeof protectionClass));
-  EXPECT_EQ(protectionClass, 4);
-
-  ASSERT_EQ(::rmdir(image_.dataDirectory().c_str()), 0);
-  EXPECT_EQ(configuration.dataDirectory(), first);
-  EXPECT_TRUE(pathExists(image_.dataDirectory()));
-}
-
-TEST_F(ConfigurationTest, DataDirectoryCreationFailureIsLoggedEveryTime) {
-  testing_support::makeDirectories(image_.home("Library"));
-  writeFile(image_.dataDirectory(), "a file where the directory belongs");
-  CVGlobalConfiguration configuration(image_.root());
-  EXPECT_EQ(configuration.dataDirectory().path(), image_.dataDirectory());
-  EXPECT_EQ(configuration.dataDirectory().path(), image_.dataDirectory());
-  std::size_t failures = 0;
-  for (const auto& line : installerLog_.lines()) {
-    if (line.level == kLogLevelError &&
-        line.message.starts_with("Failed to create data dir at \"file://" + image_.dataDirectory() +
-                                 "/\": ")) {
-      EXPECT_EQ(line.function, "-[CVGlobalConfiguration dataDirectory]");
-      ++failures;
-    }
-  }
-  EXPECT_EQ(failures, 2u) << installerLog_.dump();
+  const platform::DeviceRoot slash("/");
+  EXPECT_EQ(slash.hostPathForDevicePath("/var/x", &problem).value_or(""), "/var/x");
+  EXPECT_EQ(slash.homeURL().absoluteString(), "file:///private/var/mobile/");
+  EXPECT_EQ(slash.rootURL().absoluteString(), "file:///");
 }
 
 TEST(SharedConfigurationTest, ConcurrentFirstCallsGetOneInstance) {

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <thread>
 
 #include "platform/Log.h"
 #include "platform/linux/ProtectionClassTesting.h"
@@ -64,11 +63,9 @@ TEST_F(WellKnownDirectoriesTest, CreatedDirectoriesHaveTheirModeAndClass) {
 TEST_F(WellKnownDirectoriesTest, AFileSystemWithoutUserAttributesMakesThemSilently) {
   const platform::sys::ScopedProtectionClassFault unsupported(EOPNOTSUPP);
   CapturedLog log(platform::installerLog());
-  for (int call = 0; call < 2; ++call) {
-    for (const CVURL& url : {configuration_.stagingRoot(), configuration_.logDirectory(),
-                             configuration_.dataDirectory(), configuration_.archiveDirectory()}) {
-      EXPECT_TRUE(pathExists(url.path())) << url.path();
-    }
+  for (const CVURL& url : {configuration_.stagingRoot(), configuration_.logDirectory(),
+                           configuration_.dataDirectory(), configuration_.archiveDirectory()}) {
+    EXPECT_TRUE(pathExists(url.path())) << url.path();
   }
   EXPECT_EQ(log.count(), 0u) << log.dump();
 }
@@ -158,15 +155,6 @@ TEST_F(WellKnownDirectoriesTest, ALinkOutOfTheImageOnTheWayIsRefusedBeforeAnythi
   }
 }
 
-TEST_F(WellKnownDirectoriesTest, ConcurrentLogDirectoryCallsBothSucceed) {
-  CapturedLog log(platform::installerLog());
-  std::thread other([this] { configuration_.logDirectory(); });
-  configuration_.logDirectory();
-  other.join();
-  EXPECT_TRUE(pathExists(image_.home("Library/Logs/Corvane")));
-  EXPECT_EQ(log.count(), 0u) << log.dump();
-}
-
 class BuiltInBundleMapsTest : public WellKnownDirectoriesTest {
  protected:
   void app(const std::string& directory, const std::string& name, const std::string& identifier,
@@ -231,64 +219,36 @@ TEST_F(BuiltInBundleMapsTest, MissingDirectoryIsSilentUnreadableOneIsLogged) {
   ASSERT_NE(configuration_.systemAppBundleIDToInfoMap(), nullptr);
 }
 
+// Maps are kept until a rescan; the framework set survives only a rescan of
+// the core services; built-in applications leave out the core services.
 TEST_F(BuiltInBundleMapsTest, MapsAreCachedUntilARescan) {
   app("Applications", "Clock.app", "com.zentrel.clock");
-  const auto before = configuration_.systemAppBundleIDToInfoMap();
-  app("Applications", "Maps.app", "com.zentrel.maps");
-  EXPECT_EQ(configuration_.systemAppBundleIDToInfoMap(), before);
-  configuration_.reScanSystemApps();
-  const auto after = configuration_.systemAppBundleIDToInfoMap();
-  EXPECT_NE(after, before);
-  EXPECT_EQ(after->count(), 2u);
-}
-
-TEST_F(BuiltInBundleMapsTest, FrameworkSetSurvivesOnlyACoreServicesRescan) {
+  app("ZentrelInternal/Applications", "Probe.app", "com.zentrel.probe");
+  app("Developer/Applications", "Tool.app", "com.zentrel.tool");
+  app("System/Library/CoreServices", "Springboard.app", "com.zentrel.springboard");
   image_.writeBundle(image_.rootPath() + "/System/Library/Frameworks/Kit.framework",
                      "com.zentrel.kit");
   image_.writeBundle(image_.rootPath() + "/ZentrelInternal/PrivateFrameworks/Debug.framework",
                      "com.zentrel.debug");
   image_.writeBundle(image_.rootPath() + "/Developer/Frameworks/Dev.framework", "com.zentrel.dev");
+  EXPECT_NE(
+      configuration_.coreServicesAppBundleIDToInfoMap()->findDictionary("com.zentrel.springboard"),
+      nullptr);
+  EXPECT_EQ(configuration_.builtInApplicationBundleIDs(),
+            (CVSet{"com.zentrel.clock", "com.zentrel.probe", "com.zentrel.tool"}));
+  const auto before = configuration_.systemAppBundleIDToInfoMap();
   const auto frameworks = configuration_.builtInFrameworkBundleIDs();
   EXPECT_EQ(*frameworks, (CVSet{"com.zentrel.kit", "com.zentrel.debug"}));
+
+  app("Applications", "Maps.app", "com.zentrel.maps");
+  EXPECT_EQ(configuration_.systemAppBundleIDToInfoMap(), before);
   configuration_.reScanCoreServicesApps();
   EXPECT_EQ(configuration_.builtInFrameworkBundleIDs(), frameworks);
   configuration_.reScanSystemApps();
   EXPECT_NE(configuration_.builtInFrameworkBundleIDs(), frameworks);
-}
-
-TEST_F(BuiltInBundleMapsTest, BuiltInApplicationsLeaveOutCoreServices) {
-  app("Applications", "Clock.app", "com.zentrel.clock");
-  app("ZentrelInternal/Applications", "Probe.app", "com.zentrel.probe");
-  app("Developer/Applications", "Tool.app", "com.zentrel.tool");
-  app("System/Library/CoreServices", "Springboard.app", "com.zentrel.springboard");
-  EXPECT_NE(
-      configuration_.coreServicesAppBundleIDToInfoMap()->findDictionary("com.zentrel.springboard"),
-      nullptr);
-  const CVSet builtIn = configuration_.builtInApplicationBundleIDs();
-  EXPECT_TRUE(builtIn.contains("com.zentrel.clock"));
-  EXPECT_TRUE(builtIn.contains("com.zentrel.probe"));
-  EXPECT_TRUE(builtIn.contains("com.zentrel.tool"));
-  EXPECT_FALSE(builtIn.contains("com.zentrel.springboard"));
-}
-
-TEST_F(BuiltInBundleMapsTest, ConcurrentReadersShareOneScan) {
-  for (int i = 0; i < 20; ++i) {
-    app("Applications", "App" + std::to_string(i) + ".app", "com.example.app" + std::to_string(i));
-  }
-  std::vector<CVGlobalConfiguration::BundleMap> seen(6);
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < seen.size(); ++i) {
-    threads.emplace_back([&, i] {
-      seen[i] = configuration_.systemAppBundleIDToInfoMap();
-      configuration_.builtInFrameworkBundleIDs();
-      configuration_.stagingRoot();
-    });
-  }
-  for (auto& thread : threads)
-    thread.join();
-  for (const auto& map : seen)
-    EXPECT_EQ(map, seen[0]);
-  EXPECT_EQ(seen[0]->count(), 20u);
+  const auto after = configuration_.systemAppBundleIDToInfoMap();
+  EXPECT_NE(after, before);
+  EXPECT_EQ(after->count(), 2u);
 }
 
 }  // namespace

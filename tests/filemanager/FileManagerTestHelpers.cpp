@@ -39,6 +39,15 @@ std::set<std::string> entryNames(const std::string& directory) {
   return names;
 }
 
+void expectPosixError(const CVError& error, int code, const std::string& description,
+                      const std::string& function) {
+  EXPECT_TRUE(error.isPOSIX(code)) << error.description();
+  EXPECT_EQ(error.localizedDescription(), description);
+  if (!function.empty()) {
+    EXPECT_EQ(functionOf(error), function);
+  }
+}
+
 CVError sentinelError() {
   return CVError("SentinelDomain", 12345);
 }

@@ -30,6 +30,11 @@ std::string linkContent(const std::string& path);
 // The "FunctionName" of an error record ("" when it has none).
 std::string functionOf(const CVError& error);
 
+// Expects a POSIX record with `code` and `description`, made by `function`
+// when one is given.
+void expectPosixError(const CVError& error, int code, const std::string& description,
+                      const std::string& function = "");
+
 // A record that no operation makes, to check that an out-error is untouched.
 CVError sentinelError();
 

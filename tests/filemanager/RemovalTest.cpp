@@ -28,8 +28,6 @@ namespace sys = platform::sys;
 using filemanager_detail::treewipe_error_callback;
 
 // ---- removeItemAtURL: files, links, whole trees and their errors.
-namespace removeItem {
-
 constexpr const char* kRemoveFunction = "-[CVFileManager removeItemAtURL:error:]";
 constexpr const char* kCallbackFunction = "_treewipe_error_callback";
 
@@ -39,45 +37,37 @@ class RemoveItemTest : public ::testing::Test {
   TemporaryDirectory temp_;
 };
 
-TEST_F(RemoveItemTest, MissingPathIsSuccessAndLeavesTheErrorUntouched) {
+TEST_F(RemoveItemTest, FilesLinksAndMissingPathsGoWithoutTouchingWhatLinksPointTo) {
+  writeFile(temp_ / "file", "contents");
+  writeFile(temp_ / "target/keep", "kept");
+  makeSymlink(temp_ / "target", temp_ / "link");
   CapturedLog log(platform::installerLog());
   CVError error = sentinelError();
 
   EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("absent"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(temp_.fileURL("file"), &error));
+  // Marked as a directory URL, as a caller who trusts the link might pass it.
+  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("link"), &error));
 
   EXPECT_EQ(error, sentinelError());
+  EXPECT_EQ(entryNames(temp_.path()), std::set<std::string>{"target"});
+  EXPECT_EQ(readFile(temp_ / "target/keep"), "kept");
+  EXPECT_EQ(log.count(), 0u) << log.dump();
+
+  // A nil URL and a path through a file fail, logging nothing.
+  EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), &error));
+  expectPosixError(error, EFAULT, "nil url passed to -removeItemAtURL:error:", kRemoveFunction);
+  EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), nullptr));
+  const CVURL below = temp_.fileURL("target/keep/below");
+  EXPECT_FALSE(manager_.removeItemAtURL(below, &error));
+  expectPosixError(error, ENOTDIR,
+                   "treewipe of " + below.description() + " failed: Not a directory",
+                   kRemoveFunction);
+  EXPECT_EQ(readFile(temp_ / "target/keep"), "kept");
   EXPECT_EQ(log.count(), 0u) << log.dump();
 }
 
-TEST_F(RemoveItemTest, NilURLFailsWithBadAddress) {
-  CVError error;
-  EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), &error));
-  EXPECT_TRUE(error.isPOSIX(EFAULT));
-  EXPECT_EQ(error.localizedDescription(), "nil url passed to -removeItemAtURL:error:");
-  EXPECT_EQ(*error.userInfo().findString("FunctionName"), kRemoveFunction);
-  EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), nullptr));
-}
-
-TEST_F(RemoveItemTest, RemovesASingleFile) {
-  writeFile(temp_ / "file", "contents");
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.fileURL("file"), nullptr));
-  EXPECT_FALSE(pathExists(temp_ / "file"));
-}
-
-TEST_F(RemoveItemTest, RemovesALinkButNotTheDirectoryItPointsTo) {
-  makeDirectories(temp_ / "target");
-  writeFile(temp_ / "target/keep", "kept");
-  makeSymlink(temp_ / "target", temp_ / "link");
-
-  // Marked as a directory URL, as a caller who trusts the link might pass it.
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("link"), nullptr));
-
-  EXPECT_FALSE(pathExists(temp_ / "link"));
-  EXPECT_EQ(readFile(temp_ / "target/keep"), "kept");
-}
-
 TEST_F(RemoveItemTest, RemovesAWholeTreeWithoutFollowingLinksOutOfIt) {
-  makeDirectories(temp_ / "outside");
   writeFile(temp_ / "outside/file", "outside");
   makeDirectories(temp_ / "root/a/b/c");
   makeDirectories(temp_ / "root/a/empty");
@@ -86,41 +76,23 @@ TEST_F(RemoveItemTest, RemovesAWholeTreeWithoutFollowingLinksOutOfIt) {
     writeFile(temp_ / ("root/a/many-" + std::to_string(i)), "");
   ASSERT_EQ(::mkfifo((temp_ / "root/a/fifo").c_str(), 0600), 0);
   makeSymlink(temp_ / "outside", temp_ / "root/link-to-directory");
+  makeSymlink(temp_ / "outside", temp_ / "root/a/sub");  // a link standing in for a directory
   makeSymlink(temp_ / "outside/file", temp_ / "root/a/b/link-to-file");
   makeSymlink(temp_ / "nowhere", temp_ / "root/dangling");
+  makeDirectories(temp_ / "deep");
+  makeDeepTree(temp_ / "deep", 3000);  // deeper than PATH_MAX and the descriptor window
   CVError error = sentinelError();
 
   EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("root"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("deep"), &error));
 
   EXPECT_EQ(error, sentinelError());
-  EXPECT_FALSE(pathExists(temp_ / "root"));
+  EXPECT_EQ(entryNames(temp_.path()), std::set<std::string>{"outside"});
+  EXPECT_EQ(entryNames(temp_ / "outside"), std::set<std::string>{"file"});
   EXPECT_EQ(readFile(temp_ / "outside/file"), "outside");
 }
 
-TEST_F(RemoveItemTest, LinkStandingInForASubdirectoryLeavesItsTargetAlone) {
-  makeDirectories(temp_ / "canary");
-  writeFile(temp_ / "canary/keep", "kept");
-  makeDirectories(temp_ / "root/real");
-  writeFile(temp_ / "root/real/file", "");
-  makeSymlink(temp_ / "canary", temp_ / "root/sub");
-
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("root"), nullptr));
-
-  EXPECT_FALSE(pathExists(temp_ / "root"));
-  EXPECT_EQ(entryNames(temp_ / "canary"), std::set<std::string>{"keep"});
-}
-
-TEST_F(RemoveItemTest, RemovesATreeDeeperThanPathMaxAndTheDescriptorWindow) {
-  makeDirectories(temp_ / "deep");
-  makeDeepTree(temp_ / "deep", 3000);
-
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("deep"), nullptr));
-
-  EXPECT_FALSE(pathExists(temp_ / "deep"));
-}
-
 TEST_F(RemoveItemTest, UndeletableEntryFailsWithItsErrorAfterRemovingEverythingElse) {
-  makeDirectories(temp_ / "root/keep");
   makeDirectories(temp_ / "root/gone/x/y");
   writeFile(temp_ / "root/gone/x/y/z", "");
   writeFile(temp_ / "root/file", "");
@@ -133,14 +105,12 @@ TEST_F(RemoveItemTest, UndeletableEntryFailsWithItsErrorAfterRemovingEverythingE
 
   EXPECT_FALSE(manager_.removeItemAtURL(url, &error));
 
-  EXPECT_TRUE(error.isPOSIX(EPERM)) << error.description();
-  EXPECT_EQ(error.localizedDescription(),
-            "treewipe of " + url.description() + " failed: Operation not permitted");
-  EXPECT_EQ(*error.userInfo().findString("FunctionName"), kRemoveFunction);
+  expectPosixError(error, EPERM,
+                   "treewipe of " + url.description() + " failed: Operation not permitted",
+                   kRemoveFunction);
   // What could go is gone; the locked file keeps its directories.
   EXPECT_EQ(entryNames(temp_ / "root"), std::set<std::string>{"keep"});
   EXPECT_EQ(entryNames(temp_ / "root/keep"), std::set<std::string>{"locked"});
-
   EXPECT_TRUE(log.contains(
       3, "treewipe hit error for " + (temp_ / "root/keep/locked") + " : Operation not permitted"))
       << log.dump();
@@ -151,33 +121,12 @@ TEST_F(RemoveItemTest, UndeletableEntryFailsWithItsErrorAfterRemovingEverythingE
     EXPECT_EQ(line.function, kCallbackFunction);
 }
 
-TEST_F(RemoveItemTest, PathThroughAFileFailsWithTheResolutionError) {
-  writeFile(temp_ / "file", "");
-  const CVURL url = temp_.fileURL("file/below");
-  CapturedLog log(platform::installerLog());
-  CVError error;
-
-  EXPECT_FALSE(manager_.removeItemAtURL(url, &error));
-
-  EXPECT_TRUE(error.isPOSIX(ENOTDIR)) << error.description();
-  EXPECT_EQ(error.localizedDescription(),
-            "treewipe of " + url.description() + " failed: Not a directory");
-  EXPECT_TRUE(pathExists(temp_ / "file"));
-  EXPECT_EQ(log.count(), 0u) << log.dump();
-}
-
-}  // namespace removeItem
-
-// ---- The recursive removal facility under removeItemAtURL.
-namespace treeWipe {
-
 using Report = std::pair<std::string, int>;  // path, error number
 
-// Records every report; can act on the tree when called and answer stop.
+// Records every report; can act on the tree when called.
 struct Recorder {
   std::vector<Report> reports;
   std::function<void(const std::string& path)> onReport;
-  int verdict = sys::kTreeWipeProceed;
 
   static int callback(sys::TreeWipeState* state, const char* path, void* context) {
     auto* self = static_cast<Recorder*>(context);
@@ -185,7 +134,7 @@ struct Recorder {
     EXPECT_EQ(sys::treeWipeStateGetErrorNumber(state, &errorNumber), 0);
     self->reports.emplace_back(path, errorNumber);
     if (self->onReport) self->onReport(path);
-    return self->verdict;
+    return sys::kTreeWipeProceed;
   }
 
   sys::TreeWipeStatePtr install() {
@@ -215,68 +164,18 @@ class TreeWipeTest : public ::testing::Test {
   TemporaryDirectory temp_;
 };
 
-TEST_F(TreeWipeTest, MissingRootFailsWithENOENTWithoutReport) {
-  Recorder recorder;
-  const sys::TreeWipeStatePtr state = recorder.install();
-  errno = 0;
-  EXPECT_EQ(sys::treeWipe((temp_ / "absent").c_str(), state.get(), sys::kTreeWipeRecursive), -1);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_TRUE(recorder.reports.empty());
-}
-
-TEST_F(TreeWipeTest, StateWithoutObjectRefusesSettings) {
-  int number = 0;
-  EXPECT_EQ(sys::treeWipeStateSetErrorCallback(nullptr, &Recorder::callback), -1);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(sys::treeWipeStateSetErrorContext(nullptr, nullptr), -1);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(sys::treeWipeStateGetErrorNumber(nullptr, &number), -1);
-  EXPECT_EQ(errno, EINVAL);
-}
-
+// As the recovery of an interrupted run uses it, without a callback.
 TEST_F(TreeWipeTest, WithoutCallbackReturnsTheFirstErrorAfterRemovingTheRest) {
-  makeDirectories(temp_ / "root/sub/deeper");
   writeFile(temp_ / "root/sub/deeper/file", "");
   writeFile(temp_ / "root/locked", "");
   makeImmutable(temp_ / "root/locked");
-
   errno = 0;
   EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), nullptr, sys::kTreeWipeRecursive), -1);
-
   EXPECT_EQ(errno, EPERM);
   EXPECT_EQ(entryNames(temp_ / "root"), std::set<std::string>{"locked"});
-}
-
-TEST_F(TreeWipeTest, CallbackAnsweringStopEndsTheRemoval) {
-  makeDirectories(temp_ / "root/sub");
-  writeFile(temp_ / "root/sub/file", "");
-  writeFile(temp_ / "root/locked", "");
-  makeImmutable(temp_ / "root/locked");
-  Recorder recorder;
-  recorder.verdict = sys::kTreeWipeStop;
-  const sys::TreeWipeStatePtr state = recorder.install();
-
   errno = 0;
-  EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), state.get(), sys::kTreeWipeRecursive), -1);
-
-  EXPECT_EQ(errno, EPERM);
-  EXPECT_EQ(recorder.reports, (std::vector<Report>{{temp_ / "root/locked", EPERM}}));
-  // Files go while the directory is read; subdirectories only afterwards.
-  EXPECT_TRUE(pathExists(temp_ / "root/sub/file"));
-}
-
-TEST_F(TreeWipeTest, WithoutRecursiveFlagOnlyAnEmptyDirectoryGoes) {
-  makeDirectories(temp_ / "empty");
-  makeDirectories(temp_ / "full/sub");
-  Recorder recorder;
-  const sys::TreeWipeStatePtr state = recorder.install();
-
-  EXPECT_EQ(sys::treeWipe((temp_ / "empty").c_str(), state.get(), 0), 0);
-  EXPECT_EQ(sys::treeWipe((temp_ / "full").c_str(), state.get(), 0), 0);
-
-  EXPECT_FALSE(pathExists(temp_ / "empty"));
-  EXPECT_TRUE(pathExists(temp_ / "full/sub"));
-  EXPECT_EQ(recorder.reports, (std::vector<Report>{{temp_ / "full", ENOTEMPTY}}));
+  EXPECT_EQ(sys::treeWipe((temp_ / "absent").c_str(), nullptr, sys::kTreeWipeRecursive), -1);
+  EXPECT_EQ(errno, ENOENT);
 }
 
 TEST_F(TreeWipeTest, RemovesATreeDeeperThanTheDescriptorLimit) {
@@ -372,64 +271,51 @@ TEST_F(TreeWipeTest, DirectoryMovedOutOfTheTreeBelowClosedAncestorsIsNotFollowed
   EXPECT_TRUE(recorder.reported(level9 + "/d", ENOENT));
 }
 
-}  // namespace treeWipe
-
-// ---- The error callback of removeItemAtURL, driven directly.
-namespace treeWipeErrorCallback {
-
 int report(sys::TreeWipeState* state, int errorNumber, const char* path, int* firstError) {
   EXPECT_EQ(sys::treeWipeStateSetErrorNumber(state, errorNumber), 0);
   return treewipe_error_callback(state, path, firstError);
 }
 
-TEST(TreeWipeErrorCallbackTest, KeepsOnlyTheFirstNumberAndLogsAllButVanishedEntries) {
-  CapturedLog log(platform::installerLog());
+// Keeps the first error number, logs every report but a vanished entry, and
+// counts an unreadable number as vanished; removeItemAtURL treats a kept
+// ENOENT as success.
+TEST(TreeWipeErrorCallbackTest, KeepsTheFirstNumberAndLogsAllButVanishedEntries) {
   const sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
-  int firstError = 0;
-
-  EXPECT_EQ(report(state.get(), EACCES, "/r/a", &firstError), sys::kTreeWipeProceed);
-  EXPECT_EQ(report(state.get(), EPERM, "/r/b", &firstError), sys::kTreeWipeProceed);
-  EXPECT_EQ(report(state.get(), ENOENT, "/r/c", &firstError), sys::kTreeWipeProceed);
-
-  EXPECT_EQ(firstError, EACCES);
-  ASSERT_EQ(log.count(), 2u) << log.dump();
-  EXPECT_TRUE(log.contains(3, "treewipe hit error for /r/a : Permission denied"));
-  EXPECT_TRUE(log.contains(3, "treewipe hit error for /r/b : Operation not permitted"));
-  EXPECT_EQ(log.lines()[0].function, "_treewipe_error_callback");
-}
-
-TEST(TreeWipeErrorCallbackTest, AFirstVanishedEntryMasksLaterFailures) {
-  CapturedLog log(platform::installerLog());
-  const sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
-  int firstError = 0;
-
-  EXPECT_EQ(report(state.get(), ENOENT, "/r/gone", &firstError), sys::kTreeWipeProceed);
-  EXPECT_EQ(report(state.get(), EPERM, "/r/locked", &firstError), sys::kTreeWipeProceed);
-
-  // removeItemAtURL treats a kept ENOENT as success.
-  EXPECT_EQ(firstError, ENOENT);
-  EXPECT_EQ(log.messages(),
-            std::vector<std::string>{"treewipe hit error for /r/locked : Operation not permitted"});
-}
-
-TEST(TreeWipeErrorCallbackTest, UnreadableErrorNumberCountsAsVanished) {
-  CapturedLog log(platform::installerLog());
-  int firstError = 0;
-
-  EXPECT_EQ(treewipe_error_callback(nullptr, "/r/x", &firstError), sys::kTreeWipeProceed);
-
-  EXPECT_EQ(firstError, ENOENT);
-  EXPECT_TRUE(log.contains(3, "treewipe hit error for /r/x but we failed to get the error number"))
-      << log.dump();
-}
-
-TEST(TreeWipeErrorCallbackTest, WorksWithoutAContext) {
-  const sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
+  const struct {
+    std::vector<std::pair<int, const char*>> reports;  // (error number or 0 for none, path)
+    int firstError;
+    std::vector<std::string> messages;
+  } cases[] = {
+      {{{EACCES, "/r/a"}, {EPERM, "/r/b"}, {ENOENT, "/r/c"}},
+       EACCES,
+       {"treewipe hit error for /r/a : Permission denied",
+        "treewipe hit error for /r/b : Operation not permitted"}},
+      {{{ENOENT, "/r/gone"}, {EPERM, "/r/locked"}},
+       ENOENT,
+       {"treewipe hit error for /r/locked : Operation not permitted"}},
+      {{{0, "/r/x"}},
+       ENOENT,
+       {"treewipe hit error for /r/x but we failed to get the error number"}},
+  };
+  for (const auto& each : cases) {
+    CapturedLog log(platform::installerLog());
+    int firstError = 0;
+    for (const auto& [number, path] : each.reports) {
+      EXPECT_EQ(number ? report(state.get(), number, path, &firstError)
+                       : treewipe_error_callback(nullptr, path, &firstError),
+                sys::kTreeWipeProceed);
+    }
+    EXPECT_EQ(firstError, each.firstError);
+    EXPECT_EQ(log.messages(), each.messages);
+    for (const auto& line : log.lines())
+      EXPECT_EQ(std::tuple(line.level, line.function),
+                std::tuple(3, std::string(kCallbackFunction)));
+  }
+  // Without a context the report is still logged.
   CapturedLog log(platform::installerLog());
   EXPECT_EQ(report(state.get(), EIO, "/r/y", nullptr), sys::kTreeWipeProceed);
-  EXPECT_TRUE(log.contains(3, "treewipe hit error for /r/y : Input/output error"));
+  EXPECT_EQ(log.messages(),
+            std::vector<std::string>{"treewipe hit error for /r/y : Input/output error"});
 }
-
-}  // namespace treeWipeErrorCallback
 
 }  // namespace

@@ -101,26 +101,17 @@ TEST_F(TraversalTest, BlockAnsweringFalseStopsTheWalkWithItsError) {
   makeDirectories(temp_ / "root/a/b");
   int calls = 0;
   CVError error;
-
-  const bool walked = manager_._traverseDirectory(temp_.directoryURL("root"), &error,
-                                                  [&](const WalkEntry&, CVError* blockError) {
-                                                    ++calls;
-                                                    EXPECT_NE(blockError, nullptr);
-                                                    if (calls == 2) {
-                                                      *blockError = CVError("BlockDomain", 7);
-                                                      return false;
-                                                    }
-                                                    return true;
-                                                  });
-
-  EXPECT_FALSE(walked);
+  const auto stopAtTheSecond = [&](const WalkEntry&, CVError* blockError) {
+    EXPECT_NE(blockError, nullptr);
+    if (++calls < 2) return true;
+    *blockError = CVError("BlockDomain", 7);
+    return false;
+  };
+  EXPECT_FALSE(manager_._traverseDirectory(temp_.directoryURL("root"), &error, stopAtTheSecond));
   EXPECT_EQ(calls, 2);
-  EXPECT_EQ(error.domain(), "BlockDomain");
-  EXPECT_EQ(error.code(), 7);
-}
+  EXPECT_EQ(std::tuple(error.domain(), error.code()), std::tuple(std::string("BlockDomain"), 7));
 
-TEST_F(TraversalTest, BlockGetsNoErrorPlaceWhenTheCallerGaveNone) {
-  makeDirectories(temp_ / "root");
+  // Without an error place from the caller the block gets none either.
   bool sawPlace = false;
   EXPECT_FALSE(manager_._traverseDirectory(temp_.directoryURL("root"), nullptr,
                                            [&](const WalkEntry&, CVError* blockError) {
@@ -130,50 +121,33 @@ TEST_F(TraversalTest, BlockGetsNoErrorPlaceWhenTheCallerGaveNone) {
   EXPECT_FALSE(sawPlace);
 }
 
-TEST_F(TraversalTest, MissingRootStopsAtTheFirstEntryNamingTheRoot) {
-  int calls = 0;
-  CVError error;
-
-  EXPECT_FALSE(manager_._traverseDirectory(temp_.directoryURL("absent"), &error,
-                                           [&](const WalkEntry&, CVError*) {
-                                             ++calls;
-                                             return true;
-                                           }));
-
-  EXPECT_EQ(calls, 0);
-  EXPECT_TRUE(error.isPOSIX(ENOENT)) << error.description();
-  EXPECT_EQ(error.localizedDescription(),
-            "Error for path " + (temp_ / "absent") + ": No such file or directory");
-  EXPECT_EQ(*error.userInfo().findString("FunctionName"), kTraverseFunction);
-}
-
-// An entry deep below the root whose path exceeds PATH_MAX cannot be looked
-// at; the error still names the root.
-TEST_F(TraversalTest, UnreadableEntryDeepInTheTreeStopsTheWalkNamingTheRoot) {
-  makeDirectories(temp_ / "root");
-  makeDeepTree(temp_ / "root", 400, "directory-with-a-long-name");
-  int calls = 0;
-  CVError error;
-
-  EXPECT_FALSE(manager_._traverseDirectory(temp_.directoryURL("root"), &error,
-                                           [&](const WalkEntry&, CVError*) {
-                                             ++calls;
-                                             return true;
-                                           }));
-
-  EXPECT_GT(calls, 10);
-  EXPECT_TRUE(error.isPOSIX(ENAMETOOLONG)) << error.description();
-  EXPECT_EQ(error.localizedDescription(),
-            "Error for path " + (temp_ / "root") + ": File name too long");
-}
-
-TEST_F(TraversalTest, WalkerThatCannotOpenFails) {
-  CVError error;
-  EXPECT_FALSE(manager_._traverseDirectory(CVURL(), &error,
-                                           [](const WalkEntry&, CVError*) { return true; }));
-  EXPECT_TRUE(error.isPOSIX(ENOENT)) << error.description();
-  EXPECT_EQ(error.localizedDescription(),
-            "fts_open failed for  with error No such file or directory");
+// A missing root, an entry deep below the root whose path exceeds PATH_MAX,
+// and a walker that cannot open: the error names the root.
+TEST_F(TraversalTest, FailedWalksNameTheRoot) {
+  makeDirectories(temp_ / "deep");
+  makeDeepTree(temp_ / "deep", 400, "directory-with-a-long-name");
+  const struct {
+    CVURL url;
+    int code;
+    std::string description;
+    bool entriesSeen;
+  } cases[] = {
+      {temp_.directoryURL("absent"), ENOENT,
+       "Error for path " + (temp_ / "absent") + ": No such file or directory", false},
+      {temp_.directoryURL("deep"), ENAMETOOLONG,
+       "Error for path " + (temp_ / "deep") + ": File name too long", true},
+      {CVURL(), ENOENT, "fts_open failed for  with error No such file or directory", false},
+  };
+  for (const auto& each : cases) {
+    int calls = 0;
+    CVError error;
+    EXPECT_FALSE(manager_._traverseDirectory(each.url, &error, [&](const WalkEntry&, CVError*) {
+      ++calls;
+      return true;
+    }));
+    EXPECT_EQ(calls > 10, each.entriesSeen) << calls;
+    expectPosixError(error, each.code, each.description, each.url.isNil() ? "" : kTraverseFunction);
+  }
 }
 
 // --- Ownership ---
@@ -251,9 +225,8 @@ TEST_F(TraversalTest, AbsoluteLinkStopsTheWalkWithCode70AfterChangingTheLinkItse
   EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
                                                                      kOwner, kGroup, &error));
 
-  EXPECT_EQ(error.domain(), "CVInstallerErrorDomain");
-  EXPECT_EQ(error.code(), 70);
-  EXPECT_EQ(error.localizedDescription(), "invalid symlink at " + link);
+  EXPECT_EQ(std::tuple(error.domain(), error.code(), error.localizedDescription()),
+            std::tuple(std::string("CVInstallerErrorDomain"), 70, "invalid symlink at " + link));
   ASSERT_NE(error.userInfo().findNumber("LegacyErrorString"), nullptr);
   EXPECT_EQ(error.userInfo().findNumber("LegacyErrorString")->int64Value(), 70);
   EXPECT_EQ(*error.userInfo().findString("FunctionName"), kBlockFunction);
@@ -267,28 +240,37 @@ TEST_F(TraversalTest, AbsoluteLinkStopsTheWalkWithCode70AfterChangingTheLinkItse
   EXPECT_EQ(ownerOf(temp_ / "outside"), (Owner{0, 0}));
 }
 
-TEST_F(TraversalTest, InvalidLinkWithoutAnErrorPlaceBuildsAndLogsNoRecord) {
+TEST_F(TraversalTest, LinksLeavingTheRootAreInvalidAndARootLinkIsNotFollowed) {
   makeDirectories(temp_ / "root/a");
   makeSymlink("../../elsewhere", temp_ / "root/a/climbing");
+  writeFile(temp_ / "target/file", "x");
+  makeSymlink("target", temp_ / "relative-root");
+  makeSymlink(temp_ / "target", temp_ / "absolute-root");
   CapturedLog log(platform::installerLog());
-
-  EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
-                                                                     kOwner, kGroup, nullptr));
-
-  EXPECT_FALSE(log.containsFragment("invalid symlink at")) << log.dump();
-  EXPECT_TRUE(log.containsFragment("as it is points outside or to the base")) << log.dump();
-}
-
-TEST_F(TraversalTest, LinkClimbingAboveTheRootIsInvalid) {
-  makeDirectories(temp_ / "root/a");
-  makeSymlink("../../elsewhere", temp_ / "root/a/climbing");
   CVError error;
 
   EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
                                                                      kOwner, kGroup, &error));
-
   EXPECT_EQ(error.code(), 70);
   EXPECT_EQ(error.localizedDescription(), "invalid symlink at " + (temp_ / "root/a/climbing"));
+  EXPECT_TRUE(log.containsFragment("as it is points outside or to the base")) << log.dump();
+  // Without an error place no record is built or logged.
+  log.clear();
+  EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.directoryURL("root"),
+                                                                     kOwner, kGroup, nullptr));
+  EXPECT_FALSE(log.containsFragment("invalid symlink at")) << log.dump();
+  EXPECT_TRUE(log.containsFragment("as it is points outside or to the base")) << log.dump();
+
+  // A root that is a link is changed itself; an absolute one is invalid.
+  EXPECT_TRUE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.fileURL("relative-root"),
+                                                                    kOwner, kGroup, nullptr));
+  EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.fileURL("absolute-root"),
+                                                                     kOwner, kGroup, &error));
+  EXPECT_EQ(error.code(), 70);
+  for (const char* link : {"relative-root", "absolute-root"})
+    EXPECT_EQ(ownerOf(temp_ / link), (Owner{kOwner, kGroup})) << link;
+  EXPECT_EQ(ownerOf(temp_ / "target"), (Owner{0, 0}));
+  EXPECT_EQ(ownerOf(temp_ / "target/file"), (Owner{0, 0}));
 }
 
 TEST_F(TraversalTest, ItemThatCannotBeChownedIsLoggedAndTheWalkGoesOn) {
@@ -321,31 +303,6 @@ TEST_F(TraversalTest, MissingRootReportsTheFailedStatOverTheWalkError) {
   EXPECT_EQ(error.localizedDescription(),
             "Could not stat " + (temp_ / "absent") + ": No such file or directory");
   EXPECT_EQ(*error.userInfo().findString("FunctionName"), kStandardizeFunction);
-}
-
-TEST_F(TraversalTest, RootThatIsALinkIsChangedItselfAndNotFollowed) {
-  makeDirectories(temp_ / "target");
-  writeFile(temp_ / "target/file", "x");
-  makeSymlink("target", temp_ / "root");
-
-  EXPECT_TRUE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.fileURL("root"), kOwner,
-                                                                    kGroup, nullptr));
-
-  EXPECT_EQ(ownerOf(temp_ / "root"), (Owner{kOwner, kGroup}));
-  EXPECT_EQ(ownerOf(temp_ / "target"), (Owner{0, 0}));
-  EXPECT_EQ(ownerOf(temp_ / "target/file"), (Owner{0, 0}));
-}
-
-TEST_F(TraversalTest, RootThatIsAnAbsoluteLinkIsInvalid) {
-  makeDirectories(temp_ / "target");
-  makeSymlink(temp_ / "target", temp_ / "root");
-  CVError error;
-
-  EXPECT_FALSE(manager_.standardizeOwnershipAndValidateSymlinksAtURL(temp_.fileURL("root"), kOwner,
-                                                                     kGroup, &error));
-
-  EXPECT_EQ(error.code(), 70);
-  EXPECT_EQ(ownerOf(temp_ / "root"), (Owner{kOwner, kGroup}));
 }
 
 }  // namespace

@@ -40,70 +40,50 @@ void reportAnnotationAndExit() {
   ::_exit(kHookExitCode);
 }
 
+// Each record with the thread's name, and the message that must reach the
+// standard error before the abort; missing parts leave no punctuation behind.
 TEST(CrashOnExceptionTest, WritesTheFullMessageAndAborts) {
-  const ChildOutcome outcome = runInChild([] {
-    platform::setCurrentThreadName("worker");
-    CVCrashOnException(ExceptionRecord{"BadThing", "it broke", std::vector<std::string>{"a", "b"}});
-  });
-  EXPECT_EQ(outcome.signal, SIGABRT) << outcome.describe();
-  EXPECT_EQ(outcome.err,
-            "** INTERNAL ERROR: Uncaught Exception **\n"
-            "Exception: <worker> BadThing: it broke\n"
-            "Stack:\n"
-            "a\n"
-            "b\n");
+  EXPECT_EQ(platform::crashAnnotationMessage(), std::nullopt) << "empty until a crash";
+  const struct {
+    const char* thread;
+    ExceptionRecord record;
+    const char* message;
+  } cases[] = {
+      {"worker", ExceptionRecord{"BadThing", "it broke", std::vector<std::string>{"a", "b"}},
+       "Exception: <worker> BadThing: it broke\nStack:\na\nb\n"},
+      {"", ExceptionRecord{std::nullopt, "just why", std::nullopt},
+       "Exception: just why\nStack:\n\n"},
+      {"t", ExceptionRecord{"Name", std::nullopt, std::vector<std::string>{}},
+       "Exception: <t> Name: \nStack:\n\n"},
+  };
+  for (const auto& each : cases) {
+    const ChildOutcome outcome = runInChild([&each] {
+      platform::setCurrentThreadName(each.thread);
+      CVCrashOnException(each.record);
+    });
+    EXPECT_EQ(outcome.signal, SIGABRT) << outcome.describe();
+    EXPECT_EQ(outcome.err,
+              std::string("** INTERNAL ERROR: Uncaught Exception **\n") + each.message);
+  }
 }
 
+// The annotation holds the same message; a thread never named by the program
+// (the kernel reports the program's name) has no name in it.
 TEST(CrashOnExceptionTest, RecordsTheMessageInTheAnnotation) {
-  const ChildOutcome outcome = runInChild([] {
+  const ChildOutcome named = runInChild([] {
     CVSetCrashAbortHookForTesting(reportAnnotationAndExit);
     platform::setCurrentThreadName("io");
     CVCrashOnException(ExceptionRecord{"Kind", "why", std::vector<std::string>{"frame 0"}});
   });
-  EXPECT_EQ(outcome.exitCode, kHookExitCode);
-  EXPECT_EQ(outcome.out,
-            "version=5\n"
-            "message=** INTERNAL ERROR: Uncaught Exception **\n"
-            "Exception: <io> Kind: why\n"
-            "Stack:\n"
-            "frame 0");
-}
-
-TEST(CrashOnExceptionTest, MissingPartsLeaveNoPunctuationBehind) {
-  const ChildOutcome outcome = runInChild([] {
+  const ChildOutcome bare = runInChild([] {
     CVSetCrashAbortHookForTesting(reportAnnotationAndExit);
-    // Never named by the program: the kernel reports the program's name,
-    // which is no thread name.
     CVCrashOnException(ExceptionRecord{});
   });
-  EXPECT_EQ(outcome.exitCode, kHookExitCode);
-  EXPECT_EQ(outcome.out,
-            "version=5\n"
-            "message=** INTERNAL ERROR: Uncaught Exception **\n"
-            "Exception: \n"
-            "Stack:\n");
-}
-
-TEST(CrashOnExceptionTest, ReasonWithoutNameAndNameWithoutReason) {
-  const ChildOutcome reasonOnly = runInChild([] {
-    platform::setCurrentThreadName("");
-    CVCrashOnException(ExceptionRecord{std::nullopt, "just why", std::nullopt});
-  });
-  EXPECT_EQ(reasonOnly.signal, SIGABRT) << reasonOnly.describe();
-  EXPECT_EQ(reasonOnly.err,
-            "** INTERNAL ERROR: Uncaught Exception **\nException: just why\nStack:\n\n");
-
-  const ChildOutcome nameOnly = runInChild([] {
-    platform::setCurrentThreadName("t");
-    CVCrashOnException(ExceptionRecord{"Name", std::nullopt, std::vector<std::string>{}});
-  });
-  EXPECT_EQ(nameOnly.signal, SIGABRT) << nameOnly.describe();
-  EXPECT_EQ(nameOnly.err,
-            "** INTERNAL ERROR: Uncaught Exception **\nException: <t> Name: \nStack:\n\n");
-}
-
-TEST(CrashOnExceptionTest, AnnotationIsEmptyUntilACrash) {
-  EXPECT_EQ(platform::crashAnnotationMessage(), std::nullopt);
+  const std::string header = "version=5\nmessage=** INTERNAL ERROR: Uncaught Exception **\n";
+  EXPECT_EQ(std::tuple(named.exitCode, named.out),
+            std::tuple(kHookExitCode, header + "Exception: <io> Kind: why\nStack:\nframe 0"));
+  EXPECT_EQ(std::tuple(bare.exitCode, bare.out),
+            std::tuple(kHookExitCode, header + "Exception: \nStack:\n"));
   EXPECT_EQ(platform::crashAnnotationSnapshot().version, platform::kCrashAnnotationVersion);
 }
 
