@@ -20,8 +20,9 @@
 // as the pass finds them, never outside the image), gets a link. Everything
 // is opened relative to directory descriptors without following a symbolic
 // link. A file the file system refuses to link (EXDEV, EPERM, EMLINK) is
-// counted and named; the run goes on. The links directory and the manifest
-// are flushed before the pass begins.
+// counted and named; the run goes on. Containers are laid on every core,
+// each task's records joined in task order. The links directory and the
+// manifest are flushed before the pass begins.
 //
 // Settling it after the pass: a link whose file is still at its old place
 // (same device and inode at the same path) or at a new place (a data or
