@@ -15,6 +15,7 @@
 #include "platform/PropertyList.h"
 #include "shared/filemanager/CVErrors.h"
 #include "tests/installer/InstallerFixture.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
 
@@ -24,6 +25,9 @@ namespace {
 using namespace testing_support;
 
 class CustomerInstallTest : public InstallerFixture {};
+
+// The tree the fault handler below makes immutable.
+std::string lockedTree;
 
 CVURL groupURL(const platform::BundleRecord& record, const std::string& group) {
   const CVValue* value = record.groupContainerURLs->find(group);
@@ -257,7 +261,7 @@ TEST_F(CustomerInstallTest, ANewVersionReplacesTheBundleAndKeepsTheDataAndTheGro
   EXPECT_TRUE(record("com.example.broken")->groupContainerURLs->empty());
 }
 
-TEST_F(CustomerInstallTest, LeftoversThatCannotBeRemovedAfterRegistrationAreCleanupOnly) {
+TEST_F(CustomerInstallTest, StepsThatFailAfterRegistrationAreDoneAtTheNextOpening) {
   const std::string staging = stageCustomerPackage("Game", BundleSpec{"com.example.game"});
   writeFile(staging + "/Leftover/notes.txt", "not installed");
   const auto previous = mavrel_installer::setFailureHandler(
@@ -279,6 +283,31 @@ TEST_F(CustomerInstallTest, LeftoversThatCannotBeRemovedAfterRegistrationAreClea
   EXPECT_FALSE(pathExists(container + "/Leftover"));
   EXPECT_FALSE(pathExists(container + "/Payload"));
   EXPECT_TRUE(pathExists(installed->bundleURL.path() + "/Info.plist"));
+
+  // A step that puts the install in place fails after registration: the
+  // caller is told, and the next opening finishes the install.
+  BundleSpec next{"com.example.game"};
+  next.version = "2";
+  const std::string nextStaging = stageCustomerPackage("Game2", next);
+  lockedTree = stagingRoot();
+  if (runProgram("chattr", {"+i", lockedTree}).exitCode != 0) GTEST_SKIP() << "no chattr +i here";
+  runProgram("chattr", {"-i", lockedTree});
+  const auto faults = mavrel_installer::setFaultHandler([](std::string_view point) {
+    if (point == "registration committed") runProgram("chattr", {"-R", "+i", lockedTree});
+  });
+  const InstallOutcome unfinished = installCustomer(nextStaging, "com.example.game");
+  mavrel_installer::setFaultHandler(faults);
+  runProgram("chattr", {"-R", "-i", lockedTree});
+  EXPECT_EQ(unfinished.errorName(), "InstallFinishFailed") << unfinished.dump();
+  reopen();
+  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
+  const auto finished = record("com.example.game");
+  ASSERT_TRUE(finished);
+  EXPECT_EQ(finished->dataContainerURL, installed->dataContainerURL);
+  EXPECT_EQ(*platform::readPropertyListDictionary(
+                 CVURL::fileURLWithPath(finished->bundleURL.path() + "/Info.plist", false), nullptr)
+                 ->findString("QXBundleVersion"),
+            "2");
 }
 
 }  // namespace
