@@ -77,10 +77,10 @@ TEST_F(CustomerInstallTest, PutsBundlePluginAndMetadataInABundleContainerAndMake
 }
 
 TEST_F(CustomerInstallTest, RefusedPackagesAreReportedByNameAndGivenBackIntact) {
-  const auto stage = [this](const std::string& container, BundleSpec spec,
+  const auto stage = [this](const std::string& container, BundleSpec bundle,
                             const std::function<void(const std::string&)>& change = {}) {
-    return [this, container, spec, change] {
-      const std::string staging = stageCustomerPackage(container, spec);
+    return [this, container, bundle, change] {
+      const std::string staging = stageCustomerPackage(container, bundle);
       if (change) change(staging);
       return staging;
     };
