@@ -102,8 +102,6 @@ TEST(PropertyListReadTest, EachKindOfListHasItsOwnLimits) {
   const std::vector<std::tuple<std::string, platform::PropertyListLimits, std::string>> cases = {
       {many(platform::kMaxPropertyListObjects, "<dict/>"), platform::kAnyPropertyListLimits,
        "the property list holds more than 262144 objects"},
-      {"<plist><array>" + std::string(2000, ' ') + "</array></plist>",
-       platform::kMigrationMarkerLimits, ""},
       {"<plist><string>" + std::string(1024 * 1024, 'x') + "</string></plist>",
        platform::kInfoPlistLimits, "larger than 1048576 bytes"},
       {many(1024, "<true/>"), platform::kMigrationMarkerLimits,
