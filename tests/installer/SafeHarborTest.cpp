@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "installer/RegistryListing.h"
-#include "platform/PropertyList.h"
 #include "tests/installer/InstallerFixture.h"
 #include "tests/support/TestSupport.h"
 
@@ -14,10 +13,10 @@ using namespace testing_support;
 
 class SafeHarborTest : public InstallerFixture {
  protected:
-  bool registers(const std::string& path, const std::string& identifier = "com.example.app",
-                 const CVDictionary* options = nullptr) {
+  bool registers(const std::string& path, const std::string& identifier = "com.example.app") {
+    const CVDictionary options{{"Reason", CVValue("absent")}};
     return service_->CorvaneRegisterSafeHarborForContainerType(
-        path, identifier, platform::kSafeHarborContainerType, options);
+        path, identifier, platform::kSafeHarborContainerType, &options);
   }
   std::vector<mavrel_installer::ListedHarbor> harbors() {
     CVError error;
@@ -25,51 +24,50 @@ class SafeHarborTest : public InstallerFixture {
     EXPECT_TRUE(listing) << error.description();
     return listing ? listing->harbors : std::vector<mavrel_installer::ListedHarbor>();
   }
-  TemporaryDirectory outside_;
 };
 
-TEST_F(SafeHarborTest, RecordsAnExistingDirectoryInsideTheRoot) {
+TEST_F(SafeHarborTest, AnExistingDirectoryInsideTheRootIsRecordedAndMovedOnRequest) {
   makeDirectories(home("Harbors/Game"));
-  CapturedLog log(platform::installerLog());
-  const CVDictionary options{{"Reason", CVValue("absent")}};
-  EXPECT_TRUE(registers(home("Harbors/Game") + "/", "com.example.game", &options));
-  EXPECT_FALSE(log.containsFragment("Refusing")) << log.dump();
-
-  auto recorded = harbors();
-  ASSERT_EQ(recorded.size(), 1u);
-  EXPECT_EQ(recorded[0].identifier, "com.example.game");
-  EXPECT_EQ(recorded[0].containerType, platform::kSafeHarborContainerType);
-  // The listing shows paths under the image's root as configured.
-  EXPECT_EQ(recorded[0].path, image_.home("Harbors/Game"));
-
-  // Registering again moves the harbor; it survives reopening.
   makeDirectories(home("Harbors/Game2"));
+  CapturedLog log(platform::installerLog());
+  EXPECT_TRUE(registers(home("Harbors/Game") + "/", "com.example.game"));
+  ASSERT_EQ(harbors().size(), 1u);
+  EXPECT_EQ(harbors()[0].identifier, "com.example.game");
+  EXPECT_EQ(harbors()[0].containerType, platform::kSafeHarborContainerType);
+  // The listing shows paths under the image's root as configured.
+  EXPECT_EQ(harbors()[0].path, image_.home("Harbors/Game"));
   EXPECT_TRUE(registers(home("Harbors/Game2"), "com.example.game"));
   reopen();
-  recorded = harbors();
-  ASSERT_EQ(recorded.size(), 1u);
-  EXPECT_EQ(recorded[0].path, image_.home("Harbors/Game2"));
+  ASSERT_EQ(harbors().size(), 1u);
+  EXPECT_EQ(harbors()[0].path, image_.home("Harbors/Game2"));
+  EXPECT_FALSE(log.containsFragment("Refusing")) << log.dump();
 }
 
-TEST_F(SafeHarborTest, RefusesWhatIsNotADirectoryInsideTheRootAndSaysWhy) {
+TEST_F(SafeHarborTest, WhatIsNotADirectoryInsideTheRootIsRefusedWithItsReason) {
+  TemporaryDirectory outside;
   writeFile(home("file"), "x");
-  makeDirectories(outside_ / "dir");
-  makeSymlink(outside_ / "dir", home("Escape"));
-  CapturedLog log(platform::installerLog());
-  EXPECT_FALSE(registers(home("Gone")));
-  EXPECT_TRUE(log.contains(3, "Refusing safe harbor for com.example.app at " + home("Gone") +
-                                  ": No such file or directory"))
-      << log.dump();
-  EXPECT_FALSE(registers(home("file")));
-  EXPECT_TRUE(log.contains(
-      3, "Refusing safe harbor for com.example.app at " + home("file") + ": not a directory"))
-      << log.dump();
-  EXPECT_FALSE(registers(outside_ / "dir"));
-  EXPECT_FALSE(registers(home("Escape")));
-  // The root and outside_ are siblings: climb out of the root by dots.
-  const std::string sibling = outside_.path().substr(outside_.path().find_last_of('/') + 1);
-  EXPECT_FALSE(registers(home("../../../../" + sibling + "/dir")));
-  EXPECT_TRUE(log.containsFragment("lies outside the device root " + root())) << log.dump();
+  makeDirectories(outside / "dir");
+  makeSymlink(outside / "dir", home("Escape"));
+  // The root and outside are siblings: climb out of the root by dots.
+  const std::string sibling = outside.path().substr(outside.path().find_last_of('/') + 1);
+  const std::string prefix = "Refusing safe harbor for com.example.app at ";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {home("Gone"), prefix + home("Gone") + ": No such file or directory"},
+      {home("file"), prefix + home("file") + ": not a directory"},
+      // Absolute paths are taken inside the image.
+      {outside / "dir", prefix + (outside / "dir") + ": No such file or directory"},
+      {home("Escape"), prefix + home("Escape") + ": " + (outside / "dir") +
+                           " lies outside the device root " + root()},
+      {home("../../../../" + sibling + "/dir"),
+       prefix + home("../../../../" + sibling + "/dir") + ": the path has a '..' component"},
+  };
+  for (const auto& [path, message] : cases) {
+    CapturedLog log(platform::installerLog());
+    EXPECT_FALSE(registers(path)) << path;
+    ASSERT_EQ(log.count(), 1u) << log.dump();
+    EXPECT_EQ(log.lines()[0].level, 3);
+    EXPECT_EQ(log.lines()[0].message, message);
+  }
   EXPECT_TRUE(harbors().empty());
 }
 

@@ -54,119 +54,72 @@ Bytes headerOnlyPNG(std::uint32_t side) {
   return png_test::buildPNG(side, side, 8, 2, Bytes{});
 }
 
-// One bundle per case: its Info.plist (none when null), the icon files it
-// holds, and the colour of the icon chosen, or none.
-struct IconCase {
-  const char* name;
-  std::optional<CVDictionary> info;
-  std::vector<std::pair<std::string, Bytes>> files;
-  std::optional<std::array<std::uint8_t, 3>> colour;
-};
-
-TEST_F(IconServiceTest, EachBundleGetsTheIconItNamesOrTheFallback) {
-  const Bytes red = uniformPNG(120, 120, 200, 10, 10), green = uniformPNG(120, 120, 10, 200, 10);
-  Bytes padded = uniformPNG(120, 120, 200, 0, 0);  // decoders ignore bytes after IEND
-  padded.resize(9 * 1024 * 1024, 0);
-  const std::vector<IconCase> cases = {
-      {"string key",
-       CVDictionary{{"QXBundleIconFile", "AppIcon.png"}},
-       {{"AppIcon.png", red}, {"Icon.png", green}},
-       std::array<std::uint8_t, 3>{200, 10, 10}},
-      {"name without suffix",
-       CVDictionary{{"QXBundleIconFile", "AppIcon"}},
-       {{"AppIcon.png", red}},
-       std::array<std::uint8_t, 3>{200, 10, 10}},
-      {"name with a suffix the file lacks",
-       CVDictionary{{"QXBundleIconFile", "Plain.png"}},
-       {{"Plain", green}},
-       std::array<std::uint8_t, 3>{10, 200, 10}},
-      {"array key",
-       CVDictionary{{"QXBundleIconFiles", CVArray{"Missing", 42, "Second"}}},
-       {{"Second.png", green}},
-       std::array<std::uint8_t, 3>{10, 200, 10}},
-      {"largest named icon",
-       CVDictionary{{"QXBundleIconFile", "Small"},
-                    {"QXBundleIconFiles", CVArray{"Medium.png", "Large", "Small.png"}}},
-       {{"Small.png", uniformPNG(57, 57, 200, 0, 0)},
-        {"Medium.png", uniformPNG(120, 120, 0, 200, 0)},
-        {"Large.png", uniformPNG(180, 180, 0, 0, 200)},
-        {"Icon.png", uniformPNG(512, 512, 9, 9, 9)}},  // not named: not a candidate
-       std::array<std::uint8_t, 3>{0, 0, 200}},
-      {"largest header that does not decode",
-       CVDictionary{{"QXBundleIconFiles", CVArray{"Broken", "Good"}}},
-       {{"Broken.png", headerOnlyPNG(1024)}, {"Good.png", uniformPNG(60, 60, 40, 50, 60)}},
-       std::array<std::uint8_t, 3>{40, 50, 60}},
-      {"fallback without Info.plist",
-       std::nullopt,
-       {{"Icon.png", green}},
-       std::array<std::uint8_t, 3>{10, 200, 10}},
-      {"fallback without icon keys",
-       CVDictionary{{"QXBundleIdentifier", "com.example.app"}},
-       {{"Icon.png", green}},
-       std::array<std::uint8_t, 3>{10, 200, 10}},
-      {"fallback when the named icons are missing",
-       CVDictionary{{"QXBundleIconFile", "Gone"}, {"QXBundleIconFiles", CVArray{"AlsoGone"}}},
-       {{"Icon.png", green}},
-       std::array<std::uint8_t, 3>{10, 200, 10}},
-      {"fallback when the named icon does not decode",
-       CVDictionary{{"QXBundleIconFile", "Broken"}},
-       {{"Broken.png", headerOnlyPNG(120)}, {"Icon.png", green}},
-       std::array<std::uint8_t, 3>{10, 200, 10}},
-      {"scaled down",
-       CVDictionary{{"QXBundleIconFile", "Big"}},
-       {{"Big.png", uniformPNG(300, 200, 1, 2, 3)}},
-       std::array<std::uint8_t, 3>{1, 2, 3}},
-      {"scaled up",
-       std::nullopt,
-       {{"Icon.png", uniformPNG(60, 60, 4, 5, 6)}},
-       std::array<std::uint8_t, 3>{4, 5, 6}},
-      {"no icon", std::nullopt, {}, std::nullopt},
-      {"named icon missing", CVDictionary{{"QXBundleIconFile", "Missing"}}, {}, std::nullopt},
-      {"not a PNG", std::nullopt, {{"Icon.png", Bytes(500, 'x')}}, std::nullopt},
-      {"corrupt PNG",
-       std::nullopt,
-       {{"Icon.png", png_test::readBytes(MAVREL_TESTDATA_DIR "/png/pngsuite/xcsn0g01.png")}},
-       std::nullopt},
-      {"oversized file",
-       CVDictionary{{"QXBundleIconFile", "Padded.png"}},
-       {{"Padded.png", padded}},
-       std::nullopt},
-      {"dimensions beyond the icon limit",
-       std::nullopt,
-       {{"Icon.png", headerOnlyPNG(5000)}},
-       std::nullopt},
-  };
-  for (const IconCase& each : cases) {
-    SCOPED_TRACE(each.name);
-    std::filesystem::remove_all(bundlePath_);
-    makeDirectories(bundlePath_);
-    if (each.info) writeInfoPlist(*each.info);
-    for (const auto& [name, bytes] : each.files)
-      writeIcon(name, bytes);
-    const std::optional<Image> image = icon();
-    if (each.colour) {
-      ASSERT_TRUE(image);
-      EXPECT_TRUE(isUniform(*image, (*each.colour)[0], (*each.colour)[1], (*each.colour)[2], 255));
-    } else {
-      EXPECT_FALSE(image);
-    }
-  }
+// A square PNG of one grey level.
+Bytes grey(std::uint32_t side, std::uint8_t level) {
+  return uniformPNG(side, side, level, level, level);
 }
 
-TEST_F(IconServiceTest, TransparentRedDoesNotBleedIntoTheIcon) {
-  // Straight-alpha file: opaque blue, and fully transparent pixels whose
-  // colour is red. Premultiplied averaging must leave no trace of the red.
-  Bytes pixels;
-  for (int y = 0; y < 240; ++y) {
-    for (int x = 0; x < 240; ++x) {
-      const Bytes pixel = (x + y) % 2 == 0 ? Bytes{255, 0, 0, 0} : Bytes{0, 0, 255, 255};
-      pixels.insert(pixels.end(), pixel.begin(), pixel.end());
+TEST_F(IconServiceTest, EachBundleGetsTheIconItNamesOrTheFallback) {
+  Bytes padded = grey(120, 1);  // decoders ignore bytes after IEND
+  padded.resize(9 * 1024 * 1024, 0);
+  const CVDictionary none;  // no Info.plist
+  const auto file = [](CVValue name) { return CVDictionary{{"QXBundleIconFile", name}}; };
+  const auto files = [](CVArray names) { return CVDictionary{{"QXBundleIconFiles", names}}; };
+  // (case, Info.plist, files, the grey level of the icon chosen or 0 for none)
+  const std::vector<
+      std::tuple<const char*, CVDictionary, std::vector<std::pair<std::string, Bytes>>, int>>
+      cases = {
+          {"string key",
+           file("AppIcon"),
+           {{"AppIcon.png", grey(120, 1)}, {"Icon.png", grey(120, 2)}},
+           1},
+          {"name with a suffix the file lacks", file("Plain.png"), {{"Plain", grey(120, 3)}}, 3},
+          {"array key", files({"Missing", 42, "Second"}), {{"Second.png", grey(120, 4)}}, 4},
+          {"largest named icon",
+           CVDictionary{{"QXBundleIconFile", "Small"},
+                        {"QXBundleIconFiles", CVArray{"Medium.png", "Large", "Small.png"}}},
+           {{"Small.png", grey(57, 5)},
+            {"Medium.png", grey(120, 6)},
+            {"Large.png", grey(180, 7)},
+            {"Icon.png", grey(512, 8)}},  // not named: not a candidate
+           7},
+          {"largest header that does not decode",
+           files({"Broken", "Good"}),
+           {{"Broken.png", headerOnlyPNG(1024)}, {"Good.png", grey(60, 9)}},
+           9},
+          {"fallback without Info.plist", none, {{"Icon.png", grey(120, 10)}}, 10},
+          {"fallback when the named icons are missing",
+           file("Gone"),
+           {{"Icon.png", grey(120, 11)}},
+           11},
+          {"fallback when the named icon does not decode",
+           file("Broken"),
+           {{"Broken.png", headerOnlyPNG(120)}, {"Icon.png", grey(120, 12)}},
+           12},
+          {"scaled down", file("Big"), {{"Big.png", uniformPNG(300, 200, 13, 13, 13)}}, 13},
+          {"no icon", none, {}, 0},
+          {"not a PNG", none, {{"Icon.png", Bytes(500, 'x')}}, 0},
+          {"corrupt PNG",
+           none,
+           {{"Icon.png", png_test::readBytes(MAVREL_TESTDATA_DIR "/png/pngsuite/xcsn0g01.png")}},
+           0},
+          {"oversized file", file("Padded.png"), {{"Padded.png", padded}}, 0},
+          {"dimensions beyond the icon limit", none, {{"Icon.png", headerOnlyPNG(5000)}}, 0},
+      };
+  for (const auto& [name, info, icons, level] : cases) {
+    SCOPED_TRACE(name);
+    std::filesystem::remove_all(bundlePath_);
+    makeDirectories(bundlePath_);
+    if (!info.empty()) writeInfoPlist(info);
+    for (const auto& [iconName, bytes] : icons)
+      writeIcon(iconName, bytes);
+    const std::optional<Image> image = icon();
+    EXPECT_EQ(image.has_value(), level != 0);
+    if (image) {
+      const auto value = static_cast<std::uint8_t>(level);
+      EXPECT_TRUE(isUniform(*image, value, value, value, 255));
     }
   }
-  writeIcon("Icon.png", png_test::straightRGBAPNG(240, 240, pixels));
-  const std::optional<Image> image = icon();
-  ASSERT_TRUE(image);
-  EXPECT_TRUE(isUniform(*image, 0, 0, 128, 128));
 }
 
 TEST_F(IconServiceTest, UndecodableIconsAreLoggedAndNothingOutsideTheBundleIsRead) {

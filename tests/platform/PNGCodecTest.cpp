@@ -1,11 +1,9 @@
-// The PNG codec and the in-memory image destination: what our decoding makes
-// of the forms we meet (premultiplied RGBA, grey depths, transparency,
-// 16-bit samples), the corrupt files we must refuse, and the files we write
-// (round trip, straight alpha, accepted by the independent checker pngcheck).
+// The PNG codec: the transforms we ask for (every form to premultiplied RGBA),
+// the corrupt and hostile files we must refuse, and the files we write (round
+// trip, straight alpha, accepted by the independent checker pngcheck).
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -25,59 +23,21 @@ std::optional<Image> decode(std::span<const std::uint8_t> bytes, CVError* error 
   return decodePNG(bytes, limits, error);
 }
 
-Image randomPremultiplied(std::uint32_t width, std::uint32_t height, unsigned seed) {
-  std::mt19937 random(seed);
-  Image image{width, height, {}};
-  for (std::size_t i = 0; i < std::size_t{width} * height; ++i) {
-    const auto alpha = static_cast<std::uint8_t>(random());
-    for (int c = 0; c < 3; ++c)
-      image.pixels.push_back(static_cast<std::uint8_t>(random() % (alpha + 1u)));
-    image.pixels.push_back(alpha);
-  }
-  return image;
-}
-
 TEST(PNGDecodeTest, FormsBecomePremultipliedRGBA) {
-  // Grey depths expand to the full range; tRNS becomes premultiplied alpha;
-  // interlacing gives the same pixels as the sequential twin.
-  const std::vector<std::pair<const char*, std::vector<int>>> greys = {
-      {"basn0g01.png", {0, 255}}, {"basn0g02.png", {0, 85, 170, 255}}};
-  for (const auto& [name, levels] : greys) {
-    const auto image = decode(readBytes(kSuite + name));
-    ASSERT_TRUE(image) << name;
-    std::vector<int> seen;
-    for (std::size_t offset = 0; offset < image->pixels.size(); offset += 4) {
-      EXPECT_EQ(image->pixels[offset + 1], image->pixels[offset]);
-      EXPECT_EQ(image->pixels[offset + 3], 255);
-      seen.push_back(image->pixels[offset]);
-    }
-    std::sort(seen.begin(), seen.end());
-    seen.erase(std::unique(seen.begin(), seen.end()), seen.end());
-    EXPECT_EQ(seen, levels) << name;
-  }
-  for (const char* name : {"tbbn3p08.png", "tbrn2c08.png", "tbbn0g04.png"}) {
-    const auto image = decode(readBytes(kSuite + name));
-    ASSERT_TRUE(image) << name;
-    std::size_t transparent = 0;
-    for (std::size_t offset = 0; offset < image->pixels.size(); offset += 4) {
-      EXPECT_LE(
-          std::max({image->pixels[offset], image->pixels[offset + 1], image->pixels[offset + 2]}),
-          image->pixels[offset + 3]);
-      transparent += image->pixels[offset + 3] == 0;
-    }
-    EXPECT_GT(transparent, 0u) << name;
-  }
-  const auto interlaced = decode(readBytes(kSuite + "basi6a08.png"));
-  const auto sequential = decode(readBytes(kSuite + "basn6a08.png"));
-  ASSERT_TRUE(interlaced && sequential);
-  EXPECT_EQ(interlaced->width, 32u);
-  EXPECT_TRUE(interlaced->pixels == sequential->pixels);
-  // 16-bit samples round to nearest (0x00ff -> 1); alpha 0x8000 -> 128
-  // premultiplies the colour.
+  // tRNS becomes premultiplied alpha; 16-bit samples round to nearest
+  // (0x00ff -> 1) and alpha 0x8000 -> 128 premultiplies the colour.
+  const auto transparent = decode(readBytes(kSuite + "tbrn2c08.png"));
   const auto wide =
       decode(buildPNG(1, 1, 16, 6, Bytes{0, 0xff, 0xff, 0x80, 0x80, 0, 0xff, 0xff, 0xff}));
   const auto half = decode(buildPNG(1, 1, 16, 6, Bytes{0, 0xff, 0xff, 0, 0, 0, 0, 0x80, 0}));
-  ASSERT_TRUE(wide && half);
+  ASSERT_TRUE(transparent && wide && half);
+  std::size_t clear = 0;
+  for (std::size_t offset = 0; offset < transparent->pixels.size(); offset += 4) {
+    const auto* pixel = &transparent->pixels[offset];
+    EXPECT_LE(std::max({pixel[0], pixel[1], pixel[2]}), pixel[3]);
+    clear += pixel[3] == 0;
+  }
+  EXPECT_GT(clear, 0u);
   EXPECT_EQ(pixelAt(*wide, 0, 0), (std::vector<int>{255, 128, 1, 255}));
   EXPECT_EQ(pixelAt(*half, 0, 0), (std::vector<int>{128, 0, 0, 128}));
 }
@@ -118,9 +78,6 @@ TEST(PNGDecodeTest, CorruptAndHostileFilesAreRefusedByKind) {
     EXPECT_EQ(error.code(), each.code) << each.name;
     EXPECT_FALSE(error.localizedDescription().empty()) << each.name;
   }
-  // Every prefix of a small file is refused.
-  for (std::size_t length = 0; length < whole.size(); length += 7)
-    ASSERT_FALSE(decode(std::span(whole).first(length))) << length;
   // Huge and numerous ancillary chunks are dropped, not a failure.
   Bytes text{'C', 'o', 'm', 'm', 'e', 'n', 't', 0};
   text.resize(text.size() + 3 * 1024 * 1024, 'x');
@@ -130,26 +87,23 @@ TEST(PNGDecodeTest, CorruptAndHostileFilesAreRefusedByKind) {
   const auto image = decode(buildPNG(1, 1, 8, 6, {0, 10, 20, 30, 255}, chunks));
   ASSERT_TRUE(image);
   EXPECT_EQ(pixelAt(*image, 0, 0), (std::vector<int>{10, 20, 30, 255}));
-}
 
-TEST(PNGDecodeTest, HeaderPeekReadsTheHeaderOnlyAndRefusesIllegalOnes) {
-  Bytes file = readBytes(kSuite + "basi4a16.png");
-  file.resize(33);  // nothing after IHDR
-  const auto header = peekPNGHeader(file, nullptr);
+  // The header peek reads the header alone and refuses illegal ones.
+  Bytes headerOnly = readBytes(kSuite + "basi4a16.png");
+  headerOnly.resize(33);
+  const auto header = peekPNGHeader(headerOnly, nullptr);
   ASSERT_TRUE(header);
   EXPECT_EQ(std::tuple(header->width, header->height, header->bitDepth, header->colorType,
                        header->interlaced, header->pixelCount()),
             std::tuple(32u, 32u, 16, 4, true, std::uint64_t{1024}));
-  for (const char* name : {"xs1n0g01.png", "xc1n0g08.png", "xd0n2c08.png", "xhdn0g08.png"}) {
-    CVError error;
-    EXPECT_FALSE(peekPNGHeader(readBytes(kSuite + name), &error)) << name;
-    EXPECT_EQ(error.code(), kPNGNotPNGError) << name;
-  }
   EXPECT_FALSE(peekPNGHeader(buildPNG(0, 5, 8, 6, {}), nullptr));
   EXPECT_FALSE(peekPNGHeader(buildPNG(5, 5, 16, 3, {}), nullptr));
 }
 
-TEST(PNGEncodeTest, RoundTripKeepsEveryPremultipliedValueAndStoresStraightAlpha) {
+// Every premultiplied value goes through the in-memory destination and back;
+// half-transparent red (128, 0, 0, 128) is stored as straight (255, 0, 0, 128)
+// and decodes as a hand-built file of those samples does; pngcheck accepts it.
+TEST(PNGEncodeTest, TheDestinationWritesOnePNGThatRoundTripsAndPngcheckAccepts) {
   Image image{256, 256, {}};
   for (int alpha = 0; alpha < 256; ++alpha) {
     for (int value = 0; value < 256; ++value) {
@@ -159,42 +113,9 @@ TEST(PNGEncodeTest, RoundTripKeepsEveryPremultipliedValueAndStoresStraightAlpha)
                            static_cast<std::uint8_t>(v / 2), static_cast<std::uint8_t>(alpha)});
     }
   }
-  const auto encoded = encodePNG(image, nullptr);
-  ASSERT_TRUE(encoded);
-  const auto decoded = decode(*encoded);
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(std::tuple(decoded->width, decoded->height), std::tuple(256u, 256u));
-  EXPECT_TRUE(decoded->pixels == image.pixels);
-  // Half-transparent red (128, 0, 0, 128) is stored as (255, 0, 0, 128): it
-  // decodes as a hand-built file of those straight samples does.
-  const auto ours = decode(*encodePNG(Image{1, 1, {128, 0, 0, 128}}, nullptr));
-  const auto reference = decode(straightRGBAPNG(1, 1, {255, 0, 0, 128}));
-  ASSERT_TRUE(ours && reference);
-  EXPECT_EQ(ours->pixels, reference->pixels);
-  EXPECT_EQ(ours->pixels, (Bytes{128, 0, 0, 128}));
-  for (const Image& malformed : {Image{0, 0, {}}, Image{2, 2, Bytes(15, 0)}, Image{0, 4, Bytes{}},
-                                 Image{1, 1, Bytes(8, 0)}}) {
-    CVError error;
-    EXPECT_FALSE(encodePNG(malformed, &error));
-    EXPECT_EQ(error.domain(), kPNGErrorDomain);
-    EXPECT_EQ(error.code(), kPNGEncodeError);
-  }
-}
-
-TEST(PNGEncodeTest, TheDestinationWritesOnePNGThatPngcheckAccepts) {
-  testing_support::TemporaryDirectory directory;
   Bytes data;
-  EXPECT_TRUE(PVImageDestinationCreateWithData(&data, "public.png", 1));
-  for (const auto& [type, count] :
-       std::vector<std::pair<std::string, std::size_t>>{{"public.jpeg", 1},
-                                                        {"public.PNG", 1},
-                                                        {"", 1},
-                                                        {std::string(kImageTypePNG), 0},
-                                                        {std::string(kImageTypePNG), 2}})
-    EXPECT_FALSE(PVImageDestinationCreateWithData(&data, type, count)) << type << count;
-  EXPECT_FALSE(PVImageDestinationCreateWithData(nullptr, kImageTypePNG, 1));
-
-  const Image image = randomPremultiplied(97, 41, 7);
+  EXPECT_FALSE(PVImageDestinationCreateWithData(&data, "public.jpeg", 1));
+  EXPECT_FALSE(PVImageDestinationCreateWithData(&data, kImageTypePNG, 2));
   data = {1, 2, 3};  // replaced, not appended to
   auto destination = PVImageDestinationCreateWithData(&data, kImageTypePNG, 1);
   ASSERT_TRUE(destination);
@@ -206,13 +127,26 @@ TEST(PNGEncodeTest, TheDestinationWritesOnePNGThatPngcheckAccepts) {
   EXPECT_EQ(data, first);
   const auto decoded = decode(data);
   ASSERT_TRUE(decoded);
+  EXPECT_EQ(std::tuple(decoded->width, decoded->height), std::tuple(256u, 256u));
   EXPECT_TRUE(decoded->pixels == image.pixels);
+  testing_support::TemporaryDirectory directory;
   writeBytes(directory / "Icon.png", data);
   EXPECT_EQ(runPngcheck(directory / "Icon.png"), 0);
   data[data.size() / 2] ^= 0x01;  // the checker notices damage, so its approval means something
   writeBytes(directory / "damaged.png", data);
   EXPECT_NE(runPngcheck(directory / "damaged.png"), 0);
 
+  const auto ours = decode(*encodePNG(Image{1, 1, {128, 0, 0, 128}}, nullptr));
+  const auto reference = decode(buildPNG(1, 1, 8, 6, {0, 255, 0, 0, 128}));
+  ASSERT_TRUE(ours && reference);
+  EXPECT_EQ(ours->pixels, reference->pixels);
+  for (const Image& malformed : {Image{0, 0, {}}, Image{2, 2, Bytes(15, 0)}, Image{0, 4, Bytes{}},
+                                 Image{1, 1, Bytes(8, 0)}}) {
+    CVError error;
+    EXPECT_FALSE(encodePNG(malformed, &error));
+    EXPECT_EQ(std::pair(error.domain(), error.code()),
+              std::pair(std::string(kPNGErrorDomain), kPNGEncodeError));
+  }
   // Without an image, or with a malformed one, finalising fails and empties
   // the buffer.
   for (const bool withImage : {false, true}) {

@@ -61,8 +61,6 @@ Bytes storedZlib(const Bytes& data) {
   return out;
 }
 
-}  // namespace
-
 Bytes chunkBytes(std::string_view type, std::span<const std::uint8_t> data) {
   Bytes out;
   appendBigEndian32(out, static_cast<std::uint32_t>(data.size()));
@@ -72,6 +70,8 @@ Bytes chunkBytes(std::string_view type, std::span<const std::uint8_t> data) {
   appendBigEndian32(out, crc32Of(typed) ^ 0xffffffffu);
   return out;
 }
+
+}  // namespace
 
 Bytes buildPNG(std::uint32_t width, std::uint32_t height, std::uint8_t bitDepth,
                std::uint8_t colorType, const Bytes& scanlines,
@@ -90,17 +90,6 @@ Bytes buildPNG(std::uint32_t width, std::uint32_t height, std::uint8_t bitDepth,
   append(chunkBytes("IDAT", storedZlib(scanlines)));
   append(chunkBytes("IEND", {}));
   return out;
-}
-
-Bytes straightRGBAPNG(std::uint32_t width, std::uint32_t height, const Bytes& straightPixels) {
-  Bytes scanlines;
-  for (std::uint32_t y = 0; y < height; ++y) {
-    scanlines.push_back(0);
-    const auto row =
-        straightPixels.begin() + static_cast<std::ptrdiff_t>(std::size_t{y} * width * 4);
-    scanlines.insert(scanlines.end(), row, row + static_cast<std::ptrdiff_t>(width * 4));
-  }
-  return buildPNG(width, height, 8, 6, scanlines);
 }
 
 Bytes uniformPNG(std::uint32_t width, std::uint32_t height, std::uint8_t red, std::uint8_t green,

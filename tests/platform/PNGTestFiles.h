@@ -20,18 +20,12 @@ struct Chunk {
   Bytes data;
 };
 
-// One chunk with length and CRC.
-Bytes chunkBytes(std::string_view type, std::span<const std::uint8_t> data);
-
 // A complete PNG: signature, IHDR, `extraChunks`, one IDAT holding `scanlines`
 // (each row already prefixed with its filter byte) in a zlib stream of stored
 // blocks, IEND.
 Bytes buildPNG(std::uint32_t width, std::uint32_t height, std::uint8_t bitDepth,
                std::uint8_t colorType, const Bytes& scanlines,
                const std::vector<Chunk>& extraChunks = {});
-
-// A PNG of straight (not premultiplied) 8-bit RGBA pixels.
-Bytes straightRGBAPNG(std::uint32_t width, std::uint32_t height, const Bytes& straightPixels);
 
 // A PNG of one opaque colour.
 Bytes uniformPNG(std::uint32_t width, std::uint32_t height, std::uint8_t red, std::uint8_t green,

@@ -1,6 +1,5 @@
-// Property-list files: what reading refuses and how the error records read,
-// and the durable write.
-#include <fcntl.h>
+// Property-list files: what reading refuses and the error records it gives
+// (code, exact text, underlying error), and the durable write.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +18,8 @@ namespace {
 
 using namespace testing_support;
 
+const CVDictionary kSample{{"BundleIdentifier", "com.example.app"}, {"Count", 3}};
+
 std::vector<std::string> entries(const std::string& directory) {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(directory))
@@ -26,215 +28,127 @@ std::vector<std::string> entries(const std::string& directory) {
   return names;
 }
 
-const CVDictionary kSample{{"BundleIdentifier", "com.example.app"}, {"Count", 3}};
-
-void writeSample(const std::string& path) {
-  writeFile(path, platform::encodeXMLPropertyList(CVValue(kSample)));
-}
-
-// The record's description names the file; a failed system call is the
-// underlying error.
-void expectReadFailure(const CVError& error, long code, const std::string& path,
-                       int underlyingErrno) {
-  EXPECT_EQ(error.domain(), kPlatformErrorDomain);
-  EXPECT_EQ(error.code(), code) << error.description();
-  EXPECT_NE(error.localizedDescription().find(path), std::string::npos) << error.description();
-  if (underlyingErrno != 0) {
-    EXPECT_TRUE(error.underlyingError().isPOSIX(underlyingErrno)) << error.description();
-  } else {
-    EXPECT_TRUE(error.underlyingError().isNil()) << error.description();
-  }
-}
-
-TEST(PropertyListReadTest, ReadsADictionaryFile) {
-  TemporaryDirectory directory;
-  writeSample(directory / "sample.plist");
-  CVError error;
-  const auto dictionary =
-      platform::readPropertyListDictionary(directory.fileURL("sample.plist"), &error);
-  ASSERT_TRUE(dictionary) << error.description();
-  EXPECT_EQ(*dictionary, kSample);
-}
-
-TEST(PropertyListReadTest, MissingFile) {
-  TemporaryDirectory directory;
-  CVError error;
-  EXPECT_FALSE(platform::readPropertyList(directory.fileURL("absent.plist"), &error));
-  expectReadFailure(error, kPlatformFileReadNoSuchFileError, directory / "absent.plist", ENOENT);
-  EXPECT_EQ(error.localizedDescription(), "The property list at " + (directory / "absent.plist") +
-                                              " could not be read: no such file");
-}
-
-TEST(PropertyListReadTest, WrongRootTypeIsAFailureToRead) {
-  TemporaryDirectory directory;
-  writeFile(directory / "array.plist", platform::encodeXMLPropertyList(CVValue(CVArray{1, 2})));
-  writeFile(directory / "bool.plist", platform::encodeXMLPropertyList(CVValue(true)));
-  CVError error;
-  EXPECT_TRUE(platform::readPropertyList(directory.fileURL("array.plist"), &error));
-  EXPECT_FALSE(platform::readPropertyListDictionary(directory.fileURL("array.plist"), &error));
-  expectReadFailure(error, kPlatformPropertyListReadCorruptError, directory / "array.plist", 0);
-  EXPECT_EQ(error.localizedDescription(),
-            "The property list at " + (directory / "array.plist") +
-                " could not be read: not a dictionary (the root is array)");
-  EXPECT_FALSE(platform::readPropertyListDictionary(directory.fileURL("bool.plist"), &error));
-  EXPECT_NE(error.localizedDescription().find("the root is boolean"), std::string::npos);
-}
-
-TEST(PropertyListReadTest, CorruptContents) {
+TEST(PropertyListReadTest, RefusedFilesAreNamedWithTheirReason) {
   TemporaryDirectory directory;
   const std::string xml = platform::encodeXMLPropertyList(CVValue(kSample));
+  writeFile(directory / "sample.plist", xml);
+  writeFile(directory / "array.plist", platform::encodeXMLPropertyList(CVValue(CVArray{1, 2})));
+  writeFile(directory / "bool.plist", platform::encodeXMLPropertyList(CVValue(true)));
   writeFile(directory / "truncated.plist", xml.substr(0, xml.size() - 20));
-  writeFile(directory / "garbage.plist", "\x89PNG\r\n\x1a\n not a property list at all");
   writeFile(directory / "empty.plist", "");
-  writeFile(directory / "binary-header-only.plist", "bplist00");
-  for (const char* name :
-       {"truncated.plist", "garbage.plist", "empty.plist", "binary-header-only.plist"}) {
-    CVError error;
-    EXPECT_FALSE(platform::readPropertyListDictionary(directory.fileURL(name), &error)) << name;
-    expectReadFailure(error, kPlatformPropertyListReadCorruptError, directory / name, 0);
-  }
-}
-
-TEST(PropertyListReadTest, DirectoryIsRefused) {
-  TemporaryDirectory directory;
+  writeFile(directory / "broken.plist", std::string("bplist00") + std::string(64, '\x01'));
   makeDirectories(directory / "folder.plist");
-  CVError error;
-  EXPECT_FALSE(platform::readPropertyList(directory.directoryURL("folder.plist"), &error));
-  expectReadFailure(error, kPlatformFileReadUnknownError, directory / "folder.plist", EINVAL);
-}
-
-TEST(PropertyListReadTest, FinalSymlinkIsNotFollowed) {
-  TemporaryDirectory directory;
-  writeSample(directory / "real.plist");
-  makeSymlink(directory / "real.plist", directory / "link.plist");
-  CVError error;
-  EXPECT_FALSE(platform::readPropertyList(directory.fileURL("link.plist"), &error));
-  expectReadFailure(error, kPlatformFileReadUnknownError, directory / "link.plist", ELOOP);
-  // Links earlier in the path are followed as usual.
-  makeSymlink(directory.path(), directory / "alias");
-  EXPECT_TRUE(platform::readPropertyList(directory.fileURL("alias/real.plist"), &error));
-}
-
-TEST(PropertyListReadTest, FIFOIsRefusedWithoutWaiting) {
-  TemporaryDirectory directory;
+  makeSymlink(directory / "sample.plist", directory / "link.plist");
   ASSERT_EQ(::mkfifo((directory / "fifo.plist").c_str(), 0644), 0);
-  CVError error;
-  EXPECT_FALSE(platform::readPropertyList(directory.fileURL("fifo.plist"), &error));
-  expectReadFailure(error, kPlatformFileReadUnknownError, directory / "fifo.plist", EINVAL);
-}
-
-TEST(PropertyListReadTest, OversizeFileIsRefusedUnread) {
-  TemporaryDirectory directory;
-  const std::string path = directory / "huge.plist";
-  writeFile(path, "<plist>");
+  writeFile(directory / "huge.plist", "<plist>");
   // Sparse: the size is over the cap without the disk space.
-  ASSERT_EQ(::truncate(path.c_str(), platform::kMaxPropertyListFileSize + 1), 0);
-  CVError error;
-  EXPECT_FALSE(platform::readPropertyList(directory.fileURL("huge.plist"), &error));
-  expectReadFailure(error, kPlatformFileReadUnknownError, path, EFBIG);
-}
-
-TEST(PropertyListReadTest, ListsBeyondTheLimitsOfTheirKindAreRefusedByName) {
-  TemporaryDirectory directory;
-  std::string manyObjects = "<plist><array>";
-  for (std::uint64_t i = 0; i < platform::kMaxPropertyListObjects; ++i)
-    manyObjects += "<dict/>";  // with the array, one object too many
-  manyObjects += "</array></plist>";
+  ASSERT_EQ(::truncate((directory / "huge.plist").c_str(), platform::kMaxPropertyListFileSize + 1),
+            0);
   struct Case {
-    std::string name;
-    std::string contents;
-    platform::PropertyListLimits limits;
+    const char* name;
+    bool dictionary;  // read with readPropertyListDictionary
+    long code;
+    int underlying;  // errno of the failed system call, or 0
     std::string reason;
   };
+  const long corrupt = kPlatformPropertyListReadCorruptError;
+  const long unknown = kPlatformFileReadUnknownError;
   const std::vector<Case> cases = {
-      {"objects.plist", manyObjects, platform::kAnyPropertyListLimits,
-       "holds more than 262144 objects"},
-      {"marker.plist", "<plist><array>" + std::string(2000, ' ') + "</array></plist>",
-       platform::kMigrationMarkerLimits, ""},
-      {"Info.plist", "<plist><string>" + std::string(1024 * 1024, 'x') + "</string></plist>",
-       platform::kInfoPlistLimits, "larger than 1048576 bytes"},
-      {"marker-objects.plist",
-       [] {
-         std::string list = "<plist><array>";
-         for (int i = 0; i < 1024; ++i)
-           list += "<true/>";
-         return list + "</array></plist>";
-       }(),
-       platform::kMigrationMarkerLimits, "holds more than 1024 objects"},
+      {"absent.plist", false, kPlatformFileReadNoSuchFileError, ENOENT, "no such file"},
+      {"array.plist", true, corrupt, 0, "not a dictionary (the root is array)"},
+      {"bool.plist", true, corrupt, 0, "not a dictionary (the root is boolean)"},
+      {"truncated.plist", true, corrupt, 0, "not a valid XML property list (unterminated tag)"},
+      {"empty.plist", true, corrupt, 0, "the data is empty"},
+      {"broken.plist", false, corrupt, 0,
+       "not a valid binary property list (invalid binary property list trailer)"},
+      {"folder.plist", false, unknown, EINVAL, "not a regular file"},
+      {"link.plist", false, unknown, ELOOP, "it is a symbolic link"},
+      {"fifo.plist", false, unknown, EINVAL, "not a regular file"},
+      {"huge.plist", false, unknown, EFBIG, "larger than 8388608 bytes"},
   };
   for (const Case& each : cases) {
-    writeFile(directory / each.name, each.contents);
+    SCOPED_TRACE(each.name);
+    const CVURL url = directory.fileURL(each.name);
     CVError error;
-    const auto value =
-        platform::readPropertyList(directory.fileURL(each.name), &error, each.limits);
-    if (each.reason.empty()) {
-      EXPECT_TRUE(value) << each.name << ": " << error.description();
-      continue;
+    EXPECT_FALSE(each.dictionary ? platform::readPropertyListDictionary(url, &error).has_value()
+                                 : platform::readPropertyList(url, &error).has_value());
+    EXPECT_EQ(error.domain(), kPlatformErrorDomain);
+    EXPECT_EQ(error.code(), each.code) << error.description();
+    EXPECT_EQ(error.localizedDescription(), "The property list at " + (directory / each.name) +
+                                                " could not be read: " + each.reason);
+    if (each.underlying != 0) {
+      EXPECT_TRUE(error.underlyingError().isPOSIX(each.underlying)) << error.description();
+    } else {
+      EXPECT_TRUE(error.underlyingError().isNil()) << error.description();
     }
-    EXPECT_FALSE(value) << each.name;
-    EXPECT_NE(error.localizedDescription().find(directory / each.name), std::string::npos)
-        << error.description();
-    EXPECT_NE(error.localizedDescription().find(each.reason), std::string::npos)
-        << error.description();
+  }
+  // What is read: a dictionary file, and one behind a link earlier in the path.
+  makeSymlink(directory.path(), directory / "alias");
+  const auto read =
+      platform::readPropertyListDictionary(directory.fileURL("alias/sample.plist"), nullptr);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(*read, kSample);
+}
+
+TEST(PropertyListReadTest, EachKindOfListHasItsOwnLimits) {
+  TemporaryDirectory directory;
+  const auto many = [](std::uint64_t count, const char* element) {
+    std::string list = "<plist><array>";
+    for (std::uint64_t i = 0; i < count; ++i)
+      list += element;
+    return list + "</array></plist>";
+  };
+  // (file, limits, reason or "" when read)
+  const std::vector<std::tuple<std::string, platform::PropertyListLimits, std::string>> cases = {
+      {many(platform::kMaxPropertyListObjects, "<dict/>"), platform::kAnyPropertyListLimits,
+       "the property list holds more than 262144 objects"},
+      {"<plist><string>" + std::string(1024 * 1024, 'x') + "</string></plist>",
+       platform::kInfoPlistLimits, "larger than 1048576 bytes"},
+      {many(1024, "<true/>"), platform::kMigrationMarkerLimits,
+       "the property list holds more than 1024 objects"},
+  };
+  for (const auto& [contents, limits, reason] : cases) {
+    writeFile(directory / "list.plist", contents);
+    CVError error;
+    const auto value = platform::readPropertyList(directory.fileURL("list.plist"), &error, limits);
+    EXPECT_EQ(value.has_value(), reason.empty()) << reason << error.description();
+    if (!reason.empty()) {
+      EXPECT_EQ(error.localizedDescription(), "The property list at " + (directory / "list.plist") +
+                                                  " could not be read: " + reason);
+    }
   }
 }
 
-TEST(PropertyListReadTest, BinaryFilesAreRecognisedByTheirMagic) {
-  TemporaryDirectory directory;
-  // "bplist00" followed by garbage is a broken binary list, not XML.
-  writeFile(directory / "broken.plist", std::string("bplist00") + std::string(64, '\x01'));
-  CVError error;
-  EXPECT_FALSE(platform::readPropertyList(directory.fileURL("broken.plist"), &error));
-  EXPECT_NE(error.localizedDescription().find("binary"), std::string::npos) << error.description();
-}
-
-TEST(PropertyListWriteTest, WritesAtomicallyAndReadsBack) {
+TEST(PropertyListWriteTest, WritesAtomicallyAndLeavesNothingWhenItFails) {
   TemporaryDirectory directory;
   const CVURL url = directory.fileURL("out.plist");
   writeFile(url.path(), "old contents");
   CVError error;
   ASSERT_TRUE(platform::writePropertyListAtomically(CVValue(kSample), url, &error))
       << error.description();
-  const auto read = platform::readPropertyListDictionary(url, &error);
-  ASSERT_TRUE(read) << error.description();
-  EXPECT_EQ(*read, kSample);
+  EXPECT_EQ(platform::readPropertyListDictionary(url, nullptr), kSample);
   EXPECT_EQ(entries(directory.path()), std::vector<std::string>{"out.plist"});
-}
 
-TEST(PropertyListWriteTest, MissingDirectoryFailsWithUnderlyingError) {
-  TemporaryDirectory directory;
-  CVError error;
-  EXPECT_FALSE(platform::writePropertyListAtomically(CVValue(kSample),
-                                                     directory.fileURL("no/out.plist"), &error));
-  EXPECT_EQ(error.domain(), kPlatformErrorDomain);
-  EXPECT_EQ(error.code(), kPlatformFileWriteUnknownError);
-  EXPECT_TRUE(error.underlyingError().isPOSIX(ENOENT)) << error.description();
-  EXPECT_NE(error.localizedDescription().find(directory / "no/out.plist"), std::string::npos);
-  EXPECT_FALSE(pathExists(directory / "no"));
-}
-
-TEST(PropertyListWriteTest, DirectoryAtTheTargetIsLeftIntact) {
-  TemporaryDirectory directory;
-  makeDirectories(directory / "out.plist");
-  writeFile(directory / "out.plist/inside", "kept");
-  CVError error;
-  EXPECT_FALSE(platform::writePropertyListAtomically(CVValue(kSample),
-                                                     directory.fileURL("out.plist"), &error));
-  EXPECT_EQ(error.code(), kPlatformFileWriteUnknownError);
-  EXPECT_EQ(readFile(directory / "out.plist/inside"), "kept");
-  EXPECT_EQ(entries(directory.path()), std::vector<std::string>{"out.plist"});
-}
-
-TEST(PropertyListWriteTest, OverlyDeepValueIsRefusedAndNothingWritten) {
-  TemporaryDirectory directory;
+  makeDirectories(directory / "dir.plist");
+  writeFile(directory / "dir.plist/inside", "kept");
   CVValue deep = CVArray{};
   for (std::size_t i = 0; i < platform::kMaxPropertyListDepth; ++i)
     deep = CVArray{deep};
-  CVError error;
-  EXPECT_FALSE(
-      platform::writePropertyListAtomically(deep, directory.fileURL("deep.plist"), &error));
-  EXPECT_EQ(error.code(), kPlatformFileWriteUnknownError);
-  EXPECT_TRUE(entries(directory.path()).empty());
+  // (value, target, underlying errno or 0)
+  const std::vector<std::tuple<CVValue, std::string, int>> cases = {
+      {CVValue(kSample), "no/out.plist", ENOENT},
+      {CVValue(kSample), "dir.plist", 0},
+      {deep, "deep.plist", 0},
+  };
+  for (const auto& [value, name, underlying] : cases) {
+    EXPECT_FALSE(platform::writePropertyListAtomically(value, directory.fileURL(name), &error));
+    EXPECT_EQ(error.domain(), kPlatformErrorDomain) << name;
+    EXPECT_EQ(error.code(), kPlatformFileWriteUnknownError) << name;
+    EXPECT_NE(error.localizedDescription().find(directory / name), std::string::npos) << name;
+    EXPECT_TRUE(underlying == 0 || error.underlyingError().isPOSIX(underlying)) << name;
+  }
+  EXPECT_EQ(readFile(directory / "dir.plist/inside"), "kept");
+  EXPECT_EQ(entries(directory.path()), (std::vector<std::string>{"dir.plist", "out.plist"}));
 }
 
 }  // namespace
