@@ -4,40 +4,28 @@
 
 #include <filesystem>
 
-#include "platform/Log.h"
 #include "tests/appmigrator/MigratorFixture.h"
 #include "tests/support/ChildProgram.h"
 
 namespace {
 
-using platform::kLogLevelError;
-using platform::kLogLevelNotice;
-using namespace testing_support;
-
-CVURL directoryURL(const std::string& path) {
-  return CVURL::fileURLWithPath(path, true);
-}
-
 class DataMigrationTest : public MigratorTest {
  protected:
-  std::string legacy(std::string_view name) const {
-    return container("L1") + "/" + std::string(name);
+  std::string legacy(std::string_view name) const { return container("L1/" + std::string(name)); }
+  std::string data(std::string_view name = "") const {
+    return image_.home("Containers/Data/D1") + (name.empty() ? "" : "/" + std::string(name));
   }
-  std::string data(std::string_view name) const {
-    return image_.home("Containers/Data/D1") + "/" + std::string(name);
-  }
-  bool migrateData(CVAppMigrator& migrator) {
-    return migrator._migrateDataContainerForIdentifier(
-        "com.example.app", directoryURL(container("L1")),
-        directoryURL(image_.home("Containers/Data/D1")));
+  bool migrateData() {
+    return makeMigrator()->_migrateDataContainerForIdentifier(
+        "com.example.app", directoryURL(container("L1")), directoryURL(data()));
   }
 
-  // A legacy install map with these groups ("Container" paths under the home).
-  void writeGroupMap(const std::vector<std::string>& groups) {
+  // A legacy install map naming these groups, `Container` paths as given
+  // (their legacy places when empty).
+  void writeGroupMap(const std::vector<std::pair<std::string, CVValue>>& groups) {
     CVDictionary map;
-    for (const std::string& group : groups) {
-      map.set(group, CVDictionary{{"Container", legacyGroup(group)}});
-    }
+    for (const auto& [group, path] : groups)
+      map.set(group, CVDictionary{{"Container", path}});
     image_.writePlist(image_.installMapPath(), CVDictionary{{"GroupContainers", map}});
     // Set-up reads the install map only when there is something to migrate.
     makeDirectories(container("L1"));
@@ -48,6 +36,7 @@ class DataMigrationTest : public MigratorTest {
   std::string newGroup(const std::string& group) const {
     return image_.home("Containers/Shared/" + group);
   }
+  // The registry gives the application these group containers.
   void recordGroups(const std::vector<std::string>& groups) {
     platform::BundleRecord record;
     record.bundleIdentifier = "com.example.app";
@@ -59,6 +48,9 @@ class DataMigrationTest : public MigratorTest {
     record.groupContainerURLs = urls;
     installer_.records["com.example.app"] = record;
   }
+  bool migrateGroups(CVAppMigrator& migrator) {
+    return migrator._migrateGroupContainersForIdentifier("com.example.app");
+  }
 };
 
 TEST_F(DataMigrationTest, UserDataItemsReplaceWhatTheDataContainerHeld) {
@@ -67,9 +59,7 @@ TEST_F(DataMigrationTest, UserDataItemsReplaceWhatTheDataContainerHeld) {
   writeFile(legacy("NotUserData/secret"), "stays");
   writeFile(data("Documents/stale.txt"), "from the installer");
   makeDirectories(data("Library/Caches"));
-  auto migrator = makeMigrator();
-
-  EXPECT_TRUE(migrateData(*migrator)) << log_.dump();
+  EXPECT_TRUE(migrateData()) << log_.dump();
   EXPECT_EQ(readFile(data("Documents/a/b/deep.txt")), "deep");
   EXPECT_EQ(readFile(data("Library/Preferences/app.plist")), "prefs");
   // Replaced, never merged.
@@ -78,14 +68,12 @@ TEST_F(DataMigrationTest, UserDataItemsReplaceWhatTheDataContainerHeld) {
   EXPECT_FALSE(pathExists(legacy("Documents")));
   EXPECT_EQ(readFile(legacy("NotUserData/secret")), "stays");
   EXPECT_FALSE(pathExists(data("NotUserData")));
-}
 
-TEST_F(DataMigrationTest, ContainerWithoutUserDataMovesNothing) {
-  makeDirectories(container("L1"));
-  makeDirectories(image_.home("Containers/Data/D1"));
-  auto migrator = makeMigrator();
-  EXPECT_TRUE(migrateData(*migrator));
-  EXPECT_TRUE(std::filesystem::is_empty(image_.home("Containers/Data/D1")));
+  // A container without user data moves nothing.
+  removeItem(data());
+  makeDirectories(data());
+  EXPECT_TRUE(migrateData());
+  EXPECT_TRUE(std::filesystem::is_empty(data()));
 }
 
 TEST_F(DataMigrationTest, FirstFailedMoveStopsAndKeepsTheRest) {
@@ -94,10 +82,8 @@ TEST_F(DataMigrationTest, FirstFailedMoveStopsAndKeepsTheRest) {
   for (const std::string& name : names)
     writeFile(legacy(name + "/f"), name);
   // The destination of the first item cannot be made: its parent is a file.
-  writeFile(image_.home("Containers/Data/D1"), "a file");
-  auto migrator = makeMigrator();
-
-  EXPECT_FALSE(migrateData(*migrator));
+  writeFile(data(), "a file");
+  EXPECT_FALSE(migrateData());
   EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to move file://" + legacy(names[0]) +
                                     "/ to file://" + data(names[0]) +
                                     "/ migrating for com.example.app : "));
@@ -105,64 +91,51 @@ TEST_F(DataMigrationTest, FirstFailedMoveStopsAndKeepsTheRest) {
     EXPECT_EQ(readFile(legacy(name + "/f")), name);
 }
 
-TEST_F(DataMigrationTest, GroupContainersMoveIntoTheRegistrysPlaces) {
-  writeGroupMap({"group.a", "group.b"});
+TEST_F(DataMigrationTest, GroupContainersMoveIntoTheRegistrysPlacesOnce) {
+  writeGroupMap({{"group.a", legacyGroup("group.a")},
+                 {"group.b", legacyGroup("group.b")},
+                 {"group.other", legacyGroup("group.other")}});
   writeFile(legacyGroup("group.a") + "/shared.db", "rows");
   writeFile(legacyGroup("group.a") + "/nested/x", "x");
   makeSymlink("shared.db", legacyGroup("group.a") + "/link");
   writeFile(newGroup("group.a") + "/shared.db", "installer's empty db");
   writeFile(legacyGroup("group.b") + "/b", "b");
+  makeDirectories(legacyGroup("group.other"));
   recordGroups({"group.a", "group.b"});
   auto migrator = makeMigrator();
 
-  EXPECT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.example.app")) << log_.dump();
+  EXPECT_TRUE(migrateGroups(*migrator)) << log_.dump();
   EXPECT_EQ(readFile(newGroup("group.a") + "/shared.db"), "rows");
   EXPECT_EQ(readFile(newGroup("group.a") + "/nested/x"), "x");
   EXPECT_EQ(std::filesystem::read_symlink(newGroup("group.a") + "/link"), "shared.db");
   EXPECT_EQ(readFile(newGroup("group.b") + "/b"), "b");
   EXPECT_FALSE(pathExists(legacyGroup("group.a")));
   EXPECT_FALSE(pathExists(legacyGroup("group.b")));
-  EXPECT_TRUE(migrator->groupContainerMap()->empty());
-  EXPECT_TRUE(log_.contains(
-      kLogLevelNotice, "CVAppMigrator: Migrating group container group.a at file://" +
-                           legacyGroup("group.a") + "/ to file://" + newGroup("group.a") + "/"));
+  EXPECT_TRUE(pathExists(legacyGroup("group.other")));
+  EXPECT_EQ(migrator->groupContainerMap()->count(), 1u);
+  EXPECT_TRUE(logged(kLogLevelNotice,
+                     "CVAppMigrator: Migrating group container group.a at file://" +
+                         legacyGroup("group.a") + "/ to file://" + newGroup("group.a") + "/"));
 
   // A second application of the same group finds it already moved.
-  EXPECT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
-}
-
-TEST_F(DataMigrationTest, SharedGroupIsMovedOnceAndThenReportedAsGone) {
-  writeGroupMap({"group.a", "group.other"});
-  writeFile(legacyGroup("group.a") + "/f", "f");
-  makeDirectories(legacyGroup("group.other"));
-  recordGroups({"group.a"});
-  auto migrator = makeMigrator();
-  ASSERT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
-  EXPECT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
-  EXPECT_TRUE(log_.contains(kLogLevelNotice,
-                            "CVAppMigrator: No group container entry to migrate for "
-                            "com.example.app[group.a]"));
-  EXPECT_TRUE(pathExists(legacyGroup("group.other")));
+  EXPECT_TRUE(migrateGroups(*migrator));
+  EXPECT_TRUE(logged(kLogLevelNotice,
+                     "CVAppMigrator: No group container entry to migrate for "
+                     "com.example.app[group.a]"));
 }
 
 TEST_F(DataMigrationTest, GroupMapProblemsAreSkippedWithoutFailing) {
-  writeGroupMap({"group.missing"});
-  // An entry whose path is not a string.
-  CVDictionary map{{"group.missing", CVDictionary{{"Container", legacyGroup("group.missing")}}},
-                   {"group.bad", CVDictionary{{"Container", 42}}}};
-  image_.writePlist(image_.installMapPath(), CVDictionary{{"GroupContainers", map}});
+  writeGroupMap({{"group.missing", legacyGroup("group.missing")}, {"group.bad", 42}});
   recordGroups({"group.missing", "group.bad", "group.unlisted"});
   auto migrator = makeMigrator();
-
-  EXPECT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
-  EXPECT_TRUE(log_.contains(kLogLevelError, "CVAppMigrator: Missing source group container at " +
-                                                legacyGroup("group.missing")));
-  EXPECT_TRUE(log_.contains(kLogLevelNotice,
-                            "CVAppMigrator: Failed to get path to group container for "
-                            "com.example.app[group.bad]"));
-  EXPECT_TRUE(log_.contains(kLogLevelNotice,
-                            "CVAppMigrator: No group container entry to migrate for "
-                            "com.example.app[group.unlisted]"));
+  EXPECT_TRUE(migrateGroups(*migrator));
+  const std::pair<int, std::string> messages[] = {
+      {kLogLevelError, "Missing source group container at " + legacyGroup("group.missing")},
+      {kLogLevelNotice, "Failed to get path to group container for com.example.app[group.bad]"},
+      {kLogLevelNotice, "No group container entry to migrate for com.example.app[group.unlisted]"},
+  };
+  for (const auto& [level, message] : messages)
+    EXPECT_TRUE(logged(level, "CVAppMigrator: " + message)) << log_.dump();
   EXPECT_EQ(migrator->groupContainerMap()->count(), 2u);
 }
 
@@ -170,11 +143,7 @@ TEST_F(DataMigrationTest, GroupMapProblemsAreSkippedWithoutFailing) {
 // forms; a path that is not a group container of its own is left alone.
 TEST_F(DataMigrationTest, GroupPathsLeadIntoTheImageAndOnlyToGroupContainers) {
   const std::string groups = "/private/var/mobile/Library/GroupContainers/";
-  struct Case {
-    std::string stored;
-    std::string problem;  // "" when the group migrates
-  };
-  const Case cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {groups + "G", ""},
       {"/var/mobile/Library/GroupContainers/G", ""},
       {image_.home("Library/GroupContainers/G"), ""},
@@ -189,29 +158,24 @@ TEST_F(DataMigrationTest, GroupPathsLeadIntoTheImageAndOnlyToGroupContainers) {
       {"/private/var/mobile/Library/GroupContainers", "holds the group container of group.other"},
       {groups + "G/../G", "has a '..' component"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.stored);
+  for (const auto& [stored, problem] : cases) {
+    SCOPED_TRACE(stored);
     writeFile(legacyGroup("G") + "/g.db", "rows");
     writeFile(legacyGroup("group.other") + "/o", "o");
-    writeFile(container("L1") + "/Documents/d", "d");
-    makeDirectories(image_.home("Containers/Data/D1"));
-    image_.writePlist(
-        image_.installMapPath(),
-        CVDictionary{{"GroupContainers",
-                      CVDictionary{{"group.a", CVDictionary{{"Container", c.stored}}},
-                                   {"group.other",
-                                    CVDictionary{{"Container", legacyGroup("group.other")}}}}}});
+    writeFile(legacy("Documents/d"), "d");
+    makeDirectories(data());
+    writeGroupMap({{"group.a", stored}, {"group.other", legacyGroup("group.other")}});
     recordGroups({"group.a"});
     log_.clear();
     auto migrator = makeMigrator();
-    EXPECT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
-    if (c.problem.empty()) {
+    EXPECT_TRUE(migrateGroups(*migrator));
+    if (problem.empty()) {
       EXPECT_EQ(readFile(newGroup("group.a") + "/g.db"), "rows") << log_.dump();
       EXPECT_FALSE(pathExists(legacyGroup("G")));
     } else {
-      EXPECT_TRUE(log_.containsFragment(c.problem + "; not migrating it")) << log_.dump();
+      EXPECT_TRUE(log_.containsFragment(problem + "; not migrating it")) << log_.dump();
       EXPECT_EQ(readFile(legacyGroup("G") + "/g.db"), "rows");
-      EXPECT_EQ(readFile(container("L1") + "/Documents/d"), "d");
+      EXPECT_EQ(readFile(legacy("Documents/d")), "d");
       EXPECT_TRUE(pathExists(image_.installMapPath()));
       EXPECT_TRUE(migrator->groupContainerMap()->contains("group.a"));
     }
@@ -220,45 +184,37 @@ TEST_F(DataMigrationTest, GroupPathsLeadIntoTheImageAndOnlyToGroupContainers) {
 }
 
 TEST_F(DataMigrationTest, RegistryAnswersDecideTheResult) {
-  writeGroupMap({"group.a"});
+  // Without a group map there is nothing to ask.
+  EXPECT_TRUE(migrateGroups(*makeMigrator()));
+  EXPECT_EQ(log_.count(), 0u);
+
+  writeGroupMap({{"group.a", legacyGroup("group.a")}});
   makeDirectories(legacyGroup("group.a"));
   auto migrator = makeMigrator();
-
-  EXPECT_FALSE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
-  EXPECT_TRUE(log_.contains(kLogLevelError,
-                            "CVAppMigrator: Failed to get bundle proxy for com.example.app"));
-
+  EXPECT_FALSE(migrateGroups(*migrator));
+  EXPECT_TRUE(
+      logged(kLogLevelError, "CVAppMigrator: Failed to get bundle proxy for com.example.app"));
   installer_.records["com.example.app"] = platform::BundleRecord{};
-  EXPECT_FALSE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
-  EXPECT_TRUE(log_.contains(kLogLevelError,
-                            "CVAppMigrator: Failed to get group container URLs "
-                            "for installed com.example.app"));
-
+  EXPECT_FALSE(migrateGroups(*migrator));
+  EXPECT_TRUE(logged(kLogLevelError,
+                     "CVAppMigrator: Failed to get group container URLs "
+                     "for installed com.example.app"));
   recordGroups({});
-  EXPECT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
-  EXPECT_TRUE(log_.contains(kLogLevelNotice,
-                            "CVAppMigrator: No group containers to migrate for com.example.app"));
+  EXPECT_TRUE(migrateGroups(*migrator));
+  EXPECT_TRUE(
+      logged(kLogLevelNotice, "CVAppMigrator: No group containers to migrate for com.example.app"));
   EXPECT_TRUE(pathExists(legacyGroup("group.a")));
 }
 
-TEST_F(DataMigrationTest, WithoutAGroupMapThereIsNothingToAsk) {
-  auto migrator = makeMigrator();
-  EXPECT_TRUE(migrator->_migrateGroupContainersForIdentifier("com.example.app"));
-  EXPECT_EQ(log_.count(), 0u);
-}
-
 TEST_F(DataMigrationTest, MoveAllGoesOnPastItemsThatFail) {
-  const std::string source = image_.home("src");
-  const std::string destination = image_.home("dst");
+  const std::string source = image_.home("src"), destination = image_.home("dst");
   writeFile(source + "/a", "a");
   writeFile(source + "/b/inner", "b");
   writeFile(source + "/c", "c");
-  makeDirectories(destination);
   // "b" cannot be replaced: the removal before it fails on an immutable directory.
   writeFile(destination + "/b/kept", "old");
   ASSERT_EQ(runProgram("chattr", {"+i", destination + "/b"}).exitCode, 0);
   auto migrator = makeMigrator();
-
   const bool result =
       migrator->_moveAllItemsInGroupContainerURL(directoryURL(source), directoryURL(destination));
   runProgram("chattr", {"-i", destination + "/b"});

@@ -7,12 +7,9 @@
 #include <map>
 
 #include "AppMigrator/ContainerClassification.h"
-#include "shared/filemanager/CVFileManager.h"
 #include "tests/appmigrator/MigratorFixture.h"
 
 namespace {
-
-using namespace testing_support;
 
 class RecordingObserver final : public MavrelMigrationObserver {
  public:
@@ -35,48 +32,12 @@ class RecordingObserver final : public MavrelMigrationObserver {
 
 class EntryObserverTest : public MigratorTest {
  protected:
-  std::unique_ptr<CVAppMigrator> makeObservedMigrator() { return makeMigrator(&observer_); }
-
-  // An application container whose application the registry already knows.
-  std::string knownApplication(const std::string& name, const std::string& identifier) {
-    const std::string path = container(name);
-    image_.writeBundle(path + "/" + name + ".app", CVDictionary{{"QXBundleIdentifier", identifier},
-                                                                {"QXBundleExecutable", name}});
-    writeFile(path + "/" + name + ".app/" + name, "binary", 0755);
-    writeFile(path + "/Documents/d.txt", "data");
-    const std::string data = image_.home("Containers/Data/" + name);
-    makeDirectories(data);
-    platform::BundleRecord record;
-    record.bundleIdentifier = identifier;
-    record.bundleType = "User";
-    record.dataContainerURL = CVURL::fileURLWithPath(data, true);
-    record.groupContainerURLs = CVDictionary{};
-    installer_.records[identifier] = record;
-    return path;
-  }
-
-  // Customer installs consume the staging directory, or are refused as the
-  // service refuses a built-in application.
-  void installerAnswers(bool acceptFor, const std::string& refusedAsBuiltIn = "") {
-    installer_.installHandler = [acceptFor, refusedAsBuiltIn](
-                                    const CVURL& url, const CVDictionary& options, CVError*,
-                                    const platform::InstallProgressCallback& progress) {
-      const std::string* identifier = options.findString(platform::kBundleIdentifierOptionKey);
-      if (identifier && *identifier == refusedAsBuiltIn) {
-        progress(CVDictionary{{std::string(platform::kProgressErrorKey),
-                               std::string(platform::kApplicationAlreadyInstalledError)}});
-        CVFileManager::defaultManager().removeItemAtURL(url, nullptr);
-        return false;
-      }
-      if (acceptFor) CVFileManager::defaultManager().removeItemAtURL(url, nullptr);
-      return acceptFor;
-    };
-  }
-
   RecordingObserver observer_;
 };
 
 TEST_F(EntryObserverTest, EveryEntryIsFinishedOnceWithItsOutcome) {
+  using Outcome = MavrelEntryOutcome;
+  using Step = MavrelEntryStep;
   writeFile(container("WhereDidMyApplicationsGo.txt"), "note");
   const std::string migrated = knownApplication("Good", "com.example.good");
   const std::string builtIn = knownApplication("Builtin", "com.example.builtin");
@@ -86,57 +47,42 @@ TEST_F(EntryObserverTest, EveryEntryIsFinishedOnceWithItsOutcome) {
   makeSymlink("/nowhere/L.app", container("Linked") + "/L.app");
   writeFile(container("Empty") + "/Documents/orphan.txt", "o");
   image_.writeBundle(container("Vpn") + "/T.vpnplugin", "com.example.unknown.vpn");
-  installerAnswers(true, "com.example.builtin");
+  const std::string refused = knownApplication("Refused", "com.example.refused");
+  acceptInstalls("", "", "com.example.builtin", "com.example.refused");
 
-  const auto migrator = makeObservedMigrator();
+  const auto migrator = makeMigrator(&observer_);
   ASSERT_NE(migrator, nullptr);
   EXPECT_FALSE(migrator->performMigration());
 
-  EXPECT_EQ(observer_.finishCount.size(), 7u);
-  for (const auto& [path, count] : observer_.finishCount)
-    EXPECT_EQ(count, 1) << path;
-  const auto outcome = [this](const std::string& path) { return observer_.finished.at(path); };
-
-  EXPECT_EQ(outcome(container("WhereDidMyApplicationsGo.txt")).outcome,
-            MavrelEntryOutcome::Removed);
-  EXPECT_TRUE(outcome(container("Empty")).containerRemoved);
-  EXPECT_EQ(outcome(container("Empty")).outcome, MavrelEntryOutcome::Removed);
-  EXPECT_EQ(outcome(container("Linked")).outcome, MavrelEntryOutcome::Left);
-  EXPECT_FALSE(outcome(container("Linked")).containerRemoved);
+  // Path, outcome, the step that failed (of a failure), whether the container went.
+  const std::tuple<std::string, Outcome, Step, bool> expected[] = {
+      {container("WhereDidMyApplicationsGo.txt"), Outcome::Removed, Step::Examining, true},
+      {container("Empty"), Outcome::Removed, Step::Examining, true},
+      {container("Linked"), Outcome::Left, Step::Examining, false},
+      {migrated, Outcome::Migrated, Step::Examining, true},
+      {builtIn, Outcome::RefusedAsBuiltIn, Step::Examining, true},
+      {extra, Outcome::Failed, Step::MissedItems, false},
+      {container("Vpn"), Outcome::Failed, Step::BundleRecord, false},
+      // A failed install comes after the data moved: the container goes all the same.
+      {refused, Outcome::Failed, Step::Install, true},
+  };
+  EXPECT_EQ(observer_.finishCount.size(), std::size(expected));
+  for (const auto& [path, outcome, failedStep, removed] : expected) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(observer_.finishCount[path], 1);
+    const MavrelEntryResult& result = observer_.finished[path];
+    EXPECT_EQ(result.outcome, outcome);
+    if (outcome == Outcome::Failed) {
+      EXPECT_EQ(result.failedStep, failedStep);
+    }
+    EXPECT_EQ(result.containerRemoved, removed);
+    EXPECT_EQ(pathExists(path), !removed);
+  }
   EXPECT_EQ(observer_.began.count(container("Linked")), 0u);
-
-  EXPECT_EQ(outcome(migrated).outcome, MavrelEntryOutcome::Migrated);
-  EXPECT_TRUE(outcome(migrated).containerRemoved);
   EXPECT_EQ(observer_.began.at(migrated), "com.example.good");
   EXPECT_EQ(observer_.steps.at(migrated),
-            (std::vector<MavrelEntryStep>{MavrelEntryStep::Marker, MavrelEntryStep::BundleRecord,
-                                          MavrelEntryStep::DataMove, MavrelEntryStep::Install,
-                                          MavrelEntryStep::GroupContainers,
-                                          MavrelEntryStep::MissedItems, MavrelEntryStep::Removal}));
-
-  EXPECT_EQ(outcome(builtIn).outcome, MavrelEntryOutcome::RefusedAsBuiltIn);
-  EXPECT_TRUE(outcome(builtIn).containerRemoved);
-
-  EXPECT_EQ(outcome(extra).outcome, MavrelEntryOutcome::Failed);
-  EXPECT_EQ(outcome(extra).failedStep, MavrelEntryStep::MissedItems);
-  EXPECT_FALSE(outcome(extra).containerRemoved);
-
-  EXPECT_EQ(outcome(container("Vpn")).outcome, MavrelEntryOutcome::Failed);
-  EXPECT_EQ(outcome(container("Vpn")).failedStep, MavrelEntryStep::BundleRecord);
-  EXPECT_FALSE(outcome(container("Vpn")).containerRemoved);
-}
-
-TEST_F(EntryObserverTest, AFailedInstallRemovesTheContainerAndSaysSo) {
-  const std::string path = knownApplication("Refused", "com.example.refused");
-  installerAnswers(false);
-  const auto migrator = makeObservedMigrator();
-  ASSERT_NE(migrator, nullptr);
-  EXPECT_FALSE(migrator->performMigration());
-  const MavrelEntryResult& result = observer_.finished.at(path);
-  EXPECT_EQ(result.outcome, MavrelEntryOutcome::Failed);
-  EXPECT_EQ(result.failedStep, MavrelEntryStep::Install);
-  EXPECT_TRUE(result.containerRemoved);
-  EXPECT_FALSE(pathExists(path));
+            (std::vector<Step>{Step::Marker, Step::BundleRecord, Step::DataMove, Step::Install,
+                               Step::GroupContainers, Step::MissedItems, Step::Removal}));
 }
 
 TEST_F(EntryObserverTest, ClassificationDecidesWithoutRemovingAnything) {
@@ -145,7 +91,7 @@ TEST_F(EntryObserverTest, ClassificationDecidesWithoutRemovingAnything) {
   const auto file = CVClassifyLegacyEntry(CVURL::fileURLWithPath(container("File"), false));
   EXPECT_EQ(file.kind, LegacyEntryKind::RegularFile);
   EXPECT_TRUE(file.removeEntry);
-  const auto empty = CVClassifyLegacyEntry(CVURL::fileURLWithPath(container("Empty"), true));
+  const auto empty = CVClassifyLegacyEntry(directoryURL(container("Empty")));
   EXPECT_EQ(empty.kind, LegacyEntryKind::NoBundle);
   EXPECT_TRUE(empty.removeEntry);
   EXPECT_FALSE(empty.record.has_value());
@@ -154,7 +100,7 @@ TEST_F(EntryObserverTest, ClassificationDecidesWithoutRemovingAnything) {
 
   const std::string path = knownApplication("App", "com.example.app");
   image_.writeBundle(path + "/V.vpnplugin", "com.example.app.vpn");
-  const auto application = CVClassifyLegacyEntry(CVURL::fileURLWithPath(path, true));
+  const auto application = CVClassifyLegacyEntry(directoryURL(path));
   EXPECT_EQ(application.kind, LegacyEntryKind::Application);
   EXPECT_TRUE(application.orderResultEarly);
   ASSERT_TRUE(application.record.has_value());

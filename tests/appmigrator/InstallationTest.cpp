@@ -3,28 +3,16 @@
 // installer's answers become results and log lines.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <thread>
 
 #include "platform/Bundle.h"
-#include "platform/Log.h"
-#include "platform/PropertyList.h"
-#include "shared/filemanager/CVFileManager.h"
 #include "tests/appmigrator/MigratorFixture.h"
 
 namespace {
 
-using platform::kLogLevelError;
-using platform::kLogLevelNotice;
-using namespace testing_support;
-
-// An icon service that answers with a fixed image, or with nothing.
-class FixedIconService final : public platform::IconService {
- public:
-  std::optional<platform::Image> homeScreenIconForBundle(const platform::Bundle&) override {
-    return icon;
-  }
-  std::optional<platform::Image> icon;
-};
+using Handler = testing_support::FakeInstallerService::InstallHandler;
 
 platform::Image opaqueSquare(std::uint32_t side) {
   platform::Image image;
@@ -34,169 +22,164 @@ platform::Image opaqueSquare(std::uint32_t side) {
   return image;
 }
 
-class InstallationTest : public MigratorTest {
- protected:
-  void SetUp() override {
-    containerPath_ = container("AB12");
-    bundlePath_ = containerPath_ + "/Maps.app";
-    image_.writeBundle(bundlePath_, CVDictionary{{"QXBundleIdentifier", "com.example.maps"},
-                                                 {"QXBundleExecutable", "Maps"},
-                                                 {"QXBundleVersion", "412"},
-                                                 {"QXBundleShortVersionString", "4.1"},
-                                                 {"QXBundleIconFile", "AppIcon"},
-                                                 {"UIDeviceFamily", CVArray{1}}});
-    writeFile(bundlePath_ + "/Maps", "binary", 0755);
-  }
-
-  std::unique_ptr<CVAppMigrator> migrator() {
-    auto migrator = makeMigratorWithIcons();
-    EXPECT_NE(migrator, nullptr);
-    return migrator;
-  }
-
-  std::unique_ptr<CVAppMigrator> makeMigratorWithIcons() {
-    configuration_ = std::make_unique<CVGlobalConfiguration>(image_.root());
-    CVAppMigrator::Environment environment;
-    environment.configuration = configuration_.get();
-    environment.installer = &installer_;
-    environment.registry = &installer_;
-    environment.systemVersion = &systemVersion_;
-    environment.temporaryDirectory = CVURL::fileURLWithPath(temporaryPath(), true);
-    environment.iconService = &icons_;
-    return CVAppMigrator::create(environment);
-  }
-
-  std::string temporaryPath() const { return image_.rootPath() + "/private/var/tmp/mavrel"; }
-  std::string stagedPlaceholderPath() const {
-    return temporaryPath() + "/com.zentrel.corvane.migrator/com.example.maps.app";
-  }
-  CVURL url(const std::string& path) const { return CVURL::fileURLWithPath(path, true); }
-
-  bool stageAndInstall(CVAppMigrator& migrator, const CVURL& vpnPluginURL = CVURL()) {
-    return migrator._stageAndInstallBundleAtURL(url(bundlePath_), "com.example.maps", vpnPluginURL,
-                                                url(containerPath_));
-  }
-
-  std::string containerPath_;
-  std::string bundlePath_;
-  FixedIconService icons_;
-};
-
-TEST_F(InstallationTest, StagesBundlePluginAndStoreDataThenInstallsWithTheMigrationOptions) {
-  writeFile(containerPath_ + "/Tunnel.vpnplugin/Info.plist", "<plist/>");
-  writeFile(containerPath_ + "/SorvikMetadata.plist", "metadata");
-  writeFile(containerPath_ + "/Manifest.plist", "manifest");
-  writeFile(containerPath_ + "/Documents/keep.txt", "user data stays");
-  bool payloadWasComplete = false;
-  installer_.installHandler = [&](const CVURL& stagingURL, const CVDictionary&, CVError*,
-                                  const platform::InstallProgressCallback& progress) {
-    const std::string staging = stagingURL.path();
-    payloadWasComplete = pathExists(staging + "/Payload/Maps.app/Maps") &&
-                         pathExists(staging + "/Payload/Tunnel.vpnplugin/Info.plist") &&
-                         readFile(staging + "/SorvikMetadata.plist") == "metadata" &&
-                         readFile(staging + "/Manifest.plist") == "manifest";
-    progress(CVDictionary{{"PercentComplete", 50}, {"Status", "Installing"}});
-    return true;
-  };
-  auto subject = migrator();
-  EXPECT_TRUE(stageAndInstall(*subject, url(containerPath_ + "/Tunnel.vpnplugin")));
-  EXPECT_TRUE(payloadWasComplete);
-
-  ASSERT_EQ(installer_.installs.size(), 1u);
-  const CVDictionary& options = installer_.installs[0].options;
-  EXPECT_EQ(options.count(), 5u);
-  EXPECT_EQ(options.findNumber("InstallType")->uint64Value(), 6u);
-  EXPECT_EQ(*options.findString("PackageType"), platform::kPackageTypeCustomer);
-  EXPECT_TRUE(options.findNumber("VerifyForMigrator")->boolValue());
-  EXPECT_TRUE(options.findNumber("SkipBlacklist")->boolValue());
-  EXPECT_EQ(*options.findString("QXBundleIdentifier"), "com.example.maps");
-  EXPECT_TRUE(installer_.installs[0].hadProgressCallback);
-  // The staging directory stays with the container; user data is untouched.
-  EXPECT_TRUE(pathExists(containerPath_ + "/Staging/Payload/Maps.app"));
-  EXPECT_EQ(readFile(containerPath_ + "/Documents/keep.txt"), "user data stays");
-  EXPECT_FALSE(log_.containsFragment("CVAppMigrator: Failed")) << log_.dump();
-  EXPECT_FALSE(log_.containsFragment("CVAppMigrator: Installation of")) << log_.dump();
-}
-
-TEST_F(InstallationTest, WithoutPluginOnlyTheApplicationIsStaged) {
-  std::vector<std::string> payload;
-  installer_.installHandler = [&](const CVURL& stagingURL, const CVDictionary&, CVError*,
-                                  const platform::InstallProgressCallback&) {
-    auto entries = CVFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
-        stagingURL.URLByAppendingPathComponent("Payload", true), false, nullptr);
-    for (const CVURL& entry : *entries)
-      payload.push_back(entry.lastPathComponent());
-    return true;
-  };
-  auto subject = migrator();
-  EXPECT_TRUE(stageAndInstall(*subject));
-  EXPECT_EQ(payload, std::vector<std::string>{"Maps.app"});
-}
-
-TEST_F(InstallationTest, AlreadyInstalledRefusalReportedFromAnotherThreadIsSuccess) {
-  installer_.installHandler = [](const CVURL&, const CVDictionary&, CVError* error,
-                                 const platform::InstallProgressCallback& progress) {
-    std::thread reporter([&] {
-      progress(CVDictionary{{"Error", "ApplicationAlreadyInstalled"},
-                            {"ErrorDescription", "newer copy built in"}});
-    });
-    reporter.join();
+// Refuses with the given progress report (none when empty) and error.
+Handler refusing(CVDictionary report, bool fromAnotherThread = false) {
+  return [=](const CVURL&, const CVDictionary&, CVError* error,
+             const platform::InstallProgressCallback& progress) {
+    if (report.count() > 0 && fromAnotherThread) std::thread([&] { progress(report); }).join();
+    if (report.count() > 0 && !fromAnotherThread) progress(report);
     CVSetError(error, CVError("CVInstallerErrorDomain", 7));
     return false;
   };
-  auto subject = migrator();
-  EXPECT_TRUE(stageAndInstall(*subject));
-  EXPECT_TRUE(log_.contains(kLogLevelNotice,
-                            "CVAppMigrator: Installation of " + bundlePath_ +
-                                " failed because it's older than what's built into the system. "
-                                "Data migration already happened so we're done here."));
-  EXPECT_FALSE(log_.containsFragment("Failed to install"));
 }
 
-TEST_F(InstallationTest, OtherInstallerErrorsFailWithBothMessages) {
-  installer_.installHandler = [](const CVURL&, const CVDictionary&, CVError* error,
-                                 const platform::InstallProgressCallback& progress) {
-    progress(CVDictionary{{"Error", "ExecutableMissing"},
-                          {"ErrorDescription", "no executable"},
-                          {"ErrorDetail", "Maps"}});
-    CVSetError(error, CVError("CVInstallerErrorDomain", 9));
-    return false;
+const Handler kAccepting = [](const CVURL&, const CVDictionary&, CVError*,
+                              const platform::InstallProgressCallback&) { return true; };
+
+class InstallationTest : public MigratorTest {
+ protected:
+  void SetUp() override {
+    image_.writeBundle(bundle_, CVDictionary{{"QXBundleIdentifier", "com.example.maps"},
+                                             {"QXBundleExecutable", "Maps"},
+                                             {"QXBundleVersion", "412"},
+                                             {"QXBundleShortVersionString", "4.1"},
+                                             {"QXBundleIconFile", "AppIcon"},
+                                             {"UIDeviceFamily", CVArray{1}}});
+    writeFile(bundle_ + "/Maps", "binary", 0755);
+    migrator_ = makeMigrator();
+    ASSERT_NE(migrator_, nullptr);
+  }
+
+  std::string staged() const {
+    return temporaryPath() + "/com.zentrel.corvane.migrator/com.example.maps.app";
+  }
+  bool stageAndInstall(const CVURL& vpnPluginURL = CVURL()) {
+    return migrator_->_stageAndInstallBundleAtURL(directoryURL(bundle_), "com.example.maps",
+                                                  vpnPluginURL, directoryURL(container_));
+  }
+  bool installPlaceholder(const std::string& bundle) {
+    return migrator_->_stageAndInstallPlaceholderForBundleAtURL(
+        directoryURL(bundle), "com.example.maps", directoryURL(container_));
+  }
+
+  // Puts the staged bundle back where it was and removes the staging directory.
+  void unstage() {
+    std::filesystem::rename(container_ + "/Staging/Payload/Maps.app", bundle_);
+    removeItem(container_ + "/Staging");
+  }
+
+  const std::string container_ = container("AB12");
+  const std::string bundle_ = container_ + "/Maps.app";
+  std::unique_ptr<CVAppMigrator> migrator_;
+};
+
+TEST_F(InstallationTest, StagesBundlePluginAndStoreDataThenInstallsWithTheMigrationOptions) {
+  writeFile(container_ + "/Tunnel.vpnplugin/Info.plist", "<plist/>");
+  writeFile(container_ + "/SorvikMetadata.plist", "metadata");
+  writeFile(container_ + "/Manifest.plist", "manifest");
+  writeFile(container_ + "/Documents/keep.txt", "user data stays");
+  std::vector<std::string> payload;
+  bool storeData = false;
+  installer_.installHandler = [&](const CVURL& staging, const CVDictionary&, CVError*,
+                                  const platform::InstallProgressCallback& progress) {
+    const auto entries = CVFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
+        staging.URLByAppendingPathComponent("Payload", true), false, nullptr);
+    for (const CVURL& entry : entries.value_or(std::vector<CVURL>()))
+      payload.push_back(entry.lastPathComponent());
+    storeData = pathExists(staging.path() + "/Payload/Maps.app/Maps") &&
+                readFile(staging.path() + "/SorvikMetadata.plist") == "metadata" &&
+                readFile(staging.path() + "/Manifest.plist") == "manifest";
+    progress(CVDictionary{{"PercentComplete", 50}, {"Status", "Installing"}});
+    return true;
   };
-  auto subject = migrator();
-  EXPECT_FALSE(stageAndInstall(*subject));
-  EXPECT_TRUE(log_.contains(kLogLevelError, "CVAppMigrator: Installation of " + bundlePath_ +
-                                                " failed with Corvane error no executable "
-                                                "(ExecutableMissing : Maps)"));
-  EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to install file://" + containerPath_ +
-                                    "/Staging/"));
-  EXPECT_TRUE(pathExists(containerPath_ + "/Staging/Payload/Maps.app"));
+  EXPECT_TRUE(stageAndInstall(directoryURL(container_ + "/Tunnel.vpnplugin")));
+  std::sort(payload.begin(), payload.end());
+  EXPECT_EQ(payload, (std::vector<std::string>{"Maps.app", "Tunnel.vpnplugin"}));
+  EXPECT_TRUE(storeData);
+
+  ASSERT_EQ(installer_.installs.size(), 1u);
+  EXPECT_EQ(installer_.installs[0].options,
+            (CVDictionary{{"InstallType", 6},
+                          {"PackageType", std::string(platform::kPackageTypeCustomer)},
+                          {"VerifyForMigrator", true},
+                          {"SkipBlacklist", true},
+                          {"QXBundleIdentifier", "com.example.maps"}}));
+  EXPECT_TRUE(installer_.installs[0].hadProgressCallback);
+  // The staging directory stays with the container; user data is untouched.
+  EXPECT_TRUE(pathExists(container_ + "/Staging/Payload/Maps.app"));
+  EXPECT_EQ(readFile(container_ + "/Documents/keep.txt"), "user data stays");
+  EXPECT_FALSE(log_.containsFragment("CVAppMigrator: Failed")) << log_.dump();
+  EXPECT_FALSE(log_.containsFragment("CVAppMigrator: Installation of")) << log_.dump();
+
+  // Without a plug-in only the application is staged.
+  payload.clear();
+  unstage();
+  EXPECT_TRUE(stageAndInstall());
+  EXPECT_EQ(payload, std::vector<std::string>{"Maps.app"});
 }
 
-TEST_F(InstallationTest, FailureWithoutErrorNameLogsOnlyTheInstallFailure) {
-  // The default double refuses without reporting progress.
-  auto subject = migrator();
-  EXPECT_FALSE(stageAndInstall(*subject));
-  EXPECT_FALSE(log_.containsFragment("failed with Corvane error"));
-  EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to install "));
+// The installer's answers, and what each one becomes: result and log lines.
+TEST_F(InstallationTest, InstallerAnswersBecomeResultsAndMessages) {
+  const std::string failed = "CVAppMigrator: Failed to install file://" + container_ + "/Staging/";
+  struct Case {
+    const char* name;
+    Handler handler;
+    bool result;
+    int level;
+    std::string present;  // a line that must be there ("" for none)
+    std::string absent;   // a fragment that must not be
+  };
+  const Case cases[] = {
+      // Refused because the system carries a newer copy, reported from another thread.
+      {"built in",
+       refusing(CVDictionary{{"Error", "ApplicationAlreadyInstalled"},
+                             {"ErrorDescription", "newer copy built in"}},
+                true),
+       true, kLogLevelNotice,
+       "Installation of " + bundle_ +
+           " failed because it's older than what's built into the system. Data migration already "
+           "happened so we're done here.",
+       "Failed to install"},
+      {"other error",
+       refusing(CVDictionary{{"Error", "ExecutableMissing"},
+                             {"ErrorDescription", "no executable"},
+                             {"ErrorDetail", "Maps"}}),
+       false, kLogLevelError,
+       "Installation of " + bundle_ +
+           " failed with Corvane error no executable (ExecutableMissing : Maps)",
+       "older than"},
+      {"no error name", refusing(CVDictionary{}), false, 0, "", "failed with Corvane error"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    log_.clear();
+    installer_.installHandler = c.handler;
+    EXPECT_EQ(stageAndInstall(), c.result);
+    if (!c.present.empty()) {
+      EXPECT_TRUE(logged(c.level, "CVAppMigrator: " + c.present)) << log_.dump();
+    }
+    EXPECT_FALSE(log_.containsFragment(c.absent)) << log_.dump();
+    EXPECT_EQ(log_.containsFragment(failed), !c.result) << log_.dump();
+    // The staging directory stays with the container.
+    EXPECT_TRUE(pathExists(container_ + "/Staging/Payload/Maps.app"));
+    unstage();
+  }
 }
 
-TEST_F(InstallationTest, StagingFailuresStopBeforeTheInstaller) {
+TEST_F(InstallationTest, StagingFailuresStopBeforeTheInstallerAndAMissingBundleDoesNot) {
   // "Staging" is a file, so "Payload" cannot be made.
-  writeFile(containerPath_ + "/Staging", "in the way");
-  auto subject = migrator();
-  EXPECT_FALSE(stageAndInstall(*subject));
-  EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to create file://" + containerPath_ +
+  writeFile(container_ + "/Staging", "in the way");
+  EXPECT_FALSE(stageAndInstall());
+  EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to create file://" + container_ +
                                     "/Staging/Payload/ : "));
   EXPECT_TRUE(installer_.installs.empty());
-  EXPECT_TRUE(pathExists(bundlePath_));
-}
+  EXPECT_TRUE(pathExists(bundle_));
 
-TEST_F(InstallationTest, MissingBundleIsMovedAsANoOpAndTheInstallerDecides) {
-  CVFileManager::defaultManager().removeItemAtURL(url(bundlePath_), nullptr);
-  installer_.installHandler = [](const CVURL&, const CVDictionary&, CVError*,
-                                 const platform::InstallProgressCallback&) { return true; };
-  auto subject = migrator();
-  EXPECT_TRUE(stageAndInstall(*subject));
+  // A bundle that is gone is moved as a no-op and the installer decides.
+  removeItem(container_ + "/Staging");
+  removeItem(bundle_);
+  installer_.installHandler = kAccepting;
+  EXPECT_TRUE(stageAndInstall());
   EXPECT_EQ(installer_.installs.size(), 1u);
 }
 
@@ -204,7 +187,7 @@ TEST_F(InstallationTest, MissingBundleIsMovedAsANoOpAndTheInstallerDecides) {
 
 TEST_F(InstallationTest, PlaceholderCarriesIdentityIconAndStoreMetadata) {
   icons_.icon = opaqueSquare(120);
-  writeFile(containerPath_ + "/SorvikMetadata.plist", "raw metadata bytes");
+  writeFile(container_ + "/SorvikMetadata.plist", "raw metadata bytes");
   CVDictionary stagedInfo;
   bool iconWasPNG = false;
   installer_.installHandler = [&](const CVURL& stagedURL, const CVDictionary&, CVError*,
@@ -213,36 +196,30 @@ TEST_F(InstallationTest, PlaceholderCarriesIdentityIconAndStoreMetadata) {
     iconWasPNG = readFile(stagedURL.path() + "/Icon.png").starts_with("\x89PNG\r\n\x1a\n");
     return true;
   };
-  auto subject = migrator();
-  EXPECT_TRUE(subject->_stageAndInstallPlaceholderForBundleAtURL(
-      url(bundlePath_), "com.example.maps", url(containerPath_)))
-      << log_.dump();
+  EXPECT_TRUE(installPlaceholder(bundle_)) << log_.dump();
 
   ASSERT_EQ(installer_.installs.size(), 1u);
-  EXPECT_EQ(installer_.installs[0].url.path(), stagedPlaceholderPath());
+  EXPECT_EQ(installer_.installs[0].url.path(), staged());
   EXPECT_FALSE(installer_.installs[0].hadProgressCallback);
-  const CVDictionary& options = installer_.installs[0].options;
-  EXPECT_EQ(*options.findString("PackageType"), platform::kPackageTypePlaceholder);
-  EXPECT_EQ(options.findNumber("InstallType")->uint64Value(), 6u);
-  EXPECT_TRUE(options.findNumber("SkipBlacklist")->boolValue());
-  EXPECT_EQ(options.find("VerifyForMigrator"), nullptr);
-  const CVValue* metadata = options.find(platform::kStoreMetadataOptionKey);
-  ASSERT_NE(metadata, nullptr);
-  ASSERT_NE(metadata->asData(), nullptr);
-  EXPECT_EQ(std::string(metadata->asData()->begin(), metadata->asData()->end()),
-            "raw metadata bytes");
-
+  const std::string metadata = "raw metadata bytes";
+  EXPECT_EQ(installer_.installs[0].options,
+            (CVDictionary{{"InstallType", 6},
+                          {"PackageType", std::string(platform::kPackageTypePlaceholder)},
+                          {"SkipBlacklist", true},
+                          {"QXBundleIdentifier", "com.example.maps"},
+                          {std::string(platform::kStoreMetadataOptionKey),
+                           CVData(metadata.begin(), metadata.end())}}));
   EXPECT_EQ(stagedInfo.keys(),
             (std::vector<std::string>{"QXBundleIdentifier", "QXBundleExecutable", "QXBundleVersion",
                                       "QXBundleShortVersionString", "QXBundleIconFile"}));
   EXPECT_EQ(*stagedInfo.findString("QXBundleIconFile"), "Icon.png");
   EXPECT_TRUE(iconWasPNG);
   EXPECT_TRUE(
-      log_.contains(kLogLevelNotice, "CVAppMigrator: Installing placeholder for com.example.maps"));
+      logged(kLogLevelNotice, "CVAppMigrator: Installing placeholder for com.example.maps"));
   // The staged copy never outlives the call, and the legacy container is as it was.
-  EXPECT_FALSE(pathExists(stagedPlaceholderPath()));
-  EXPECT_EQ(readFile(containerPath_ + "/SorvikMetadata.plist"), "raw metadata bytes");
-  EXPECT_TRUE(pathExists(bundlePath_ + "/Maps"));
+  EXPECT_FALSE(pathExists(staged()));
+  EXPECT_EQ(readFile(container_ + "/SorvikMetadata.plist"), metadata);
+  EXPECT_TRUE(pathExists(bundle_ + "/Maps"));
 }
 
 TEST_F(InstallationTest, PlaceholderWithoutIconOrMetadataStillInstalls) {
@@ -252,81 +229,61 @@ TEST_F(InstallationTest, PlaceholderWithoutIconOrMetadataStillInstalls) {
     stagedInfo = image_.readPlistDictionary(stagedURL.path() + "/Info.plist");
     return true;
   };
-  auto subject = migrator();
-  EXPECT_TRUE(subject->_stageAndInstallPlaceholderForBundleAtURL(
-      url(bundlePath_), "com.example.maps", url(containerPath_)));
+  EXPECT_TRUE(installPlaceholder(bundle_));
   EXPECT_EQ(stagedInfo.find("QXBundleIconFile"), nullptr);
   EXPECT_EQ(installer_.installs[0].options.find(platform::kStoreMetadataOptionKey), nullptr);
-  EXPECT_TRUE(log_.contains(kLogLevelError,
-                            "CVAppMigrator: Writing placeholder icon for app "
-                            "com.example.maps to file://" +
-                                stagedPlaceholderPath() + "/Icon.png failed"));
+  EXPECT_TRUE(logged(kLogLevelError,
+                     "CVAppMigrator: Writing placeholder icon for app "
+                     "com.example.maps to file://" +
+                         staged() + "/Icon.png failed"));
   EXPECT_FALSE(log_.containsFragment("Failed to read"));
 }
 
 TEST_F(InstallationTest, RefusedPlaceholderIsCleanedUpAndTheSamePathServesTheNextCall) {
-  auto subject = migrator();
-  EXPECT_FALSE(subject->_stageAndInstallPlaceholderForBundleAtURL(
-      url(bundlePath_), "com.example.maps", url(containerPath_)));
+  EXPECT_FALSE(installPlaceholder(bundle_));
   EXPECT_TRUE(
       log_.containsFragment("CVAppMigrator: Failed to install placeholder for com.example.maps: "));
-  EXPECT_FALSE(pathExists(stagedPlaceholderPath()));
-
-  installer_.installHandler = [](const CVURL&, const CVDictionary&, CVError*,
-                                 const platform::InstallProgressCallback&) { return true; };
-  EXPECT_TRUE(subject->_stageAndInstallPlaceholderForBundleAtURL(
-      url(bundlePath_), "com.example.maps", url(containerPath_)));
+  EXPECT_FALSE(pathExists(staged()));
+  installer_.installHandler = kAccepting;
+  EXPECT_TRUE(installPlaceholder(bundle_));
   EXPECT_EQ(installer_.installs[0].url, installer_.installs[1].url);
 }
 
-TEST_F(InstallationTest, PlaceholderNeedsAReadableBundle) {
-  auto subject = migrator();
-  const std::string missing = containerPath_ + "/Gone.app";
-  EXPECT_FALSE(subject->_stageAndInstallPlaceholderForBundleAtURL(url(missing), "com.example.maps",
-                                                                  url(containerPath_)));
-  EXPECT_TRUE(
-      log_.contains(kLogLevelError, "CVAppMigrator: Failed to create QXBundle for " + missing));
-
-  writeFile(bundlePath_ + "/Info.plist", "not a property list");
-  EXPECT_FALSE(subject->_stageAndInstallPlaceholderForBundleAtURL(
-      url(bundlePath_), "com.example.maps", url(containerPath_)));
-  EXPECT_TRUE(log_.contains(
-      kLogLevelError,
-      "CVAppMigrator: Failed to get bundle info dictionary for bundle " + bundlePath_));
-  EXPECT_TRUE(installer_.installs.empty());
-  EXPECT_FALSE(pathExists(stagedPlaceholderPath()));
-}
-
-TEST_F(InstallationTest, PlaceholderStagingFailureIsReported) {
+TEST_F(InstallationTest, PlaceholderNeedsAStagingPlaceAndAReadableBundle) {
   // The staging parent is a file.
   writeFile(temporaryPath() + "/com.zentrel.corvane.migrator", "in the way");
-  auto subject = migrator();
-  EXPECT_FALSE(subject->_stageAndInstallPlaceholderForBundleAtURL(
-      url(bundlePath_), "com.example.maps", url(containerPath_)));
-  EXPECT_TRUE(
-      log_.containsFragment("CVAppMigrator: Failed to create staged placeholder directory at " +
-                            stagedPlaceholderPath()));
+  EXPECT_FALSE(installPlaceholder(bundle_));
+  EXPECT_TRUE(log_.containsFragment(
+      "CVAppMigrator: Failed to create staged placeholder directory at " + staged()));
+  removeItem(temporaryPath());
+
+  const std::string missing = container_ + "/Gone.app";
+  EXPECT_FALSE(installPlaceholder(missing));
+  EXPECT_TRUE(logged(kLogLevelError, "CVAppMigrator: Failed to create QXBundle for " + missing));
+  writeFile(bundle_ + "/Info.plist", "not a property list");
+  EXPECT_FALSE(installPlaceholder(bundle_));
+  EXPECT_TRUE(logged(kLogLevelError,
+                     "CVAppMigrator: Failed to get bundle info dictionary for bundle " + bundle_));
+  EXPECT_TRUE(installer_.installs.empty());
+  EXPECT_FALSE(pathExists(staged()));
 }
 
 TEST_F(InstallationTest, IconIsWrittenAsPNGOrReportedMissing) {
-  auto subject = migrator();
-  const auto bundle = platform::Bundle::create(url(bundlePath_));
+  const auto bundle = platform::Bundle::create(directoryURL(bundle_));
   const CVURL iconURL = CVURL::fileURLWithPath(image_.rootPath() + "/icon.png", false);
-
-  EXPECT_FALSE(subject->_writeIconForBundle(*bundle, iconURL));
-  EXPECT_TRUE(log_.contains(kLogLevelError,
-                            "CVAppMigrator: Failed to create icon from bundle " + bundlePath_));
+  EXPECT_FALSE(migrator_->_writeIconForBundle(*bundle, iconURL));
+  EXPECT_TRUE(
+      logged(kLogLevelError, "CVAppMigrator: Failed to create icon from bundle " + bundle_));
   EXPECT_FALSE(pathExists(iconURL.path()));
 
   icons_.icon = opaqueSquare(120);
-  EXPECT_TRUE(subject->_writeIconForBundle(*bundle, iconURL));
+  EXPECT_TRUE(migrator_->_writeIconForBundle(*bundle, iconURL));
   EXPECT_TRUE(readFile(iconURL.path()).starts_with("\x89PNG"));
-
   // A destination that cannot be written.
-  const CVURL blocked = CVURL::fileURLWithPath(bundlePath_ + "/Maps/icon.png", false);
-  EXPECT_FALSE(subject->_writeIconForBundle(*bundle, blocked));
+  const CVURL blocked = CVURL::fileURLWithPath(bundle_ + "/Maps/icon.png", false);
+  EXPECT_FALSE(migrator_->_writeIconForBundle(*bundle, blocked));
   EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to write image data to file://" +
-                                    bundlePath_ + "/Maps/icon.png : "));
+                                    bundle_ + "/Maps/icon.png : "));
 }
 
 }  // namespace

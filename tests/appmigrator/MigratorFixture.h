@@ -1,4 +1,4 @@
-// A device image, in-memory installer and registry doubles, a captured
+// A device image, in-memory installer, registry and icon doubles, a captured
 // migration log, and a migrator over them.
 #pragma once
 
@@ -7,9 +7,32 @@
 #include <memory>
 
 #include "AppMigrator/AppMigrator.h"
+#include "platform/IconService.h"
 #include "platform/Log.h"
+#include "shared/filemanager/CVFileManager.h"
 #include "tests/support/DeviceImage.h"
 #include "tests/support/FakeServices.h"
+
+using platform::kLogLevelError;
+using platform::kLogLevelNotice;
+using namespace testing_support;
+
+// An icon service that answers with a fixed image, or with nothing.
+class FixedIconService final : public platform::IconService {
+ public:
+  std::optional<platform::Image> homeScreenIconForBundle(const platform::Bundle&) override {
+    return icon;
+  }
+  std::optional<platform::Image> icon;
+};
+
+inline CVURL directoryURL(const std::string& path) {
+  return CVURL::fileURLWithPath(path, true);
+}
+
+inline void removeItem(const std::string& path) {
+  CVFileManager::defaultManager().removeItemAtURL(directoryURL(path), nullptr);
+}
 
 class MigratorTest : public ::testing::Test {
  protected:
@@ -25,7 +48,8 @@ class MigratorTest : public ::testing::Test {
     environment.installer = &installer_;
     environment.registry = &installer_;
     environment.systemVersion = &systemVersion_;
-    environment.temporaryDirectory = CVURL::fileURLWithPath(image_.rootPath() + "/tmp", true);
+    environment.temporaryDirectory = directoryURL(temporaryPath());
+    environment.iconService = &icons_;
     environment.observer = observer;
     return CVAppMigrator::create(environment);
   }
@@ -33,15 +57,79 @@ class MigratorTest : public ::testing::Test {
   std::string container(std::string_view name) const {
     return image_.legacyDirectory() + "/" + std::string(name);
   }
+  std::string markerPath(std::string_view name) const {
+    return container(name) + "/com.zentrel.corvane.container_migrator.plist";
+  }
+  std::string temporaryPath() const { return image_.rootPath() + "/private/var/tmp/mavrel"; }
   std::string versionRecordPath() const {
     return image_.dataDirectory() + "/AppMigratorLastSystemVersion.plist";
   }
   std::string harborMapPath() const { return image_.dataDirectory() + "/SafeHarbor.plist"; }
 
+  // A registry record whose data container is `dataPath`.
+  static platform::BundleRecord record(const std::string& identifier, const std::string& dataPath) {
+    platform::BundleRecord record;
+    record.bundleIdentifier = identifier;
+    record.bundleType = "User";
+    record.dataContainerURL = directoryURL(dataPath);
+    record.foundBackingBundle = true;
+    record.groupContainerURLs = CVDictionary{};
+    return record;
+  }
+
+  // An application container (bundle, executable, a document) whose
+  // application the registry already knows, with its data container.
+  std::string knownApplication(const std::string& name, const std::string& identifier) {
+    const std::string path = container(name);
+    image_.writeBundle(path + "/" + name + ".app", CVDictionary{{"QXBundleIdentifier", identifier},
+                                                                {"QXBundleExecutable", name}});
+    writeFile(path + "/" + name + ".app/" + name, "binary", 0755);
+    writeFile(path + "/Documents/d.txt", "data");
+    const std::string data = image_.home("Containers/Data/" + name);
+    makeDirectories(data);
+    installer_.records[identifier] = record(identifier, data);
+    return path;
+  }
+
+  // Placeholders register `identifier` with `dataPath`; customer installs
+  // take the staging directory away, as the embedded installer does, except
+  // that the service refuses `builtIn` as an application the system carries
+  // and `refused` outright.
+  void acceptInstalls(const std::string& identifier = "", const std::string& dataPath = "",
+                      const std::string& builtIn = "", const std::string& refused = "") {
+    installer_.installHandler = [=, this](const CVURL& url, const CVDictionary& options, CVError*,
+                                          const platform::InstallProgressCallback& progress) {
+      const std::string* type = options.findString(platform::kPackageTypeOptionKey);
+      if (type && *type == platform::kPackageTypePlaceholder) {
+        installer_.records[identifier] = record(identifier, dataPath);
+        return true;
+      }
+      const std::string* name = options.findString(platform::kBundleIdentifierOptionKey);
+      if (name && *name == refused) return false;
+      removeItem(url.path());
+      if (!name || *name != builtIn) return true;
+      progress(CVDictionary{{std::string(platform::kProgressErrorKey),
+                             std::string(platform::kApplicationAlreadyInstalledError)}});
+      return false;
+    };
+  }
+
+  std::size_t installsOfType(std::string_view packageType) const {
+    std::size_t count = 0;
+    for (const auto& request : installer_.installs) {
+      const std::string* type = request.options.findString(platform::kPackageTypeOptionKey);
+      count += type && *type == packageType;
+    }
+    return count;
+  }
+
+  bool logged(int level, const std::string& message) const { return log_.contains(level, message); }
+
   testing_support::DeviceImage image_;
   testing_support::FakeInstallerService installer_;
   testing_support::FakeSystemVersion systemVersion_{CVDictionary{
       {"SystemBuildVersion", "21B80"}, {"SystemName", "Orvos"}, {"SystemVersion", "21.1"}}};
+  FixedIconService icons_;
   testing_support::CapturedLog log_{platform::migrationLog()};
   std::unique_ptr<CVGlobalConfiguration> configuration_;
 };

@@ -14,18 +14,37 @@
 #include <string>
 #include <vector>
 
-#define MAVREL_REPLAY_TARGET(name) \
-  extern "C" int replay##name(const std::uint8_t* data, std::size_t size);
-MAVREL_REPLAY_TARGET(MigrationMarker)
-MAVREL_REPLAY_TARGET(InstallMap)
-MAVREL_REPLAY_TARGET(HarborMap)
-MAVREL_REPLAY_TARGET(VersionRecord)
-MAVREL_REPLAY_TARGET(Preferences)
-MAVREL_REPLAY_TARGET(InfoPlist)
-MAVREL_REPLAY_TARGET(Entitlements)
-MAVREL_REPLAY_TARGET(SystemBuild)
-MAVREL_REPLAY_TARGET(IconPNG)
-#undef MAVREL_REPLAY_TARGET
+// Every fuzz target under a name of its own, so that all of them live in the
+// one replay program, and the targets' shared support (the fuzz directory
+// itself is only built with the fuzzers).
+#include "fuzz/FuzzSupport.cpp"
+#define LLVMFuzzerTestOneInput replayMigrationMarker
+#include "fuzz/MigrationMarkerFuzzer.cpp"
+#undef LLVMFuzzerTestOneInput
+#define LLVMFuzzerTestOneInput replayInstallMap
+#include "fuzz/InstallMapFuzzer.cpp"
+#undef LLVMFuzzerTestOneInput
+#define LLVMFuzzerTestOneInput replayHarborMap
+#include "fuzz/HarborMapFuzzer.cpp"
+#undef LLVMFuzzerTestOneInput
+#define LLVMFuzzerTestOneInput replayVersionRecord
+#include "fuzz/VersionRecordFuzzer.cpp"
+#undef LLVMFuzzerTestOneInput
+#define LLVMFuzzerTestOneInput replayPreferences
+#include "fuzz/PreferencesFuzzer.cpp"
+#undef LLVMFuzzerTestOneInput
+#define LLVMFuzzerTestOneInput replayInfoPlist
+#include "fuzz/InfoPlistFuzzer.cpp"
+#undef LLVMFuzzerTestOneInput
+#define LLVMFuzzerTestOneInput replayEntitlements
+#include "fuzz/EntitlementsFuzzer.cpp"
+#undef LLVMFuzzerTestOneInput
+#define LLVMFuzzerTestOneInput replaySystemBuild
+#include "fuzz/SystemBuildFuzzer.cpp"
+#undef LLVMFuzzerTestOneInput
+#define LLVMFuzzerTestOneInput replayIconPNG
+#include "fuzz/IconPNGFuzzer.cpp"
+#undef LLVMFuzzerTestOneInput
 
 namespace {
 
@@ -82,10 +101,7 @@ TEST_P(FuzzReplayTest, CorpusAndRegressionInputsRunCleanly) {
   replayAll(GetParam(), fuzzDirectory / "regressions" / GetParam().name);
   // An empty corpus would make this suite pass without testing anything.
   EXPECT_GT(corpus, 0u) << "no corpus for " << GetParam().name;
-}
-
-// The empty input is every reader's first edge case.
-TEST_P(FuzzReplayTest, EmptyInputRunsCleanly) {
+  // The empty input is every reader's first edge case.
   const std::uint8_t nothing = 0;
   EXPECT_EQ(GetParam().run(&nothing, 0), 0);
 }

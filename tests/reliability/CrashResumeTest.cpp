@@ -20,7 +20,6 @@
 
 #include "tests/reliability/StraceTrace.h"
 #include "tests/reliability/SweepRunner.h"
-#include "tests/reliability/SweepTest.h"
 #include "tests/support/TestSupport.h"
 
 namespace reliability {
@@ -115,14 +114,8 @@ class CrashResumeTest : public SweepTest {
     const ChildOutcome listedAfter = workspace.listApplications();
     if (before != after || listedBefore.out != listedAfter.out) {
       std::string difference;
-      for (const auto& [path, line] : after) {
-        const auto found = before.find(path);
-        if (found == before.end() || found->second != line)
-          difference += "  changed: " + path + "\n";
-      }
-      for (const auto& [path, line] : before) {
-        if (!after.contains(path)) difference += "  removed: " + path + "\n";
-      }
+      for (const std::string& change : changesBetween(before, after))
+        difference += "  " + change + "\n";
       if (listedBefore.out != listedAfter.out) difference += "  the registry's listing changed\n";
       findings_.problem(trial, "the run after a success changed the image:\n" + difference);
     }

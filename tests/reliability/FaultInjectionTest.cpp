@@ -18,7 +18,6 @@
 
 #include "tests/reliability/StraceTrace.h"
 #include "tests/reliability/SweepRunner.h"
-#include "tests/reliability/SweepTest.h"
 #include "tests/support/TestSupport.h"
 
 namespace reliability {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <sstream>
+#include <string_view>
 
 namespace reliability {
 namespace {
@@ -163,39 +164,21 @@ std::string unquote(const std::string& argument) {
       continue;
     }
     const char escaped = argument[++i];
-    switch (escaped) {
-      case 'n':
-        text += '\n';
-        break;
-      case 't':
-        text += '\t';
-        break;
-      case 'r':
-        text += '\r';
-        break;
-      case 'v':
-        text += '\v';
-        break;
-      case 'f':
-        text += '\f';
-        break;
-      case 'x': {
-        const std::string digits = argument.substr(i + 1, 2);
-        text += static_cast<char>(std::stoi(digits, nullptr, 16));
-        i += 2;
-        break;
-      }
-      default:
-        if (escaped >= '0' && escaped <= '7') {
-          std::size_t length = 1;
-          while (length < 3 && i + length < argument.size() && argument[i + length] >= '0' &&
-                 argument[i + length] <= '7')
-            ++length;
-          text += static_cast<char>(std::stoi(argument.substr(i, length), nullptr, 8));
-          i += length - 1;
-        } else {
-          text += escaped;
-        }
+    const std::size_t named = std::string_view("ntrvf").find(escaped);
+    if (named != std::string_view::npos) {
+      text += "\n\t\r\v\f"[named];
+    } else if (escaped == 'x') {
+      text += static_cast<char>(std::stoi(argument.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    } else if (escaped >= '0' && escaped <= '7') {
+      std::size_t length = 1;
+      while (length < 3 && i + length < argument.size() && argument[i + length] >= '0' &&
+             argument[i + length] <= '7')
+        ++length;
+      text += static_cast<char>(std::stoi(argument.substr(i, length), nullptr, 8));
+      i += length - 1;
+    } else {
+      text += escaped;
     }
   }
   return text;

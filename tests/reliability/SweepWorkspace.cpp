@@ -7,12 +7,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <set>
 #include <sstream>
 
 #include "host/SafetyNetManifest.h"
 #include "samplegen/LegacyImageGenerator.h"
 #include "shared/support/CVFileDigest.h"
+#include "tests/support/JSON.h"
 #include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
 #include "tests/support/TreeSnapshot.h"
@@ -21,6 +23,7 @@ namespace reliability {
 namespace {
 
 namespace fs = std::filesystem;
+using testing_support::JSONValue;
 
 const std::string kMavrel = MAVREL_BINARY_DIR "/bin/mavrel";
 constexpr const char* kUserDataItems[] = {"Documents", "Library", "tmp", "Pormex"};
@@ -55,41 +58,17 @@ TreeSnapshot snapshotBelow(const std::string& directory, bool withTimes, bool sk
   return testing_support::describeTree(directory, how);
 }
 
-bool isHex(char c, bool upper) {
-  return (c >= '0' && c <= '9') || (upper ? (c >= 'A' && c <= 'F') : (c >= 'a' && c <= 'f'));
-}
-
 // ".<name>.<16 lowercase hex digits>.tmp", the name of an atomic write's
 // aside file.
 bool isAsideName(const std::string& name) {
-  constexpr std::size_t kSuffix = 1 + 16 + 4;
-  if (name.size() < 2 + kSuffix || name.front() != '.' ||
-      name.compare(name.size() - 4, 4, ".tmp") != 0 || name[name.size() - kSuffix] != '.')
-    return false;
-  for (std::size_t i = name.size() - kSuffix + 1; i < name.size() - 4; ++i) {
-    if (!isHex(name[i], false)) return false;
-  }
-  return true;
+  static const std::regex aside(R"(\..+\.[0-9a-f]{16}\.tmp)");
+  return std::regex_match(name, aside);
 }
 
 // UUIDs (8-4-4-4-12 upper-case hex digits) replaced by "<uuid>".
 std::string withGenericUUIDs(const std::string& text) {
-  constexpr std::size_t kLength = 36;
-  std::string result;
-  for (std::size_t i = 0; i < text.size();) {
-    bool uuid = i + kLength <= text.size();
-    for (std::size_t j = 0; uuid && j < kLength; ++j) {
-      const char c = text[i + j];
-      uuid = (j == 8 || j == 13 || j == 18 || j == 23) ? c == '-' : isHex(c, true);
-    }
-    if (uuid) {
-      result += "<uuid>";
-      i += kLength;
-    } else {
-      result += text[i++];
-    }
-  }
-  return result;
+  static const std::regex uuid("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
+  return std::regex_replace(text, uuid, "<uuid>");
 }
 
 std::string firstComponent(const std::string& relative) {
@@ -233,33 +212,31 @@ bool SweepWorkspace::restore(std::string* reason) {
   return true;
 }
 
-ChildOutcome SweepWorkspace::migrate(const std::optional<StracePlan>& strace,
-                                     std::chrono::milliseconds timeout) const {
-  ChildOptions options;
+ChildOutcome SweepWorkspace::run(const std::vector<std::string>& arguments, const std::string& name,
+                                 ChildOptions options,
+                                 const std::optional<StracePlan>& strace) const {
   options.environment = childEnvironment(strace.has_value());
-  options.outPath = scratch_ + "/migrate.out";
-  options.errPath = scratch_ + "/migrate.err";
-  options.timeout = timeout;
-  const std::vector<std::string> arguments = {"migrate", "--root", root_};
+  options.outPath = scratch_ + "/" + name + ".out";
+  options.errPath = scratch_ + "/" + name + ".err";
   if (!strace) return runChild(kMavrel, arguments, options);
   return runChild("strace", straceArguments(*strace, kMavrel, arguments), options);
 }
 
+ChildOutcome SweepWorkspace::migrate(const std::optional<StracePlan>& strace,
+                                     std::chrono::milliseconds timeout) const {
+  ChildOptions options;
+  options.timeout = timeout;
+  return run({"migrate", "--root", root_}, "migrate", options, strace);
+}
+
 ChildOutcome SweepWorkspace::migrateKilledAfter(std::chrono::microseconds after) const {
   ChildOptions options;
-  options.environment = childEnvironment(false);
-  options.outPath = scratch_ + "/migrate.out";
-  options.errPath = scratch_ + "/migrate.err";
   options.killAfter = after;
-  return runChild(kMavrel, {"migrate", "--root", root_}, options);
+  return run({"migrate", "--root", root_}, "migrate", options);
 }
 
 ChildOutcome SweepWorkspace::listApplications() const {
-  ChildOptions options;
-  options.environment = childEnvironment(false);
-  options.outPath = scratch_ + "/apps.out";
-  options.errPath = scratch_ + "/apps.err";
-  return runChild(kMavrel, {"apps", "--root", root_, "--json"}, options);
+  return run({"apps", "--root", root_, "--json"}, "apps", ChildOptions());
 }
 
 std::string SweepWorkspace::logs() const {
@@ -275,24 +252,11 @@ std::string SweepWorkspace::logs() const {
   return text;
 }
 
-std::vector<std::string> SweepWorkspace::strayAsideFiles() const {
-  std::vector<std::string> stray;
-  std::error_code error;
-  for (fs::directory_iterator container(manifest_.legacyDirectory, error), end;
-       !error && container != end; container.increment(error)) {
-    std::error_code inner;
-    for (fs::directory_iterator it(container->path(), inner); !inner && it != end;
-         it.increment(inner)) {
-      if (isAsideName(it->path().filename().string())) stray.push_back(it->path().string());
-    }
-  }
-  return stray;
-}
-
 bool SweepWorkspace::onlyMarkersAndAsideFilesLeft() const {
   const std::set<std::string> markers = {"com.zentrel.corvane.container_migrator.plist",
                                          "com.zentrel.corvane.migration_marker",
                                          "com.zentrel.corvane.placeholder"};
+  bool asideFile = false;
   std::error_code error;
   for (fs::directory_iterator container(manifest_.legacyDirectory, error), end;
        !error && container != end; container.increment(error)) {
@@ -301,10 +265,11 @@ bool SweepWorkspace::onlyMarkersAndAsideFilesLeft() const {
     for (fs::directory_iterator it(container->path(), inner); !inner && it != end;
          it.increment(inner)) {
       const std::string name = it->path().filename().string();
+      asideFile = asideFile || isAsideName(name);
       if (!markers.contains(name) && !isAsideName(name)) return false;
     }
   }
-  return true;
+  return asideFile;
 }
 
 std::vector<std::string> newErrorLines(const std::string& before, const std::string& after,
@@ -332,20 +297,26 @@ TreeSnapshot SweepWorkspace::snapshot() const {
   return snapshotBelow(root_, false, true);
 }
 
-void SweepWorkspace::checkOutside(ImageCheck& result) const {
-  const TreeSnapshot canary = snapshotBelow(canary_, true, false);
-  for (const auto& [path, line] : canarySnapshot_) {
-    const auto found = canary.find(path);
-    if (found == canary.end()) {
-      result.outsideChanges.push_back("canary/" + path + " removed");
+std::vector<std::string> changesBetween(const TreeSnapshot& before, const TreeSnapshot& after) {
+  std::vector<std::string> changes;
+  for (const auto& [path, line] : before) {
+    const auto found = after.find(path);
+    if (found == after.end()) {
+      changes.push_back(path + " removed");
     } else if (found->second != line) {
-      result.outsideChanges.push_back("canary/" + path + " changed: " + found->second);
+      changes.push_back(path + " changed: " + found->second);
     }
   }
-  for (const auto& [path, line] : canary) {
-    if (!canarySnapshot_.contains(path))
-      result.outsideChanges.push_back("canary/" + path + " appeared");
+  for (const auto& [path, line] : after) {
+    if (!before.contains(path)) changes.push_back(path + " appeared");
   }
+  return changes;
+}
+
+void SweepWorkspace::checkOutside(ImageCheck& result) const {
+  for (const std::string& change :
+       changesBetween(canarySnapshot_, snapshotBelow(canary_, true, false)))
+    result.outsideChanges.push_back("canary/" + change);
   const std::set<std::string> expected = {"image", "template", "canary", "scratch"};
   std::error_code error;
   for (fs::directory_iterator it(base_, error), end; !error && it != end; it.increment(error)) {
@@ -386,28 +357,42 @@ bool keptInSafetyNet(const std::string& root, const std::string& legacy,
 ImageCheck SweepWorkspace::check(bool finished) const {
   ImageCheck result;
   checkOutside(result);
+  // What `mavrel apps` lists: every registered application with its
+  // containers ("" when null), and the safe harbors.
   const ChildOutcome listed = listApplications();
-  std::optional<AppsListing> listing;
+  std::optional<JSONValue> listing;
   if (listed.exitCode != 0) {
     result.listingError = listed.describe() + ": " + listed.err;
   } else {
-    listing = parseAppsListing(listed.out, &result.listingError);
+    listing = testing_support::readJSON(listed.out, &result.listingError);
+    if (listing && (!listing->has("applications") || !listing->has("registryExists"))) {
+      result.listingError = "not the listing's JSON object";
+      listing.reset();
+    }
   }
+  const auto application = [&listing](const std::string& identifier) -> const JSONValue* {
+    for (const JSONValue& entry : (*listing)["applications"].array) {
+      if (entry["identifier"].string == identifier) return &entry;
+    }
+    return nullptr;
+  };
   if (listing) {
-    result.pendingInstalls = listing->pendingInstalls;
-    for (const ListedApplication& application : listing->applications) {
-      std::vector<std::string> paths = {application.bundleContainer, application.bundle,
-                                        application.vpnPlugin, application.dataContainer};
-      for (const auto& [group, path] : application.groupContainers)
-        paths.push_back(path);
+    result.pendingInstalls = static_cast<long>((*listing)["pendingInstalls"].number);
+    for (const JSONValue& entry : (*listing)["applications"].array) {
+      std::vector<std::string> paths;
+      for (const char* key : {"bundleContainer", "bundle", "vpnPlugin", "dataContainer"})
+        paths.push_back(entry[key].string);
+      for (const auto& [group, path] : entry["groupContainers"].object)
+        paths.push_back(path.string);
       for (const std::string& path : paths) {
         if (!path.empty() && !exists(path))
-          result.missingContainers.push_back(application.identifier + ": " + path);
+          result.missingContainers.push_back(entry["identifier"].string + ": " + path);
       }
     }
-    for (const ListedHarbor& harbor : listing->safeHarbors) {
-      if (!exists(harbor.path))
-        result.missingContainers.push_back("harbor of " + harbor.identifier + ": " + harbor.path);
+    for (const JSONValue& harbor : (*listing)["safeHarbors"].array) {
+      if (!exists(harbor["path"].string))
+        result.missingContainers.push_back("harbor of " + harbor["identifier"].string + ": " +
+                                           harbor["path"].string);
     }
   }
 
@@ -416,10 +401,10 @@ ImageCheck SweepWorkspace::check(bool finished) const {
     std::vector<std::string> places = {file.legacy + "/" + file.relative};
     bool unlisted = false;
     if (listing && file.kind == "container") {
-      const ListedApplication* application = listing->find(file.owner);
-      if (application && !application->dataContainer.empty()) {
-        places.push_back(application->dataContainer + "/" + file.relative);
-      } else if (!application) {
+      const JSONValue* owner = application(file.owner);
+      if (owner && !(*owner)["dataContainer"].string.empty()) {
+        places.push_back((*owner)["dataContainer"].string + "/" + file.relative);
+      } else if (!owner) {
         // A VPN plug-in's own data container is not in the listing: any data
         // container of the image will do. Other owners' files of the same
         // name live there too, so a copy with other bytes proves nothing.
@@ -431,10 +416,9 @@ ImageCheck SweepWorkspace::check(bool finished) const {
       }
     }
     if (listing && file.kind == "group") {
-      for (const ListedApplication& application : listing->applications) {
-        const auto group = application.groupContainers.find(file.owner);
-        if (group != application.groupContainers.end())
-          places.push_back(group->second + "/" + file.relative);
+      for (const JSONValue& entry : (*listing)["applications"].array) {
+        const JSONValue& group = entry["groupContainers"][file.owner];
+        if (!group.isNull()) places.push_back(group.string + "/" + file.relative);
       }
     }
     const std::size_t ownPlaces = unlisted ? 1 : places.size();

@@ -23,7 +23,6 @@
 #include <vector>
 
 #include "samplegen/ImageManifest.h"
-#include "tests/reliability/AppsListing.h"
 #include "tests/reliability/StraceTrace.h"
 #include "tests/support/ChildProgram.h"
 
@@ -103,11 +102,9 @@ class SweepWorkspace {
   TreeSnapshot snapshot() const;
   // Every line of every migration and installer log written in the image.
   std::string logs() const;
-  // Files that an interrupted atomic write left beside its target inside the
-  // legacy containers (".<name>.<16 hex digits>.tmp").
-  std::vector<std::string> strayAsideFiles() const;
   // Whether the legacy containers still there hold nothing but marker names
-  // and such aside files.
+  // and at least one file that an interrupted atomic write left beside its
+  // target (".<name>.<16 hex digits>.tmp").
   bool onlyMarkersAndAsideFilesLeft() const;
 
  private:
@@ -120,6 +117,10 @@ class SweepWorkspace {
     std::string digest;
   };
   bool recordData(std::string* reason);
+  // mavrel with `arguments`, its output in the scratch directory as <name>.out
+  // and <name>.err.
+  ChildOutcome run(const std::vector<std::string>& arguments, const std::string& name,
+                   ChildOptions options, const std::optional<StracePlan>& strace = {}) const;
   void checkOutside(ImageCheck& result) const;
 
   std::string base_;
@@ -131,6 +132,9 @@ class SweepWorkspace {
   std::vector<DataFile> data_;
   TreeSnapshot canarySnapshot_;
 };
+
+// One line per item removed, changed or new, "<path> removed" and so on.
+std::vector<std::string> changesBetween(const TreeSnapshot& before, const TreeSnapshot& after);
 
 // Environment for the children: sanitizer failures get exit codes of their
 // own (77, 78), never the host's 1 or 2; leak checks are off under strace,

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -79,17 +80,17 @@ std::vector<std::string> CapturedLog::messages() const {
 }
 
 bool CapturedLog::contains(int level, std::string_view message) const {
-  for (const CapturedLine& line : lines()) {
-    if (line.level == level && line.message == message) return true;
-  }
-  return false;
+  const std::vector<CapturedLine> all = lines();
+  return std::any_of(all.begin(), all.end(), [&](const CapturedLine& line) {
+    return line.level == level && line.message == message;
+  });
 }
 
 bool CapturedLog::containsFragment(std::string_view fragment) const {
-  for (const CapturedLine& line : lines()) {
-    if (line.message.find(fragment) != std::string::npos) return true;
-  }
-  return false;
+  const std::vector<CapturedLine> all = lines();
+  return std::any_of(all.begin(), all.end(), [&](const CapturedLine& line) {
+    return line.message.find(fragment) != std::string::npos;
+  });
 }
 
 std::size_t CapturedLog::count() const {

@@ -127,19 +127,15 @@ class BinaryPlistBuilder {
     bytes.insert(bytes.end(), 6, 0);
     bytes.push_back(4);  // offset size
     bytes.push_back(4);  // reference size
-    appendBigEndian64(bytes, objects_.size());
-    appendBigEndian64(bytes, root);
-    appendBigEndian64(bytes, table);
+    for (const std::uint64_t value :
+         {std::uint64_t{objects_.size()}, std::uint64_t{root}, std::uint64_t{table}})
+      appendBigEndian(bytes, value, 8);
     return bytes;
   }
 
  private:
-  static void appendBigEndian(Bytes& bytes, std::uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-      bytes.push_back((value >> shift) & 0xFF);
-  }
-  static void appendBigEndian64(Bytes& bytes, std::uint64_t value) {
-    for (int shift = 56; shift >= 0; shift -= 8)
+  static void appendBigEndian(Bytes& bytes, std::uint64_t value, int width = 4) {
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
       bytes.push_back((value >> shift) & 0xFF);
   }
   static Bytes withCount(std::uint8_t kind, std::size_t count) {

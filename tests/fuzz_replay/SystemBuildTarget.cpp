@@ -1,4 +1,0 @@
-// The SystemBuild fuzz target under a name of its own, so that every target can
-// live in the one replay program.
-#define LLVMFuzzerTestOneInput replaySystemBuild
-#include "fuzz/SystemBuildFuzzer.cpp"
