@@ -63,6 +63,7 @@ TEST_F(MkImageCommandTest, UsageErrorsExitWithTwo) {
       {{"--root", root, "--bogus"}, 2},
       {{"--root", root, "--missing-executable"}, 2},
       {{"--root", root, "--apps", "2", "--extra-item", "com.nope"}, 2},
+      {{"--root", root, "--apps", "2", "--missing-executable", "2"}, 2},
       // A busy directory not made by the program is never replaced.
       {{"--root", images_ / "busy", "--force"}, 2},
       // A parent that does not exist is not made.
