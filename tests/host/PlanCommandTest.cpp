@@ -16,6 +16,7 @@ using namespace testing_support;
 using namespace host_test;
 
 constexpr const char* kMarkerName = "com.zentrel.corvane.container_migrator.plist";
+constexpr const char* kGoneGroup = "/private/var/mobile/Library/GroupContainers/Gone";
 
 class PlanCommandTest : public ::testing::Test {
  protected:
@@ -50,6 +51,11 @@ TEST_F(PlanCommandTest, TextSaysWhatHappensToEachEntryAndTheVerdict) {
                     CVDictionary{{"com.example.harbored",
                                   CVDictionary{{"HarborPathKey", image_.home("Harbors/h")}}}});
 
+  // A group container the install map names but the image lacks.
+  image_.writePlist(
+      image_.installMapPath(),
+      CVDictionary{{"GroupContainers", CVDictionary{{"group.example.gone",
+                                                     CVDictionary{{"Container", kGoneGroup}}}}}});
   const ProgramRun run = runMavrel({"plan", "--root", image_.rootPath()}, scratch_.path());
   ASSERT_EQ(run.exitCode, 0) << run.err;
   for (const std::string& expected :
@@ -57,6 +63,8 @@ TEST_F(PlanCommandTest, TextSaysWhatHappensToEachEntryAndTheVerdict) {
         std::string("user data  1 file, 5 bytes"), std::string("LEFT in place"),
         std::string("is a symbolic link"), std::string("com.example.harbored"),
         std::string("registering it will fail"), std::string("same file system"),
+        "group.example.gone  " + std::string(kGoneGroup) + " -> " + image_.rootPath() + kGoneGroup +
+            "  (NOT MIGRATED: it leads to nothing in the image)",
         std::string("The migration is predicted to FAIL")}) {
     EXPECT_NE(run.out.find(expected), std::string::npos) << expected << "\n" << run.out;
   }
