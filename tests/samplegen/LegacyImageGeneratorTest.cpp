@@ -110,6 +110,17 @@ TEST_F(LegacyImageGeneratorTest, CountsVariantsAndMapsFollowTheOptions) {
   EXPECT_TRUE(std::any_of(manifest->groupContainers.begin(), manifest->groupContainers.end(),
                           [](const auto& g) { return g.members.size() >= 2; }));
   ASSERT_FALSE(manifest->harbors.empty());
+  // Data files look like what their names say: each picture starts with the
+  // PNG signature.
+  std::size_t pictures = 0;
+  for (const auto& container : manifest->containers) {
+    for (const auto& entry : fs::recursive_directory_iterator(container.containerPath)) {
+      if (entry.path().extension() != ".png" || entry.file_size() < 8) continue;
+      ++pictures;
+      EXPECT_EQ(readFile(entry.path()).substr(0, 8), "\x89PNG\r\n\x1A\n") << entry.path();
+    }
+  }
+  EXPECT_GT(pictures, 0u);
 
   // The maps hold device paths as a device writes them: "/private/var/..." in
   // the install map, "/var/..." in the harbor map.
