@@ -17,29 +17,12 @@ ParsedCommand parse(std::initializer_list<std::string_view> words) {
 }
 
 TEST(CommandLineTest, EachFormMeansWhatItSays) {
-  ParsedCommand command =
-      parse({"migrate", "--root", "/images/a", "--log-json", "m.json", "--installer-log-json",
-             "i.json", "--log-level", "7", "--plugin-dir", "/opt/plugins", "--verify", "--report",
-             "out/report.json", "--force", "-q", "--progress-fd=3"});
+  const ParsedCommand command = parse({"migrate", "--report=r.json", "--root=/images/a"});
   ASSERT_EQ(command.kind, ParsedCommand::Kind::Migrate) << command.error;
-  const MigrateOptions& options = command.options;
-  EXPECT_EQ(options.root, "/images/a");
-  EXPECT_EQ(options.migrationLogJSON, "m.json");
-  EXPECT_EQ(options.installerLogJSON, "i.json");
-  EXPECT_EQ(options.logLevel, 7);
-  EXPECT_EQ(options.pluginDirectory, "/opt/plugins");
-  EXPECT_TRUE(options.verify && options.force && options.quiet);
-  EXPECT_EQ(options.reportPath, "out/report.json");
-  EXPECT_EQ(options.progressFD, 3);
-
-  command = parse({"migrate", "--report=r.json", "--root=/images/a"});
-  ASSERT_EQ(command.kind, ParsedCommand::Kind::Migrate) << command.error;
+  EXPECT_EQ(command.options.root, "/images/a");
   EXPECT_EQ(command.options.reportPath, "r.json");
   EXPECT_FALSE(command.options.verify || command.options.force || command.options.quiet);
-  EXPECT_FALSE(command.options.migrationLogJSON || command.options.installerLogJSON ||
-               command.options.pluginDirectory);
   EXPECT_FALSE(command.options.logLevel);  // no handle: levels 3 and 5 only
-
   for (const auto& [words, kind, root, json] : std::vector<
            std::tuple<std::vector<std::string_view>, ParsedCommand::Kind, std::string, bool>>{
            {{"plan", "--root", "/images/a", "--json"},
@@ -52,10 +35,10 @@ TEST(CommandLineTest, EachFormMeansWhatItSays) {
             "/images/a",
             true},
            {{"apps", "--root=/images/b"}, ParsedCommand::Kind::Apps, "/images/b", false}}) {
-    command = parseCommandLine(words);
-    ASSERT_EQ(command.kind, kind) << command.error;
-    EXPECT_EQ(command.apps.root, root);
-    EXPECT_EQ(command.apps.json, json);
+    const ParsedCommand listing = parseCommandLine(words);
+    ASSERT_EQ(listing.kind, kind) << listing.error;
+    EXPECT_EQ(listing.apps.root, root);
+    EXPECT_EQ(listing.apps.json, json);
   }
   // Help wins over a missing --root.
   for (const auto& [words, kind] :
@@ -70,18 +53,6 @@ TEST(CommandLineTest, EachFormMeansWhatItSays) {
            {{"plan", "--json", "-h"}, ParsedCommand::Kind::PlanHelp},
            {{"apps", "--json", "--help"}, ParsedCommand::Kind::AppsHelp}})
     EXPECT_EQ(parseCommandLine(words).kind, kind) << words.front();
-}
-
-TEST(CommandLineTest, HelpDescribesEveryOption) {
-  for (const char* option :
-       {"--root DIR", "--log-json FILE", "--installer-log-json FILE", "--log-level N",
-        "--plugin-dir DIR", "--verify", "--report FILE", "--help", "3 when --verify"})
-    EXPECT_NE(migrateUsageText().find(option), std::string_view::npos) << option;
-  for (const char* option : {"--root DIR", "--json", "--help"})
-    EXPECT_NE(planUsageText().find(option), std::string_view::npos) << option;
-  for (const char* text : {"mavrel plan --root DIR", "plan ", "mavrel COMMAND --help", "--version"})
-    EXPECT_NE(generalUsageText().find(text), std::string_view::npos) << text;
-  EXPECT_NE(versionText().find("mavrel "), std::string::npos);
 }
 
 TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
@@ -137,6 +108,7 @@ TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
       {{"plan", "--root", "a", "--verify"}, "unknown option '--verify'"},
       {{"plan", "--root", "a", "extra"}, "unexpected argument 'extra'"},
       {{"plan", "--root", "a", "--root", "b"}, "option '--root' given more than once"},
+      {{"apps"}, "option '--root' is required: the device image to list"},
       {{"apps", "--root"}, "option '--root' needs a value"},
       {{"apps", "--root="}, "option '--root' needs a non-empty value"},
       {{"apps", "--root", "/a", "--root", "/b"}, "option '--root' given more than once"},

@@ -132,32 +132,25 @@ TEST_F(EndToEndTest, WithoutLegacyTreeRecordsTheSystemVersionAndWritesBothLogs) 
   EXPECT_EQ(status.st_mode & 07777, 0700u);
 }
 
-TEST_F(EndToEndTest, RemovesALegacyTreeHoldingOnlyTheNoteAndTheInstallMap) {
-  makeDirectories(home() + "/Applications");
-  writeFile(home() + "/Applications/WhereDidMyApplicationsGo.txt", "They moved.");
-  makeDirectories(home() + "/Library/Caches");
-  writeFile(home() + "/Library/Caches/com.zentrel.corvane.plist", plist("<dict/>"));
-
-  const ProgramRun run = migrate();
-  ASSERT_EQ(run.exitCode, 0) << run.err << run.err;
-  EXPECT_FALSE(pathExists(home() + "/Applications"));
-  EXPECT_FALSE(pathExists(home() + "/Library/Caches/com.zentrel.corvane.plist"));
-  EXPECT_TRUE(pathExists(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist"));
-}
-
 TEST_F(EndToEndTest, AFailedPassExitsOneAndSaysSo) {
   // A safe harbor outside the image: the installer refuses it, so the pass
-  // fails, keeps the harbor map and records no version.
+  // fails, keeps the harbor map and records no version. A bundle without its
+  // executable fails too; its progress line comes all the same.
   makeDirectories(home() + "/Library/Corvane");
   const std::string harborMap = home() + "/Library/Corvane/SafeHarbor.plist";
   writeFile(harborMap, plist("<dict><key>com.example.gone</key><dict><key>HarborPathKey</key>"
                              "<string>" +
                              image_.canary() + "/Documents</string></dict></dict>"));
+  writeBrokenApplication("0A1B2C3D");
 
-  const ProgramRun run = migrate({"--log-level", "3"});
+  const ProgramRun run = migrate({"--log-level", "3", "--verify"});
   EXPECT_EQ(run.exitCode, 1) << run.err << run.err;
+  EXPECT_NE(run.err.find("The migration failed, but no user data was lost"), std::string::npos)
+      << run.err;
   EXPECT_TRUE(pathExists(harborMap));
   EXPECT_FALSE(pathExists(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist"));
+  EXPECT_NE(run.err.find("\n[1/1] com.example.app\n"), std::string::npos) << run.err;
+  EXPECT_EQ(run.err.find('\r'), std::string::npos) << "no live redraw without a terminal";
 
   const std::string migrationLog = onlyLog("Mavrel", "Mavrel");
   EXPECT_NE(run.err.find(": failed (see " + migrationLog + ")"), std::string::npos) << run.err;
@@ -175,54 +168,17 @@ TEST_F(EndToEndTest, AFailedPassExitsOneAndSaysSo) {
       << installerJSONText;
 }
 
-TEST_F(EndToEndTest, PrintsOneLinePerApplicationWithoutATerminal) {
-  const std::string container = home() + "/Applications/0A1B2C3D";
-  makeDirectories(container + "/Example.app");
-  writeFile(container + "/Example.app/Info.plist",
-            plist("<dict><key>QXBundleIdentifier</key><string>com.example.app</string>"
-                  "<key>QXBundleExecutable</key><string>Example</string></dict>"));
-
-  const ProgramRun run = migrate();
-  // The bundle has no executable, so the installer refuses it and the pass
-  // fails; the progress line comes all the same.
-  EXPECT_EQ(run.exitCode, 1) << run.err << run.err;
-  EXPECT_NE(run.err.find("\n[1/1] com.example.app\n"), std::string::npos) << run.err;
-  EXPECT_EQ(run.err.find('\r'), std::string::npos) << "no live redraw without a terminal";
-}
-
-TEST_F(EndToEndTest, UsageErrorsExitTwoWithAClearMessage) {
-  ProgramRun run = mavrel({"migrate"});
-  EXPECT_EQ(run.exitCode, 2);
-  EXPECT_NE(run.err.find("option '--root' is required"), std::string::npos) << run.err;
-  EXPECT_NE(run.err.find("usage: mavrel migrate --root DIR"), std::string::npos) << run.err;
-
-  writeFile(image_.outside("plain-file"), "not an image");
-  run = mavrel({"migrate", "--root", image_.outside("plain-file")});
-  EXPECT_EQ(run.exitCode, 2);
-  EXPECT_NE(run.err.find("option '--root': the root '" + (image_.outside("plain-file")) +
-                         "' is not a directory"),
-            std::string::npos)
-      << run.err;
-
-  run = mavrel({"migrate", "--root", image_.outside("absent")});
-  EXPECT_EQ(run.exitCode, 2);
-  EXPECT_NE(run.err.find("does not exist"), std::string::npos) << run.err;
-  EXPECT_FALSE(pathExists(image_.outside("absent")));
-
-  run = mavrel({"migrate", "--root", root_, "--colour"});
-  EXPECT_EQ(run.exitCode, 2);
-  EXPECT_NE(run.err.find("unknown option '--colour'"), std::string::npos) << run.err;
-  EXPECT_FALSE(pathExists(home() + "/Library/Logs")) << "a usage error must not touch the image";
-
-  run = mavrel({"migrate", "--help"});
-  EXPECT_EQ(run.exitCode, 0);
-  EXPECT_NE(run.out.find("--installer-log-json FILE"), std::string::npos) << run.out;
-  run = mavrel({"--help"});
-  EXPECT_EQ(run.exitCode, 0);
-  EXPECT_NE(run.out.find("usage: mavrel migrate --root DIR"), std::string::npos) << run.out;
-  run = mavrel({"--version"});
-  EXPECT_EQ(run.exitCode, 0);
-  EXPECT_EQ(run.out.rfind("mavrel ", 0), 0u) << run.out;
+TEST_F(EndToEndTest, HelpAndVersionGoToStandardOutput) {
+  for (const auto& [arguments, shown] :
+       std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"--help"}, "usage: mavrel migrate --root DIR"},
+           {{"migrate", "--help"}, "--installer-log-json FILE"},
+           {{"apps", "--help"}, "usage: mavrel apps --root DIR [--json]"},
+           {{"--version"}, "mavrel "}}) {
+    const ProgramRun run = mavrel(arguments);
+    EXPECT_EQ(run.exitCode, 0) << arguments.front();
+    EXPECT_NE(run.out.find(shown), std::string::npos) << run.out;
+  }
 }
 
 TEST_F(EndToEndTest, ALinkOutOfTheImageStopsTheRunBeforeAnythingIsWritten) {
@@ -246,48 +202,51 @@ TEST_F(EndToEndTest, AMigratorThatCannotSetUpStopsTheRun) {
   EXPECT_FALSE(pathExists(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist"));
 }
 
-TEST_F(EndToEndTest, AnEmptyPluginDirectoryIsAFailedSetUp) {
-  makeDirectories(image_.outside("no-plugins"));
-  const ProgramRun run = migrate({"--plugin-dir", image_.outside("no-plugins")});
-  EXPECT_EQ(run.exitCode, 2) << run.out << run.err;
-  EXPECT_NE(run.err.find("no plug-ins"), std::string::npos) << run.err;
-}
-
-struct RefusedRun {
-  std::vector<std::string> arguments;
-  std::string message;
-};
-
-TEST_F(EndToEndTest, EveryOptionAndOutputIsCheckedBeforeAnythingIsWritten) {
+TEST_F(EndToEndTest, EveryRefusedCommandExitsTwoBeforeAnythingIsWritten) {
   const std::string outside = image_.outside("outside");
   makeDirectories(outside + "/a-directory");
   writeFile(outside + "/target.json", "keep");
+  writeFile(outside + "/plain-file", "not an image");
   makeSymlink(outside + "/target.json", outside + "/link.json");
   makeDirectories(home() + "/Library/Corvane");
   writeFile(home() + "/Library/Corvane/ApplicationRegistry.lock", "");
-  const std::vector<RefusedRun> cases = {
-      {{"--log-json", outside + "/missing/m.json"},
+  const std::vector<std::string> base = {"migrate", "--root", root_};
+  const auto with = [&base](std::vector<std::string> more) {
+    more.insert(more.begin(), base.begin(), base.end());
+    return more;
+  };
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"migrate"}, "option '--root' is required"},
+      {{"migrate", "--root", outside + "/plain-file"},
+       "option '--root': the root '" + outside + "/plain-file' is not a directory"},
+      {{"migrate", "--root", outside + "/absent"}, "does not exist"},
+      {{"apps", "--root", outside + "/absent"}, "does not exist"},
+      {with({"--colour"}), "unknown option '--colour'"},
+      {with({"--log-json", outside + "/missing/m.json"}),
        "option '--log-json': the directory of '" + outside + "/missing/m.json' does not exist"},
-      {{"--installer-log-json", outside + "/link.json"},
+      {with({"--installer-log-json", outside + "/link.json"}),
        "option '--installer-log-json': '" + outside + "/link.json' is a symbolic link"},
-      {{"--report", outside + "/link.json"},
+      {with({"--report", outside + "/link.json"}),
        "option '--report': '" + outside + "/link.json' is a symbolic link"},
-      {{"--report", outside + "/a-directory"},
+      {with({"--report", outside + "/a-directory"}),
        "option '--report': '" + outside + "/a-directory' is a directory"},
-      {{"--log-json", "/dev/null"}, "option '--log-json': '/dev/null' is a device"},
-      {{"--plugin-dir", outside + "/nowhere"}, "option '--plugin-dir': "},
-      {{"--plugin-dir", outside + "/a-directory"}, "no plug-ins (*.migrator) found"},
-      {{"--progress-fd", "97"}, "option '--progress-fd': descriptor 97 is not open for writing"},
+      {with({"--report", outside + "/no/such/report.json"}),
+       "option '--report': the directory of '" + outside + "/no/such/report.json' does not exist"},
+      {with({"--log-json", "/dev/null"}), "option '--log-json': '/dev/null' is a device"},
+      {with({"--plugin-dir", outside + "/nowhere"}), "option '--plugin-dir': "},
+      {with({"--plugin-dir", outside + "/a-directory"}), "no plug-ins (*.migrator) found"},
+      {with({"--progress-fd", "97"}),
+       "option '--progress-fd': descriptor 97 is not open for writing"},
   };
   const auto before = describeTree(root_);
-  for (const RefusedRun& refused : cases) {
-    std::vector<std::string> arguments = {"migrate", "--root", root_};
-    arguments.insert(arguments.end(), refused.arguments.begin(), refused.arguments.end());
+  for (const auto& [arguments, message] : cases) {
     const ProgramRun run = mavrel(arguments);
-    EXPECT_EQ(run.exitCode, 2) << refused.message << "\n" << run.err;
-    EXPECT_NE(run.err.find(refused.message), std::string::npos) << run.err;
-    EXPECT_EQ(describeTree(root_), before) << refused.message;
+    EXPECT_EQ(run.exitCode, 2) << message << "\n" << run.err;
+    EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+    EXPECT_EQ(describeTree(root_), before) << message;
   }
+  EXPECT_NE(mavrel({"migrate"}).err.find("usage: mavrel migrate --root DIR"), std::string::npos);
+  EXPECT_FALSE(pathExists(outside + "/absent"));
   EXPECT_EQ(readFile(outside + "/target.json"), "keep");
   struct stat status {};
   ASSERT_EQ(::lstat((outside + "/link.json").c_str(), &status), 0);
@@ -375,22 +334,16 @@ TEST_F(EndToEndTest, AnInterruptedRunSaysSoWritesItsReportAndResumes) {
   for (const InterruptionCase& interruption :
        {InterruptionCase{"TERM", 143, "SIGTERM", "(between two entries)"},
         InterruptionCase{"INT,INT", 130, "SIGINT", "(in the middle of an entry)"}}) {
-    // An application whose bundle lacks its executable: its entry fails.
-    writeFile(home() + "/Applications/" + interruption.name + "/Example.app/Info.plist",
-              plist("<dict><key>QXBundleIdentifier</key><string>com.example.app</string>"
-                    "<key>QXBundleExecutable</key><string>Example</string></dict>"));
+    writeBrokenApplication(interruption.name);
     ::setenv("MAVREL_TEST_SIGNAL", interruption.signals.c_str(), 1);
     const ProgramRun run =
         mavrel({"migrate", "--root", root_, "--plugin-dir", plugins, "--report", report});
     ::unsetenv("MAVREL_TEST_SIGNAL");
     EXPECT_EQ(run.exitCode, interruption.exitCode) << run.out << run.err;
-    EXPECT_NE(run.err.find("interrupted by " + interruption.name +
-                           " during the pass of "
-                           "DamagingMigrator"),
-              std::string::npos)
-        << run.err;
-    EXPECT_NE(run.err.find(interruption.where), std::string::npos) << run.err;
-    EXPECT_NE(run.err.find("run the same command again to resume"), std::string::npos) << run.err;
+    for (const std::string& said :
+         {"interrupted by " + interruption.name + " during the pass of DamagingMigrator",
+          interruption.where, std::string("run the same command again to resume")})
+      EXPECT_NE(run.err.find(said), std::string::npos) << run.err;
     const JSONValue document = parseJSON(readFile(report));
     EXPECT_FALSE(document["succeeded"].boolean);
     EXPECT_EQ(document["exitCode"].count(), static_cast<std::uint64_t>(interruption.exitCode));

@@ -1,11 +1,16 @@
-// The file sink: what reaches the text and JSON files, the level filter, that
-// files are appended to and not truncated, and that write failures surface.
+// The host's logs: the text and JSON layouts of a line, local-time stamps,
+// the file sink (appends, filters by level, reports failed writes, never
+// leaks its descriptors into children) and the log files of a run.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
+#include <ctime>
+
 #include "host/FileLogSink.h"
 #include "host/HostLogs.h"
+#include "host/LogFormat.h"
 #include "tests/support/TestSupport.h"
 
 namespace mavrel_host {
@@ -28,13 +33,85 @@ platform::LogLine notice(std::string_view message) {
   return platform::LogLine{5, "f", message, "MavrelHost", "A.cpp", 7};
 }
 
+TEST(LogFormatTest, EachLayoutOfALine) {
+  const platform::LogLine migration{5,
+                                    "-[CVAppMigrator performMigration]",
+                                    "CVAppMigrator: Introspecting /var/a",
+                                    "MavrelHost",
+                                    "AppMigrator.cpp",
+                                    123};
+  const platform::LogLine installer{3,
+                                    "-[CVFileManager removeItemAtURL:error:]",
+                                    "Failed to remove /x: Permission denied",
+                                    {},
+                                    {},
+                                    0};
+  const platform::LogLine quoted{4, "f\"n\"", "tab\there C:\\x", "Cat\\", "a\"b.cpp", 7};
+  const platform::LogLine invalid{5, "f", "Failed to remove /var/\xFF\nname", {}, {}, 0};
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {formatTextLine(LogFlavor::Migration, migration, "2026-11-21 08:32:00.123"),
+       "2026-11-21 08:32:00.123 <5> MavrelHost AppMigrator.cpp:123 "
+       "-[CVAppMigrator performMigration]: CVAppMigrator: Introspecting /var/a\n"},
+      // The installer's lines have no category or source place.
+      {formatTextLine(LogFlavor::Installer, installer, "2026-11-21 08:32:00.123"),
+       "2026-11-21 08:32:00.123 <3> -[CVFileManager removeItemAtURL:error:]: "
+       "Failed to remove /x: Permission denied\n"},
+      {formatJSONLine(LogFlavor::Migration, migration, "2026-11-21 08:32:00.123"),
+       R"({"time":"2026-11-21 08:32:00.123","level":5,"category":"MavrelHost",)"
+       R"("file":"AppMigrator.cpp","line":123,"function":"-[CVAppMigrator performMigration]",)"
+       R"("message":"CVAppMigrator: Introspecting /var/a"})"
+       "\n"},
+      {formatJSONLine(LogFlavor::Installer, installer, "t"),
+       R"({"time":"t","level":3,"function":"-[CVFileManager removeItemAtURL:error:]",)"
+       R"("message":"Failed to remove /x: Permission denied"})"
+       "\n"},
+      // Every string field is quoted.
+      {formatJSONLine(LogFlavor::Migration, quoted, "t\x01"),
+       R"({"time":"t\u0001","level":4,"category":"Cat\\","file":"a\"b.cpp","line":7,)"
+       R"("function":"f\"n\"","message":"tab\there C:\\x"})"
+       "\n"},
+      // Invalid bytes and a newline in a message keep the JSON one valid line.
+      {formatJSONLine(LogFlavor::Installer, invalid, "t"),
+       R"({"time":"t","level":5,"function":"f","message":"Failed to remove /var/)"
+       "\xEF\xBF\xBD"
+       R"(\nname"})"
+       "\n"},
+  };
+  for (const auto& [got, expected] : cases)
+    EXPECT_EQ(got, expected);
+}
+
+TEST(LogFormatTest, TimestampsAreLocalTime) {
+  const char* old = std::getenv("TZ");
+  const std::optional<std::string> previous = old ? std::optional<std::string>(old) : std::nullopt;
+  const std::time_t when = 1795249920;  // 2026-11-21 08:32:00 UTC
+  for (const auto& [zone, nanoseconds, line, lastMillisecond, file] :
+       std::vector<std::tuple<const char*, long, std::string, std::string, std::string>>{
+           {"UTC0", 123456789, "2026-11-21 08:32:00.123", "2026-11-21 08:32:09.999",
+            "2026-11-21-083200"},
+           {"XXX-2", 5000000, "2026-11-21 10:32:00.005", "2026-11-21 10:32:09.999",
+            "2026-11-21-103200"}}) {
+    ::setenv("TZ", zone, 1);
+    ::tzset();
+    EXPECT_EQ(formatLineTimestamp(timespec{when, nanoseconds}), line) << zone;
+    EXPECT_EQ(formatLineTimestamp(timespec{when + 9, 999999999}), lastMillisecond) << zone;
+    EXPECT_EQ(formatFileTimestamp(when), file) << zone;
+  }
+  if (previous)
+    ::setenv("TZ", previous->c_str(), 1);
+  else
+    ::unsetenv("TZ");
+  ::tzset();
+}
+
 TEST(FileLogSinkTest, WritesEachLineToTextAndJSONAndAppends) {
   TemporaryDirectory directory;
   writeFile(directory / "text.log", "earlier run\n");
   FileLogSink sink(LogFlavor::Migration, openOrFail(directory / "text.log"),
                    openOrFail(directory / "lines.json"), std::nullopt, fixedClock);
+  const platform::LogLine second{3, "g", "second", "MavrelHost", "B.cpp", 9};
   sink.write(notice("first"));
-  sink.write(platform::LogLine{3, "g", "second", "MavrelHost", "B.cpp", 9});
+  sink.write(second);
   std::string reason;
   EXPECT_TRUE(sink.finish(&reason)) << reason;
 
@@ -45,80 +122,61 @@ TEST(FileLogSinkTest, WritesEachLineToTextAndJSONAndAppends) {
   // JSON lines carry ISO 8601 times with the zone: "2026-11-21T08:32:00.000+01:00".
   const std::string iso = formatISOLineTimestamp(fixedClock());
   ASSERT_EQ(iso.size(), 29u) << iso;
-  EXPECT_EQ(iso.substr(10, 1), "T");
-  EXPECT_EQ(iso.substr(0, 10), stamp.substr(0, 10));
-  EXPECT_EQ(iso.substr(11, 12), stamp.substr(11, 12));
+  EXPECT_EQ(iso.substr(0, 10) + " " + iso.substr(11, 12), stamp);
   EXPECT_NE(std::string("+-").find(iso[23]), std::string::npos) << iso;
   EXPECT_EQ(iso[26], ':') << iso;
-  const std::string json = readFile(directory / "lines.json");
-  EXPECT_EQ(json,
+  EXPECT_EQ(readFile(directory / "lines.json"),
             formatJSONLine(LogFlavor::Migration, notice("first"), iso) +
-                formatJSONLine(LogFlavor::Migration,
-                               platform::LogLine{3, "g", "second", "MavrelHost", "B.cpp", 9}, iso));
+                formatJSONLine(LogFlavor::Migration, second, iso));
+
+  // A file level keeps less important lines out.
+  FileLogSink filtered(LogFlavor::Installer, openOrFail(directory / "filtered.log"), std::nullopt,
+                       3, fixedClock);
+  for (const int level : {3, 5, 7})
+    filtered.write(platform::LogLine{level, "f", "level " + std::to_string(level), {}, {}, 0});
+  EXPECT_TRUE(filtered.finish(nullptr));
+  EXPECT_EQ(readFile(directory / "filtered.log"), stamp + " <3> f: level 3\n");
 }
 
-TEST(FileLogSinkTest, FileLevelKeepsStricterLinesOut) {
-  TemporaryDirectory directory;
-  FileLogSink sink(LogFlavor::Installer, openOrFail(directory / "text.log"), std::nullopt, 3,
-                   fixedClock);
-  sink.write(platform::LogLine{3, "f", "failure", {}, {}, 0});
-  sink.write(platform::LogLine{5, "f", "notice", {}, {}, 0});
-  sink.write(platform::LogLine{7, "f", "trace", {}, {}, 0});
-  EXPECT_TRUE(sink.finish(nullptr));
-  const std::string text = readFile(directory / "text.log");
-  EXPECT_NE(text.find("<3> f: failure"), std::string::npos);
-  EXPECT_EQ(text.find("notice"), std::string::npos);
-  EXPECT_EQ(text.find("trace"), std::string::npos);
-}
-
-TEST(FileLogSinkTest, FailedWritesAreReportedByFinish) {
-  TemporaryDirectory directory;
-  // Every write to /dev/full fails with ENOSPC.
-  FileLogSink sink(LogFlavor::Migration, openOrFail(directory / "text.log"),
-                   openOrFail("/dev/full"), std::nullopt, fixedClock);
-  sink.write(notice("lost"));
-  std::string reason;
-  EXPECT_FALSE(sink.finish(&reason));
-  EXPECT_NE(reason.find("/dev/full"), std::string::npos) << reason;
-  EXPECT_NE(reason.find("No space left on device"), std::string::npos) << reason;
-  // The text file still got its line.
-  EXPECT_NE(readFile(directory / "text.log").find("lost"), std::string::npos);
-}
-
-TEST(FileLogSinkTest, OpenFailuresNameTheFile) {
+TEST(FileLogSinkTest, FailuresToOpenOrWriteNameTheFile) {
   TemporaryDirectory directory;
   std::string reason;
   EXPECT_FALSE(AppendOnlyFile::open(directory / "missing/dir/x.log", &reason));
   EXPECT_NE(reason.find(directory / "missing/dir/x.log"), std::string::npos) << reason;
   EXPECT_NE(reason.find("No such file or directory"), std::string::npos) << reason;
-}
 
-TEST(FileLogSinkTest, LogFilesAreNotInheritedByChildProcesses) {
-  TemporaryDirectory directory;
-  // The descriptor is not known here, so look for any open descriptor on the
-  // file and check its flags.
+  // Every write to /dev/full fails with ENOSPC; the text file still gets its line.
+  FileLogSink sink(LogFlavor::Migration, openOrFail(directory / "text.log"),
+                   openOrFail("/dev/full"), std::nullopt, fixedClock);
+  sink.write(notice("lost"));
+  EXPECT_FALSE(sink.finish(&reason));
+  EXPECT_NE(reason.find("/dev/full"), std::string::npos) << reason;
+  EXPECT_NE(reason.find("No space left on device"), std::string::npos) << reason;
+  EXPECT_NE(readFile(directory / "text.log").find("lost"), std::string::npos);
+
+  // The descriptor is not known here: look for any open descriptor on the
+  // file, which a child process must not inherit.
   AppendOnlyFile file = openOrFail(directory / "x.log");
-  bool found = false;
+  struct stat byPath {};
+  ASSERT_EQ(::stat((directory / "x.log").c_str(), &byPath), 0);
+  int found = 0;
   for (int fd = 0; fd < 1024; ++fd) {
-    struct stat byDescriptor {
-    }, byPath{};
-    if (::fstat(fd, &byDescriptor) != 0 || ::stat((directory / "x.log").c_str(), &byPath) != 0)
+    struct stat byDescriptor {};
+    if (::fstat(fd, &byDescriptor) != 0 || byDescriptor.st_ino != byPath.st_ino ||
+        byDescriptor.st_dev != byPath.st_dev)
       continue;
-    if (byDescriptor.st_ino != byPath.st_ino || byDescriptor.st_dev != byPath.st_dev) continue;
-    found = true;
+    ++found;
     EXPECT_TRUE(::fcntl(fd, F_GETFD) & FD_CLOEXEC);
     EXPECT_TRUE(::fcntl(fd, F_GETFL) & O_APPEND);
   }
-  EXPECT_TRUE(found);
-}
-
-TEST(HostLogsTest, PathRelativeToRoot) {
-  EXPECT_EQ(pathRelativeToRoot("/images/a", "/images/a/private/var/mobile"), "private/var/mobile");
-  EXPECT_EQ(pathRelativeToRoot("/", "/private/var/mobile"), "private/var/mobile");
-  EXPECT_EQ(pathRelativeToRoot("/images/a", "/images/a"), "");
+  EXPECT_EQ(found, 1);
 }
 
 TEST(HostLogsTest, LogLevelKeepsNoticesForProgressButOutOfTheFile) {
+  EXPECT_EQ(pathRelativeToRoot("/images/a", "/images/a/private/var/mobile"), "private/var/mobile");
+  EXPECT_EQ(pathRelativeToRoot("/", "/private/var/mobile"), "private/var/mobile");
+  EXPECT_EQ(pathRelativeToRoot("/images/a", "/images/a"), "");
+
   TemporaryDirectory directory;
   MigrateOptions options;
   options.root = directory.path();
@@ -141,7 +199,6 @@ TEST(HostLogsTest, LogLevelKeepsNoticesForProgressButOutOfTheFile) {
   EXPECT_FALSE(defaults->migrationHandleLevel);
   EXPECT_FALSE(defaults->installerHandleLevel);
   // A second run in the same second gets log files of its own.
-  EXPECT_NE(defaults->migration->textPath(), logs->migration->textPath());
   EXPECT_TRUE(defaults->migration->textPath().ends_with("-2.log"))
       << defaults->migration->textPath();
   EXPECT_NE(defaults->installer->textPath(), logs->installer->textPath());

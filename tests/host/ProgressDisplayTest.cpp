@@ -1,5 +1,6 @@
-// What the user reads: the application lines, the live line and the summary,
-// which must never claim success for a failed pass.
+// What the user reads: the application lines, the live line (which says
+// when a pass has stalled) and the summary, which never claims success for a
+// failed pass; and the live display, which draws in place.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -15,63 +16,59 @@ namespace {
 using std::chrono::seconds;
 
 ProgressSnapshot migrating(std::uint64_t begun, std::optional<std::uint64_t> total,
-                           std::string identifier) {
+                           std::string identifier, std::uint64_t errors = 0) {
   ProgressSnapshot snapshot;
   snapshot.phase = ProgressSnapshot::Phase::Migrating;
   snapshot.applicationsBegun = begun;
   snapshot.total = total;
   snapshot.currentApplication = std::move(identifier);
+  snapshot.errors = errors;
   return snapshot;
 }
 
-TEST(ProgressDisplayTest, ElapsedTime) {
-  EXPECT_EQ(formatElapsed(seconds(0)), "0:00");
-  EXPECT_EQ(formatElapsed(seconds(7)), "0:07");
-  EXPECT_EQ(formatElapsed(seconds(754)), "12:34");
-  EXPECT_EQ(formatElapsed(seconds(3723)), "1:02:03");
-  EXPECT_EQ(formatElapsed(seconds(-5)), "0:00");
-}
-
-TEST(ProgressDisplayTest, ApplicationLines) {
-  EXPECT_EQ(formatApplicationLine(migrating(12, 40, "com.example.app")), "[12/40] com.example.app");
-  EXPECT_EQ(formatApplicationLine(migrating(3, std::nullopt, "a.b")), "[3] a.b");
-  // More begun than announced: the shown total grows rather than reading 5/4.
-  EXPECT_EQ(formatApplicationLine(migrating(5, 4, "a.b")), "[5/5] a.b");
-}
-
-TEST(ProgressDisplayTest, LiveLineFollowsThePhases) {
-  ProgressSnapshot waiting;
-  EXPECT_EQ(formatLiveLine(waiting, false, seconds(1), 0), "Working  0:01");
-
+TEST(ProgressDisplayTest, EachLineTheUserReads) {
   ProgressSnapshot examining;
   examining.phase = ProgressSnapshot::Phase::Examining;
   examining.total = 40;
   examining.examined = 12;
-  EXPECT_EQ(formatLiveLine(examining, false, seconds(3), 0), "Examining entries 12/40  0:03");
-
-  ProgressSnapshot busy = migrating(2, 40, "com.example.app");
-  busy.errors = 1;
-  EXPECT_EQ(formatLiveLine(busy, false, seconds(65), 0),
-            "Migrating [2/40] com.example.app  1:05  1 error");
-  busy.errors = 2;
-  EXPECT_EQ(formatLiveLine(busy, true, seconds(65), 0),
-            "Finishing (40 entries dealt with)  1:05  2 errors");
-}
-
-TEST(ProgressDisplayTest, LiveLineFitsTheTerminal) {
-  const std::string line =
-      formatLiveLine(migrating(2, 40, std::string(200, 'x')), false, seconds(1), 80);
-  EXPECT_EQ(line.size(), 79u);  // the last column stays free so the line never wraps
-  EXPECT_EQ(line.rfind("Migrating [2/40] ", 0), 0u);
-}
-
-TEST(ProgressDisplayTest, SummaryNeverClaimsSuccessForAFailedPass) {
-  EXPECT_EQ(formatSummaryLine("CVAppMigrator", true, std::chrono::duration<double>(3.21), "/l"),
-            "CVAppMigrator: succeeded in 3.2 s");
+  ProgressSnapshot stalled = migrating(0, 40, "com.example.big");
+  stalled.observed = true;
+  stalled.dealtWith = 5;
+  stalled.currentStep = MavrelEntryStep::DataMove;
+  ProgressSnapshot stalledWithoutStep = stalled;
+  stalledWithoutStep.currentStep.reset();
   const std::string failed =
       formatSummaryLine("CVAppMigrator", false, std::chrono::duration<double>(3.2), "/logs/M.log");
-  EXPECT_EQ(failed, "CVAppMigrator: failed (see /logs/M.log)");
-  EXPECT_EQ(failed.find("succeeded"), std::string::npos);
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {formatElapsed(seconds(0)), "0:00"},
+      {formatElapsed(seconds(754)), "12:34"},
+      {formatElapsed(seconds(3723)), "1:02:03"},
+      {formatElapsed(seconds(-5)), "0:00"},
+      {formatApplicationLine(migrating(12, 40, "com.example.app")), "[12/40] com.example.app"},
+      {formatApplicationLine(migrating(3, std::nullopt, "a.b")), "[3] a.b"},
+      // More begun than announced: the shown total grows rather than reading 5/4.
+      {formatApplicationLine(migrating(5, 4, "a.b")), "[5/5] a.b"},
+      {formatLiveLine(ProgressSnapshot(), false, seconds(1), 0), "Working  0:01"},
+      {formatLiveLine(examining, false, seconds(3), 0), "Examining entries 12/40  0:03"},
+      {formatLiveLine(migrating(2, 40, "com.example.app", 1), false, seconds(65), 0),
+       "Migrating [2/40] com.example.app  1:05  1 error"},
+      {formatLiveLine(migrating(2, 40, "com.example.app", 2), true, seconds(65), 0),
+       "Finishing (40 entries dealt with)  1:05  2 errors"},
+      // The last column stays free so the line never wraps.
+      {formatLiveLine(migrating(2, 40, std::string(200, 'x')), false, seconds(1), 80),
+       "Migrating [2/40] " + std::string(62, 'x')},
+      {formatLiveLine(stalled, false, seconds(70), 0, seconds(14)),
+       "[5/40] com.example.big: moving data  1:10"},
+      {formatLiveLine(stalled, false, seconds(96), 0, seconds(40)),
+       "[5/40] still migrating com.example.big (moving data), 40 s  1:36"},
+      {formatLiveLine(stalledWithoutStep, false, seconds(96), 0, seconds(40)),
+       "[5/40] still working, 40 s  1:36"},
+      {formatSummaryLine("CVAppMigrator", true, std::chrono::duration<double>(3.21), "/l"),
+       "CVAppMigrator: succeeded in 3.2 s"},
+      {failed, "CVAppMigrator: failed (see /logs/M.log)"},
+  };
+  for (const auto& [got, expected] : cases)
+    EXPECT_EQ(got, expected);
 }
 
 class IdleMigrator final : public MavrelMigrator {
@@ -89,8 +86,9 @@ TEST(ProgressDisplayTest, LiveDisplayDrawsInPlaceAndClearsItsLine) {
                                                          &std::fclose);
   ASSERT_TRUE(out);
   ProgressTracker tracker(nullptr);
-  tracker.write(platform::LogLine{5, "f", "CVAppMigrator: 2 items to migrate", {}, {}, 0});
-  tracker.write(platform::LogLine{5, "f", "CVAppMigrator: Introspecting /a", {}, {}, 0});
+  for (const char* message :
+       {"CVAppMigrator: 2 items to migrate", "CVAppMigrator: Introspecting /a"})
+    tracker.write(platform::LogLine{5, "f", message, {}, {}, 0});
   const IdleMigrator migrator;
   { const LiveProgressDisplay display(tracker, migrator, out.get()); }
   out.reset();
