@@ -59,7 +59,8 @@ std::vector<KillPoint> killPoints(const Trace& trace, const std::string& root) {
   std::vector<KillPoint> points;
   for (const TracedCall& call : trace.calls) {
     const std::size_t ordinal = ++ordinals[{call.pid, call.name}];
-    if (call.changesDisk() && !call.failed() && !isBookkeepingWrite(call, root))
+    if (trace.byFirstThread(call) && call.changesDisk() && !call.failed() &&
+        !isBookkeepingWrite(call, root))
       points.push_back({call.name, ordinal, describeCall(call)});
   }
   return points;

@@ -82,7 +82,7 @@ std::vector<FaultTrial> faultTrials(const Trace& trace, const std::string& root)
   for (std::size_t i = 0; i < trace.calls.size(); ++i) {
     const TracedCall& call = trace.calls[i];
     const std::size_t ordinal = ++ordinals[{call.pid, call.name}];
-    if (i < start) continue;
+    if (i < start || !trace.byFirstThread(call)) continue;
     // The sanitizer runtime probes memory by writing to a pipe of its own;
     // failing that write stops the runtime, not the migration.
     if (!call.arguments.empty() && call.arguments[0].find("<pipe:") != std::string::npos) continue;

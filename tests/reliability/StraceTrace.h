@@ -54,6 +54,14 @@ struct Trace {
   std::size_t unreadLines = 0;
   // Calls per name.
   std::map<std::string, std::size_t> countByName() const;
+  // Whether `call` was made by the program's first thread. strace counts the
+  // calls of each thread apart and applies an injection's `when` to every
+  // thread, so only that thread's calls can be singled out by their
+  // ordinal (a kill or a fault there stops or fails the other threads' work
+  // all the same).
+  bool byFirstThread(const TracedCall& call) const {
+    return !calls.empty() && call.pid == calls.front().pid;
+  }
 };
 
 Trace parseTrace(const std::string& text);
