@@ -388,8 +388,16 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
   std::unordered_set<ino_t> alreadyLinked;
   std::uint64_t nextName = 0;
   if (result.adopted) {
-    net.manifest_ = readNetManifest(result.directory);
-    for (const NetLinkRecord& record : parseNetManifest(net.manifest_)) {
+    std::string adopted = readNetManifest(result.directory);
+    // A record cut short at its end would run into the records laid now.
+    std::size_t fields = 0;
+    std::size_t whole = 0;
+    for (std::size_t at = 0; at < adopted.size(); ++at) {
+      if (adopted[at] == '\0' && ++fields % 3 == 0) whole = at + 1;
+    }
+    adopted.resize(whole);
+    net.manifestParts_.push_back(std::move(adopted));
+    for (const NetLinkRecord& record : parseNetManifest(net.manifestParts_.front())) {
       nextName = std::max<std::uint64_t>(nextName, std::stoull(std::string(record.linkName)) + 1);
       struct stat status {};
       if (platform::sys::statAt(links.get(), std::string(record.linkName).c_str(), &status) == 0)
@@ -405,8 +413,9 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
 
   // One task per legacy container and per legacy group container, laid on
   // every core: walking the user data is most of the net's cost. Each task
-  // keeps its own records and counts, joined in task order, so the manifest
-  // reads as one walk.
+  // keeps its own records and counts; the records stay one part per task,
+  // in task order, written one after the other, so the manifest reads as
+  // one walk and is never copied whole.
   UniqueFd legacyFd;
   std::vector<std::string> containerNames;
   const auto legacy = relativeToRoot(root, configuration.oldContainerPath().path());
@@ -457,7 +466,7 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
       if (result.notLinkedExamples.size() < kExamplesKept)
         result.notLinkedExamples.push_back(std::move(example));
     }
-    net.manifest_ += records[task];
+    if (!records[task].empty()) net.manifestParts_.push_back(std::move(records[task]));
   }
 
   // The links and the manifest are on the disk before the pass moves or
@@ -468,7 +477,7 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
               "': " + std::strerror(errno);
     return std::nullopt;
   }
-  if (!writeNetManifest(result.directory, net.manifest_, &error)) {
+  if (!writeNetManifest(result.directory, net.manifestParts_, &error)) {
     *reason = "cannot write the safety net's manifest: " + error.localizedDescription();
     return std::nullopt;
   }
@@ -530,11 +539,10 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
   }
 
   // A link whose file is at its old place or at its new place goes; a file
-  // with no other name is kept; the rest is looked for below. The records
-  // are settled on every core, in runs of consecutive records (which share
-  // their directories), joined back in order.
-  const std::vector<NetLinkRecord> records = parseNetManifest(manifest_);
-  const std::size_t runs = std::min<std::size_t>(defaultWorkerCount(), records.size());
+  // with no other name is kept; the rest is looked for below. The parts of
+  // the manifest (one per container laid, whose records share their
+  // directories) are settled on every core, joined back in order.
+  const std::size_t runs = manifestParts_.size();
   std::vector<std::vector<KeptFile>> keptByRun(runs);
   std::vector<std::vector<Unresolved>> unresolvedByRun(runs);
   parallelFor(runs, defaultWorkerCount(), [&](std::size_t part) {
@@ -542,9 +550,7 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
     std::vector<Unresolved>& unresolved = unresolvedByRun[part];
     ParentDirectories oldPlaces(rootFd.get(), ParentDirectories::Missing::Absent);
     ParentDirectories newPlaceDirectories(rootFd.get(), ParentDirectories::Missing::Absent);
-    const std::size_t end = records.size() * (part + 1) / runs;
-    for (std::size_t index = records.size() * part / runs; index < end; ++index) {
-      const NetLinkRecord& record = records[index];
+    for (const NetLinkRecord& record : parseNetManifest(manifestParts_[part])) {
       const std::string linkName(record.linkName);
       const std::string legacy = record.legacyRelative();
       struct stat status {};

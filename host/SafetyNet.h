@@ -118,7 +118,9 @@ class SafetyNet {
   std::vector<std::string> groupRelatives_;  // the legacy group containers
   // The group identifier of each legacy group container, by its relative path.
   std::map<std::string, std::string> groupIdentifiers_;
-  std::string manifest_;  // the records of the net's links
+  // The records of the net's links: an adopted net's first, then one part
+  // per container or group container laid.
+  std::vector<std::string> manifestParts_;
   SafetyNetResult result_;
 };
 

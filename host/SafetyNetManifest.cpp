@@ -73,10 +73,11 @@ std::string readNetManifest(const std::string& runHostPath) {
   return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
 }
 
-bool writeNetManifest(const std::string& runHostPath, std::string_view manifest, CVError* error) {
-  const auto* data = reinterpret_cast<const std::uint8_t*>(manifest.data());
+bool writeNetManifest(const std::string& runHostPath, const std::vector<std::string>& parts,
+                      CVError* error) {
+  const std::vector<std::string_view> views(parts.begin(), parts.end());
   return platform::writeFileAtomically(manifestURL(runHostPath),
-                                       std::span<const std::uint8_t>(data, manifest.size()), error);
+                                       std::span<const std::string_view>(views), error);
 }
 
 }  // namespace mavrel_host

@@ -53,7 +53,8 @@ std::vector<NetLinkRecord> parseNetManifest(std::string_view manifest);
 // has none).
 std::string readNetManifest(const std::string& runHostPath);
 
-// Writes the manifest durably.
-bool writeNetManifest(const std::string& runHostPath, std::string_view manifest, CVError* error);
+// Writes the manifest, made of `parts` one after the other, durably.
+bool writeNetManifest(const std::string& runHostPath, const std::vector<std::string>& parts,
+                      CVError* error);
 
 }  // namespace mavrel_host

@@ -223,6 +223,12 @@ std::optional<std::vector<std::uint8_t>> readFileContents(const CVURL& url, std:
 
 bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, CVError* error,
                          WriteDurability durability) {
+  const std::string_view whole(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  return writeFileAtomically(url, std::span<const std::string_view>(&whole, 1), error, durability);
+}
+
+bool writeFileAtomically(const CVURL& url, std::span<const std::string_view> parts, CVError* error,
+                         WriteDurability durability) {
   if (url.isNil() || url.path() == "/") {
     CVSetError(error, posixCallError(EINVAL, "open", displayPath(url)));
     return false;
@@ -251,9 +257,13 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, 
   AsideFile aside(asidePath);
 
   int failedErrno = 0;
-  if (!writeAll(fd.get(), bytes, failedErrno)) {
-    CVSetError(error, posixCallError(failedErrno, "write", asidePath));
-    return false;
+  for (const std::string_view part : parts) {
+    const std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(part.data()),
+                                              part.size());
+    if (!writeAll(fd.get(), bytes, failedErrno)) {
+      CVSetError(error, posixCallError(failedErrno, "write", asidePath));
+      return false;
+    }
   }
   const bool flushContents = durability == WriteDurability::Flushed;
   if (const int syncErrno = flushContents ? fsyncRetrying(fd.get()) : 0; syncErrno != 0) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string_view>
 #include <vector>
 
 #include "platform/Error.h"
@@ -36,6 +37,10 @@ enum class WriteDurability { Flushed, NotFlushed };
 // but the call still fails because their durability is not assured.
 // NotFlushed leaves out both flushes (see WriteDurability).
 bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, CVError* error,
+                         WriteDurability durability = WriteDurability::Flushed);
+// The same, the file's bytes being `parts` one after the other (written as
+// they are, never joined in memory).
+bool writeFileAtomically(const CVURL& url, std::span<const std::string_view> parts, CVError* error,
                          WriteDurability durability = WriteDurability::Flushed);
 
 }  // namespace platform

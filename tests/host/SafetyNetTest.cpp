@@ -160,7 +160,7 @@ TEST_F(SafetyNetTest, AResumedRunAdoptsTheInterruptedNet) {
   const std::string container =
       fs::relative(manifest.containers.back().containerPath, root).string();
   mavrel_host::appendNetLinkRecord(records, "1", container, linked.substr(container.size() + 1));
-  ASSERT_TRUE(mavrel_host::writeNetManifest(interrupted, records, nullptr));
+  ASSERT_TRUE(mavrel_host::writeNetManifest(interrupted, {records}, nullptr));
 
   // Before it is settled, recover copies each linked file to its legacy path.
   const ProgramRun recovered =
