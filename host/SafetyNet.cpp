@@ -388,15 +388,7 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
   std::unordered_set<ino_t> alreadyLinked;
   std::uint64_t nextName = 0;
   if (result.adopted) {
-    std::string adopted = readNetManifest(result.directory);
-    // A record cut short at its end would run into the records laid now.
-    std::size_t fields = 0;
-    std::size_t whole = 0;
-    for (std::size_t at = 0; at < adopted.size(); ++at) {
-      if (adopted[at] == '\0' && ++fields % 3 == 0) whole = at + 1;
-    }
-    adopted.resize(whole);
-    net.manifestParts_.push_back(std::move(adopted));
+    net.manifestParts_.push_back(readNetManifest(result.directory));
     for (const NetLinkRecord& record : parseNetManifest(net.manifestParts_.front())) {
       nextName = std::max<std::uint64_t>(nextName, std::stoull(std::string(record.linkName)) + 1);
       struct stat status {};
@@ -542,12 +534,12 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
   // with no other name is kept; the rest is looked for below. The parts of
   // the manifest (one per container laid, whose records share their
   // directories) are settled on every core, joined back in order.
-  const std::size_t runs = manifestParts_.size();
-  std::vector<std::vector<KeptFile>> keptByRun(runs);
-  std::vector<std::vector<Unresolved>> unresolvedByRun(runs);
-  parallelFor(runs, defaultWorkerCount(), [&](std::size_t part) {
-    std::vector<KeptFile>& kept = keptByRun[part];
-    std::vector<Unresolved>& unresolved = unresolvedByRun[part];
+  const std::size_t parts = manifestParts_.size();
+  std::vector<std::vector<KeptFile>> keptByPart(parts);
+  std::vector<std::vector<Unresolved>> unresolvedByPart(parts);
+  parallelFor(parts, defaultWorkerCount(), [&](std::size_t part) {
+    std::vector<KeptFile>& kept = keptByPart[part];
+    std::vector<Unresolved>& unresolved = unresolvedByPart[part];
     ParentDirectories oldPlaces(rootFd.get(), ParentDirectories::Missing::Absent);
     ParentDirectories newPlaceDirectories(rootFd.get(), ParentDirectories::Missing::Absent);
     for (const NetLinkRecord& record : parseNetManifest(manifestParts_[part])) {
@@ -579,9 +571,9 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
   });
   std::vector<KeptFile> kept;
   std::vector<Unresolved> unresolved;
-  for (std::size_t part = 0; part < runs; ++part) {
-    std::move(keptByRun[part].begin(), keptByRun[part].end(), std::back_inserter(kept));
-    std::move(unresolvedByRun[part].begin(), unresolvedByRun[part].end(),
+  for (std::size_t part = 0; part < parts; ++part) {
+    std::move(keptByPart[part].begin(), keptByPart[part].end(), std::back_inserter(kept));
+    std::move(unresolvedByPart[part].begin(), unresolvedByPart[part].end(),
               std::back_inserter(unresolved));
   }
   if (!unresolved.empty()) {
@@ -623,13 +615,15 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
   // Left in the links directory: what could not be moved, and links an
   // interrupted laying made before its manifest was written. Those of files
   // with another name go.
+  std::unordered_set<std::string> keptHere;
+  for (const KeptFile& file : kept) {
+    if (!file.linkName.empty()) keptHere.insert(file.linkName);
+  }
   forEachEntry(links.get(), [&](const std::string& name, platform::sys::EntryType) {
     struct stat status {};
     if (platform::sys::statAt(links.get(), name.c_str(), &status) != 0 || status.st_nlink <= 1)
       return;
-    const bool keptHere = std::any_of(kept.begin(), kept.end(),
-                                      [&](const KeptFile& file) { return file.linkName == name; });
-    if (!keptHere) platform::sys::removeFileAt(links.get(), name.c_str());
+    if (!keptHere.contains(name)) platform::sys::removeFileAt(links.get(), name.c_str());
   });
   platform::sys::removeEmptyDirectoryAt(run.get(), linksName.c_str());
   result_.settled = true;

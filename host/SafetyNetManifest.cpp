@@ -1,5 +1,6 @@
 #include "host/SafetyNetManifest.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -70,7 +71,13 @@ std::vector<NetLinkRecord> parseNetManifest(std::string_view manifest) {
 std::string readNetManifest(const std::string& runHostPath) {
   const auto bytes =
       platform::readFileContents(manifestURL(runHostPath), kManifestMaxSize, nullptr);
-  return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
+  if (!bytes) return std::string();
+  std::size_t fields = 0;
+  std::size_t whole = 0;  // the bytes of the whole records
+  for (std::size_t at = 0; at < bytes->size(); ++at) {
+    if ((*bytes)[at] == '\0' && ++fields % 3 == 0) whole = at + 1;
+  }
+  return std::string(bytes->begin(), bytes->begin() + static_cast<std::ptrdiff_t>(whole));
 }
 
 bool writeNetManifest(const std::string& runHostPath, const std::vector<std::string>& parts,

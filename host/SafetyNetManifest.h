@@ -49,8 +49,9 @@ void appendNetLinkRecord(std::string& manifest, std::string_view linkName,
 // number or whose paths are not plain relative paths is left out.
 std::vector<NetLinkRecord> parseNetManifest(std::string_view manifest);
 
-// The bytes of the manifest of the run directory `runHostPath` ("" when it
-// has none).
+// The bytes of the whole records of the manifest of the run directory
+// `runHostPath` ("" when it has none): a record cut short at its end is left
+// out, so that records appended after them read as themselves.
 std::string readNetManifest(const std::string& runHostPath);
 
 // Writes the manifest, made of `parts` one after the other, durably.
