@@ -15,6 +15,7 @@
 // A crash before 5 is undone at the next opening (2 reversed, prepared
 // entries swept), a crash after it is finished (6 done again).
 #include <algorithm>
+#include <set>
 
 #include "AppMigrator/LegacyLayoutNames.h"
 #include "installer/EmbeddedInstallerService.h"
@@ -173,11 +174,23 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   // What the bundle container keeps: the bundles and the store metadata.
   std::vector<std::string> bundles{contents->applicationName};
   if (!contents->vpnPluginName.empty()) bundles.push_back(contents->vpnPluginName);
+  // One listing of the staging directory finds the metadata items and, below,
+  // what is not installed.
+  CVError listError;
+  const auto entries = CVFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
+      CVURL::fileURLWithPath(*staged, true), /*ignoringSymlinks=*/false, &listError);
+  if (!entries) {
+    return restoreAndFail({InstallError::ContainerCreationFailed,
+                           "cannot make a bundle container for " + request.identifier, listError});
+  }
+  std::set<std::string, std::less<>> names;
+  for (const CVURL& item : *entries)
+    names.insert(item.lastPathComponent());
   std::vector<std::string> kept;
   for (const std::string& bundle : bundles)
     kept.push_back(std::string(kPayloadDirectoryName) + "/" + bundle);
   for (const std::string& name : metadataItemNames_) {
-    if (itemExists(*staged + "/" + name)) kept.push_back(name);
+    if (names.count(name) != 0) kept.push_back(name);
   }
   for (const std::string& item : kept) {
     if (!standardizeInstalledItem(*staged + "/" + item, owner_, &failure))
@@ -191,11 +204,7 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
 
   progress.report(kStatusCreatingContainers);
   const auto bundleContainer = layout_.newContainerPath(ContainerClass::Bundle);
-  CVError listError;
-  const auto entries = CVFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
-      CVURL::fileURLWithPath(*staged, true), /*ignoringSymlinks=*/false, &listError);
-  if (!bundleContainer || !entries ||
-      !setModeAndOwner(*staged, kContainerMode, owner_, &listError)) {
+  if (!bundleContainer || !setModeAndOwner(*staged, kContainerMode, owner_, &listError)) {
     return restoreAndFail({InstallError::ContainerCreationFailed,
                            "cannot make a bundle container for " + request.identifier, listError});
   }

@@ -1,5 +1,7 @@
 #include "installer/InstallJournal.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <set>
@@ -7,6 +9,7 @@
 #include "installer/FaultInjection.h"
 #include "platform/FileIOPosix.h"
 #include "platform/Log.h"
+#include "platform/linux/HardLinks.h"
 #include "shared/filemanager/CVFileManager.h"
 
 namespace mavrel_installer {
@@ -16,6 +19,10 @@ constexpr std::string_view kStepFunction = "performJournalSteps";
 constexpr std::string_view kRecoveryFunction = "recoverPendingInstalls";
 
 bool performRename(const std::string& source, const std::string& target, CVError* error) {
+  // The usual case, source there and target free, takes one call; what the
+  // call refuses is looked at below as before.
+  if (platform::sys::renameNoReplaceAt(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str()) == 0)
+    return true;
   const ItemKind sourceKind = itemKindAtPath(source);
   const ItemKind targetKind = itemKindAtPath(target);
   if (sourceKind == ItemKind::Unknown || targetKind == ItemKind::Unknown) {
@@ -57,7 +64,8 @@ bool staysBelowRoot(const std::string& relative) {
 
 namespace {
 
-bool performStep(const ContainerLayout& layout, const JournalStep& step, CVError* error) {
+bool performStep(const ContainerLayout& layout, const JournalStep& step, DeferredRemoval* deferred,
+                 CVError* error) {
   if (!staysBelowRoot(step.source) ||
       (step.action == JournalStep::Action::Rename && !staysBelowRoot(step.target))) {
     CVSetError(error,
@@ -71,6 +79,8 @@ bool performStep(const ContainerLayout& layout, const JournalStep& step, CVError
   } else if (const int injected = injectedFailure("journal removal")) {
     CVSetError(error, platform::posixCallError(injected, "remove", source));
     return false;
+  } else if (deferred != nullptr && deferred->discard(source)) {
+    // Out of its place; removed on the deferred removal's thread.
   } else if (!CVFileManager::defaultManager().removeItemAtURL(CVURL::fileURLWithPath(source, false),
                                                               error)) {
     return false;
@@ -84,13 +94,13 @@ bool performStep(const ContainerLayout& layout, const JournalStep& step, CVError
 bool performJournalSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
                          CVError* error) {
   for (const JournalStep& step : steps) {
-    if (!performStep(layout, step, error)) return false;
+    if (!performStep(layout, step, nullptr, error)) return false;
   }
   return true;
 }
 
 bool performCommittedSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
-                           CVError* error, bool* cleanupLeft) {
+                           DeferredRemoval* deferred, CVError* error, bool* cleanupLeft) {
   *cleanupLeft = false;
   // Every rename puts something of the install in place; the removals after
   // the last one only clean up.
@@ -100,7 +110,7 @@ bool performCommittedSteps(const ContainerLayout& layout, std::span<const Journa
   }
   for (std::size_t i = 0; i < steps.size(); ++i) {
     CVError stepError;
-    if (performStep(layout, steps[i], &stepError)) continue;
+    if (performStep(layout, steps[i], deferred, &stepError)) continue;
     if (i < cleanupStart) {
       CVSetError(error, stepError);
       return false;

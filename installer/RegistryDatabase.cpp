@@ -303,7 +303,9 @@ CVError RegistryDatabase::refusal(std::string_view reason) const {
 // ---- Transactions ----
 
 WriteTransaction::~WriteTransaction() {
-  if (open_) database_.execute("ROLLBACK", nullptr);
+  if (!open_) return;
+  database_.execute("ROLLBACK", nullptr);
+  database_.countRollback();
 }
 
 bool WriteTransaction::begin(CVError* error) {

@@ -129,6 +129,11 @@ class RegistryDatabase {
   // next connection; nothing is lost either way.
   void setCheckpointOnClose(bool checkpoint);
 
+  // How many write transactions were rolled back on this connection: what was
+  // read inside one may never have been committed.
+  std::uint64_t rollbacks() const { return rollbacks_; }
+  void countRollback() { ++rollbacks_; }
+
   // "PRAGMA quick_check": false with a record that says the file is damaged.
   bool checkIntegrity(CVError* error);
 
@@ -143,6 +148,7 @@ class RegistryDatabase {
   sqlite3* handle_;
   std::string path_;
   Access access_;
+  std::uint64_t rollbacks_ = 0;
 };
 
 // BEGIN IMMEDIATE on creation (the write lock is taken at once, so a busy

@@ -189,6 +189,7 @@ std::unique_ptr<RegistryStore> RegistryStore::open(const std::string& path,
   if (!database) return nullptr;
   std::unique_ptr<RegistryStore> store(new RegistryStore(std::move(database)));
   if (!store->prepareSchema(error)) return nullptr;
+  store->remembersLookups_ = access == RegistryDatabase::Access::ReadWrite;
   return store;
 }
 
@@ -243,10 +244,34 @@ Statement* RegistryStore::statement(Slot slot, CVError* error) {
   return &*cached;
 }
 
+void RegistryStore::rememberLookup(std::string_view identifier,
+                                   const std::optional<ApplicationEntry>& entry) {
+  if (!remembersLookups_) return;
+  if (lookups_.size() == kRememberedLookups) lookups_.erase(lookups_.begin());
+  lookups_.push_back(Lookup{std::string(identifier), entry});
+}
+
 bool RegistryStore::findApplication(std::string_view identifier,
                                     std::optional<ApplicationEntry>& entry, CVError* error) {
   entry.reset();
   if (empty_) return true;
+  if (lookupsRollbacks_ != database_->rollbacks()) {
+    lookups_.clear();
+    lookupsRollbacks_ = database_->rollbacks();
+  }
+  for (const Lookup& lookup : lookups_) {
+    if (lookup.identifier != identifier) continue;
+    entry = lookup.entry;
+    return true;
+  }
+  if (!findApplicationInDatabase(identifier, entry, error)) return false;
+  rememberLookup(identifier, entry);
+  return true;
+}
+
+bool RegistryStore::findApplicationInDatabase(std::string_view identifier,
+                                              std::optional<ApplicationEntry>& entry,
+                                              CVError* error) {
   Statement* find = statement(kFindApplication, error);
   Statement* memberships = find ? statement(kFindMemberships, error) : nullptr;
   if (memberships == nullptr) return false;
@@ -328,6 +353,7 @@ bool RegistryStore::listApplications(std::vector<ApplicationEntry>& entries, CVE
 }
 
 bool RegistryStore::putApplication(const ApplicationEntry& entry, CVError* error) {
+  lookups_.clear();
   Statement* upsert = statement(kUpsertApplication, error);
   Statement* clear = upsert ? statement(kClearMemberships, error) : nullptr;
   Statement* addGroup = clear ? statement(kAddGroup, error) : nullptr;
@@ -420,6 +446,7 @@ bool RegistryStore::listPlugins(std::vector<PluginEntry>& entries, CVError* erro
 
 bool RegistryStore::setPluginDataContainer(std::string_view identifier,
                                            std::string_view dataContainer, CVError* error) {
+  lookups_.clear();
   Statement* update = statement(kSetPluginDataContainer, error);
   if (update == nullptr) return false;
   Statement::Use use(*update);

@@ -157,9 +157,26 @@ class RegistryStore {
   Statement* statement(Slot slot, CVError* error);
   bool addJournalSteps(std::int64_t id, std::span<const JournalStep> steps, CVError* error);
 
+  bool findApplicationInDatabase(std::string_view identifier,
+                                 std::optional<ApplicationEntry>& entry, CVError* error);
+  // Remembers the answer for `identifier`, forgetting the oldest.
+  void rememberLookup(std::string_view identifier, const std::optional<ApplicationEntry>& entry);
+
   std::unique_ptr<RegistryDatabase> database_;
   // Destroyed before database_ (members go in reverse order).
   std::optional<Statement> statements_[kSlotCount];
+  // The last applications looked up (found or not). An install asks for its
+  // application several times between writes; only the writer's store keeps
+  // them, whose lock keeps every other writer out. Any write of applications
+  // or plug-ins forgets them all, and so does a rolled back transaction.
+  struct Lookup {
+    std::string identifier;
+    std::optional<ApplicationEntry> entry;
+  };
+  static constexpr std::size_t kRememberedLookups = 4;
+  std::vector<Lookup> lookups_;
+  std::uint64_t lookupsRollbacks_ = 0;  // the database's rollbacks when they were taken
+  bool remembersLookups_ = false;
   bool empty_ = false;           // a ReadOnly store over a file without schema
   bool withoutPlugins_ = false;  // a ReadOnly store over a version 1 schema
   bool putPlugins(const ApplicationEntry& entry, CVError* error);

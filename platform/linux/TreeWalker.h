@@ -1,5 +1,6 @@
-// A physical walk over a whole tree with the C library's file-hierarchy walker
-// (fts), owned by an RAII object.
+// A physical walk over a whole tree, as the C library's file-hierarchy walker
+// (fts) makes one with FTS_PHYSICAL | FTS_NOCHDIR | FTS_XDEV, owned by an
+// RAII object.
 //
 // The walk never follows a symbolic link (the root included), never changes
 // the working directory and never crosses into another mount: an item that is
@@ -7,13 +8,17 @@
 // system; the walk's root included) comes as a MountPoint entry, and a
 // directory among them is not entered and does not come again after. There
 // is no sort function: entries come in the order the directories yield them,
-// and every directory comes twice, before its contents and after them.
+// and every directory comes twice, before its contents and after them (a
+// directory that cannot be read comes again as DirectoryUnreadable instead).
+// Each entry is looked at with one statx, which also tells a mount root; a
+// directory's names are read when it is entered, so one descriptor at most is
+// open whatever the depth. A path of PATH_MAX bytes or more is not looked at
+// (NoStat, ENAMETOOLONG), as with the C library's walker.
 //
 // Error contract: TreeWalker::open returns a walker that is not valid, with the
-// error number in errno, when the walker cannot be opened. next() returns
-// false at the end of the walk (and after a walker error, which it does not
-// report). close() returns 0, or -1 with the error number in errno; the
-// destructor closes a walker that was not closed.
+// error number in errno, for an empty path or when memory is short. next()
+// returns false at the end of the walk. close() returns 0; the destructor
+// closes a walker that was not closed.
 #pragma once
 
 #include <sys/stat.h>
@@ -26,7 +31,7 @@ namespace platform::sys {
 enum class WalkKind {
   Directory,            // a directory, before its contents
   DirectoryPost,        // a directory, after its contents
-  DirectoryCycle,       // a directory that is its own ancestor
+  DirectoryCycle,       // a directory that is its own ancestor (never, without links or mounts)
   DirectoryUnreadable,  // a directory whose contents could not be read
   File,                 // a regular file
   Symlink,              // a symbolic link (never followed)

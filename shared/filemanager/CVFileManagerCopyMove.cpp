@@ -52,13 +52,15 @@ bool CVFileManager::_moveItemAtURL(const CVURL& src, const CVURL& dst, bool fail
                                    CVError* error) {
   static constexpr std::string_view kFunction =
       "-[CVFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]";
+  // A rename that succeeds had a source: the look for a missing one is only
+  // made when the rename fails, with the outcome the look first would give.
+  if (sys::renamePath(src.fileSystemRepresentation(), dst.fileSystemRepresentation()) == 0)
+    return true;
+  const int code = errno;
   if (!failIfSrcMissing) {
     const int presence = SourcePresence(kFunction, src, error);
     if (presence <= 0) return presence == 0;
   }
-  if (sys::renamePath(src.fileSystemRepresentation(), dst.fileSystemRepresentation()) == 0)
-    return true;
-  const int code = errno;
   if (code != EXDEV) {
     CVSetError(error, CreatePOSIXError(kFunction, code, "rename of %@ to %@ failed: %s", src, dst,
                                        std::strerror(code)));

@@ -67,11 +67,13 @@ TEST_F(CustomerInstallTest, PutsBundlePluginAndMetadataInABundleContainerAndMake
     ASSERT_EQ(::lstat(item.c_str(), &status), 0) << item;
     EXPECT_TRUE(::geteuid() != 0 || (status.st_uid == 501u && status.st_gid == 501u)) << item;
   }
-  // The staging directory was consumed whole, and nothing is left in flight.
+  // The staging directory was consumed whole, and nothing is left in flight
+  // once the service has closed.
   EXPECT_EQ(entriesOf(home("Applications/C1")), std::vector<std::string>{});
-  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
   EXPECT_TRUE(service_->isApplicationInstalled("com.example.notes"));
   EXPECT_FALSE(service_->isApplicationInstalled("com.example.other"));
+  closeService();
+  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
   reopen();
   EXPECT_EQ(record("com.example.notes")->dataContainerURL, installed->dataContainerURL);
 }

@@ -71,6 +71,7 @@ TEST_F(VPNPluginTest, APackageHoldingAPluginAlone) {
   EXPECT_EQ(record(kPlugin)->bundleURL.path(), installedBundle);
   EXPECT_FALSE(pathExists(installedBundle + "/Marker"));
   EXPECT_FALSE(record("com.example.unknown.vpn"));
+  closeService();
   EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
 }
 
