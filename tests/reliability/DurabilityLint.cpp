@@ -115,12 +115,13 @@ DurabilityFindings lintTrace(const Trace& trace, const std::string& root,
   std::set<std::string> containersMoved;
 
   // The first flush of `directory` after call `after`, before anything else
-  // changes the disk.
+  // the same thread does changes the disk (another thread's work, such as
+  // the installer's removals of what it replaced, does not wait for it).
   const auto directoryFlushedAfter =
       [&trace](std::size_t after, const std::string& directory) -> std::optional<std::size_t> {
     for (std::size_t j = after + 1; j < trace.calls.size(); ++j) {
       const TracedCall& call = trace.calls[j];
-      if (call.failed() || !call.returned()) continue;
+      if (call.failed() || !call.returned() || call.pid != trace.calls[after].pid) continue;
       if (isFileFlush(call.name) && descriptorPath(call, 0) == directory) return j;
       if (call.name == "syncfs") return j;
       if (call.changesDisk() && !isLogWrite(call)) return std::nullopt;
