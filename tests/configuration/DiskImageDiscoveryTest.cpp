@@ -46,15 +46,13 @@ class DiskImageDiscoveryTest : public ::testing::Test {
   std::unique_ptr<CVGlobalConfiguration> configuration_;
 };
 
-TEST_F(DiskImageDiscoveryTest, NoControllerMeansOnlyTheDeveloperDirectory) {
+TEST_F(DiskImageDiscoveryTest, DrivesMapToTheirMountPointsInOrder) {
+  // No controller: only the developer directory.
   mounts_->mounts = {{"/dev/sda1", "/"}};
   EXPECT_TRUE(configuration_->diskImageMountPoints().empty());
   EXPECT_EQ(configuration_->diskImageApplicationsDirectories(),
             std::vector<CVURL>{configuration_->developerAppsDirectory()});
-  EXPECT_EQ(registry_->outstandingHandles(), 0u);
-}
 
-TEST_F(DiskImageDiscoveryTest, DrivesMapToTheirMountPointsInOrder) {
   const auto controller = registry_->addNode(IORegistryTree::kRoot, {"HWVDSKController"});
   drive(controller, "loop1");
   drive(controller, std::nullopt);  // media without a name contributes nothing

@@ -82,12 +82,11 @@ TEST_F(WellKnownDirectoriesTest, RootDirectoriesAreOnlyNamed) {
   EXPECT_FALSE(pathExists(root + "/Applications"));
   EXPECT_FALSE(pathExists(root + "/System"));
 
-  const CVSet frameworks = configuration_.allFrameworksDirectories();
-  EXPECT_EQ(frameworks,
-            (CVSet{CVURL::fileURLWithPath(root + "/System/Library/Frameworks", true),
-                   CVURL::fileURLWithPath(root + "/System/Library/PrivateFrameworks", true),
-                   CVURL::fileURLWithPath(root + "/ZentrelInternal/Frameworks", true),
-                   CVURL::fileURLWithPath(root + "/ZentrelInternal/PrivateFrameworks", true)}));
+  CVSet frameworks;
+  for (const char* place : {"System/Library/Frameworks", "System/Library/PrivateFrameworks",
+                            "ZentrelInternal/Frameworks", "ZentrelInternal/PrivateFrameworks"})
+    frameworks.add(CVURL::fileURLWithPath(root + "/" + place, true));
+  EXPECT_EQ(configuration_.allFrameworksDirectories(), frameworks);
 }
 
 TEST_F(WellKnownDirectoriesTest, RemovedDirectoryIsMadeAgainAndFailuresLoggedPerCall) {

@@ -157,23 +157,21 @@ TEST(RealPathTest, EveryCaseResolvesOrIsRefusedWithItsLine) {
   }
 }
 
-TEST(RealPathTest, MissingComponentsAreTracedOnlyWithAHandle) {
+// Missing components are traced only with a handle; a nil or missing base is refused.
+TEST(RealPathTest, MissingComponentsAreTracedAndANilOrMissingBaseIsRefused) {
   TemporaryDirectory temp;
   makeDirectories(temp / "c/a");
   const std::string real = std::filesystem::canonical(temp.path()).string();
-  CapturedLog log(platform::installerLog(), 7);
-  EXPECT_EQ(CVFileManager::defaultManager().realPathForURL(fileURL(temp / "c/a/new/deeper"),
-                                                           fileURL(temp / "c")),
-            fileURL(real + "/c/a/new/deeper"));
-  EXPECT_TRUE(
-      log.contains(7, "Realpathed " + real + "/c/a ; appending non-existing components new/deeper"))
-      << log.dump();
-  EXPECT_EQ(log.lines().at(0).function, "-[CVFileManager _realPathWhatExistsInPath:]");
-}
-
-TEST(RealPathTest, NilOrMissingBaseIsRefused) {
-  TemporaryDirectory temp;
   CVFileManager& manager = CVFileManager::defaultManager();
+  {
+    CapturedLog log(platform::installerLog(), 7);
+    EXPECT_EQ(manager.realPathForURL(fileURL(temp / "c/a/new/deeper"), fileURL(temp / "c")),
+              fileURL(real + "/c/a/new/deeper"));
+    EXPECT_TRUE(log.contains(
+        7, "Realpathed " + real + "/c/a ; appending non-existing components new/deeper"))
+        << log.dump();
+    EXPECT_EQ(log.lines().at(0).function, "-[CVFileManager _realPathWhatExistsInPath:]");
+  }
   CapturedLog log(platform::installerLog());
   EXPECT_TRUE(manager.realPathForURL(fileURL(temp.path()), CVURL()).isNil());
   EXPECT_TRUE(log.contains(
