@@ -172,17 +172,7 @@ void makeRichTree(const std::string& root, const std::string& outside) {
   setPastTimes(root, counter);
 }
 
-class CopyMoveTest : public ::testing::Test {
- protected:
-  // A trailing "/" makes a directory URL.
-  CVURL url(const std::string& relative) const {
-    return relative.ends_with('/') ? temp_.directoryURL(relative.substr(0, relative.size() - 1))
-                                   : temp_.fileURL(relative);
-  }
-
-  CVFileManager& manager_ = CVFileManager::defaultManager();
-  TemporaryDirectory temp_;
-};
+using CopyMoveTest = FileManagerFixture;
 
 TEST_F(CopyMoveTest, FailuresAreRecordedWithTheCallThatFailed) {
   // A missing source of the "IfExists" forms is success and touches nothing.

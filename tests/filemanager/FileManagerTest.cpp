@@ -40,11 +40,7 @@ std::vector<Line> logged(const CapturedLog& log) {
   return lines;
 }
 
-class FileManagerTest : public ::testing::Test {
- protected:
-  CVFileManager& manager_ = CVFileManager::defaultManager();
-  TemporaryDirectory temp_;
-};
+using FileManagerTest = FileManagerFixture;
 
 // (item, exists, does not exist); a state that cannot be determined answers
 // false twice, and says so.
@@ -53,17 +49,17 @@ TEST_F(FileManagerTest, EachKindOfItemAnswersBothExistenceQuestions) {
   makeDirectories(temp_ / "dir");
   makeSymlink(temp_ / "nowhere", temp_ / "dangling");
   for (const auto& [name, exists, doesNotExist] :
-       {std::tuple{"file", true, false}, std::tuple{"dir", true, false},
+       {std::tuple{"file", true, false}, std::tuple{"dir/", true, false},
         std::tuple{"dangling", true, false}, std::tuple{"absent", false, true},
         std::tuple{"file/below", false, false}}) {
-    const CVURL url = std::string(name) == "dir" ? temp_.directoryURL(name) : temp_.fileURL(name);
+    const CVURL item = url(name);
     CapturedLog log(platform::installerLog());
-    EXPECT_EQ(manager_.itemExistsAtURL(url), exists) << name;
-    EXPECT_EQ(manager_.itemDoesNotExistAtURL(url), doesNotExist) << name;
+    EXPECT_EQ(manager_.itemExistsAtURL(item), exists) << name;
+    EXPECT_EQ(manager_.itemDoesNotExistAtURL(item), doesNotExist) << name;
     std::vector<Line> expected;
     if (exists == doesNotExist) {
       const std::string message =
-          "Failed to determine if " + url.description() + " exists: Not a directory";
+          "Failed to determine if " + item.description() + " exists: Not a directory";
       expected = {{3, message, "-[CVFileManager itemExistsAtURL:]"},
                   {3, message, "-[CVFileManager itemDoesNotExistAtURL:]"}};
     }

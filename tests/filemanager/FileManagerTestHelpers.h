@@ -1,5 +1,5 @@
 // Fixtures shared by the file manager tests: undeletable items, very deep
-// trees, a lowered descriptor limit and error records.
+// trees, a lowered descriptor limit, error records and the test fixture.
 #pragma once
 
 #include <fcntl.h>
@@ -14,7 +14,9 @@
 #include "platform/Error.h"
 #include "platform/Value.h"
 #include "platform/linux/FileDescriptor.h"
+#include "shared/filemanager/CVFileManager.h"
 #include "tests/support/ChildProgram.h"
+#include "tests/support/TestSupport.h"
 
 namespace filemanager_test {
 
@@ -87,6 +89,18 @@ class ScopedDescriptorLimit {
 
  private:
   rlimit previous_{};
+};
+
+// The manager and a fresh directory; url("a/b/") is a directory URL, url("a/b") a file URL.
+class FileManagerFixture : public ::testing::Test {
+ protected:
+  CVURL url(const std::string& relative) const {
+    return relative.ends_with('/') ? temp_.directoryURL(relative.substr(0, relative.size() - 1))
+                                   : temp_.fileURL(relative);
+  }
+
+  CVFileManager& manager_ = CVFileManager::defaultManager();
+  testing_support::TemporaryDirectory temp_;
 };
 
 }  // namespace filemanager_test

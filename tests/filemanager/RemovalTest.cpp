@@ -30,11 +30,7 @@ using filemanager_detail::treewipe_error_callback;
 constexpr const char* kRemoveFunction = "-[CVFileManager removeItemAtURL:error:]";
 constexpr const char* kCallbackFunction = "_treewipe_error_callback";
 
-class RemoveItemTest : public ::testing::Test {
- protected:
-  CVFileManager& manager_ = CVFileManager::defaultManager();
-  TemporaryDirectory temp_;
-};
+using RemoveItemTest = FileManagerFixture;
 
 TEST_F(RemoveItemTest, FilesLinksAndMissingPathsGoWithoutTouchingWhatLinksPointTo) {
   writeFile(temp_ / "file", "contents");

@@ -37,15 +37,12 @@ Owner ownerOf(const std::string& path) {
   return {status.st_uid, status.st_gid};
 }
 
-class TraversalTest : public ::testing::Test {
+class TraversalTest : public FileManagerFixture {
  protected:
   void SetUp() override { ASSERT_EQ(::geteuid(), 0u) << "ownership tests run as root"; }
-  bool standardize(const CVURL& url, CVError* error) {
-    return manager_.standardizeOwnershipAndValidateSymlinksAtURL(url, kOwner, kOwner, error);
+  bool standardize(const CVURL& root, CVError* error) {
+    return manager_.standardizeOwnershipAndValidateSymlinksAtURL(root, kOwner, kOwner, error);
   }
-
-  CVFileManager& manager_ = CVFileManager::defaultManager();
-  TemporaryDirectory temp_;
 };
 
 // Every entry once, directories before and after their contents, links not
