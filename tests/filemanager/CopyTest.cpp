@@ -441,27 +441,30 @@ TEST(CopyOracleTest, CopyEqualsTheSourceItemByItemOnThisAndAnotherFileSystem) {
 TEST(MountPointTest, TheMountIsNotCrossedAndStaysInPlace) {
   constexpr std::uint32_t kNewOwner = 501;
   CVFileManager& manager = CVFileManager::defaultManager();
+  // Whether an operation failed with EXDEV.
+  const auto crossing = [](bool done, const CVError& failure) {
+    return !done && failure.code() == EXDEV;
+  };
+  CVError error;
   const std::vector<std::pair<const char*, std::function<bool(const TemporaryDirectory&)>>>
       operations = {
           {"removal",
            [&](const TemporaryDirectory& place) {
-             CVError error;
-             return !manager.removeItemAtURL(place.directoryURL("tree"), &error) &&
-                    error.code() == EXDEV && !pathExists(place / "tree/file.txt");
+             return crossing(manager.removeItemAtURL(place.directoryURL("tree"), &error), error) &&
+                    !pathExists(place / "tree/file.txt");
            }},
           {"copy",
            [&](const TemporaryDirectory& place) {
-             CVError error;
-             return !manager.copyItemAtURL(place.directoryURL("tree"), place.directoryURL("copy"),
-                                           &error) &&
-                    error.code() == EXDEV && !pathExists(place / "copy/sub/mounted");
+             return crossing(manager.copyItemAtURL(place.directoryURL("tree"),
+                                                   place.directoryURL("copy"), &error),
+                             error) &&
+                    !pathExists(place / "copy/sub/mounted");
            }},
           {"ownership",
            [&](const TemporaryDirectory& place) {
-             CVError error;
-             return !manager.standardizeOwnershipAndValidateSymlinksAtURL(
-                        place.directoryURL("tree"), kNewOwner, kNewOwner, &error) &&
-                    error.code() == EXDEV;
+             return crossing(manager.standardizeOwnershipAndValidateSymlinksAtURL(
+                                 place.directoryURL("tree"), kNewOwner, kNewOwner, &error),
+                             error);
            }},
           {"disk usage",
            [&](const TemporaryDirectory& place) {
@@ -472,6 +475,7 @@ TEST(MountPointTest, TheMountIsNotCrossedAndStaysInPlace) {
       };
   for (const auto& [name, run] : operations) {
     SCOPED_TRACE(name);
+    error = CVError();
     const TemporaryDirectory place;  // goes away after the mount is undone
     writeFile(place / "outside/canary.txt", "outside the tree");
     writeFile(place / "tree/file.txt", "inside");
