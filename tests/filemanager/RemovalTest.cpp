@@ -122,9 +122,11 @@ TEST_F(RemoveItemTest, UndeletableEntryFailsWithItsErrorAfterRemovingEverythingE
 
   // Without a callback, as the recovery of an interrupted run uses it: the
   // first error after removing the rest.
+  writeFile(temp_ / "root/sub/deeper/file", "");
   errno = 0;
   EXPECT_EQ(sys::treeWipe((temp_ / "root").c_str(), nullptr, sys::kTreeWipeRecursive), -1);
   EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(entryNames(temp_ / "root"), std::set<std::string>{"keep"});
   EXPECT_EQ(entryNames(temp_ / "root/keep"), std::set<std::string>{"locked"});
   errno = 0;
   EXPECT_EQ(sys::treeWipe((temp_ / "absent").c_str(), nullptr, sys::kTreeWipeRecursive), -1);
