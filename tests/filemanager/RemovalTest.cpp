@@ -188,10 +188,10 @@ TEST(TreeWipeTest, LinkSwappedInOrEntryVanishedDuringTheWalkIsNotFollowed) {
   EXPECT_EQ(recorder.reports.size(), 3u);
 }
 
-std::string repeat(const std::string& part, int times) {
+std::string repeat(const std::string& piece, int times) {
   std::string result;
   for (int i = 0; i < times; ++i)
-    result += part;
+    result += piece;
   return result;
 }
 
