@@ -14,114 +14,88 @@ namespace {
 using platform::kLogLevelNotice;
 using namespace testing_support;
 
-class ConfigurationTest : public ::testing::Test {
- protected:
-  void setPreference(std::string_view key, CVValue value) {
-    platform::PreferencesStore store(image_.root().homeURL());
-    ASSERT_TRUE(store.setValue(key, std::move(value), kCVPreferencesDomain,
-                               platform::kPreferencesCurrentUser,
-                               platform::kPreferencesCurrentHost));
-  }
-
-  DeviceImage image_;
-  CapturedLog installerLog_{platform::installerLog()};
-};
-
-TEST_F(ConfigurationTest, DefaultsWithoutPreferencesAreSilent) {
-  CVGlobalConfiguration configuration(image_.root());
-  EXPECT_TRUE(configuration.lowerInstallPriority());
-  EXPECT_FALSE(configuration.skipDeviceFamilyCheck());
-  EXPECT_FALSE(configuration.skipThinningCheck());
-  EXPECT_EQ(configuration.nSimultaneousInstallations(), 4);
-  EXPECT_EQ(std::tuple(configuration.uid(), configuration.gid()), std::tuple(501u, 501u));
-  EXPECT_EQ(installerLog_.count(), 0u) << installerLog_.dump();
+void storePreference(const DeviceImage& image, std::string_view key, const CVValue& value) {
+  platform::PreferencesStore store(image.root().homeURL());
+  ASSERT_TRUE(store.setValue(key, value, kCVPreferencesDomain, platform::kPreferencesCurrentUser,
+                             platform::kPreferencesCurrentHost));
 }
 
 // Each stored preference, what the configuration makes of it, and its notice:
 // the flags need a stored boolean (the number 0 is not false, "YES" and 1 are
-// not true), the number of installations any number.
+// not true), the number of installations any number. The other settings keep
+// their defaults, which are silent.
 TEST(ConfigurationPreferencesTest, OnlyValuesOfTheRightTypeCountAndEachIsAnnounced) {
-  using Getter = long (*)(const CVGlobalConfiguration&);
-  const Getter lower = [](const CVGlobalConfiguration& c) -> long {
-    return c.lowerInstallPriority();
-  };
-  const Getter family = [](const CVGlobalConfiguration& c) -> long {
-    return c.skipDeviceFamilyCheck();
-  };
-  const Getter thinning = [](const CVGlobalConfiguration& c) -> long {
-    return c.skipThinningCheck();
-  };
-  const Getter installs = [](const CVGlobalConfiguration& c) -> long {
-    return c.nSimultaneousInstallations();
+  const auto settings = [](const CVGlobalConfiguration& c) {
+    return std::vector<long>{c.lowerInstallPriority(), c.skipDeviceFamilyCheck(),
+                             c.skipThinningCheck(), c.nSimultaneousInstallations()};
   };
   const struct {
     const char* key;
     CVValue value;
-    Getter getter;
+    std::size_t setting;
     long expected;
     const char* notice;
   } cases[] = {
-      {"LowerInstallPriority", CVValue(0), lower, 1, ""},
-      {"LowerInstallPriority", CVValue(false), lower, 0,
+      {"", CVValue(), 0, 1, ""},  // nothing stored
+      {"LowerInstallPriority", CVValue(0), 0, 1, ""},
+      {"LowerInstallPriority", CVValue(false), 0, 0,
        "Not running installation at background priority because of a set default"},
-      {"SkipDeviceFamilyCheck", CVValue("YES"), family, 0, ""},
-      {"SkipDeviceFamilyCheck", CVValue(true), family, 1,
+      {"SkipDeviceFamilyCheck", CVValue("YES"), 1, 0, ""},
+      {"SkipDeviceFamilyCheck", CVValue(true), 1, 1,
        "Skipping device family check because of a set default"},
-      {"SkipThinningCheck", CVValue(1), thinning, 0, ""},
-      {"SkipThinningCheck", CVValue(true), thinning, 1,
+      {"SkipThinningCheck", CVValue(1), 2, 0, ""},
+      {"SkipThinningCheck", CVValue(true), 2, 1,
        "Skipping device thinning check because of a set default"},
-      {"SimultaneousInstallsNumber", CVValue("8"), installs, 4, ""},
-      {"SimultaneousInstallsNumber", CVValue(-3), installs, -3,
+      {"SimultaneousInstallsNumber", CVValue("8"), 3, 4, ""},
+      {"SimultaneousInstallsNumber", CVValue(-3), 3, -3,
        "Setting simultaneous installations allowed to -3"},
   };
   for (const auto& each : cases) {
     SCOPED_TRACE(std::string(each.key) + " = " + each.value.description());
     DeviceImage image;
-    platform::PreferencesStore store(image.root().homeURL());
-    ASSERT_TRUE(store.setValue(each.key, each.value, kCVPreferencesDomain,
-                               platform::kPreferencesCurrentUser,
-                               platform::kPreferencesCurrentHost));
+    if (*each.key) storePreference(image, each.key, each.value);
     CapturedLog log(platform::installerLog());
-    EXPECT_EQ(each.getter(CVGlobalConfiguration(image.root())), each.expected);
-    std::vector<std::tuple<int, std::string, std::string>> expected, got;
+    std::vector<long> expected{1, 0, 0, 4};
+    expected[each.setting] = each.expected;
+    EXPECT_EQ(settings(CVGlobalConfiguration(image.root())), expected);
+    std::vector<std::tuple<int, std::string, std::string>> lines, got;
     if (*each.notice)
-      expected.emplace_back(kLogLevelNotice, each.notice, "-[CVGlobalConfiguration init]");
+      lines.emplace_back(kLogLevelNotice, each.notice, "-[CVGlobalConfiguration init]");
     for (const auto& line : log.lines())
       got.emplace_back(line.level, line.message, line.function);
-    EXPECT_EQ(got, expected);
+    EXPECT_EQ(got, lines);
   }
 }
 
-TEST_F(ConfigurationTest, PluginContainerFlagIsReadAndWrittenThroughTheStore) {
-  CVGlobalConfiguration configuration(image_.root());
-  EXPECT_FALSE(configuration.haveUpdatedPluginContainersWithParentID());
-  configuration.setHaveUpdatedPluginContainersWithParentID(true);
-  EXPECT_TRUE(configuration.haveUpdatedPluginContainersWithParentID());
-  // Another instance sees it: the value lives in the store, not in the object.
-  EXPECT_TRUE(CVGlobalConfiguration(image_.root()).haveUpdatedPluginContainersWithParentID());
-  configuration.setHaveUpdatedPluginContainersWithParentID(false);
-  EXPECT_FALSE(configuration.haveUpdatedPluginContainersWithParentID());
-  // Any present value other than the boolean false counts as true.
-  setPreference("UpdatedPluginContainersWithParentID", CVValue("no"));
-  EXPECT_TRUE(configuration.haveUpdatedPluginContainersWithParentID());
-}
-
-TEST_F(ConfigurationTest, LegacyLocationsAndFixedLists) {
-  CVGlobalConfiguration configuration(image_.root());
-  const std::string home = image_.home();
-  EXPECT_EQ(configuration.homeDirectory().absoluteString(), "file://" + home + "/");
-  EXPECT_EQ(configuration.oldContainerPath().absoluteString(), "file://" + home + "/Applications/");
+TEST(ConfigurationTest, LegacyLocationsFixedListsAndThePluginContainerFlag) {
+  DeviceImage image;
+  CVGlobalConfiguration configuration(image.root());
+  const std::string home = "file://" + image.home();
+  EXPECT_EQ(configuration.homeDirectory().absoluteString(), home + "/");
+  EXPECT_EQ(configuration.oldContainerPath().absoluteString(), home + "/Applications/");
   EXPECT_EQ(configuration.oldInstallMapPath().absoluteString(),
-            "file://" + home + "/Library/Caches/com.zentrel.corvane.plist");
+            home + "/Library/Caches/com.zentrel.corvane.plist");
   EXPECT_EQ(configuration.appUserDataItemNames(),
             (std::vector<std::string>{"Documents", "Library", "tmp", "Pormex"}));
   EXPECT_EQ(configuration.appBundleMetadataItemNames(),
             (std::vector<std::string>{"Manifest.plist", "SorvikArtwork", "SorvikMetadata.plist",
                                       "GeoJSON"}));
   EXPECT_EQ(configuration.installationBlacklist(), CVSet{"com.zentrel.Orvos6Updater"});
+  EXPECT_EQ(std::tuple(configuration.uid(), configuration.gid()), std::tuple(501u, 501u));
   // One set for the whole process.
   EXPECT_EQ(&configuration.installationBlacklist(),
-            &CVGlobalConfiguration(image_.root()).installationBlacklist());
+            &CVGlobalConfiguration(image.root()).installationBlacklist());
+
+  EXPECT_FALSE(configuration.haveUpdatedPluginContainersWithParentID());
+  configuration.setHaveUpdatedPluginContainersWithParentID(true);
+  EXPECT_TRUE(configuration.haveUpdatedPluginContainersWithParentID());
+  // Another instance sees it: the value lives in the store, not in the object.
+  EXPECT_TRUE(CVGlobalConfiguration(image.root()).haveUpdatedPluginContainersWithParentID());
+  configuration.setHaveUpdatedPluginContainersWithParentID(false);
+  EXPECT_FALSE(configuration.haveUpdatedPluginContainersWithParentID());
+  // Any present value other than the boolean false counts as true.
+  storePreference(image, "UpdatedPluginContainersWithParentID", CVValue("no"));
+  EXPECT_TRUE(configuration.haveUpdatedPluginContainersWithParentID());
 }
 
 // Paths the image stores are device paths, read under the root; the written
@@ -130,7 +104,7 @@ TEST(DeviceRootPathsTest, StoredPathsLeadUnderTheRoot) {
   const platform::DeviceRoot root("/images/one");
   const struct {
     const char* stored;
-    const char* host;  // nullptr: refused
+    const char* host;
   } cases[] = {
       {"/private/var/mobile/Library/X", "/images/one/private/var/mobile/Library/X"},
       {"/var/mobile/Library/X", "/images/one/private/var/mobile/Library/X"},
@@ -141,18 +115,16 @@ TEST(DeviceRootPathsTest, StoredPathsLeadUnderTheRoot) {
       {"/images/one/private/var/mobile", "/images/one/private/var/mobile"},
       {"/images/onex/y", "/images/one/images/onex/y"},
       {"/", "/images/one"},
-      {"/var/mobile/../../../etc", nullptr},
-      {"relative/path", nullptr},
-      {"", nullptr},
+      {"/var/mobile/../../../etc", "(refused)"},
+      {"relative/path", "(refused)"},
+      {"", "(refused)"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [stored, host] : cases) {
     std::string problem;
-    const auto host = root.hostPathForDevicePath(c.stored, &problem);
-    if (c.host == nullptr) {
-      EXPECT_FALSE(host.has_value()) << c.stored;
-      EXPECT_FALSE(problem.empty()) << c.stored;
-    } else {
-      EXPECT_EQ(host.value_or("(refused: " + problem + ")"), c.host) << c.stored;
+    const auto hostPath = root.hostPathForDevicePath(stored, &problem);
+    EXPECT_EQ(hostPath.value_or("(refused)"), host) << problem;
+    if (!hostPath) {
+      EXPECT_FALSE(problem.empty()) << stored;
     }
   }
   EXPECT_EQ(root.devicePathForHostPath("/images/one/private/var/mobile/A").value_or(""),

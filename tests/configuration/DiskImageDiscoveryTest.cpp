@@ -46,15 +46,13 @@ class DiskImageDiscoveryTest : public ::testing::Test {
   std::unique_ptr<CVGlobalConfiguration> configuration_;
 };
 
-TEST_F(DiskImageDiscoveryTest, NoControllerMeansOnlyTheDeveloperDirectory) {
+TEST_F(DiskImageDiscoveryTest, DrivesMapToTheirMountPointsInOrder) {
+  // No controller: only the developer directory.
   mounts_->mounts = {{"/dev/sda1", "/"}};
   EXPECT_TRUE(configuration_->diskImageMountPoints().empty());
   EXPECT_EQ(configuration_->diskImageApplicationsDirectories(),
             std::vector<CVURL>{configuration_->developerAppsDirectory()});
-  EXPECT_EQ(registry_->outstandingHandles(), 0u);
-}
 
-TEST_F(DiskImageDiscoveryTest, DrivesMapToTheirMountPointsInOrder) {
   const auto controller = registry_->addNode(IORegistryTree::kRoot, {"HWVDSKController"});
   drive(controller, "loop1");
   drive(controller, std::nullopt);  // media without a name contributes nothing
@@ -77,7 +75,9 @@ TEST_F(DiskImageDiscoveryTest, DrivesMapToTheirMountPointsInOrder) {
   EXPECT_EQ(registry_->outstandingHandles(), 0u);
 }
 
-TEST_F(DiskImageDiscoveryTest, MountOnTheDeveloperDirectoryIsListedOnceInItsPlace) {
+// A mount on the developer directory is listed once, in its place; of two
+// images with the same identifier the later one is kept.
+TEST_F(DiskImageDiscoveryTest, DeveloperMountInItsPlaceAndTheLaterOfTwoSameIdentifiers) {
   const auto controller = registry_->addNode(IORegistryTree::kRoot, {"HWVDSKController"});
   drive(controller, "loop0");
   drive(controller, "loop1");
@@ -86,21 +86,15 @@ TEST_F(DiskImageDiscoveryTest, MountOnTheDeveloperDirectoryIsListedOnceInItsPlac
   EXPECT_EQ(
       configuration_->diskImageApplicationsDirectories(),
       (std::vector<CVURL>{configuration_->developerAppsDirectory(), applications("/mnt/other")}));
-}
 
-TEST_F(DiskImageDiscoveryTest, SameIdentifierOnTwoImagesKeepsTheLaterOne) {
-  const auto controller = registry_->addNode(IORegistryTree::kRoot, {"HWVDSKController"});
-  drive(controller, "loop0");
-  drive(controller, "loop1");
   const std::string first = image_.rootPath() + "/mnt/first";
   const std::string second = image_.rootPath() + "/mnt/second";
   mounts_->mounts = {{"/dev/loop0", first}, {"/dev/loop1", second}};
-  image_.writeBundle(
-      first + "/Applications/Tool.app",
-      CVDictionary{{"QXBundleIdentifier", "com.example.tool"}, {"QXBundleVersion", "1"}});
-  image_.writeBundle(
-      second + "/Applications/Tool.app",
-      CVDictionary{{"QXBundleIdentifier", "com.example.tool"}, {"QXBundleVersion", "2"}});
+  for (const auto& [place, version] : {std::pair{first, "1"}, std::pair{second, "2"}}) {
+    image_.writeBundle(
+        place + "/Applications/Tool.app",
+        CVDictionary{{"QXBundleIdentifier", "com.example.tool"}, {"QXBundleVersion", version}});
+  }
   const CVDictionary map = configuration_->diskImageAppBundleIDToInfoMap();
   EXPECT_EQ(*map.findDictionary("com.example.tool")->findString("QXBundleVersion"), "2");
   EXPECT_TRUE(configuration_->builtInApplicationBundleIDs().contains("com.example.tool"));

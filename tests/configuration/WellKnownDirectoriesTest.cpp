@@ -35,28 +35,21 @@ class WellKnownDirectoriesTest : public ::testing::Test {
 };
 
 TEST_F(WellKnownDirectoriesTest, CreatedDirectoriesHaveTheirModeAndClass) {
-  struct Case {
-    CVURL url;
-    std::string relative;
-    std::optional<std::int32_t> protectionClass;
-  };
-  const std::vector<Case> cases = {
-      {configuration_.carrierBundlesDirectory(), "Library/Carrier Bundles", std::nullopt},
-      {configuration_.stagingRoot(), "Library/Caches/com.zentrel.mobile.corvaned.staging", 4},
-      {configuration_.logDirectory(), "Library/Logs/Corvane", 4},
-      {configuration_.dataDirectory(), "Library/Corvane", 4},
-      {configuration_.cachesDirectory(), "Library/Caches", std::nullopt},
-      {configuration_.archiveDirectory(), "Media/ApplicationArchives", 4},
-  };
-  for (const Case& each : cases) {
-    const std::string path = image_.home(each.relative);
-    EXPECT_EQ(each.url.path(), path);
-    EXPECT_TRUE(each.url.isDirectory());
-    struct stat status;
+  for (const auto& [url, relative, protectionClass] :
+       std::vector<std::tuple<CVURL, std::string, std::optional<std::int32_t>>>{
+           {configuration_.carrierBundlesDirectory(), "Library/Carrier Bundles", std::nullopt},
+           {configuration_.stagingRoot(), "Library/Caches/com.zentrel.mobile.corvaned.staging", 4},
+           {configuration_.logDirectory(), "Library/Logs/Corvane", 4},
+           {configuration_.dataDirectory(), "Library/Corvane", 4},
+           {configuration_.cachesDirectory(), "Library/Caches", std::nullopt},
+           {configuration_.archiveDirectory(), "Media/ApplicationArchives", 4}}) {
+    const std::string path = image_.home(relative);
+    EXPECT_EQ(url.path(), path);
+    EXPECT_TRUE(url.isDirectory());
+    struct stat status {};
     ASSERT_EQ(::stat(path.c_str(), &status), 0) << path;
-    EXPECT_TRUE(S_ISDIR(status.st_mode));
-    EXPECT_EQ(status.st_mode & 07777, 0755u) << path;
-    EXPECT_EQ(protectionClassOf(path), each.protectionClass) << path;
+    EXPECT_EQ(status.st_mode & (S_IFMT | 07777), S_IFDIR | 0755u) << path;
+    EXPECT_EQ(protectionClassOf(path), protectionClass) << path;
   }
 }
 
@@ -82,12 +75,11 @@ TEST_F(WellKnownDirectoriesTest, RootDirectoriesAreOnlyNamed) {
   EXPECT_FALSE(pathExists(root + "/Applications"));
   EXPECT_FALSE(pathExists(root + "/System"));
 
-  const CVSet frameworks = configuration_.allFrameworksDirectories();
-  EXPECT_EQ(frameworks,
-            (CVSet{CVURL::fileURLWithPath(root + "/System/Library/Frameworks", true),
-                   CVURL::fileURLWithPath(root + "/System/Library/PrivateFrameworks", true),
-                   CVURL::fileURLWithPath(root + "/ZentrelInternal/Frameworks", true),
-                   CVURL::fileURLWithPath(root + "/ZentrelInternal/PrivateFrameworks", true)}));
+  CVSet frameworks;
+  for (const char* place : {"System/Library/Frameworks", "System/Library/PrivateFrameworks",
+                            "ZentrelInternal/Frameworks", "ZentrelInternal/PrivateFrameworks"})
+    frameworks.add(CVURL::fileURLWithPath(root + "/" + place, true));
+  EXPECT_EQ(configuration_.allFrameworksDirectories(), frameworks);
 }
 
 TEST_F(WellKnownDirectoriesTest, RemovedDirectoryIsMadeAgainAndFailuresLoggedPerCall) {

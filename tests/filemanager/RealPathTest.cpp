@@ -35,11 +35,11 @@ TEST(RealPathTest, DepthWalkCountsComponentsAndRefusesToClimbBelowTheStart) {
 }
 
 // In the table, "{T}" is the temporary directory as given, "{R}" its real
-// path; the base is "{T}/c" unless the case says otherwise. A result of ""
-// is a refusal (a nil URL).
+// path; a link is made as "target > link path below {T}". A result of "" is
+// a refusal (a nil URL).
 struct RealPathCase {
   const char* name;
-  std::vector<std::pair<const char*, const char*>> links;  // (target, relative link path)
+  const char* link;  // "target > relative link path", or "" for none
   const char* path;
   const char* base;
   const char* result;
@@ -48,74 +48,35 @@ struct RealPathCase {
 
 TEST(RealPathTest, EveryCaseResolvesOrIsRefusedWithItsLine) {
   const std::vector<RealPathCase> cases = {
-      {"inside", {}, "{T}/c/file", "{T}/c", "{R}/c/file", ""},
-      {"the base itself", {}, "{T}/c", "{T}/c", "{R}/c", ""},
-      {"missing trailing components", {}, "{T}/c/a/new", "{T}/c", "{R}/c/a/new", ""},
-      {"link leaving the base",
-       {{"{T}/elsewhere", "c/out"}},
-       "{T}/c/out/file",
-       "{T}/c",
-       "",
+      {"inside", "", "{T}/c/file", "{T}/c", "{R}/c/file", ""},
+      {"the base itself", "", "{T}/c", "{T}/c", "{R}/c", ""},
+      {"missing trailing components", "", "{T}/c/a/new", "{T}/c", "{R}/c/a/new", ""},
+      {"link leaving the base", "{T}/elsewhere > c/out", "{T}/c/out/file", "{T}/c", "",
        "Rejecting {T}/c/out/file with base {T}/c (reals {R}/elsewhere/file ; {R}/c) because "
        "components diverge at c != elsewhere"},
-      {"sibling with the base as string prefix",
-       {},
-       "{T}/cd/x",
-       "{T}/c",
-       "",
+      {"sibling with the base as string prefix", "", "{T}/cd/x", "{T}/c", "",
        "Rejecting {T}/cd/x with base {T}/c (reals {R}/cd/x ; {R}/c) because components diverge "
        "at c != cd"},
-      {"resolving above the base",
-       {{"../..", "c/a/b/up"}},
-       "{T}/c/a/b/up/file",
-       "{T}/c/a/b",
-       "",
+      {"resolving above the base", "../.. > c/a/b/up", "{T}/c/a/b/up/file", "{T}/c/a/b", "",
        "Rejecting {T}/c/a/b/up/file with base {T}/c/a/b because base component count is greater "
        "than child component count (reals {R}/c/file ; {R}/c/a/b)"},
-      {"dot-dot",
-       {},
-       "{T}/c/../c/file",
-       "{T}/c",
-       "",
+      {"dot-dot", "", "{T}/c/../c/file", "{T}/c", "",
        "The suspicious path {T}/c/../c/file contains '..' paths, which are invalid"},
-      {"outside the base string",
-       {},
-       "{T}/elsewhere",
-       "{T}/c",
-       "",
+      {"outside the base string", "", "{T}/elsewhere", "{T}/c", "",
        "supiscious path {T}/elsewhere does not contain base path {T}/c as a prefix"},
-      {"root as base",
-       {},
-       "{T}/c/file",
-       "/",
-       "",
+      {"root as base", "", "{T}/c/file", "/", "",
        "Rejecting {T}/c/file with base / because real component counts don't make sense (reals "
        "{R}/c/file ; /)"},
-      {"unreadable link", {}, "{T}/c/file/x", "{T}/c", "", "Readlink failed: Not a directory"},
-      {"relative link inside", {{"../b", "c/a/l"}}, "{T}/c/a/l", "{T}/c", "{R}/c/b", ""},
-      {"relative link climbing out",
-       {{"../../x", "c/a/l"}},
-       "{T}/c/a/l",
-       "{T}/c",
-       "",
+      {"unreadable link", "", "{T}/c/file/x", "{T}/c", "", "Readlink failed: Not a directory"},
+      {"relative link inside", "../b > c/a/l", "{T}/c/a/l", "{T}/c", "{R}/c/b", ""},
+      {"relative link climbing out", "../../x > c/a/l", "{T}/c/a/l", "{T}/c", "",
        "Rejecting {T}/c/a/l -> /a/../../x, as it is points outside or to the base {T}/c"},
-      {"absolute link",
-       {{"/etc", "c/a/l"}},
-       "{T}/c/a/l",
-       "{T}/c",
-       "",
+      {"absolute link", "/etc > c/a/l", "{T}/c/a/l", "{T}/c", "",
        "Rejecting {T}/c/a/l -> /etc, as absolute symlinks are not allowed"},
-      {"link to the base one level down", {{"..", "c/a/l"}}, "{T}/c/a/l", "{T}/c", "{R}/c", ""},
-      {"link to the base at the top",
-       {{"..", "c/l"}},
-       "{T}/c/l",
-       "{T}/c",
-       "",
+      {"link to the base one level down", ".. > c/a/l", "{T}/c/a/l", "{T}/c", "{R}/c", ""},
+      {"link to the base at the top", ".. > c/l", "{T}/c/l", "{T}/c", "",
        "Rejecting {T}/c/l -> /.., as it is points outside or to the base {T}/c"},
-      {"dangling relative link inside",
-       {{"missing", "c/a/dangling"}},
-       "{T}/c/a/dangling",
-       "{T}/c",
+      {"dangling relative link inside", "missing > c/a/dangling", "{T}/c/a/dangling", "{T}/c",
        "{R}/c/a/dangling",
        "Failed to realpath {T}/c/a/dangling : No such file or directory at {R}/c/a/missing"},
   };
@@ -136,8 +97,9 @@ TEST(RealPathTest, EveryCaseResolvesOrIsRefusedWithItsLine) {
       }
       return text;
     };
-    for (const auto& [target, link] : each.links)
-      makeSymlink(expand(target), temp / link);
+    if (const std::string link = each.link; !link.empty())
+      makeSymlink(expand(link.substr(0, link.find(" > "))),
+                  temp / link.substr(link.find(" > ") + 3));
     CapturedLog log(platform::installerLog());
     const CVURL resolved =
         manager.realPathForURL(fileURL(expand(each.path)), fileURL(expand(each.base)));
@@ -157,23 +119,21 @@ TEST(RealPathTest, EveryCaseResolvesOrIsRefusedWithItsLine) {
   }
 }
 
-TEST(RealPathTest, MissingComponentsAreTracedOnlyWithAHandle) {
+// Missing components are traced only with a handle; a nil or missing base is refused.
+TEST(RealPathTest, MissingComponentsAreTracedAndANilOrMissingBaseIsRefused) {
   TemporaryDirectory temp;
   makeDirectories(temp / "c/a");
   const std::string real = std::filesystem::canonical(temp.path()).string();
-  CapturedLog log(platform::installerLog(), 7);
-  EXPECT_EQ(CVFileManager::defaultManager().realPathForURL(fileURL(temp / "c/a/new/deeper"),
-                                                           fileURL(temp / "c")),
-            fileURL(real + "/c/a/new/deeper"));
-  EXPECT_TRUE(
-      log.contains(7, "Realpathed " + real + "/c/a ; appending non-existing components new/deeper"))
-      << log.dump();
-  EXPECT_EQ(log.lines().at(0).function, "-[CVFileManager _realPathWhatExistsInPath:]");
-}
-
-TEST(RealPathTest, NilOrMissingBaseIsRefused) {
-  TemporaryDirectory temp;
   CVFileManager& manager = CVFileManager::defaultManager();
+  {
+    CapturedLog log(platform::installerLog(), 7);
+    EXPECT_EQ(manager.realPathForURL(fileURL(temp / "c/a/new/deeper"), fileURL(temp / "c")),
+              fileURL(real + "/c/a/new/deeper"));
+    EXPECT_TRUE(log.contains(
+        7, "Realpathed " + real + "/c/a ; appending non-existing components new/deeper"))
+        << log.dump();
+    EXPECT_EQ(log.lines().at(0).function, "-[CVFileManager _realPathWhatExistsInPath:]");
+  }
   CapturedLog log(platform::installerLog());
   EXPECT_TRUE(manager.realPathForURL(fileURL(temp.path()), CVURL()).isNil());
   EXPECT_TRUE(log.contains(

@@ -17,17 +17,12 @@
 namespace {
 
 using platform::ExceptionRecord;
-
 using testing_support::ChildOutcome;
 
 // Runs `body` in a forked child: its report (written by the abort hook) and
-// the crash handler's message come back as the child's standard output and
-// error.
+// the crash handler's message come back as the child's standard output and error.
 ChildOutcome runInChild(const std::function<void()>& body) {
-  return testing_support::runCapturedInChild([&body] {
-    body();
-    return 0;
-  });
+  return testing_support::runCapturedInChild([&body] { return body(), 0; });
 }
 
 // In place of the abort: report the annotation's contents, then leave.
@@ -61,9 +56,9 @@ TEST(CrashOnExceptionTest, WritesTheFullMessageAndAborts) {
       platform::setCurrentThreadName(each.thread);
       CVCrashOnException(each.record);
     });
-    EXPECT_EQ(outcome.signal, SIGABRT) << outcome.describe();
-    EXPECT_EQ(outcome.err,
-              std::string("** INTERNAL ERROR: Uncaught Exception **\n") + each.message);
+    EXPECT_EQ(std::tuple(outcome.signal, outcome.err),
+              std::tuple(SIGABRT,
+                         "** INTERNAL ERROR: Uncaught Exception **\n" + std::string(each.message)));
   }
 }
 
@@ -92,21 +87,18 @@ TEST(ExceptionRecordTest, CapturesTheExceptionBeingHandled) {
     throw std::runtime_error("disk on fire");
   } catch (...) {
     const ExceptionRecord record = ExceptionRecord::fromCurrentException();
-    EXPECT_EQ(record.name, "std::runtime_error");
-    EXPECT_EQ(record.reason, "disk on fire");
-    ASSERT_TRUE(record.callStackSymbols.has_value());
-    EXPECT_FALSE(record.callStackSymbols->empty());
+    EXPECT_EQ(std::tuple(record.name, record.reason),
+              std::tuple("std::runtime_error", "disk on fire"));
+    EXPECT_FALSE(record.callStackSymbols.value_or(std::vector<std::string>{}).empty());
   }
   try {
     throw 7;
   } catch (...) {
     const ExceptionRecord record = ExceptionRecord::fromCurrentException();
-    EXPECT_EQ(record.name, "int");
-    EXPECT_EQ(record.reason, std::nullopt);
+    EXPECT_EQ(std::tuple(record.name, record.reason), std::tuple("int", std::nullopt));
   }
   const ExceptionRecord none = ExceptionRecord::fromCurrentException();
-  EXPECT_EQ(none.name, std::nullopt);
-  EXPECT_EQ(none.reason, std::nullopt);
+  EXPECT_EQ(std::tuple(none.name, none.reason), std::tuple(std::nullopt, std::nullopt));
 }
 
 TEST(ThreadNameTest, LongNamesAreCutAtACharacterBoundary) {

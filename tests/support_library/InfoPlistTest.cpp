@@ -2,9 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <functional>
-#include <thread>
 
 #include "platform/Bundle.h"
 #include "platform/Log.h"
@@ -101,22 +99,6 @@ TEST_F(InfoPlistTest, HostileInfoPlistsYieldNothingWithAReason) {
     const CVSet keys{"QXBundleIdentifier"};
     EXPECT_FALSE(CVLoadInfoPlist(bundleURL(name), &keys).has_value()) << name;
   }
-}
-
-TEST_F(InfoPlistTest, ConcurrentReadersAllSucceed) {
-  image_.writeBundle(bundleURL("Foo.app").path(), "com.example.foo");
-  std::atomic<int> successes{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 50; ++i) {
-        if (CVLoadInfoPlist(bundleURL("Foo.app"), nullptr)) ++successes;
-      }
-    });
-  }
-  for (auto& thread : threads)
-    thread.join();
-  EXPECT_EQ(successes.load(), 200);
 }
 
 }  // namespace

@@ -1,0 +1,131 @@
+// The process guards: counted high-usage assertions (only the outermost pair
+// reaches the CPU-usage monitor) and tasks run on a serial queue inside
+// transactions (order, pairing, lifetime).
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <future>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "platform/DispatchQueue.h"
+#include "platform/ProcessServices.h"
+#include "shared/support/CVProcessGuards.h"
+
+namespace {
+
+using platform::cpuUsageMonitorRecord;
+using platform::DispatchQueue;
+using platform::transactionCount;
+
+TEST(ResourceAssertionTest, AssertionsNestAndAnUnmatchedClearGoesNegative) {
+  const auto before = cpuUsageMonitorRecord();
+  EXPECT_EQ(CVAssertHighResourceUsage(), 0);  // the platform call's result
+  auto record = cpuUsageMonitorRecord();
+  EXPECT_EQ(record.disableCalls, before.disableCalls + 1);
+  EXPECT_EQ(record.lastProcessId, ::getpid());
+  EXPECT_TRUE(record.disabled);
+
+  EXPECT_EQ(CVAssertHighResourceUsage(), 2);
+  EXPECT_EQ(CVClearResourceAssertion(), 1);
+  record = cpuUsageMonitorRecord();
+  EXPECT_EQ(record.disableCalls, before.disableCalls + 1);
+  EXPECT_EQ(record.restoreCalls, before.restoreCalls);
+  EXPECT_TRUE(record.disabled) << "an inner clear must leave the monitor lifted";
+
+  EXPECT_EQ(CVClearResourceAssertion(), 0);  // the platform call's result
+  record = cpuUsageMonitorRecord();
+  EXPECT_EQ(record.restoreCalls, before.restoreCalls + 1);
+  EXPECT_EQ(record.lastProcessId, ::getpid());
+  EXPECT_FALSE(record.disabled);
+
+  // Without an assertion: no platform call, and back to zero by counting up
+  // (0 is the new count here, not a platform call).
+  EXPECT_EQ(CVClearResourceAssertion(), -1);
+  EXPECT_EQ(CVAssertHighResourceUsage(), 0);
+  const auto after = cpuUsageMonitorRecord();
+  EXPECT_EQ(after.disableCalls, before.disableCalls + 1);
+  EXPECT_EQ(after.restoreCalls, before.restoreCalls + 1);
+}
+
+TEST(ResourceAssertionTest, CountStaysExactUnderConcurrentUse) {
+  ASSERT_EQ(CVAssertHighResourceUsage(), 0);  // held: nobody else reaches 0 or 1
+  const auto held = cpuUsageMonitorRecord();
+  {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([] {
+        for (int i = 0; i < 2'000; ++i) {
+          CVAssertHighResourceUsage();
+          CVClearResourceAssertion();
+        }
+      });
+    }
+  }
+  const auto after = cpuUsageMonitorRecord();
+  EXPECT_EQ(after.disableCalls, held.disableCalls);
+  EXPECT_EQ(after.restoreCalls, held.restoreCalls);
+  // A lost update would leave the count above or below 1 here.
+  EXPECT_EQ(CVClearResourceAssertion(), 0);
+  EXPECT_EQ(cpuUsageMonitorRecord().restoreCalls, held.restoreCalls + 1);
+}
+
+// A gate holds the queue while the tasks are submitted. A task may queue
+// more work, which still runs before the queue goes; an empty task still
+// pairs its transaction; a task is kept alive until it has run, then released.
+TEST(TransactionalTaskTest, EachTaskHasATransactionFromSubmissionUntilItHasRun) {
+  const std::int64_t before = transactionCount();
+  std::promise<void> gate;
+  std::shared_future<void> opened = gate.get_future().share();
+  std::vector<std::int64_t> seenByTasks;
+  std::vector<int> ran;
+  std::weak_ptr<int> watch;
+  {
+    DispatchQueue queue("cv.test.gate");
+    CVRunTransactionalTask(queue, [opened] { opened.wait(); });
+    for (int i = 0; i < 3; ++i)
+      CVRunTransactionalTask(queue, [&seenByTasks] { seenByTasks.push_back(transactionCount()); });
+    auto state = std::make_shared<int>(41);
+    watch = state;
+    CVRunTransactionalTask(queue, [state, &ran] { ran.push_back(*state); });
+    state.reset();  // the caller lets go before the task has run
+    CVRunTransactionalTask(queue,
+                           [&] { CVRunTransactionalTask(queue, [&ran] { ran.push_back(42); }); });
+    CVRunTransactionalTask(queue, std::function<void()>());
+    // Every call returned while the first task still blocks the queue, and
+    // each began its transaction on this thread before queueing.
+    EXPECT_EQ(transactionCount(), before + 7);
+    EXPECT_FALSE(watch.expired());
+    gate.set_value();
+  }
+  // Each task runs inside its own transaction; the ones before it have ended.
+  EXPECT_EQ(seenByTasks, (std::vector<std::int64_t>{before + 6, before + 5, before + 4}));
+  EXPECT_EQ(ran, (std::vector<int>{41, 42}));
+  EXPECT_TRUE(watch.expired()) << "the queue must not keep a task after running it";
+  EXPECT_EQ(transactionCount(), before);
+}
+
+TEST(TransactionalTaskTest, SubmissionsFromManyThreadsKeepEachThreadsOrder) {
+  const std::int64_t before = transactionCount();
+  constexpr int kThreads = 4, kTasksPerThread = 200;
+  std::vector<std::pair<int, int>> ran;  // (thread, sequence), worker-only until joined
+  {
+    DispatchQueue queue("cv.test.many");
+    std::vector<std::jthread> submitters;
+    for (int t = 0; t < kThreads; ++t) {
+      submitters.emplace_back([&queue, &ran, t] {
+        for (int i = 0; i < kTasksPerThread; ++i)
+          CVRunTransactionalTask(queue, [&ran, t, i] { ran.emplace_back(t, i); });
+      });
+    }
+    submitters.clear();  // joins the submitters; the queue then drains
+  }
+  ASSERT_EQ(ran.size(), static_cast<std::size_t>(kThreads * kTasksPerThread));
+  std::vector<int> next(kThreads, 0);
+  for (const auto& [thread, sequence] : ran)
+    ASSERT_EQ(sequence, next[static_cast<std::size_t>(thread)]++) << "thread " << thread;
+  EXPECT_EQ(transactionCount(), before);
+}
+
+}  // namespace
