@@ -1,6 +1,7 @@
 // The host's logs: the text and JSON layouts of a line, local-time stamps,
-// the file sink (appends, filters by level, reports failed writes, never
-// leaks its descriptors into children) and the log files of a run.
+// the file sink (appends, reports failed writes, never leaks its descriptors
+// into children; its level filter is EndToEndTest's) and the log files of a
+// run.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -128,14 +129,6 @@ TEST(FileLogSinkTest, WritesEachLineToTextAndJSONAndAppends) {
   EXPECT_EQ(readFile(directory / "lines.json"),
             formatJSONLine(LogFlavor::Migration, notice("first"), iso) +
                 formatJSONLine(LogFlavor::Migration, second, iso));
-
-  // A file level keeps less important lines out.
-  FileLogSink filtered(LogFlavor::Installer, openOrFail(directory / "filtered.log"), std::nullopt,
-                       3, fixedClock);
-  for (const int level : {3, 5, 7})
-    filtered.write(platform::LogLine{level, "f", "level " + std::to_string(level), {}, {}, 0});
-  EXPECT_TRUE(filtered.finish(nullptr));
-  EXPECT_EQ(readFile(directory / "filtered.log"), stamp + " <3> f: level 3\n");
 }
 
 TEST(FileLogSinkTest, FailuresToOpenOrWriteNameTheFile) {
@@ -188,13 +181,9 @@ TEST(HostLogsTest, LogLevelKeepsNoticesForProgressButOutOfTheFile) {
   // them); the installer log follows the asked level exactly.
   EXPECT_EQ(logs->migrationHandleLevel, 5);
   EXPECT_EQ(logs->installerHandleLevel, 3);
-  logs->migration->write(notice("CVAppMigrator: Introspecting /x"));
-  ASSERT_TRUE(logs->migration->finish(&reason)) << reason;
-  EXPECT_EQ(readFile(logs->migration->textPath()), "");
 
-  MigrateOptions noLevel;
-  noLevel.root = directory.path();
-  auto defaults = openHostLogs(directory.path(), noLevel, 1795249920, {}, &reason);
+  options.logLevel.reset();
+  auto defaults = openHostLogs(directory.path(), options, 1795249920, {}, &reason);
   ASSERT_TRUE(defaults) << reason;
   EXPECT_FALSE(defaults->migrationHandleLevel);
   EXPECT_FALSE(defaults->installerHandleLevel);

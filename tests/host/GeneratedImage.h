@@ -1,4 +1,5 @@
-// The generated legacy images of the host tests, made once per test program.
+// What the host tests share: the generated legacy images, made once per test
+// program, and the checks of what a run printed.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,6 +17,28 @@
 #include "tests/support/TestSupport.h"
 
 namespace host_test {
+
+// Each fragment is in `text` (each named when it is not).
+inline void expectContains(const std::string& text, const std::vector<std::string>& fragments) {
+  for (const std::string& fragment : fragments)
+    EXPECT_NE(text.find(fragment), std::string::npos) << "lacks: " << fragment << "\n" << text;
+}
+inline void expectLacks(const std::string& text, const std::vector<std::string>& fragments) {
+  for (const std::string& fragment : fragments)
+    EXPECT_EQ(text.find(fragment), std::string::npos) << "has: " << fragment << "\n" << text;
+}
+
+// A plug-in directory in `directory` with the real migrator and, after it
+// (plug-ins run in name order), the one that damages or interrupts on request.
+inline std::string damagingPluginDirectory(const std::string& directory) {
+  if (std::filesystem::exists(directory)) return directory;
+  std::filesystem::create_directories(directory);
+  std::filesystem::copy_file(MAVREL_BINARY_DIR "/plugins/AppMigrator.migrator",
+                             directory + "/AppMigrator.migrator");
+  std::filesystem::copy_file(MAVREL_BINARY_DIR "/test-plugins/DamagingMigrator.migrator",
+                             directory + "/ZZDamagingMigrator.migrator");
+  return directory;
+}
 
 // A legacy image at `directory` (which must not exist yet). Generating costs
 // more than copying: each set of options is generated once per test program,
