@@ -86,15 +86,17 @@ TEST(LogFormatTest, TimestampsAreLocalTime) {
   const char* old = std::getenv("TZ");
   const std::optional<std::string> previous = old ? std::optional<std::string>(old) : std::nullopt;
   const std::time_t when = 1795249920;  // 2026-11-21 08:32:00 UTC
-  for (const auto& [zone, nanoseconds, line, lastMillisecond, file] :
-       std::vector<std::tuple<const char*, long, std::string, std::string, std::string>>{
+  for (const auto& [zone, nanoseconds, line, lastMillisecond, file, iso] : std::vector<
+           std::tuple<const char*, long, std::string, std::string, std::string, std::string>>{
            {"UTC0", 123456789, "2026-11-21 08:32:00.123", "2026-11-21 08:32:09.999",
-            "2026-11-21-083200"},
+            "2026-11-21-083200", "2026-11-21T08:32:00.123+00:00"},
            {"XXX-2", 5000000, "2026-11-21 10:32:00.005", "2026-11-21 10:32:09.999",
-            "2026-11-21-103200"}}) {
+            "2026-11-21-103200", "2026-11-21T10:32:00.005+02:00"}}) {
     ::setenv("TZ", zone, 1);
     ::tzset();
     EXPECT_EQ(formatLineTimestamp(timespec{when, nanoseconds}), line) << zone;
+    // JSON lines carry ISO 8601 times with the zone.
+    EXPECT_EQ(formatISOLineTimestamp(timespec{when, nanoseconds}), iso) << zone;
     EXPECT_EQ(formatLineTimestamp(timespec{when + 9, 999999999}), lastMillisecond) << zone;
     EXPECT_EQ(formatFileTimestamp(when), file) << zone;
   }
@@ -120,12 +122,7 @@ TEST(FileLogSinkTest, WritesEachLineToTextAndJSONAndAppends) {
   EXPECT_EQ(readFile(directory / "text.log"), "earlier run\n" + stamp +
                                                   " <5> MavrelHost A.cpp:7 f: first\n" + stamp +
                                                   " <3> MavrelHost B.cpp:9 g: second\n");
-  // JSON lines carry ISO 8601 times with the zone: "2026-11-21T08:32:00.000+01:00".
   const std::string iso = formatISOLineTimestamp(fixedClock());
-  ASSERT_EQ(iso.size(), 29u) << iso;
-  EXPECT_EQ(iso.substr(0, 10) + " " + iso.substr(11, 12), stamp);
-  EXPECT_NE(std::string("+-").find(iso[23]), std::string::npos) << iso;
-  EXPECT_EQ(iso[26], ':') << iso;
   EXPECT_EQ(readFile(directory / "lines.json"),
             formatJSONLine(LogFlavor::Migration, notice("first"), iso) +
                 formatJSONLine(LogFlavor::Migration, second, iso));

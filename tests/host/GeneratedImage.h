@@ -40,20 +40,22 @@ inline std::string damagingPluginDirectory(const std::string& directory) {
   return directory;
 }
 
-// A legacy image at `directory` (which must not exist yet). Generating costs
-// more than copying: each set of options is generated once per test program,
-// into a directory that lives as long as the program, and every test gets its
-// own copy (cp -a keeps times and attributes; the image's maps hold device
-// paths, so a copy is an image of its own), with the manifest's paths moved
-// along.
+// A legacy image at `directory` (which must not exist yet) with these
+// options. Generating costs more than copying: each set of options is
+// generated once per test program, into a directory that lives as long as the
+// program, and every test gets its own copy (cp -a keeps times and
+// attributes; the image's maps hold device paths, so a copy is an image of
+// its own), with the manifest's paths moved along.
 inline samplegen::ImageManifest generateImage(const std::string& directory,
-                                              samplegen::GeneratorOptions options) {
+                                              std::size_t applications, std::uint64_t seed,
+                                              std::optional<std::size_t> vpnOnly = std::nullopt,
+                                              const std::vector<std::string>& missing = {},
+                                              const std::vector<std::string>& extra = {}) {
   static testing_support::TemporaryDirectory templates;
   static std::map<std::string, samplegen::ImageManifest> generated;
   std::ostringstream key;
-  key << options.applicationCount << "/" << options.seed << "/" << options.dataScale << "/"
-      << (options.vpnOnlyCount ? std::to_string(*options.vpnOnlyCount) : "default");
-  for (const auto& list : {options.missingExecutable, options.extraItem}) {
+  key << applications << "/" << seed << "/" << (vpnOnly ? std::to_string(*vpnOnly) : "default");
+  for (const auto& list : {missing, extra}) {
     key << "/";
     for (const std::string& item : list)
       key << item << ",";
@@ -64,7 +66,13 @@ inline samplegen::ImageManifest generateImage(const std::string& directory,
     const auto root = samplegen::prepareImageRoot(templates / std::to_string(generated.size()),
                                                   /*replace=*/false, &error);
     EXPECT_TRUE(root.has_value()) << error.description();
+    samplegen::GeneratorOptions options;
     options.root = root.value_or("");
+    options.applicationCount = applications;
+    options.seed = seed;
+    options.vpnOnlyCount = vpnOnly;
+    options.missingExecutable = missing;
+    options.extraItem = extra;
     auto manifest = samplegen::generateLegacyImage(options, &error);
     EXPECT_TRUE(manifest.has_value()) << error.description();
     if (!manifest) return samplegen::ImageManifest();

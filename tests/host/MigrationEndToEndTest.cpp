@@ -40,19 +40,6 @@ const std::string kNetBase = "/private/var/mobile/Library/Mavrel/SafetyNet";
 
 class MigrationEndToEndTest : public ::testing::Test {
  protected:
-  samplegen::ImageManifest generate(const std::string& name, std::size_t applications,
-                                    std::uint64_t seed,
-                                    std::optional<std::size_t> vpnOnly = std::nullopt,
-                                    std::vector<std::string> missingExecutable = {},
-                                    std::vector<std::string> extraItem = {}) {
-    samplegen::GeneratorOptions options;
-    options.applicationCount = applications;
-    options.seed = seed;
-    options.vpnOnlyCount = vpnOnly;
-    options.missingExecutable = std::move(missingExecutable);
-    options.extraItem = std::move(extraItem);
-    return host_test::generateImage(directory_ / name, options);
-  }
   ProgramRun mavrel(const std::vector<std::string>& arguments) {
     return runMavrel(arguments, scratch_.path());
   }
@@ -168,7 +155,7 @@ class MigrationEndToEndTest : public ::testing::Test {
 };
 
 TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrivesAsPlanned) {
-  const auto manifest = generate("image", 24, 7);
+  const auto manifest = host_test::generateImage(directory_ / "image", 24, 7);
   // The user data of each container and each group container, before the pass.
   std::map<std::string, Files> containerData, groupData;
   std::uint64_t recorded = 0;
@@ -253,7 +240,7 @@ TEST_F(MigrationEndToEndTest, DamageAfterThePassIsCaught) {
   };
   for (const auto& damage : cases) {
     SCOPED_TRACE(damage.kind);
-    const auto manifest = generate("image-" + damage.kind, 6, 41);
+    const auto manifest = host_test::generateImage(directory_ / ("image-" + damage.kind), 6, 41);
     // The first user-data file under "Documents", relative to its container.
     std::string identifier, legacy, document;
     for (const auto& container : manifest.containers) {
@@ -293,7 +280,7 @@ TEST_F(MigrationEndToEndTest, EveryFormOfDevicePathAndAMovedImageMigrateAlike) {
     SCOPED_TRACE(static_cast<int>(variant));
     const std::string made = directory_ / "made";
     fs::remove_all(made);
-    const auto manifest = generate("made", 6, 46);
+    const auto manifest = host_test::generateImage(directory_ / "made", 6, 46);
     std::string root = manifest.root;
     if (variant == Variant::CopiedElsewhere) {
       root = directory_ / "copy";
@@ -343,7 +330,7 @@ TEST_F(MigrationEndToEndTest, EveryFormOfDevicePathAndAMovedImageMigrateAlike) {
 // and messages never claim success for a failed entry, and the plan writes
 // nothing after the migration either.
 TEST_F(MigrationEndToEndTest, PlanAgainstPassOnEveryKindOfEntry) {
-  const auto manifest = generate("image", 14, 31, 2, {"2"}, {"5"});
+  const auto manifest = host_test::generateImage(directory_ / "image", 14, 31, 2, {"2"}, {"5"});
   // Entries the classification sorts out: a container without a bundle, a
   // linked bundle, a file where a container should be, a VPN plug-in without
   // its application, and a container an interrupted run had begun (its
@@ -494,7 +481,8 @@ TEST_F(MigrationEndToEndTest, SafetyNetWhatTheRulesDiscardIsKeptRecoveredAndPurg
   std::map<std::string, std::vector<std::string>> outcomes;
   for (const bool withNet : {true, false}) {
     SCOPED_TRACE(withNet);
-    const auto manifest = generate(withNet ? "net" : "plain", 6, 51, 0);
+    const auto manifest =
+        host_test::generateImage(directory_ / (withNet ? "net" : "plain"), 6, 51, 0);
     const std::string root = manifest.root, noBundle = manifest.legacyDirectory + "/NoBundle";
     writeFile(noBundle + "/Documents/orphan.txt", "orphan");
     writeFile(noBundle + "/Library/Preferences/p.plist", "prefs");
@@ -563,7 +551,7 @@ TEST_F(MigrationEndToEndTest, SafetyNetWhatTheRulesDiscardIsKeptRecoveredAndPurg
 // it over, keeps what that run discarded (a container it removed), drops
 // what is still in place and marks the net complete.
 TEST_F(MigrationEndToEndTest, SafetyNetAResumedRunAdoptsTheInterruptedNet) {
-  const auto manifest = generate("resumed", 6, 53, 0);
+  const auto manifest = host_test::generateImage(directory_ / "resumed", 6, 53, 0);
   const std::string root = manifest.root, interrupted = root + kNetBase + "/20000101-000000";
   const std::string legacyRelative = fs::relative(manifest.legacyDirectory, root).string();
   // The interrupted run linked a file of a container it then removed...
