@@ -1,4 +1,5 @@
-// The generated legacy images of the host tests, made once per test program.
+// What the host tests share: the generated legacy images, made once per test
+// program, and the checks of what a run printed.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,20 +18,44 @@
 
 namespace host_test {
 
-// A legacy image at `directory` (which must not exist yet). Generating costs
-// more than copying: each set of options is generated once per test program,
-// into a directory that lives as long as the program, and every test gets its
-// own copy (cp -a keeps times and attributes; the image's maps hold device
-// paths, so a copy is an image of its own), with the manifest's paths moved
-// along.
+// Each fragment is in `text` (each named when it is not).
+inline void expectContains(const std::string& text, const std::vector<std::string>& fragments) {
+  for (const std::string& fragment : fragments)
+    EXPECT_NE(text.find(fragment), std::string::npos) << "lacks: " << fragment << "\n" << text;
+}
+inline void expectLacks(const std::string& text, const std::vector<std::string>& fragments) {
+  for (const std::string& fragment : fragments)
+    EXPECT_EQ(text.find(fragment), std::string::npos) << "has: " << fragment << "\n" << text;
+}
+
+// A plug-in directory in `directory` with the real migrator and, after it
+// (plug-ins run in name order), the one that damages or interrupts on request.
+inline std::string damagingPluginDirectory(const std::string& directory) {
+  if (std::filesystem::exists(directory)) return directory;
+  std::filesystem::create_directories(directory);
+  std::filesystem::copy_file(MAVREL_BINARY_DIR "/plugins/AppMigrator.migrator",
+                             directory + "/AppMigrator.migrator");
+  std::filesystem::copy_file(MAVREL_BINARY_DIR "/test-plugins/DamagingMigrator.migrator",
+                             directory + "/ZZDamagingMigrator.migrator");
+  return directory;
+}
+
+// A legacy image at `directory` (which must not exist yet) with these
+// options. Generating costs more than copying: each set of options is
+// generated once per test program, into a directory that lives as long as the
+// program, and every test gets its own copy (cp -a keeps times and
+// attributes; the image's maps hold device paths, so a copy is an image of
+// its own), with the manifest's paths moved along.
 inline samplegen::ImageManifest generateImage(const std::string& directory,
-                                              samplegen::GeneratorOptions options) {
+                                              std::size_t applications, std::uint64_t seed,
+                                              std::optional<std::size_t> vpnOnly = std::nullopt,
+                                              const std::vector<std::string>& missing = {},
+                                              const std::vector<std::string>& extra = {}) {
   static testing_support::TemporaryDirectory templates;
   static std::map<std::string, samplegen::ImageManifest> generated;
   std::ostringstream key;
-  key << options.applicationCount << "/" << options.seed << "/" << options.dataScale << "/"
-      << (options.vpnOnlyCount ? std::to_string(*options.vpnOnlyCount) : "default");
-  for (const auto& list : {options.missingExecutable, options.extraItem}) {
+  key << applications << "/" << seed << "/" << (vpnOnly ? std::to_string(*vpnOnly) : "default");
+  for (const auto& list : {missing, extra}) {
     key << "/";
     for (const std::string& item : list)
       key << item << ",";
@@ -41,7 +66,13 @@ inline samplegen::ImageManifest generateImage(const std::string& directory,
     const auto root = samplegen::prepareImageRoot(templates / std::to_string(generated.size()),
                                                   /*replace=*/false, &error);
     EXPECT_TRUE(root.has_value()) << error.description();
+    samplegen::GeneratorOptions options;
     options.root = root.value_or("");
+    options.applicationCount = applications;
+    options.seed = seed;
+    options.vpnOnlyCount = vpnOnly;
+    options.missingExecutable = missing;
+    options.extraItem = extra;
     auto manifest = samplegen::generateLegacyImage(options, &error);
     EXPECT_TRUE(manifest.has_value()) << error.description();
     if (!manifest) return samplegen::ImageManifest();

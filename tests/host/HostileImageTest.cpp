@@ -6,8 +6,7 @@
 // exactly as it was.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -16,7 +15,7 @@
 #include <fstream>
 
 #include "platform/PropertyList.h"
-#include "tests/support/LegacyImage.h"
+#include "tests/host/GeneratedImage.h"
 
 namespace {
 
@@ -31,11 +30,13 @@ class HostileImageTest : public ::testing::Test {
     for (const std::string& mountPoint : mounts_)
       EXPECT_EQ(::umount2(mountPoint.c_str(), MNT_DETACH), 0) << std::strerror(errno);
   }
-  // Bind-mounts `source` on `mountPoint` (made here) until the test ends;
-  // false when this machine allows no bind mount.
-  bool bindMount(const std::string& source, const std::string& mountPoint) {
+  // Mounts `source` (a directory to bind, or a small tmpfs) on `mountPoint`
+  // (made here) until the test ends; false when this machine does not allow it.
+  bool mount(const std::string& source, const std::string& mountPoint, unsigned long flags) {
     makeDirectories(mountPoint);
-    if (::mount(source.c_str(), mountPoint.c_str(), nullptr, MS_BIND, nullptr) != 0) return false;
+    if (::mount(source.c_str(), mountPoint.c_str(), flags ? nullptr : "tmpfs", flags,
+                flags ? nullptr : "size=8m") != 0)
+      return false;
     mounts_.push_back(mountPoint);
     return true;
   }
@@ -69,23 +70,14 @@ class HostileImageTest : public ::testing::Test {
 // names with newlines and invalid UTF-8 migrate; a hard link in a bundle to
 // a file outside keeps that file's owner (the canary's check sees it).
 TEST_F(HostileImageTest, OddContainersAndNamesMigrateWithoutHarmingWhatIsOutside) {
-  const std::string file = legacy("RegularFile"), fifo = legacy("Fifo"),
-                    socketPath = legacy("Socket");
-  writeFile(file, "not a container");
-  // A FIFO nobody writes to: a reader that opened it would block for ever.
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0) << std::strerror(errno);
-  const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  ASSERT_GE(listener, 0) << std::strerror(errno);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  ASSERT_LT(socketPath.size(), sizeof(address.sun_path));
-  std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
-  const int bound = ::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-  ::close(listener);
-  ASSERT_EQ(bound, 0);
   std::vector<std::string> lines;
-  for (const std::string& path : {file, fifo, socketPath})
-    lines.push_back("CVAppMigrator: Found regular file at " + path + " ; removing");
+  makeDirectories(legacy());
+  // A FIFO nobody writes to: a reader that opened it would block for ever.
+  for (const auto& [name, mode] : {std::pair{"RegularFile", S_IFREG}, std::pair{"Fifo", S_IFIFO},
+                                   std::pair{"Socket", S_IFSOCK}}) {
+    ASSERT_EQ(::mknod(legacy(name).c_str(), mode | 0644, 0), 0) << std::strerror(errno);
+    lines.push_back("CVAppMigrator: Found regular file at " + legacy(name) + " ; removing");
+  }
   for (const auto& [name, identifier] : std::vector<std::pair<std::string, std::string>>{
            {"line\nbreak", "com.example.newline"}, {"bad\xff\xfe utf8", "com.example.badutf8"}}) {
     image_.writeApplication(legacy(name + "/A\nB.app"), identifier);
@@ -179,28 +171,24 @@ TEST_F(HostileImageTest, TwoContainersWithOneIdentifierAreAConflict) {
     writeFile(legacy(name + "/Documents/" + name + ".txt"), name);
   }
   const ProgramRun plan = image_.mavrel({"plan", "--root", image_.rootPath()});
-  EXPECT_NE(plan.out.find("the same identifier is in " + legacy("First")), std::string::npos)
-      << plan.out;
-  EXPECT_NE(plan.out.find("predicted to FAIL"), std::string::npos) << plan.out;
+  host_test::expectContains(plan.out,
+                            {"the same identifier is in " + legacy("First"), "predicted to FAIL"});
   expectRun(1, {});
-  EXPECT_NE(last_.err.find("conflict: com.example.foo was in "), std::string::npos) << last_.err;
-  EXPECT_EQ(last_.err.find("succeeded"), std::string::npos) << last_.err;
+  host_test::expectContains(last_.err, {"conflict: com.example.foo was in "});
+  host_test::expectLacks(last_.err, {"succeeded"});
 }
 
 // A move between file systems is a copy whose failure loses the source, so
 // an image whose legacy tree lies on another file system is refused before
 // anything is written.
 TEST_F(HostileImageTest, ALegacyTreeOnAnotherFileSystemIsRefusedUntouched) {
-  makeDirectories(legacy());
-  if (::mount("mavrel-test", legacy().c_str(), "tmpfs", 0, "size=8m") != 0)
+  if (!mount("mavrel-test", legacy(), 0))
     GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
-  mounts_.push_back(legacy());
   image_.writeApplication(legacy("Mounted/Foo.app"), "com.example.foo");
   writeFile(legacy("Mounted/Documents/notes.txt"), "on another file system");
   const auto before = describeTree(image_.rootPath());
   expectRun(2, {});
-  EXPECT_NE(last_.err.find("'" + legacy() + "' and '"), std::string::npos) << last_.err;
-  EXPECT_NE(last_.err.find("are not on one file system"), std::string::npos) << last_.err;
+  host_test::expectContains(last_.err, {"'" + legacy() + "' and '", "are not on one file system"});
   EXPECT_EQ(describeTree(image_.rootPath()), before) << "the refused run wrote into the image";
 }
 
@@ -237,8 +225,8 @@ TEST_F(HostileImageTest, ATreeDeeperThanPathMaxIsMovedVerifiedAndRemoved) {
   ASSERT_FALSE(error) << error.message();
   expectRun(0, {"CVAppMigrator: Removing container for com.example.deep"}, {"--verify"});
   // The file deeper than a path can name is recorded, found and verified.
-  EXPECT_NE(last_.err.find("Verified 1 of 1 user-data files"), std::string::npos) << last_.err;
-  EXPECT_EQ(last_.err.find("could not be read"), std::string::npos) << last_.err;
+  host_test::expectContains(last_.err, {"Verified 1 of 1 user-data files"});
+  host_test::expectLacks(last_.err, {"could not be read"});
   EXPECT_FALSE(pathExists(container));
   // The temporary directory's own removal cannot reach that deep.
   EXPECT_EQ(runProgram("rm", {"-rf", image_.rootPath()}).exitCode, 0);
@@ -267,15 +255,14 @@ TEST_F(HostileImageTest, AMountInsideAContainerIsLeftAlone) {
   // contents) is left alone.
   const std::string container = legacy("Bundleless");
   writeFile(container + "/Documents/own.txt", "the container's own");
-  if (!bindMount(image_.canary() + "/Documents", container + "/Documents/Mounted"))
+  if (!mount(image_.canary() + "/Documents", container + "/Documents/Mounted", MS_BIND))
     GTEST_SKIP() << "no bind mount here: " << std::strerror(errno);
   expectRun(-1, {});
   EXPECT_FALSE(pathExists(container + "/Documents/own.txt"));
   EXPECT_TRUE(pathExists(container + "/Documents/Mounted/notes.txt"));
-  EXPECT_NE(image_.installerLog().find("treewipe hit error for " + container +
-                                       "/Documents/Mounted : Invalid cross-device link"),
-            std::string::npos)
-      << image_.installerLog();
+  host_test::expectContains(
+      image_.installerLog(),
+      {"treewipe hit error for " + container + "/Documents/Mounted : Invalid cross-device link"});
 }
 
 }  // namespace

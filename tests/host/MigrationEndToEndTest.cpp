@@ -1,9 +1,14 @@
 // The whole job through the real `mavrel migrate --verify` and the embedded
 // installer, on generated legacy images: every user-data and group file
-// arrives with the same bytes and nothing is left behind (a failing pass
-// loses nothing either: PlanAgainstPassTest); a file removed, changed or left behind after
+// arrives with the same bytes; what `mavrel plan` predicts (without writing
+// anything) is what the pass does, entry by entry and in its order, and what
+// its report and console say; a file removed, changed or left behind after
 // the pass (by a test plug-in that runs after the real migrator) is caught
-// with exit code 3; and every form of device path in the maps migrates alike.
+// with exit code 3; every form of device path in the maps migrates alike; and
+// the safety net keeps what the migration's rules discard (and only that),
+// names it in the report, and `mavrel recover` lists, copies out and purges
+// it; a run after an interrupted one takes its net over; and records of a
+// crafted manifest cannot lead out of the net.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,191 +16,221 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <set>
 
+#include "host/EntryRecorder.h"
+#include "host/RunReport.h"
+#include "host/SafetyNetManifest.h"
 #include "installer/EmbeddedInstallerService.h"
 #include "platform/DeviceRoot.h"
 #include "platform/PropertyList.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "tests/host/GeneratedImage.h"
-#include "tests/support/TreeSnapshot.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace testing_support;
+using host_test::expectContains;
+using host_test::expectLacks;
 
-using Digests = std::map<std::string, std::string>;
+using Files = std::map<std::string, std::string>;
+
+const std::string kNetBase = "/private/var/mobile/Library/Mavrel/SafetyNet";
 
 class MigrationEndToEndTest : public ::testing::Test {
  protected:
-  samplegen::ImageManifest generate(std::size_t applications, std::uint64_t seed,
-                                    const std::string& name = "image") {
-    samplegen::GeneratorOptions options;
-    options.applicationCount = applications;
-    options.seed = seed;
-    return host_test::generateImage(directory_.path() + "/" + name, options);
+  ProgramRun mavrel(const std::vector<std::string>& arguments) {
+    return runMavrel(arguments, scratch_.path());
+  }
+  void SetUp() override { makeDirectories(scratch_ / "out"); }
+  ProgramRun migrate(const std::string& root, std::vector<std::string> extra = {}) {
+    extra.insert(extra.begin(), {"migrate", "--root", root, "--verify", "--report", report()});
+    migrated_ = mavrel(extra);
+    report_ = parseJSON(readFile(report()));
+    return migrated_;
+  }
+  std::string report() const { return scratch_ / "out/report.json"; }
+
+  // The plan as JSON; neither it nor the text plan changes anything in the
+  // directory holding the image (names, contents, modes, times, attributes).
+  JSONValue planWritingNothing(const std::string& root) {
+    const auto before = describeTree(directory_.path());
+    EXPECT_EQ(mavrel({"plan", "--root", root}).exitCode, 0);
+    const ProgramRun planned = mavrel({"plan", "--root", root, "--json"});
+    EXPECT_EQ(planned.exitCode, 0) << planned.err;
+    EXPECT_EQ(describeTree(directory_.path()), before) << "the plan wrote into the image";
+    return parseJSON(planned.out);
   }
 
-  // The user data of each container and each group container, before the pass.
-  void recordUserData(const samplegen::ImageManifest& manifest) {
-    std::uint64_t expected = 0;
-    for (const auto& container : manifest.containers) {
-      Digests& digests = containerData_[container.identifier];
-      for (const char* item : {"Documents", "Library", "tmp", "Pormex"}) {
-        for (auto& [path, digest] : digestsBelow(container.containerPath + "/" + item))
-          digests[std::string(item) + "/" + path] = digest;
+  // Plans, migrates, and expects each entry's outcome, failed step and
+  // container fate as planned, in the plan's work-list order.
+  void comparePlanWithPass(const samplegen::ImageManifest& manifest) {
+    plan_ = planWritingNothing(manifest.root);
+    ASSERT_NE(migrate(manifest.root).exitCode, 2) << migrated_.out << migrated_.err;
+    const auto predicted = byPath(plan_["entries"]);
+    happened_ = byPath(report_["entries"]);
+    ASSERT_EQ(predicted.size(), happened_.size());
+    ASSERT_GT(predicted.size(), 0u);
+    std::vector<std::pair<std::uint64_t, std::string>> order;
+    for (const auto& [path, entry] : predicted) {
+      SCOPED_TRACE(path + " (" + entry["kind"].string + ")");
+      const JSONValue& actual = entryOf(path);
+      EXPECT_EQ(entry["outcome"].string, actual["outcome"].string)
+          << "predicted because: " << entry["reason"].string
+          << "\nthe pass said: " << actual["message"].string;
+      EXPECT_EQ(entry["failedStep"].string, actual["failedStep"].string);
+      EXPECT_EQ(entry["container"].string, actual["container"].string);
+      if (entry["order"].count() > 0) {
+        EXPECT_EQ(entry["identifier"].string, actual["identifier"].string);
+        order.emplace_back(entry["order"].count(), path);
       }
-      expected += container.dataFiles;
-      recorded_ += digests.size();
     }
-    for (const auto& group : manifest.groupContainers)
-      groupData_[group.identifier] = digestsBelow(group.path);
-    // The manifest's own count: the walk above must have seen every file.
-    EXPECT_GT(recorded_, 0u);
-    EXPECT_EQ(recorded_, expected);
+    std::sort(order.begin(), order.end());
+    std::vector<std::string> planned, migratedInOrder;
+    for (const auto& [position, path] : order)
+      planned.push_back(path);
+    for (const JSONValue& entry : report_["entries"].array) {
+      if (!entry["identifier"].isNull()) migratedInOrder.push_back(entry["path"].string);
+    }
+    EXPECT_EQ(planned, migratedInOrder);
+    EXPECT_EQ(plan_["predictedSuccess"].boolean, report_["succeeded"].boolean);
+    EXPECT_EQ(plan_["totals"]["entries"].count(), report_["totals"]["entries"].count());
+  }
+  const JSONValue& entryOf(const std::string& path) {
+    static const JSONValue missing;
+    const auto found = happened_.find(path);
+    EXPECT_NE(found, happened_.end()) << "the report lacks " << path;
+    return found == happened_.end() ? missing : found->second;
   }
 
-  // The number of user-data files the image holds: containers, groups and harbors.
-  static std::uint64_t userDataFiles(const samplegen::ImageManifest& manifest) {
+  // The user-data files of containers and groups (and harbors, when asked).
+  static std::uint64_t userDataFiles(const samplegen::ImageManifest& manifest, bool harbors) {
     std::uint64_t files = 0;
     for (const auto& container : manifest.containers)
       files += container.dataFiles;
     for (const auto& group : manifest.groupContainers)
       files += group.files;
     for (const auto& harbor : manifest.harbors)
-      files += harbor.files;
+      files += harbors ? harbor.files : 0;
     return files;
   }
 
-  ProgramRun migrate(const std::string& root, std::vector<std::string> extra = {}) {
-    std::vector<std::string> arguments{"migrate",  "--root",   root,
-                                       "--verify", "--report", directory_.path() + "/report.json"};
-    arguments.insert(arguments.end(), extra.begin(), extra.end());
-    const ProgramRun run = runMavrel(arguments, directory_.path());
-    report_ = parseJSON(readFile(directory_.path() + "/report.json"));
-    return run;
-  }
-
-  std::unique_ptr<mavrel_installer::EmbeddedInstallerService> openRegistry(
-      const samplegen::ImageManifest& manifest) {
-    configuration_ = std::make_unique<CVGlobalConfiguration>(platform::DeviceRoot(manifest.root));
-    CVError error;
-    auto service = mavrel_installer::EmbeddedInstallerService::open(*configuration_, &error);
-    EXPECT_NE(service, nullptr) << error.description();
-    return service;
-  }
-
   // Each recorded file at its new place with the same bytes.
-  static void expectArrived(const Digests& recorded, const std::string& place,
+  static void expectArrived(const Files& recorded, const std::string& place,
                             const std::string& what) {
-    const Digests arrived = digestsBelow(place);
+    const Files arrived = filesBelow(place);
     for (const auto& [path, digest] : recorded) {
       const auto found = arrived.find(path);
       ASSERT_NE(found, arrived.end()) << what << ": " << path << " is missing";
       EXPECT_EQ(found->second, digest) << what << ": " << path << " changed";
     }
   }
-  void expectDataArrived(mavrel_installer::EmbeddedInstallerService& registry,
-                         const std::string& identifier) {
-    const auto record = registry.bundleRecordForIdentifier(identifier);
-    ASSERT_TRUE(record.has_value()) << identifier;
-    ASSERT_TRUE(record->dataContainerURL) << identifier;
-    expectArrived(containerData_[identifier], record->dataContainerURL.path(), identifier);
+
+  // Every regular file below `directory`, relative to it, with its contents.
+  static Files filesBelow(const std::string& directory) {
+    Files files;
+    if (!fs::exists(directory)) return files;
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+      if (entry.is_regular_file() && !entry.is_symlink())
+        files[fs::relative(entry.path(), directory).string()] = readFile(entry.path());
+    }
+    return files;
+  }
+  // The user-data files of the legacy container at `container`, by path
+  // relative to it, after `prefix`.
+  static Files userData(const std::string& container, const std::string& prefix = "") {
+    Files files;
+    for (const char* item : {"Documents", "Library", "tmp", "Pormex"}) {
+      for (const auto& [path, contents] : filesBelow(container + "/" + item))
+        files[prefix + item + "/" + path] = contents;
+    }
+    return files;
   }
 
-  // A plug-in directory with the real migrator and, after it, the damaging one.
-  std::string damagingPluginDirectory() {
-    const std::string directory = directory_.path() + "/plugins";
-    if (fs::exists(directory)) return directory;
-    fs::create_directories(directory);
-    fs::copy_file(MAVREL_BINARY_DIR "/plugins/AppMigrator.migrator",
-                  directory + "/AppMigrator.migrator");
-    fs::copy_file(MAVREL_BINARY_DIR "/test-plugins/DamagingMigrator.migrator",
-                  directory + "/ZZDamagingMigrator.migrator");
-    return directory;
-  }
-
-  TemporaryDirectory directory_;
-  std::map<std::string, Digests> containerData_;
-  std::map<std::string, Digests> groupData_;
-  std::uint64_t recorded_ = 0;
-  JSONValue report_;
-  std::unique_ptr<CVGlobalConfiguration> configuration_;
+  TemporaryDirectory directory_, scratch_;
+  ProgramRun migrated_;
+  JSONValue plan_, report_;
+  std::map<std::string, JSONValue> happened_;
 };
 
-TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrives) {
-  const samplegen::ImageManifest manifest = generate(24, 7);
-  recordUserData(manifest);
-  // A container without an application goes with its data, as designed: that
-  // is said, and is no loss.
-  writeFile(manifest.legacyDirectory + "/NoBundle/Documents/orphan.txt", "o");
+TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrivesAsPlanned) {
+  const auto manifest = host_test::generateImage(directory_ / "image", 24, 7);
+  // The user data of each container and each group container, before the pass.
+  std::map<std::string, Files> containerData, groupData;
+  std::uint64_t recorded = 0;
+  for (const auto& container : manifest.containers)
+    recorded += (containerData[container.identifier] = userData(container.containerPath)).size();
+  for (const auto& group : manifest.groupContainers)
+    recorded += (groupData[group.identifier] = filesBelow(group.path)).size();
+  // The manifest's own count: the walk above must have seen every file.
+  EXPECT_EQ(recorded, userDataFiles(manifest, false));
+  EXPECT_GT(manifest.vpnOnlyCount(), 0u);
 
-  const ProgramRun run = migrate(manifest.root);
-  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
-  const std::string files = std::to_string(userDataFiles(manifest));
-  for (const std::string& said : std::vector<std::string>{
-           ": succeeded in ", "Verified " + files + " of " + files + " user-data files",
-           "1 file(s) were removed with legacy containers that held no application",
-           "Apart from those removed, every file is at its new place."})
-    EXPECT_NE(run.err.find(said), std::string::npos) << said << "\n" << run.err;
-  EXPECT_EQ(run.err.find("o user data was lost"), std::string::npos) << run.err;
+  comparePlanWithPass(manifest);
+  ASSERT_EQ(migrated_.exitCode, 0) << migrated_.out << migrated_.err;
+  const std::uint64_t files = userDataFiles(manifest, true);
+  expectContains(migrated_.err, {": succeeded in ", "No user data was lost.",
+                                 "Verified " + std::to_string(files) + " of " +
+                                     std::to_string(files) + " user-data files"});
   const JSONValue& verification = report_["verification"];
-  EXPECT_EQ(verification["files"].count(), userDataFiles(manifest));
-  EXPECT_EQ(verification["verified"].count(), userDataFiles(manifest));
-  EXPECT_EQ(verification["missing"].count() + verification["changed"].count() +
-                verification["leftBehind"].count(),
-            0u);
-  EXPECT_EQ(verification["removedByDesign"].count(), 1u);
+  EXPECT_EQ(verification["files"].count(), files);
+  EXPECT_EQ(verification["verified"].count(), files);
+  for (const char* key : {"missing", "changed", "leftBehind", "removedByDesign"})
+    EXPECT_EQ(verification[key].count(), 0u) << key;
   for (const std::string& gone :
        {manifest.legacyDirectory, manifest.installMapPath, manifest.harborMapPath})
     EXPECT_FALSE(pathExists(gone)) << gone;
   EXPECT_TRUE(pathExists(manifest.root +
                          "/private/var/mobile/Library/Corvane/AppMigratorLastSystemVersion.plist"));
+  // The safety net held every file of the legacy containers and groups while
+  // the pass ran, and a clean pass keeps none.
+  const JSONValue& net = report_["safetyNet"];
+  EXPECT_EQ(net["linked"].count(), userDataFiles(manifest, false));
+  EXPECT_EQ(net["notLinked"].count() + net["keptFiles"].count(), 0u);
+  EXPECT_FALSE(pathExists(manifest.root + "/private/var/mobile/Library/Mavrel"));
+  const ProgramRun recover = mavrel({"recover", "--root", manifest.root});
+  EXPECT_EQ(recover.exitCode, 0);
+  expectContains(recover.out, {"No safety net"});
 
-  const auto registry = openRegistry(manifest);
-  ASSERT_NE(registry, nullptr);
-  EXPECT_GT(manifest.vpnOnlyCount(), 0u);
+  CVGlobalConfiguration configuration{platform::DeviceRoot(manifest.root)};
+  CVError error;
+  const auto registry = mavrel_installer::EmbeddedInstallerService::open(configuration, &error);
+  ASSERT_NE(registry, nullptr) << error.description();
+  const ProgramRun apps = mavrel({"apps", "--json", "--root", manifest.root});
   for (const auto& container : manifest.containers) {
-    expectDataArrived(*registry, container.identifier);
+    SCOPED_TRACE(container.identifier);
     const auto record = registry->bundleRecordForIdentifier(container.identifier);
-    ASSERT_TRUE(record.has_value());
+    ASSERT_TRUE(record.has_value() && record->dataContainerURL);
+    const std::string data = record->dataContainerURL.path();
+    expectArrived(containerData[container.identifier], data, container.identifier);
     if (container.builtInDuplicate) {
-      EXPECT_EQ(record->bundleType, "System") << container.identifier;
+      EXPECT_EQ(record->bundleType, "System");
       continue;
     }
     // A VPN-only container's data belongs to the plug-in that its
-    // application installed.
-    EXPECT_EQ(record->bundleType, container.containerType == "VPNBundle" ? "VPNPlugin" : "User")
-        << container.identifier;
-    EXPECT_TRUE(record->foundBackingBundle) << container.identifier;
+    // application installed; the listing names the plug-in and that data.
+    const bool vpn = container.containerType == "VPNBundle";
+    EXPECT_EQ(record->bundleType, vpn ? "VPNPlugin" : "User");
+    EXPECT_TRUE(record->foundBackingBundle);
+    if (vpn)
+      expectContains(apps.out, {"\"vpnPluginIdentifier\":\"" + container.identifier +
+                                "\",\"vpnPluginDataContainer\":\"" + data + "\""});
     // Group contents arrived in the group containers the registry assigned.
     ASSERT_TRUE(record->groupContainerURLs.has_value());
     for (const std::string& group : container.groups) {
       const CVValue* url = record->groupContainerURLs->find(group);
-      ASSERT_NE(url, nullptr) << container.identifier << " lacks " << group;
-      expectArrived(groupData_[group], url->asURL()->path(), group);
+      ASSERT_NE(url, nullptr) << "lacks " << group;
+      expectArrived(groupData[group], url->asURL()->path(), group);
     }
   }
   for (const auto& group : manifest.groupContainers)
     EXPECT_FALSE(pathExists(group.path));
-  // The listing names each plug-in and the data container its data went to.
-  const ProgramRun apps = runMavrel({"apps", "--json", "--root", manifest.root}, directory_.path());
-  for (const auto& container : manifest.containers) {
-    if (container.containerType != "VPNBundle") continue;
-    const std::string data =
-        registry->bundleRecordForIdentifier(container.identifier)->dataContainerURL.path();
-    EXPECT_NE(apps.out.find("\"vpnPluginIdentifier\":\"" + container.identifier +
-                            "\",\"vpnPluginDataContainer\":\"" + data + "\""),
-              std::string::npos)
-        << apps.out;
-  }
 }
 
 TEST_F(MigrationEndToEndTest, DamageAfterThePassIsCaught) {
   const struct {
-    std::string kind;
-    std::string summary;
-    std::string named;  // the file's line starts so
+    std::string kind, summary, named;  // the file's line starts with `named`
   } cases[] = {
       {"remove", "USER DATA LOST: 1 file(s) missing, 0 file(s) changed", "missing: "},
       {"corrupt", "USER DATA LOST: 0 file(s) missing, 1 file(s) changed", "changed: "},
@@ -205,7 +240,7 @@ TEST_F(MigrationEndToEndTest, DamageAfterThePassIsCaught) {
   };
   for (const auto& damage : cases) {
     SCOPED_TRACE(damage.kind);
-    const auto manifest = generate(6, 41, "image-" + damage.kind);
+    const auto manifest = host_test::generateImage(directory_ / ("image-" + damage.kind), 6, 41);
     // The first user-data file under "Documents", relative to its container.
     std::string identifier, legacy, document;
     for (const auto& container : manifest.containers) {
@@ -215,22 +250,21 @@ TEST_F(MigrationEndToEndTest, DamageAfterThePassIsCaught) {
         if (!entry.is_regular_file() || entry.is_symlink()) continue;
         identifier = container.identifier;
         legacy = container.containerPath;
-        document = fs::relative(entry.path(), container.containerPath).string();
+        document = fs::relative(entry.path(), legacy).string();
         break;
       }
     }
     ASSERT_FALSE(document.empty()) << "no document in the image";
     ::setenv("MAVREL_TEST_DAMAGE", (damage.kind + ":" + identifier + ":" + document).c_str(), 1);
     ::setenv("MAVREL_TEST_LEGACY_CONTAINER", legacy.c_str(), 1);
-    const ProgramRun run = migrate(manifest.root, {"--plugin-dir", damagingPluginDirectory()});
+    const ProgramRun run = migrate(
+        manifest.root, {"--plugin-dir", host_test::damagingPluginDirectory(scratch_ / "plugins")});
     ::unsetenv("MAVREL_TEST_DAMAGE");
     ::unsetenv("MAVREL_TEST_LEGACY_CONTAINER");
     EXPECT_EQ(run.exitCode, 3) << run.out << run.err;
-    EXPECT_NE(run.err.find(damage.summary), std::string::npos) << run.err;
-    const std::string place = damage.kind == "unmove" ? legacy + "/" + document : document;
-    EXPECT_NE(run.err.find(damage.named), std::string::npos) << run.err;
-    EXPECT_NE(run.err.find(place), std::string::npos) << run.err;
-    EXPECT_EQ(run.err.find("o user data was lost"), std::string::npos) << run.err;
+    expectContains(run.err, {damage.summary, damage.named,
+                             damage.kind == "unmove" ? legacy + "/" + document : document});
+    expectLacks(run.err, {"o user data was lost"});
   }
 }
 
@@ -244,12 +278,12 @@ TEST_F(MigrationEndToEndTest, EveryFormOfDevicePathAndAMovedImageMigrateAlike) {
   for (const Variant variant : {Variant::AsMade, Variant::CopiedElsewhere, Variant::VarPaths,
                                 Variant::HostPaths, Variant::VarIsALink}) {
     SCOPED_TRACE(static_cast<int>(variant));
-    const std::string made = directory_.path() + "/made";
+    const std::string made = directory_ / "made";
     fs::remove_all(made);
-    const auto manifest = generate(6, 46, "made");
+    const auto manifest = host_test::generateImage(directory_ / "made", 6, 46);
     std::string root = manifest.root;
     if (variant == Variant::CopiedElsewhere) {
-      root = directory_.path() + "/copy";
+      root = directory_ / "copy";
       fs::remove_all(root);
       ASSERT_EQ(runProgram("cp", {"-a", made, root}).exitCode, 0);
       fs::remove_all(made);
@@ -276,19 +310,319 @@ TEST_F(MigrationEndToEndTest, EveryFormOfDevicePathAndAMovedImageMigrateAlike) {
 
     const ProgramRun run = migrate(root);
     EXPECT_EQ(run.exitCode, 0) << run.out << run.err;
-    const JSONValue& verification = report_["verification"];
-    EXPECT_EQ(verification["verified"].count(), userDataFiles(manifest)) << run.out;
-    EXPECT_EQ(verification["leftBehind"].count(), 0u);
+    EXPECT_EQ(report_["verification"]["verified"].count(), userDataFiles(manifest, true));
+    EXPECT_EQ(report_["verification"]["leftBehind"].count(), 0u);
     std::map<std::string, std::string> outcomes;
     for (const auto& entry : report_["entries"].array)
       outcomes[fs::path(entry["path"].string).filename()] = entry["outcome"].string;
     if (variant == Variant::AsMade) firstOutcomes = outcomes;
     EXPECT_EQ(outcomes, firstOutcomes);
-    EXPECT_FALSE(fs::exists(root + "/private/var/mobile/Library/GroupContainers") &&
-                 !fs::is_empty(root + "/private/var/mobile/Library/GroupContainers"))
-        << "group data stayed behind";
+    const std::string groups = root + "/private/var/mobile/Library/GroupContainers";
+    EXPECT_FALSE(fs::exists(groups) && !fs::is_empty(groups)) << "group data stayed behind";
     fs::remove_all(root);
   }
+}
+
+// Generated images with every kind of legacy entry (built-in duplicates, a
+// bundle without its executable, a container with an unexpected item,
+// VPN-only containers, the stray note) and handmade ones: the plan agrees
+// with the pass (which fails and loses nothing), the report's schema, totals
+// and messages never claim success for a failed entry, and the plan writes
+// nothing after the migration either.
+TEST_F(MigrationEndToEndTest, PlanAgainstPassOnEveryKindOfEntry) {
+  const auto manifest = host_test::generateImage(directory_ / "image", 14, 31, 2, {"2"}, {"5"});
+  // Entries the classification sorts out: a container without a bundle, a
+  // linked bundle, a file where a container should be, a VPN plug-in without
+  // its application, and a container an interrupted run had begun (its
+  // marker names an application that is gone).
+  const std::string legacy = manifest.legacyDirectory;
+  const auto plist = [](const std::vector<std::pair<std::string, std::string>>& pairs) {
+    std::string body;
+    for (const auto& [key, value] : pairs)
+      body += "<key>" + key + "</key><string>" + value + "</string>";
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + body +
+           "</dict></plist>\n";
+  };
+  writeFile(legacy + "/NoBundle/Documents/orphan.txt", "orphan");
+  makeDirectories(legacy + "/Linked");
+  makeSymlink("/nowhere/Linked.app", legacy + "/Linked/Linked.app");
+  writeFile(legacy + "/AFile", "a file where a container should be");
+  writeFile(legacy + "/Tunnel/Tunnel.vpnplugin/Info.plist",
+            plist({{"QXBundleIdentifier", "com.example.tunnel"}}));
+  writeFile(legacy + "/Resumed/com.zentrel.corvane.container_migrator.plist",
+            plist({{"ContainerPath", legacy + "/Resumed"},
+                   {"BundlePath", legacy + "/Resumed/Gone.app"},
+                   {"BundleIdentifier", "com.example.gone"},
+                   {"ContainerType", "App"}}));
+  comparePlanWithPass(manifest);
+  ASSERT_EQ(migrated_.exitCode, 1) << migrated_.out << migrated_.err;
+  planWritingNothing(manifest.root);
+
+  const auto containerWhere = [&](bool (*test)(const samplegen::ContainerManifest&)) {
+    return *std::find_if(manifest.containers.begin(), manifest.containers.end(), test);
+  };
+  const auto broken = containerWhere([](const auto& c) { return c.missingExecutable; });
+  const auto extra = containerWhere([](const auto& c) { return c.extraItem; });
+  const auto builtIn = containerWhere([](const auto& c) { return c.builtInDuplicate; });
+  const auto plain = containerWhere([](const auto& c) {
+    return !c.builtInDuplicate && !c.extraItem && !c.missingExecutable && c.containerType == "App";
+  });
+  const auto planned = byPath(plan_["entries"]);
+  const struct {
+    std::string path, kind, outcome, container, failedStep;
+  } entries[] = {
+      {manifest.strayNotePath, "stray-note", "removed", "removed", ""},
+      {plain.containerPath, "application", "migrated", "removed", ""},
+      {legacy + "/NoBundle", "no-bundle", "removed", "removed", ""},
+      {legacy + "/Linked", "symlink-bundle", "left", "kept", ""},
+      {legacy + "/AFile", "regular-file", "removed", "removed", ""},
+      {legacy + "/Tunnel", "vpn-only", "failed", "kept", "bundle-record"},
+      {legacy + "/Resumed", "resume", "failed", "kept", "placeholder"},
+      {broken.containerPath, "application", "failed", "removed", "install"},
+      {extra.containerPath, "application", "failed", "kept", "missed-items"},
+      {builtIn.containerPath, "application", "refused-built-in", "removed", ""},
+  };
+  for (const auto& expected : entries) {
+    SCOPED_TRACE(expected.path);
+    ASSERT_EQ(planned.count(expected.path), 1u);
+    EXPECT_EQ(planned.at(expected.path)["kind"].string, expected.kind);
+    const JSONValue& entry = entryOf(expected.path);
+    EXPECT_EQ(entry["outcome"].string, expected.outcome);
+    EXPECT_EQ(entry["container"].string, expected.container);
+    EXPECT_EQ(entry["failedStep"].string, expected.failedStep);
+    // What is not migrated says why, in the plan and in the report.
+    if (expected.outcome == "failed" || expected.outcome == "left") {
+      EXPECT_FALSE(planned.at(expected.path)["reason"].string.empty());
+      EXPECT_FALSE(entry["message"].string.empty());
+    }
+  }
+  // The user data that goes with a removed container is counted, so the plan
+  // shows what is lost with it, and the check names it as removed by design.
+  EXPECT_EQ(planned.at(legacy + "/NoBundle")["userData"]["files"].count(), 1u);
+  EXPECT_EQ(planned.at(legacy + "/NoBundle")["order"].count(), 0u);
+  EXPECT_EQ(report_["verification"]["removedByDesign"].count(), 1u);
+  expectContains(entryOf(extra.containerPath)["message"].string, {"Unexpected.dat"});
+  expectContains(entryOf(legacy + "/Linked")["message"].string, {"symlink"});
+
+  const JSONValue& totals = report_["totals"];
+  const std::uint64_t legacyEntries = manifest.containers.size() + 6;
+  std::uint64_t summed = 0;
+  for (const char* key :
+       {"migrated", "placeholderOnly", "refusedBuiltIn", "failed", "removed", "left"})
+    summed += totals[key].count();
+  EXPECT_EQ(summed, legacyEntries);
+  EXPECT_EQ(totals["entries"].count(), legacyEntries);
+
+  // The report: written atomically (nothing else is left beside it), with its
+  // schema, one migrator that failed, and every entry's fields.
+  EXPECT_EQ(std::distance(fs::directory_iterator(scratch_ / "out"), fs::directory_iterator()), 1);
+  EXPECT_EQ(report_["root"].string, manifest.root);
+  EXPECT_FALSE(report_["succeeded"].boolean);
+  EXPECT_EQ(report_["exitCode"].count(), 1u);
+  EXPECT_GE(report_["durationSeconds"].number, 0.0);
+  ASSERT_EQ(report_["migrators"].array.size(), 1u);
+  const JSONValue& migrator = report_["migrators"].array[0];
+  EXPECT_EQ(migrator["name"].string, "CVAppMigrator");
+  EXPECT_FALSE(migrator["succeeded"].boolean);
+  EXPECT_EQ(migrator["entriesFound"].count(), legacyEntries);
+  for (const JSONValue& entry : report_["entries"].array) {
+    SCOPED_TRACE(entry["path"].string);
+    EXPECT_EQ(entry["migrator"].string, "CVAppMigrator");
+    EXPECT_TRUE(entry.has("identifier") && entry.has("message") && entry.has("failedStep"));
+    EXPECT_EQ(entry["failedStep"].isNull(), entry["outcome"].string != "failed");
+  }
+  EXPECT_TRUE(pathExists(report_["logs"]["migration"].string));
+  EXPECT_TRUE(pathExists(report_["logs"]["installer"].string));
+  EXPECT_TRUE(report_["logs"]["migrationJSON"].isNull());
+  EXPECT_EQ(report_["verification"]["missing"].count() + report_["verification"]["changed"].count(),
+            0u);
+  // The failed pass lost no data: the container with the unknown item stays
+  // with the legacy tree and its map.
+  EXPECT_TRUE(pathExists(extra.containerPath + "/Unexpected.dat"));
+  EXPECT_TRUE(pathExists(manifest.installMapPath));
+
+  // The console says the same, and never "succeeded".
+  expectLacks(migrated_.err, {"succeeded"});
+  expectContains(
+      migrated_.err,
+      {"failed at installing: " + broken.identifier,
+       "1 file(s) were removed with legacy containers that held no application",
+       "Apart from those removed, every file is at its new place.",
+       std::to_string(legacyEntries) + " legacy entries:", "Report written to " + report()});
+}
+
+// The one line a failed run ends with, for each mix of outcomes and passes.
+TEST(FailedRunLineTest, SaysWhatFailedInWordsThatCount) {
+  const auto line = [](std::vector<MavrelEntryOutcome> outcomes, bool passFailed) {
+    mavrel_host::RunReport report;
+    for (const MavrelEntryOutcome outcome : outcomes) {
+      mavrel_host::RecordedEntry entry;
+      entry.result.outcome = outcome;
+      report.entries.push_back(entry);
+    }
+    report.migrators.push_back({"AppMigrator", !passFailed, 0, std::nullopt});
+    return mavrel_host::describeFailedRun(report);
+  };
+  using enum MavrelEntryOutcome;
+  EXPECT_EQ(line({}, false), "the migration failed");
+  EXPECT_EQ(line({Failed, Migrated}, false), "1 legacy entry failed");
+  EXPECT_EQ(line({Failed, Failed}, false), "2 legacy entries failed");
+  EXPECT_EQ(line({Left}, false), "1 legacy entry was left in place");
+  EXPECT_EQ(line({Left, Left, Failed}, true),
+            "1 legacy entry failed, 2 legacy entries were left in place and the pass of "
+            "AppMigrator reported failure");
+}
+
+// Two containers the rules remove (one without a bundle, one whose bundle has
+// no Info.plist): their files, and nothing else, stay in the net, named by
+// the report; recover copies them out under their legacy paths; purge
+// removes the net. The same image without the net migrates alike.
+TEST_F(MigrationEndToEndTest, SafetyNetWhatTheRulesDiscardIsKeptRecoveredAndPurged) {
+  std::map<std::string, std::vector<std::string>> outcomes;
+  for (const bool withNet : {true, false}) {
+    SCOPED_TRACE(withNet);
+    const auto manifest =
+        host_test::generateImage(directory_ / (withNet ? "net" : "plain"), 6, 51, 0);
+    const std::string root = manifest.root, noBundle = manifest.legacyDirectory + "/NoBundle";
+    writeFile(noBundle + "/Documents/orphan.txt", "orphan");
+    writeFile(noBundle + "/Library/Preferences/p.plist", "prefs");
+    const std::string unreadable = manifest.containers.front().containerPath;
+    for (const auto& entry : fs::directory_iterator(unreadable)) {
+      if (entry.path().extension() == ".app") fs::remove(entry.path() / "Info.plist");
+    }
+    writeFile(unreadable + "/Documents/mine.txt", "mine");
+    const auto underRoot = [&root](const std::string& container) {
+      return userData(container, fs::relative(container, root).string() + "/");
+    };
+    Files discarded = underRoot(noBundle);
+    discarded.merge(underRoot(unreadable));
+
+    std::vector<std::string> arguments{"migrate", "--root", root, "--report", report()};
+    if (!withNet) arguments.push_back("--no-safety-net");
+    const ProgramRun run = mavrel(arguments);
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    const auto document = parseJSON(readFile(report()));
+    for (const auto& entry : document["entries"].array) {
+      const std::string name = entry["identifier"].string.empty()
+                                   ? fs::path(entry["path"].string).filename().string()
+                                   : entry["identifier"].string;
+      outcomes[name].push_back(entry["outcome"].string);
+    }
+    if (!withNet) {
+      EXPECT_TRUE(document["safetyNet"].isNull());
+      EXPECT_FALSE(fs::exists(root + "/private/var/mobile/Library/Mavrel"));
+      continue;
+    }
+    const auto& net = document["safetyNet"];
+    const std::string runId = net["runId"].string, netDirectory = root + kNetBase + "/" + runId;
+    EXPECT_EQ(net["directory"].string, netDirectory);
+    EXPECT_EQ(net["keptFiles"].count(), discarded.size());
+    std::set<std::string> named;
+    for (const auto& entry : net["kept"].array) {
+      named.insert(entry["legacyPath"].string);
+      expectContains(entry["reason"].string, {"removed the container"});
+    }
+    EXPECT_EQ(named, (std::set<std::string>{noBundle, unreadable}));
+    auto kept = filesBelow(netDirectory);
+    EXPECT_EQ(kept.erase("SafetyNet.plist"), 1u) << "a kept net is marked complete";
+    EXPECT_EQ(kept, discarded);
+    expectContains(run.err, {"Safety net: kept " + std::to_string(discarded.size())});
+    expectContains(mavrel({"apps", "--root", root}).out, {"Safety net: 1 net(s)"});
+
+    const std::string out = scratch_ / "recovered";
+    const ProgramRun recover = mavrel({"recover", "--root", root, "--to", out});
+    ASSERT_EQ(recover.exitCode, 0) << recover.out << recover.err;
+    expectContains(recover.out, {"/" + discarded.begin()->first});
+    EXPECT_EQ(filesBelow(out + "/" + runId), discarded);
+    EXPECT_EQ(mavrel({"recover", "--root", root, "--to", out}).exitCode, 2)
+        << "a destination that is not empty is refused";
+    const ProgramRun purge = mavrel({"recover", "--root", root, "--purge"});
+    EXPECT_EQ(purge.exitCode, 0) << purge.out << purge.err;
+    EXPECT_FALSE(fs::exists(root + "/private/var/mobile/Library/Mavrel"));
+    EXPECT_EQ(filesBelow(out + "/" + runId), discarded) << "purging leaves the copy alone";
+  }
+  for (const auto& [name, each] : outcomes) {
+    ASSERT_EQ(each.size(), 2u) << name;
+    EXPECT_EQ(each[0], each[1]) << name;
+  }
+}
+
+// A net without its state file is an interrupted run's: the next run takes
+// it over, keeps what that run discarded (a container it removed), drops
+// what is still in place and marks the net complete.
+TEST_F(MigrationEndToEndTest, SafetyNetAResumedRunAdoptsTheInterruptedNet) {
+  const auto manifest = host_test::generateImage(directory_ / "resumed", 6, 53, 0);
+  const std::string root = manifest.root, interrupted = root + kNetBase + "/20000101-000000";
+  const std::string legacyRelative = fs::relative(manifest.legacyDirectory, root).string();
+  // The interrupted run linked a file of a container it then removed...
+  const std::string links = interrupted + "/SafetyNet.links";
+  writeFile(links + "/0", "gone");
+  std::string records;
+  mavrel_host::appendNetLinkRecord(records, "0", legacyRelative + "/Gone", "Documents/gone.txt");
+  // ...and a file still in place, which its laying had linked twice before
+  // it was cut short (the second link is in no record).
+  const std::string container =
+      fs::relative(manifest.containers.back().containerPath, root).string();
+  const auto stillThere = userData(manifest.containers.back().containerPath, container + "/");
+  ASSERT_FALSE(stillThere.empty());
+  const auto& [linked, contents] = *stillThere.begin();
+  fs::create_hard_link(root + "/" + linked, links + "/1");
+  fs::create_hard_link(root + "/" + linked, links + "/2");
+  mavrel_host::appendNetLinkRecord(records, "1", container, linked.substr(container.size() + 1));
+  ASSERT_TRUE(mavrel_host::writeNetManifest(interrupted, {records}, nullptr));
+
+  // Before it is settled, recover copies each linked file to its legacy path.
+  const std::string gone = legacyRelative + "/Gone/Documents/gone.txt";
+  ASSERT_EQ(mavrel({"recover", "--root", root, "--to", scratch_ / "recovered"}).exitCode, 0);
+  EXPECT_EQ(filesBelow(scratch_ / "recovered/20000101-000000"),
+            (Files{{gone, "gone"}, {linked, contents}}));
+
+  const ProgramRun run = mavrel({"migrate", "--root", root, "--report", report()});
+  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+  const auto net = parseJSON(readFile(report()))["safetyNet"];
+  EXPECT_EQ(net["runId"].string, "20000101-000000");
+  EXPECT_TRUE(net["adopted"].boolean);
+  EXPECT_EQ(net["keptFiles"].count(), 1u);
+  ASSERT_EQ(net["kept"].array.size(), 1u);
+  EXPECT_EQ(net["kept"].array[0]["legacyPath"].string, manifest.legacyDirectory + "/Gone");
+  expectContains(net["kept"].array[0]["reason"].string, {"interrupted"});
+  EXPECT_EQ(
+      filesBelow(interrupted),
+      (Files{{gone, "gone"}, {"SafetyNet.plist", readFile(interrupted + "/SafetyNet.plist")}}));
+  EXPECT_EQ(filesBelow(root + kNetBase).size(), 2u) << "no second net was made";
+}
+
+// The manifest is read from the image, which may be crafted: a record whose
+// link name or paths could lead out of the net's directories is left out.
+TEST(SafetyNetManifestTest, RecordsThatCouldLeadOutOfTheNetAreLeftOut) {
+  const struct {
+    std::string_view link, container, inner;
+    bool kept;
+  } cases[] = {
+      {"7", "private/var/mobile/Applications/A", "Documents/a.txt", true},
+      {"../7", "private/var/mobile/Applications/A", "Documents/a.txt", false},
+      {"7x", "private/var/mobile/Applications/A", "Documents/a.txt", false},
+      {"12345678901234567890", "private/A", "a", false},
+      {"7", "../../outside", "a.txt", false},
+      {"7", "/private/var/mobile/Applications/A", "a.txt", false},
+      {"7", "private/var/mobile/Applications/A", "Documents/../../../a.txt", false},
+      {"7", "private/var/mobile/Applications/A", "Documents//a.txt", false},
+      {"7", "private/var/mobile/Applications/A", ".", false},
+  };
+  for (const auto& c : cases) {
+    std::string manifest;
+    mavrel_host::appendNetLinkRecord(manifest, c.link, c.container, c.inner);
+    EXPECT_EQ(mavrel_host::parseNetManifest(manifest).size(), c.kept ? 1u : 0u)
+        << c.link << " " << c.container << " " << c.inner;
+  }
+  // A record cut short is left out; the one before it stays.
+  std::string manifest;
+  mavrel_host::appendNetLinkRecord(manifest, "1", "private/A", "a");
+  constexpr char kCut[] = "2\0private/B\0b";
+  manifest.append(kCut, sizeof kCut - 1);
+  const auto records = mavrel_host::parseNetManifest(manifest);
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].legacyRelative(), "private/A/a");
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // The generator's promises: the same options make the same image whatever the
 // threads (and the random source stays fixed, so images made today are the
 // images made tomorrow), the options shape it as documented, its maps hold
-// device paths, and nothing is written outside the root.
+// device paths, and nothing is written outside the root; and the
+// mavrel-mkimage program: its summary, its JSON manifest, its exit codes and
+// its refusals.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -12,6 +14,7 @@
 #include "samplegen/DeterministicRandom.h"
 #include "samplegen/LegacyImageGenerator.h"
 #include "samplegen/SamplePlan.h"
+#include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 #include "tests/support/TreeSnapshot.h"
 
@@ -48,52 +51,41 @@ std::string timelessJSON(ImageManifest manifest) {
   return samplegen::manifestJSON(manifest);
 }
 
-TEST_F(LegacyImageGeneratorTest, SameOptionsMakeTheSameImageWhateverTheThreads) {
+TEST_F(LegacyImageGeneratorTest, SameOptionsMakeTheSameImageWhateverTheThreadsShapedAsAsked) {
   samplegen::DeterministicRandom random(1);
   EXPECT_EQ(random.next(), 12966619160104079557ULL);
   EXPECT_EQ(random.next(), 9600361134598540522ULL);
   EXPECT_EQ(samplegen::DeterministicRandom::stream(1, 2, 3).uuid(),
             "3C114613-9A96-4F1E-A85A-2B4FB95D867E");
 
-  GeneratorOptions options;
-  options.root = makeRoot();
-  options.applicationCount = 30;
-  options.seed = 7;
-  options.missingExecutable = {"2"};
-  options.extraItem = {"4"};
-  options.threads = 1;
+  // Selections by index and by identifier; the plan knows the identifiers.
+  samplegen::SamplePlanOptions planOptions;
+  planOptions.seed = 11;
+  planOptions.applicationCount = 30;
+  const auto plan = samplegen::makeSamplePlan(planOptions, nullptr);
+  ASSERT_TRUE(plan);
+  GeneratorOptions options{.root = makeRoot(),
+                           .applicationCount = 30,
+                           .seed = 11,
+                           .vpnOnlyCount = 3,
+                           .missingExecutable = {"0", plan->applications[9].bundle.identifier},
+                           .extraItem = {"5"},
+                           .threads = 1};
   const auto first = generate(options);
   ASSERT_TRUE(first);
   const auto firstTree = snapshotTree(options.root);
-
   // Again at the same place (the maps name absolute paths), with more threads.
   fs::remove_all(options.root);
   ASSERT_TRUE(samplegen::prepareImageRoot(options.root, false, nullptr));
   options.threads = 3;
-  const auto second = generate(options);
-  ASSERT_TRUE(second);
+  const auto manifest = generate(options);
+  ASSERT_TRUE(manifest);
   EXPECT_EQ(listed(differences(firstTree, snapshotTree(options.root),
                                AccessTimes::AndModificationTimesIgnored)),
             "");
-  EXPECT_EQ(timelessJSON(*first), timelessJSON(*second));
+  EXPECT_EQ(timelessJSON(*first), timelessJSON(*manifest));
   EXPECT_GT(firstTree.size(), 300u);
-}
 
-TEST_F(LegacyImageGeneratorTest, CountsVariantsAndMapsFollowTheOptions) {
-  GeneratorOptions options;
-  options.applicationCount = 30;
-  options.vpnOnlyCount = 3;
-  options.seed = 11;
-  // Selections by index and by identifier; the plan knows the identifiers.
-  samplegen::SamplePlanOptions planOptions;
-  planOptions.seed = options.seed;
-  planOptions.applicationCount = options.applicationCount;
-  const auto plan = samplegen::makeSamplePlan(planOptions, nullptr);
-  ASSERT_TRUE(plan);
-  options.missingExecutable = {"0", plan->applications[9].bundle.identifier};
-  options.extraItem = {"5"};
-  const auto manifest = generate(options);
-  ASSERT_TRUE(manifest);
   EXPECT_EQ(manifest->applicationCount(), 30u);
   EXPECT_EQ(manifest->vpnOnlyCount(), 3u);
   // The selections change only the selected containers' flags.
@@ -141,6 +133,16 @@ TEST_F(LegacyImageGeneratorTest, CountsVariantsAndMapsFollowTheOptions) {
   for (const auto& harbor : manifest->harbors)
     EXPECT_EQ(*harborMap.findDictionary(harbor.identifier)->findString("HarborPathKey"),
               harbor.path.substr(hostPrivate));
+
+  // No link that could lead out of the image; an image made here may be
+  // replaced, and only with --force.
+  for (const auto& [path, item] : firstTree)
+    EXPECT_FALSE(S_ISLNK(item.mode)) << path << ": a link could lead out of the image";
+  EXPECT_FALSE(samplegen::prepareImageRoot(options.root, false, nullptr));
+  CVError error;
+  const auto replaced = samplegen::prepareImageRoot(options.root, true, &error);
+  ASSERT_TRUE(replaced) << error.description();
+  EXPECT_TRUE(fs::is_empty(*replaced));
 }
 
 TEST_F(LegacyImageGeneratorTest, BadRootsAreRefusedWithoutWritingOutside) {
@@ -186,18 +188,65 @@ TEST_F(LegacyImageGeneratorTest, BadRootsAreRefusedWithoutWritingOutside) {
   }
   EXPECT_TRUE(pathExists(temporary_ / "busy/precious.txt"));
   EXPECT_FALSE(pathExists(temporary_ / "missing"));
+}
 
-  const std::string made = makeRoot("made");
-  options.root = made;
-  options.applicationCount = 12;
-  ASSERT_TRUE(generate(options));
-  EXPECT_TRUE(fs::is_empty(outside));
-  for (const auto& [path, item] : snapshotTree(made))
-    EXPECT_FALSE(S_ISLNK(item.mode)) << path << ": a link could lead out of the image";
-  EXPECT_FALSE(samplegen::prepareImageRoot(made, false, &error));
-  const auto replaced = samplegen::prepareImageRoot(made, true, &error);
-  ASSERT_TRUE(replaced) << error.description();
-  EXPECT_TRUE(fs::is_empty(*replaced));
+// mavrel-mkimage: its summary and JSON manifest, and its refusals, each with
+// its exit code and a line naming the program.
+TEST_F(LegacyImageGeneratorTest, TheMkImageProgramMakesSummarizesAndRefuses) {
+  const std::string scratch = makeRoot("scratch");
+  const auto mkimage = [&scratch](const std::vector<std::string>& arguments) {
+    return runProgram(MAVREL_BINARY_DIR "/bin/mavrel-mkimage", arguments, scratch);
+  };
+  const std::string root = temporary_ / "image";
+  const ProgramRun made = mkimage({"--root", root, "--apps", "8", "--seed", "4"});
+  ASSERT_EQ(made.exitCode, 0) << made.err;
+  for (const std::string& said :
+       {"Legacy device image at " + fs::canonical(root).string(), std::string("applications: 8 ")})
+    EXPECT_NE(made.out.find(said), std::string::npos) << made.out;
+  EXPECT_TRUE(pathExists(root + "/private/var/mobile/Library/Caches/com.zentrel.corvane.plist"));
+  EXPECT_TRUE(pathExists(root + "/System/Library/CoreServices/SystemBuild.plist"));
+
+  // The directory now holds an image: refused unless replaced.
+  writeFile(temporary_ / "busy/keep.txt", "keep");
+  const std::string fresh = temporary_ / "fresh";
+  const std::vector<std::pair<std::vector<std::string>, int>> refused = {
+      {{"--root", root, "--apps", "3"}, 2},
+      {{"--apps", "3"}, 2},
+      {{"--root", fresh, "--apps", "x"}, 2},
+      {{"--root", fresh, "--data-scale", "-1"}, 2},
+      {{"--root", fresh, "--bogus"}, 2},
+      {{"--root", fresh, "--missing-executable"}, 2},
+      {{"--root", fresh, "--apps", "2", "--extra-item", "com.nope"}, 2},
+      {{"--root", fresh, "--apps", "2", "--missing-executable", "2"}, 2},
+      // A busy directory not made by the program is never replaced.
+      {{"--root", temporary_ / "busy", "--force"}, 2},
+      // A parent that does not exist is not made.
+      {{"--root", temporary_ / "a/b/c"}, 1},
+  };
+  for (const auto& [arguments, exitCode] : refused) {
+    const ProgramRun result = mkimage(arguments);
+    EXPECT_EQ(result.exitCode, exitCode) << arguments.back() << "\n" << result.err;
+    EXPECT_NE(result.err.find("mavrel-mkimage: "), std::string::npos) << result.err;
+  }
+  EXPECT_NE(mkimage({"--root", root}).err.find("not empty; --force replaces"), std::string::npos);
+  EXPECT_FALSE(pathExists(temporary_ / "a"));
+  EXPECT_EQ(readFile(temporary_ / "busy/keep.txt"), "keep");
+  const ProgramRun help = mkimage({"--help"});
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_NE(help.out.find("Usage: mavrel-mkimage --root DIR"), std::string::npos);
+
+  const ProgramRun json = mkimage({"--root", root, "--apps", "6", "--missing-executable", "1", "2",
+                                   "--extra-item", "0", "--json", "--force"});
+  ASSERT_EQ(json.exitCode, 0) << json.err;
+  EXPECT_TRUE(json.out.starts_with('{') && json.out.ends_with("}\n")) << json.out;
+  for (const char* key : {"\"containers\"", "\"groupContainers\"", "\"harbors\"",
+                          "\"builtInApplications\"", "\"totals\""})
+    EXPECT_NE(json.out.find(key), std::string::npos) << key;
+  std::size_t missing = 0;
+  for (std::size_t at = json.out.find("\"missingExecutable\": true"); at != std::string::npos;
+       at = json.out.find("\"missingExecutable\": true", at + 1))
+    ++missing;
+  EXPECT_EQ(missing, 2u);
 }
 
 }  // namespace

@@ -1,20 +1,13 @@
 // A migrator plug-in for the host's tests, loaded after the real one (plug-ins
-// run in name order): its pass damages user data at its new place as the
-// environment variable MAVREL_TEST_DAMAGE says, so that the tests can see
-// `mavrel migrate --verify` catch a lost or changed file.
-//
-//   MAVREL_TEST_DAMAGE="remove:<identifier>:<path>"   removes the file
-//   MAVREL_TEST_DAMAGE="corrupt:<identifier>:<path>"  changes its first byte
-//   MAVREL_TEST_DAMAGE="unmove:<identifier>:<path>"   moves it back below the
-//       directory MAVREL_TEST_LEGACY_CONTAINER names, as a move that never happened
-//
-// <path> is relative to the application's data container. Without the
-// variable the pass does nothing; it always reports success.
-//
-//   MAVREL_TEST_SIGNAL="TERM" or "INT"  sends the signal to its own process
-//       during the pass, then reports an entry (a safe point to stop at);
-//   MAVREL_TEST_SIGNAL="INT,INT"         sends it twice, then waits in the
-//       middle of its entry for the host to stop the run.
+// run in name order). Its pass always reports success; the environment says
+// what it does first:
+//   MAVREL_TEST_DAMAGE="<action>:<identifier>:<path>", <path> relative to the
+//       application's data container: "remove" removes the file, "corrupt"
+//       changes its first byte, "unmove" moves it back below the directory
+//       MAVREL_TEST_LEGACY_CONTAINER names (a move that never happened);
+//   MAVREL_TEST_SIGNAL="TERM" or "INT" sends the signal to its own process,
+//       then reports an entry (a safe point to stop at); "INT,INT" sends it
+//       twice, then waits in the middle of its entry for the host to stop.
 #include <signal.h>
 #include <unistd.h>
 
