@@ -9,20 +9,17 @@
 #include "platform/linux/ExtendedAttributes.h"
 #include "platform/linux/ProtectionClass.h"
 #include "tests/installer/InstallerFixture.h"
-#include "tests/support/TestSupport.h"
 
 namespace installer_test {
 namespace {
 
-using namespace testing_support;
-
 std::optional<std::int32_t> protectionClassOf(const std::string& path) {
   std::vector<char> value;
+  std::int32_t number = 0;
   if (platform::sys::getAttribute(platform::sys::AttributeItem::link(path.c_str()),
                                   platform::sys::kProtectionClassAttributeName, value) != 0 ||
-      value.size() != sizeof(std::int32_t))
+      value.size() != sizeof number)
     return std::nullopt;
-  std::int32_t number = 0;
   std::memcpy(&number, value.data(), sizeof number);
   return number;
 }
@@ -31,12 +28,18 @@ class BuiltInApplicationTest : public InstallerFixture {
  protected:
   void SetUp() override {
     InstallerFixture::SetUp();
-    BundleSpec weather{"com.zentrel.weather"};
-    weather.version = "500";
-    weather.groups = {"group.zentrel.weather"};
-    weatherBundle_ = writeBuiltInApplication(weather);
+    weatherBundle_ = writeBuiltInApplication({.identifier = "com.zentrel.weather",
+                                              .version = "500",
+                                              .groups = {"group.zentrel.weather"}});
     writeBuiltInApplication({"com.zentrel.clock"});
     reopenWithNewConfiguration();
+  }
+  bool updateProtection(bool withOption) {
+    return service_->CorvaneUpdateContainerDataProtectionForMigratorOnly(
+        withOption
+            ? CVDictionary{{std::string(platform::kCVUpdateSystemAppDataContainerDataProtection),
+                            CVValue(true)}}
+            : CVDictionary{});
   }
   std::string weatherBundle_;
 };
@@ -46,7 +49,7 @@ class BuiltInApplicationTest : public InstallerFixture {
 // that its container can go.
 TEST_F(BuiltInApplicationTest, ALegacyCopyGivesItsDataAndIsRefusedAsAlreadyInstalled) {
   EXPECT_TRUE(service_->isApplicationInstalled("com.zentrel.weather"));
-  EXPECT_EQ(entriesOf(dataContainers()), std::vector<std::string>{});
+  EXPECT_EQ(entriesOf(dataContainers()), kNothing);
   const auto weather = record("com.zentrel.weather");
   ASSERT_TRUE(weather && weather->groupContainerURLs);
   EXPECT_EQ(std::tuple(weather->bundleType, weather->bundleURL.path(), weather->foundBackingBundle,
@@ -61,8 +64,8 @@ TEST_F(BuiltInApplicationTest, ALegacyCopyGivesItsDataAndIsRefusedAsAlreadyInsta
       stageCustomerPackage("W1", {"com.zentrel.weather"}, false, {"Manifest.plist"});
   EXPECT_EQ(installCustomer(staging, "com.zentrel.weather").errorName(),
             "ApplicationAlreadyInstalled");
-  EXPECT_EQ(entriesOf(home("Applications/W1")), std::vector<std::string>{});
-  testing_support::TemporaryDirectory temporary;
+  EXPECT_EQ(entriesOf(home("Applications/W1")), kNothing);
+  TemporaryDirectory temporary;
   EXPECT_EQ(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.zentrel.clock"}),
                                "com.zentrel.clock")
                 .errorName(),
@@ -72,7 +75,7 @@ TEST_F(BuiltInApplicationTest, ALegacyCopyGivesItsDataAndIsRefusedAsAlreadyInsta
   EXPECT_EQ(after->bundleType, "System");
   EXPECT_EQ(after->dataContainerURL, weather->dataContainerURL);
   EXPECT_EQ(readFile(after->dataContainerURL.path() + "/Documents/cities.plist"), "Oslo");
-  EXPECT_EQ(entriesOf(bundleContainers()), std::vector<std::string>{});
+  EXPECT_EQ(entriesOf(bundleContainers()), kNothing);
   EXPECT_EQ(entriesOf(dataContainers()).size(), 1u);
 }
 
@@ -81,34 +84,25 @@ TEST_F(BuiltInApplicationTest, DataProtectionIsSetOnTheSystemDataContainersTheRe
   ASSERT_TRUE(installCustomer(stageCustomerPackage("U1", {"com.example.user"}), "com.example.user")
                   .succeeded);
   const auto user = record("com.example.user");
-
-  EXPECT_TRUE(service_->CorvaneUpdateContainerDataProtectionForMigratorOnly(CVDictionary{}));
+  EXPECT_TRUE(updateProtection(false));
   EXPECT_EQ(protectionClassOf(weather->dataContainerURL.path()), std::nullopt)
       << "without the option nothing is updated";
-
-  const CVDictionary options{
-      {std::string(platform::kCVUpdateSystemAppDataContainerDataProtection), CVValue(true)}};
-  EXPECT_TRUE(service_->CorvaneUpdateContainerDataProtectionForMigratorOnly(options));
+  EXPECT_TRUE(updateProtection(true));
   EXPECT_EQ(protectionClassOf(weather->dataContainerURL.path()),
             mavrel_installer::kSystemDataContainerProtectionClass);
   EXPECT_EQ(protectionClassOf(user->dataContainerURL.path()), std::nullopt);
   // The clock never needed a container, so none was made for the update.
   EXPECT_EQ(entriesOf(dataContainers()).size(), 2u);
-}
 
-TEST_F(BuiltInApplicationTest, DataProtectionFailsOnlyWhenTheRegistryCannotBeRead) {
-  record("com.zentrel.weather");
-  // Another connection takes the registry's tables away underneath the service.
+  // It fails only when the registry cannot be read: another connection takes
+  // the registry's tables away underneath the service.
   CVError error;
-  auto other = mavrel_installer::RegistryDatabase::open(
-      registryPath(), mavrel_installer::RegistryDatabase::Access::ReadWrite, &error);
-  ASSERT_TRUE(other) << error.description();
-  ASSERT_TRUE(other->execute("DROP TABLE application_groups; DROP TABLE applications;", &error))
+  ASSERT_TRUE(mavrel_installer::RegistryDatabase::open(
+                  registryPath(), mavrel_installer::RegistryDatabase::Access::ReadWrite, &error)
+                  ->execute("DROP TABLE application_groups; DROP TABLE applications;", &error))
       << error.description();
-  testing_support::CapturedLog log(platform::installerLog());
-  const CVDictionary options{
-      {std::string(platform::kCVUpdateSystemAppDataContainerDataProtection), CVValue(true)}};
-  EXPECT_FALSE(service_->CorvaneUpdateContainerDataProtectionForMigratorOnly(options));
+  CapturedLog log(platform::installerLog());
+  EXPECT_FALSE(updateProtection(true));
   EXPECT_TRUE(log.containsFragment("Could not read the application registry")) << log.dump();
 }
 

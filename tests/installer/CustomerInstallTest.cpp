@@ -1,30 +1,42 @@
 // Customer installs through the service's interface: where everything lands,
-// what the caller is told, group containers, and that a refused package is
-// given back intact.
+// what the caller is told, group containers, VPN plug-ins known under their own
+// identifiers, that a refused package is given back intact, and the install
+// asked for again after a crash.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
-#include <map>
 
 #include "installer/FaultInjection.h"
 #include "installer/GroupContainers.h"
-#include "installer/InstallErrors.h"
-#include "platform/PropertyList.h"
+#include "installer/RegistryDatabase.h"
 #include "shared/filemanager/CVErrors.h"
 #include "tests/installer/InstallerFixture.h"
 #include "tests/support/ChildProgram.h"
 #include "tests/support/LegacyImage.h"
-#include "tests/support/TestSupport.h"
 
 namespace installer_test {
 namespace {
 
-using namespace testing_support;
+// The plug-in stageCustomerPackage ships with "com.example.notes".
+constexpr const char* kPlugin = "com.example.notes.vpn";
+const std::vector<std::string> kSkeleton{"Documents", "Library", "tmp"};
 
-class CustomerInstallTest : public InstallerFixture {};
+class CustomerInstallTest : public InstallerFixture {
+ protected:
+  void installNotesWithPlugin() {
+    const InstallOutcome outcome =
+        installCustomer(stageCustomerPackage("C1", {"com.example.notes"}, /*withVPNPlugin=*/true),
+                        "com.example.notes");
+    ASSERT_TRUE(outcome.succeeded) << outcome.dump();
+  }
+  std::string bundleVersion(const std::string& identifier) {
+    const std::string info = record(identifier)->bundleURL.path() + "/Info.plist";
+    return *platform::readPropertyListDictionary(CVURL::fileURLWithPath(info, false), nullptr)
+                ->findString("QXBundleVersion");
+  }
+};
 
 // The tree the fault handler below makes immutable.
 std::string lockedTree;
@@ -35,10 +47,9 @@ CVURL groupURL(const platform::BundleRecord& record, const std::string& group) {
 }
 
 TEST_F(CustomerInstallTest, PutsBundlePluginAndMetadataInABundleContainerAndMakesTheDataContainer) {
-  const std::string staging = stageCustomerPackage(
-      "C1", {"com.example.notes"}, /*withVPNPlugin=*/true, {"Manifest.plist", "GeoJSON"});
+  const std::string staging =
+      stageCustomerPackage("C1", {"com.example.notes"}, true, {"Manifest.plist", "GeoJSON"});
   writeFile(staging + "/Unrelated.txt", "not installed");
-
   const InstallOutcome outcome = installCustomer(staging, "com.example.notes");
   ASSERT_TRUE(outcome.succeeded) << outcome.dump();
   EXPECT_EQ(outcome.progress.back().findNumber(platform::kProgressPercentCompleteKey)->int64Value(),
@@ -50,16 +61,14 @@ TEST_F(CustomerInstallTest, PutsBundlePluginAndMetadataInABundleContainerAndMake
   EXPECT_EQ(installed->bundleType, "User");
   EXPECT_TRUE(installed->foundBackingBundle);
   const std::string container = installed->bundleContainerURL.path();
-  EXPECT_EQ(CVURL::fileURLWithPath(container, true).URLByDeletingLastPathComponent().path(),
-            bundleContainers());
+  const std::string data = installed->dataContainerURL.path();
+  EXPECT_EQ(std::filesystem::path(container).parent_path().string(), bundleContainers());
+  EXPECT_EQ(std::filesystem::path(data).parent_path().string(), dataContainers());
   EXPECT_EQ(installed->bundleURL.path(), container + "/notes.app");
   EXPECT_EQ(entriesOf(container), (std::vector<std::string>{"GeoJSON", "Manifest.plist",
                                                             "notes.app", "notes.vpnplugin"}));
   EXPECT_EQ(readFile(container + "/notes.app/Main"), "#!binary com.example.notes");
-  const std::string data = installed->dataContainerURL.path();
-  EXPECT_EQ(CVURL::fileURLWithPath(data, true).URLByDeletingLastPathComponent().path(),
-            dataContainers());
-  EXPECT_EQ(entriesOf(data), (std::vector<std::string>{"Documents", "Library", "tmp"}));
+  EXPECT_EQ(entriesOf(data), kSkeleton);
   EXPECT_EQ(entriesOf(data + "/Library"), (std::vector<std::string>{"Caches", "Preferences"}));
   // A privileged installer gives what it installs to the owner of installed items.
   for (const std::string& item : {container + "/notes.app/Main", data + "/Library/Caches"}) {
@@ -67,95 +76,141 @@ TEST_F(CustomerInstallTest, PutsBundlePluginAndMetadataInABundleContainerAndMake
     ASSERT_EQ(::lstat(item.c_str(), &status), 0) << item;
     EXPECT_TRUE(::geteuid() != 0 || (status.st_uid == 501u && status.st_gid == 501u)) << item;
   }
-  // The staging directory was consumed whole, and nothing is left in flight
-  // once the service has closed.
-  EXPECT_EQ(entriesOf(home("Applications/C1")), std::vector<std::string>{});
+  // The staging directory was consumed whole.
+  EXPECT_EQ(entriesOf(home("Applications/C1")), kNothing);
   EXPECT_TRUE(service_->isApplicationInstalled("com.example.notes"));
   EXPECT_FALSE(service_->isApplicationInstalled("com.example.other"));
+  // The VPN plug-in has a record, in the application's bundle container, and
+  // a data container of its own; it is not an application.
+  const auto plugin = record(kPlugin);
+  ASSERT_TRUE(plugin);
+  EXPECT_EQ(plugin->bundleType, "VPNPlugin");
+  EXPECT_EQ(plugin->bundleURL.path(), container + "/notes.vpnplugin");
+  EXPECT_EQ(plugin->bundleContainerURL, installed->bundleContainerURL);
+  EXPECT_TRUE(plugin->foundBackingBundle);
+  EXPECT_TRUE(plugin->groupContainerURLs && plugin->groupContainerURLs->empty());
+  EXPECT_NE(plugin->dataContainerURL, installed->dataContainerURL);
+  EXPECT_EQ(entriesOf(plugin->dataContainerURL.path()), kSkeleton);
+  EXPECT_FALSE(service_->isApplicationInstalled(kPlugin));
+  // Nothing is left in flight once the service has closed.
   closeService();
-  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
+  EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
   reopen();
   EXPECT_EQ(record("com.example.notes")->dataContainerURL, installed->dataContainerURL);
+  EXPECT_EQ(record(kPlugin)->dataContainerURL, plugin->dataContainerURL);
+  EXPECT_EQ(entriesOf(dataContainers()).size(), 2u);
+}
+
+// A legacy package holding a plug-in alone: consumed when it is the known
+// plug-in (the installed copy stays), refused and kept otherwise.
+TEST_F(CustomerInstallTest, APackageHoldingAVPNPluginAlone) {
+  installNotesWithPlugin();
+  const std::string installedBundle = record(kPlugin)->bundleURL.path();
+  // (container, identifier in the bundle, identifier asked for, error or "")
+  const std::vector<std::tuple<std::string, std::string, std::string, std::string>> cases = {
+      {"V1", kPlugin, kPlugin, ""},
+      {"V2", "com.example.unknown.vpn", "com.example.unknown.vpn", "UnexpectedPayloadContents"},
+      {"V3", "com.example.other.vpn", kPlugin, "BundleIdentifierMismatch"},
+  };
+  for (const auto& [container, identifier, asked, error] : cases) {
+    const std::string staging = home("Applications/" + container + "/Staging");
+    writeBundle(staging + "/Payload/notes.vpnplugin", {.identifier = identifier, .executable = ""});
+    writeFile(staging + "/Payload/notes.vpnplugin/Marker", "legacy copy");
+    const InstallOutcome outcome = installCustomer(staging, asked);
+    EXPECT_EQ(outcome.errorName(), error) << outcome.dump();
+    EXPECT_EQ(pathExists(staging + "/Payload/notes.vpnplugin/Marker"), !error.empty());
+  }
+  EXPECT_EQ(record(kPlugin)->bundleURL.path(), installedBundle);
+  EXPECT_FALSE(pathExists(installedBundle + "/Marker"));
+  EXPECT_FALSE(record("com.example.unknown.vpn"));
+  EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
+}
+
+TEST_F(CustomerInstallTest, AVPNPluginIsForgottenByANewVersionWithoutItAndByAnOlderRegistry) {
+  installNotesWithPlugin();
+  ASSERT_TRUE(installCustomer(
+                  stageCustomerPackage("C2", {.identifier = "com.example.notes", .version = "2"}),
+                  "com.example.notes")
+                  .succeeded);
+  EXPECT_FALSE(record(kPlugin));
+  installNotesWithPlugin();
+  closeService();
+  CVError error;
+  ASSERT_TRUE(mavrel_installer::RegistryDatabase::open(
+                  registryPath(), mavrel_installer::RegistryDatabase::Access::ReadWrite, &error)
+                  ->execute("DROP TABLE plugins; PRAGMA user_version = 1", &error))
+      << error.description();
+  openService();
+  ASSERT_TRUE(record("com.example.notes"));
+  EXPECT_FALSE(record(kPlugin));  // not known until its application is installed again
+  installNotesWithPlugin();
+  EXPECT_TRUE(record(kPlugin));
 }
 
 TEST_F(CustomerInstallTest, RefusedPackagesAreReportedByNameAndGivenBackIntact) {
-  const auto stage = [this](const std::string& container, BundleSpec bundle,
-                            const std::function<void(const std::string&)>& change = {}) {
-    return [this, container, bundle, change] {
-      const std::string staging = stageCustomerPackage(container, bundle);
-      if (change) change(staging);
-      return staging;
-    };
-  };
   BundleSpec crowded{"com.example.crowded"};
   for (std::size_t index = 0; index <= mavrel_installer::kMaximumApplicationGroups; ++index)
     crowded.groups.push_back("group.example." + std::to_string(index));
-  struct Case {
-    std::string name;
-    std::function<std::string()> stage;  // returns the staging directory
-    std::string identifier;
-    std::string expectedError;
+  using Change = std::function<void(const std::string& staging)>;
+  const auto link = [](std::string target, std::string at) -> Change {
+    return [=](const std::string& staging) {
+      makeDirectories(std::filesystem::path(staging + "/" + at).parent_path());
+      makeSymlink(target, staging + "/" + at);
+    };
   };
-  const std::vector<Case> cases = {
-      {"identifier mismatch", stage("M1", {"com.example.real"}), "com.example.asked",
-       "BundleIdentifierMismatch"},
-      {"blacklisted", stage("M3", {"com.zentrel.Orvos6Updater"}), "com.zentrel.Orvos6Updater",
-       "ApplicationBlacklisted"},
-      {"unreadable Info.plist",
-       stage("M4", {"com.example.broken"},
-             [](const std::string& staging) {
-               writeFile(staging + "/Payload/broken.app/Info.plist", "not a property list");
-             }),
-       "com.example.broken", "InfoPlistUnreadable"},
-      {"executable is a directory",
-       stage("M5", {"com.example.direxec"},
-             [](const std::string& s) {
-               std::filesystem::remove(s + "/Payload/direxec.app/Main");
-               makeDirectories(s + "/Payload/direxec.app/Main");
-             }),
-       "com.example.direxec", "MissingBundleExecutable"},
-      {"two applications",
-       stage("M6", {"com.example.one"},
-             [](const std::string& staging) {
-               writeBundle(staging + "/Payload/two.app", {"com.example.two"});
-             }),
-       "com.example.one", "UnexpectedPayloadContents"},
-      {"no payload",
-       [this] {
-         writeFile(home("Applications/M8/Staging/Manifest.plist"), "x");
-         return home("Applications/M8/Staging");
+  // (the package staged, unless the identifier is empty; a change in the
+  // staging directory; the error; the identifier asked for when not the package's)
+  const std::vector<std::tuple<BundleSpec, Change, std::string, std::string>> cases = {
+      {{"com.example.real"}, {}, "BundleIdentifierMismatch", "com.example.asked"},
+      {{"com.zentrel.Orvos6Updater"}, {}, "ApplicationBlacklisted", ""},
+      {{"com.example.broken"},
+       [](const std::string& s) { writeFile(s + "/Payload/broken.app/Info.plist", "x"); },
+       "InfoPlistUnreadable",
+       ""},
+      {{"com.example.direxec"},
+       [](const std::string& s) {
+         std::filesystem::remove(s + "/Payload/direxec.app/Main");
+         makeDirectories(s + "/Payload/direxec.app/Main");
        },
-       "com.example.none", "MissingPayload"},
-      {"link out of the bundle",
-       stage("M9", {"com.example.escape"},
-             [](const std::string& s) {
-               makeSymlink("/etc/passwd", s + "/Payload/escape.app/Secrets");
-             }),
-       "com.example.escape", "InvalidSymlink"},
-      {"link out of a metadata item",
-       stage("M10", {"com.example.art"},
-             [](const std::string& s) {
-               makeDirectories(s + "/SorvikArtwork");
-               makeSymlink("../../../../../../../../../etc", s + "/SorvikArtwork/up");
-             }),
-       "com.example.art", "InvalidSymlink"},
-      {"more groups than any application has", stage("M11", crowded), "com.example.crowded",
-       "TooManyApplicationGroups"},
+       "MissingBundleExecutable",
+       ""},
+      {{"com.example.one"},
+       [](const std::string& s) { writeBundle(s + "/Payload/two.app", {"com.example.two"}); },
+       "UnexpectedPayloadContents",
+       ""},
+      {{},
+       [](const std::string& s) { writeFile(s + "/Manifest.plist", "x"); },
+       "MissingPayload",
+       "com.example.none"},
+      {{"com.example.escape"},
+       link("/etc/passwd", "Payload/escape.app/Secrets"),
+       "InvalidSymlink",
+       ""},
+      {{"com.example.art"},
+       link("../../../../../../../../../etc", "SorvikArtwork/up"),
+       "InvalidSymlink",
+       ""},
+      {crowded, {}, "TooManyApplicationGroups", ""},
   };
-  for (const Case& each : cases) {
-    SCOPED_TRACE(each.name);
-    const std::string staging = each.stage();
-    TreeDescription how;
-    how.times = false;  // the installer takes the package while it checks it
-    how.ownersAndAttributes = false;
-    how.relativeKeys = true;
+  TreeDescription how;
+  how.times = false;  // the installer takes the package while it checks it
+  how.ownersAndAttributes = false;
+  how.relativeKeys = true;
+  int container = 0;
+  for (const auto& [bundle, change, expectedError, asked] : cases) {
+    SCOPED_TRACE(expectedError);
+    const std::string identifier = asked.empty() ? bundle.identifier : asked;
+    const std::string name = "M" + std::to_string(++container);
+    const std::string staging = home("Applications/" + name + "/Staging");
+    if (!bundle.identifier.empty()) stageCustomerPackage(name, bundle);
+    if (change) change(staging);
     const auto before = describeTree(staging, how);
-    CVDictionary options = customerOptions(each.identifier);
-    if (each.identifier == "com.zentrel.Orvos6Updater")
+    CVDictionary options = customerOptions(identifier);
+    if (expectedError == "ApplicationBlacklisted")
       options.set(std::string(platform::kSkipBlacklistOptionKey), CVValue(false));
     const InstallOutcome outcome = install(staging, options);
     EXPECT_FALSE(outcome.succeeded);
-    EXPECT_EQ(outcome.errorName(), each.expectedError) << outcome.dump();
+    EXPECT_EQ(outcome.errorName(), expectedError) << outcome.dump();
     const CVDictionary& failure = outcome.progress.back();
     EXPECT_NE(failure.findString(platform::kProgressErrorDescriptionKey), nullptr);
     ASSERT_NE(failure.findString(platform::kProgressErrorDetailKey), nullptr);
@@ -164,22 +219,22 @@ TEST_F(CustomerInstallTest, RefusedPackagesAreReportedByNameAndGivenBackIntact) 
     EXPECT_GT(outcome.error.code(), 0);
     // The state before: the package back where it was, nothing registered or made.
     EXPECT_EQ(describeTree(staging, how), before);
-    EXPECT_FALSE(service_->isApplicationInstalled(each.identifier));
-    EXPECT_EQ(entriesOf(bundleContainers()), std::vector<std::string>{});
-    EXPECT_EQ(entriesOf(dataContainers()), std::vector<std::string>{});
-    EXPECT_EQ(entriesOf(groupContainers()), std::vector<std::string>{});
-    EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
+    EXPECT_FALSE(service_->isApplicationInstalled(identifier));
+    for (const std::string& place :
+         {bundleContainers(), dataContainers(), groupContainers(), stagingRoot()})
+      EXPECT_EQ(entriesOf(place), kNothing) << place;
   }
 }
 
 TEST_F(CustomerInstallTest, OptionsDecideWhatIsCheckedAndOnlyPackagesInTheImageAreTaken) {
   // Without "VerifyForMigrator" a bundle without executable is installed;
   // "SkipBlacklist" lets a blacklisted identifier through.
-  BundleSpec noExecutable{"com.example.plain"};
-  noExecutable.executable.clear();
   CVDictionary options = customerOptions("com.example.plain");
   options.remove(platform::kVerifyForMigratorOptionKey);
-  EXPECT_TRUE(install(stageCustomerPackage("O1", noExecutable), options).succeeded);
+  EXPECT_TRUE(
+      install(stageCustomerPackage("O1", {.identifier = "com.example.plain", .executable = ""}),
+              options)
+          .succeeded);
   EXPECT_TRUE(installCustomer(stageCustomerPackage("O2", {"com.zentrel.Orvos6Updater"}),
                               "com.zentrel.Orvos6Updater")
                   .succeeded);
@@ -193,17 +248,17 @@ TEST_F(CustomerInstallTest, OptionsDecideWhatIsCheckedAndOnlyPackagesInTheImageA
   writeBundle(outside / "Staging/Payload/out.app", {"com.example.out"});
   makeDirectories(home("Applications/L1"));
   makeSymlink(outside / "Staging", home("Applications/L1/Staging"));
+  const CVDictionary out = customerOptions("com.example.out");
   const std::vector<std::tuple<std::string, CVDictionary, std::string>> cases = {
       {staging, noIdentifier, "InvalidInstallOptions"},
       {staging, badType, "InvalidInstallOptions"},
-      {outside / "Staging", customerOptions("com.example.out"), "InvalidInstallSource"},
+      {outside / "Staging", out, "InvalidInstallSource"},
       // A link inside the image that leads out is judged by where it leads.
-      {home("Applications/L1/Staging"), customerOptions("com.example.out"), "InvalidInstallSource"},
+      {home("Applications/L1/Staging"), out, "InvalidInstallSource"},
       // The installer's own places are not packages.
-      {root(), customerOptions("com.example.out"), "InvalidInstallSource"},
-      {bundleContainers(), customerOptions("com.example.out"), "InvalidInstallSource"},
-      {home("Applications/Missing/Staging"), customerOptions("com.example.out"),
-       "InvalidInstallSource"},
+      {root(), out, "InvalidInstallSource"},
+      {bundleContainers(), out, "InvalidInstallSource"},
+      {home("Applications/Missing/Staging"), out, "InvalidInstallSource"},
   };
   for (const auto& [path, caseOptions, expected] : cases)
     EXPECT_EQ(install(path, caseOptions).errorName(), expected) << path;
@@ -214,13 +269,15 @@ TEST_F(CustomerInstallTest, OptionsDecideWhatIsCheckedAndOnlyPackagesInTheImageA
 // A new version replaces the bundle and keeps the data container; members of
 // a group share one container, and one that leaves it leaves the data behind.
 TEST_F(CustomerInstallTest, ANewVersionReplacesTheBundleAndKeepsTheDataAndTheGroups) {
-  BundleSpec mail{"com.example.mail"};
-  mail.groups = {"group.example.shared", "group.example.mail"};
-  BundleSpec calendar{"com.example.calendar"};
-  calendar.groups = {"group.example.shared"};
-  ASSERT_TRUE(installCustomer(stageCustomerPackage("G1", mail), "com.example.mail").succeeded);
-  ASSERT_TRUE(
-      installCustomer(stageCustomerPackage("G2", calendar), "com.example.calendar").succeeded);
+  ASSERT_TRUE(installCustomer(stageCustomerPackage(
+                                  "G1", {.identifier = "com.example.mail",
+                                         .groups = {"group.example.shared", "group.example.mail"}}),
+                              "com.example.mail")
+                  .succeeded);
+  ASSERT_TRUE(installCustomer(stageCustomerPackage("G2", {.identifier = "com.example.calendar",
+                                                          .groups = {"group.example.shared"}}),
+                              "com.example.calendar")
+                  .succeeded);
   const auto before = record("com.example.calendar");
   ASSERT_TRUE(before && before->groupContainerURLs);
   EXPECT_EQ(record("com.example.mail")->groupContainerURLs->keys(),
@@ -232,19 +289,16 @@ TEST_F(CustomerInstallTest, ANewVersionReplacesTheBundleAndKeepsTheDataAndTheGro
   writeFile(before->dataContainerURL.path() + "/Documents/save.dat", "level 7");
   writeFile(shared.path() + "/shared.txt", "kept");
 
-  BundleSpec next{"com.example.calendar"};
-  next.version = "11";
-  ASSERT_TRUE(installCustomer(stageCustomerPackage("G3", next), "com.example.calendar").succeeded);
+  ASSERT_TRUE(installCustomer(stageCustomerPackage(
+                                  "G3", {.identifier = "com.example.calendar", .version = "11"}),
+                              "com.example.calendar")
+                  .succeeded);
   const auto after = record("com.example.calendar");
-  ASSERT_TRUE(after);
   EXPECT_EQ(after->dataContainerURL, before->dataContainerURL);
   EXPECT_EQ(readFile(after->dataContainerURL.path() + "/Documents/save.dat"), "level 7");
   EXPECT_FALSE(pathExists(before->bundleContainerURL.path()));
   EXPECT_EQ(entriesOf(bundleContainers()).size(), 2u);
-  EXPECT_EQ(*platform::readPropertyListDictionary(
-                 CVURL::fileURLWithPath(after->bundleURL.path() + "/Info.plist", false), nullptr)
-                 ->findString("QXBundleVersion"),
-            "11");
+  EXPECT_EQ(bundleVersion("com.example.calendar"), "11");
   EXPECT_TRUE(after->groupContainerURLs->empty());
   EXPECT_EQ(readFile(shared.path() + "/shared.txt"), "kept");
   EXPECT_EQ(groupURL(*record("com.example.mail"), "group.example.shared"), shared);
@@ -277,7 +331,6 @@ TEST_F(CustomerInstallTest, StepsThatFailAfterRegistrationAreDoneAtTheNextOpenin
   mavrel_installer::setFailureHandler(previous);
   ASSERT_TRUE(outcome.succeeded) << outcome.dump();
   const auto installed = record("com.example.game");
-  ASSERT_TRUE(installed);
   const std::string container = installed->bundleContainerURL.path();
   EXPECT_TRUE(pathExists(container + "/Leftover"));
   // The journal kept the removals: the next opening performs them.
@@ -288,28 +341,80 @@ TEST_F(CustomerInstallTest, StepsThatFailAfterRegistrationAreDoneAtTheNextOpenin
 
   // A step that puts the install in place fails after registration: the
   // caller is told, and the next opening finishes the install.
-  BundleSpec next{"com.example.game"};
-  next.version = "2";
-  const std::string nextStaging = stageCustomerPackage("Game2", next);
+  const std::string next =
+      stageCustomerPackage("Game2", {.identifier = "com.example.game", .version = "2"});
   lockedTree = stagingRoot();
   if (runProgram("chattr", {"+i", lockedTree}).exitCode != 0) GTEST_SKIP() << "no chattr +i here";
   runProgram("chattr", {"-i", lockedTree});
   const auto faults = mavrel_installer::setFaultHandler([](std::string_view point) {
     if (point == "registration committed") runProgram("chattr", {"-R", "+i", lockedTree});
   });
-  const InstallOutcome unfinished = installCustomer(nextStaging, "com.example.game");
+  const InstallOutcome unfinished = installCustomer(next, "com.example.game");
   mavrel_installer::setFaultHandler(faults);
   runProgram("chattr", {"-R", "-i", lockedTree});
   EXPECT_EQ(unfinished.errorName(), "InstallFinishFailed") << unfinished.dump();
   reopen();
-  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
-  const auto finished = record("com.example.game");
-  ASSERT_TRUE(finished);
-  EXPECT_EQ(finished->dataContainerURL, installed->dataContainerURL);
-  EXPECT_EQ(*platform::readPropertyListDictionary(
-                 CVURL::fileURLWithPath(finished->bundleURL.path() + "/Info.plist", false), nullptr)
-                 ->findString("QXBundleVersion"),
-            "2");
+  EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
+  EXPECT_EQ(record("com.example.game")->dataContainerURL, installed->dataContainerURL);
+  EXPECT_EQ(bundleVersion("com.example.game"), "2");
+}
+
+// The install asked for again with an empty "Payload" after a crash between
+// a completed install and the caller's next step: what was done is answered
+// as before, anything else is refused and left alone.
+TEST_F(CustomerInstallTest, AnEmptyPayloadGetsTheAnswerOfTheCompletedInstallOrIsRefused) {
+  writeBuiltInApplication({"com.zentrel.weather"});
+  reopenWithNewConfiguration();
+  ASSERT_TRUE(installCustomer(stageCustomerPackage("R1", {"com.example.todo"}), "com.example.todo")
+                  .succeeded);
+  ASSERT_TRUE(
+      installCustomer(stageCustomerPackage("R2", {"com.example.notes"}, true), "com.example.notes")
+          .succeeded);
+  TemporaryDirectory temporary;
+  ASSERT_TRUE(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.example.held"}),
+                                 "com.example.held")
+                  .succeeded);
+  // The legacy copy of a built-in is refused and its staging directory consumed.
+  EXPECT_EQ(
+      installCustomer(stageCustomerPackage("W1", {"com.zentrel.weather"}), "com.zentrel.weather")
+          .errorName(),
+      "ApplicationAlreadyInstalled");
+  const auto todo = record("com.example.todo");
+  const auto plugin = record("com.example.notes.vpn");
+  reopen();  // the crash
+  // (container, identifier, error or "" when it succeeds)
+  const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+      {"R1", "com.example.todo", ""},
+      {"R2", "com.example.notes.vpn", ""},
+      {"W1", "com.zentrel.weather", "ApplicationAlreadyInstalled"},
+      {"R3", "com.example.todo", "EmptyPayload"},         // another staging directory
+      {"R2", "com.example.other", "EmptyPayload"},        // another identifier
+      {"R4", "com.example.held", "EmptyPayload"},         // only held by a placeholder
+      {"R5", "com.example.never", "EmptyPayload"},        // never installed
+      {"R6", "com.example.unknown.vpn", "EmptyPayload"},  // a plug-in nobody installed
+  };
+  for (const auto& [container, identifier, error] : cases) {
+    SCOPED_TRACE(container + " " + identifier);
+    const std::string staging = home("Applications/" + container + "/Staging");
+    makeDirectories(staging + "/Payload");
+    const InstallOutcome outcome = installCustomer(staging, identifier);
+    EXPECT_EQ(outcome.errorName(), error) << outcome.dump();
+    if (error == "EmptyPayload") {
+      EXPECT_TRUE(pathExists(staging + "/Payload"));
+      std::filesystem::remove_all(staging);
+    } else {
+      EXPECT_EQ(entriesOf(home("Applications/" + container)), kNothing);
+    }
+    if (error.empty()) {
+      EXPECT_EQ(*outcome.progress.back().findString(platform::kProgressStatusKey),
+                "InstallComplete");
+    }
+  }
+  EXPECT_EQ(record("com.example.todo")->bundleContainerURL, todo->bundleContainerURL);
+  EXPECT_TRUE(record("com.example.todo")->foundBackingBundle);
+  EXPECT_EQ(record("com.example.notes.vpn")->bundleURL, plugin->bundleURL);
+  EXPECT_TRUE(pathExists(plugin->bundleURL.path() + "/Info.plist"));
+  EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
 }
 
 }  // namespace

@@ -1,11 +1,8 @@
 // The install journal's steps and the recovery that replays them.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "installer/InstallJournal.h"
 #include "tests/installer/InstallerFixture.h"
-#include "tests/support/TestSupport.h"
 
 namespace installer_test {
 namespace {
@@ -15,7 +12,6 @@ using mavrel_installer::JournalPurpose;
 using mavrel_installer::JournalStep;
 using mavrel_installer::RegistryDatabase;
 using mavrel_installer::RegistryStore;
-using namespace testing_support;
 
 JournalStep rename(std::string source, std::string target) {
   return {JournalStep::Action::Rename, std::move(source), std::move(target)};
@@ -90,12 +86,15 @@ TEST_F(InstallJournalTest, RecoveryReplaysEntriesKeepsWhatFailsAndSweepsTheRest)
   {
     mavrel_installer::WriteTransaction transaction(store->database());
     ASSERT_TRUE(transaction.begin(&error));
-    const std::vector<JournalStep> undo{rename(staging + "/UNDO", "home/Applications/A/Staging")};
-    const std::vector<JournalStep> finish{rename(staging + "/FINISH", "containers/B")};
-    const std::vector<JournalStep> stuck{rename(staging + "/STUCK", "home/Applications/C/Staging")};
-    ASSERT_TRUE(store->addJournal("a", JournalPurpose::Restore, undo, &error));
-    ASSERT_TRUE(store->addJournal("b", JournalPurpose::Finish, finish, &error));
-    ASSERT_TRUE(store->addJournal("c", JournalPurpose::Restore, stuck, &error));
+    ASSERT_TRUE(store->addJournal(
+        "a", JournalPurpose::Restore,
+        std::vector{rename(staging + "/UNDO", "home/Applications/A/Staging")}, &error));
+    ASSERT_TRUE(store->addJournal("b", JournalPurpose::Finish,
+                                  std::vector{rename(staging + "/FINISH", "containers/B")},
+                                  &error));
+    ASSERT_TRUE(store->addJournal(
+        "c", JournalPurpose::Restore,
+        std::vector{rename(staging + "/STUCK", "home/Applications/C/Staging")}, &error));
     ASSERT_TRUE(transaction.commit(&error)) << error.description();
   }
   makeDirectories(path("home/Applications/A"));
@@ -104,10 +103,8 @@ TEST_F(InstallJournalTest, RecoveryReplaysEntriesKeepsWhatFailsAndSweepsTheRest)
   ASSERT_TRUE(
       mavrel_installer::recoverPendingInstalls(*store, layout_, path(staging), &report, &error))
       << error.description();
-  EXPECT_EQ(report.restored, 1u);
-  EXPECT_EQ(report.finished, 1u);
-  EXPECT_EQ(report.failed, 1u);
-  EXPECT_EQ(report.swept, 1u);
+  EXPECT_EQ(std::tuple(report.restored, report.finished, report.failed, report.swept),
+            std::tuple(1u, 1u, 1u, 1u));
   EXPECT_EQ(readFile(path("home/Applications/A/Staging/Payload/a.app/Info.plist")), "a");
   EXPECT_EQ(readFile(path("containers/B/b.app/Info.plist")), "b");
   // The stuck install keeps its entry and the only copy of its bundle.

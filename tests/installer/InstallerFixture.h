@@ -4,16 +4,24 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "installer/EmbeddedInstallerService.h"
+#include "platform/Bundle.h"
+#include "platform/InstallOptions.h"
+#include "platform/PropertyList.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "tests/support/DeviceImage.h"
+#include "tests/support/TestSupport.h"
 
 namespace installer_test {
+
+using namespace testing_support;
 
 // Tests open and close many services: none of them flushes the file system.
 inline const mavrel_installer::InstallerServiceOptions kNoFlush{.flushOnClose = false,
@@ -26,52 +34,102 @@ struct InstallOutcome {
   std::vector<CVDictionary> progress;
 
   // The "Error" of the failure's progress dictionary, or "".
-  std::string errorName() const;
-  std::string dump() const;
+  std::string errorName() const {
+    for (const CVDictionary& each : progress)
+      if (const std::string* name = each.findString(platform::kProgressErrorKey)) return *name;
+    return {};
+  }
+  std::string dump() const {
+    std::string text = "error: " + error.description() + "\nprogress:";
+    for (const CVDictionary& each : progress)
+      text += "\n  " + each.description();
+    return text;
+  }
 };
 
-// How to build a bundle.
 struct BundleSpec {
   std::string identifier;
   std::string version = "1";
-  std::string shortVersion = "1.0";
   std::string executable = "Main";       // named in Info.plist and written, unless empty
   std::vector<std::string> groups = {};  // written into Entitlements.plist, unless empty
 };
 
-CVDictionary customerOptions(const std::string& identifier);
-CVDictionary placeholderOptions(const std::string& identifier,
-                                const std::optional<CVData>& metadata = std::nullopt);
+inline CVDictionary customerOptions(const std::string& identifier) {
+  return platform::migrationCustomerInstallOptions(identifier);
+}
+inline CVDictionary placeholderOptions(const std::string& identifier,
+                                       const std::optional<CVData>& metadata = std::nullopt) {
+  return platform::migrationPlaceholderInstallOptions(identifier, metadata);
+}
 
-// Writes a property list without flushing it.
-void writePlist(const std::string& path, const CVValue& value);
+// Plain writes: test images need no durability, and some tests write many.
+inline void writePlist(const std::string& path, const CVValue& value) {
+  writeFile(path, platform::encodeXMLPropertyList(value));
+}
 
 // Writes a bundle at `path`: "Info.plist", its executable, "Entitlements.plist".
-void writeBundle(const std::string& path, const BundleSpec& spec);
+inline void writeBundle(const std::string& path, const BundleSpec& spec) {
+  CVDictionary info{{std::string(platform::kBundleIdentifierKey), spec.identifier},
+                    {std::string(platform::kBundleVersionKey), spec.version}};
+  if (!spec.executable.empty()) {
+    info.set(std::string(platform::kBundleExecutableKey), CVValue(spec.executable));
+    writeFile(path + "/" + spec.executable, "#!binary " + spec.identifier, 0755);
+  }
+  writePlist(path + "/Info.plist", CVValue(info));
+  CVArray groups;
+  for (const std::string& group : spec.groups)
+    groups.append(CVValue(group));
+  if (!groups.empty())
+    writePlist(path + "/Entitlements.plist",
+               CVValue(CVDictionary{{"application-groups", CVValue(std::move(groups))}}));
+}
 
 // The names in a directory, sorted; empty when it does not exist.
-std::vector<std::string> entriesOf(const std::string& directory);
+inline std::vector<std::string> entriesOf(const std::string& directory) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
+    names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+inline const std::vector<std::string> kNothing;
 
 class InstallerFixture : public ::testing::Test {
  protected:
-  void SetUp() override;
-
+  void SetUp() override {
+    root_ = std::filesystem::canonical(image_.rootPath()).string();
+    reopenWithNewConfiguration();
+  }
   // Opens the service; fails the test when it cannot be opened.
-  void openService();
+  void openService() {
+    CVError error;
+    service_ = mavrel_installer::EmbeddedInstallerService::open(*configuration_, &error, options_);
+    ASSERT_TRUE(service_) << error.description();
+  }
   void closeService() { service_.reset(); }
   void reopen() {
     closeService();
     openService();
   }
-  // Reopens over a new configuration, which scans the image's built-in
-  // applications anew.
-  void reopenWithNewConfiguration();
+  // Reopens over a new configuration, which scans the built-in applications anew.
+  void reopenWithNewConfiguration() {
+    closeService();
+    configuration_ = std::make_unique<CVGlobalConfiguration>(image_.root());
+    openService();
+  }
   // Writes a built-in application "<root>/Applications/<name>.app".
-  std::string writeBuiltInApplication(const BundleSpec& spec);
+  std::string writeBuiltInApplication(const BundleSpec& spec) {
+    const std::string bundle = root_ + "/Applications/" + nameOf(spec) + ".app";
+    writeBundle(bundle, spec);
+    return bundle;
+  }
 
   // The resolved root and home (the service reports resolved paths).
   const std::string& root() const { return root_; }
-  std::string home(std::string_view relative = "") const;
+  std::string home(const std::string& relative) const {
+    return root_ + "/private/var/mobile/" + relative;
+  }
   std::string bundleContainers() const { return root_ + "/private/var/containers/Bundle"; }
   std::string dataContainers() const { return home("Containers/Data"); }
   std::string groupContainers() const { return home("Containers/Shared"); }
@@ -80,16 +138,34 @@ class InstallerFixture : public ::testing::Test {
   }
   std::string registryPath() const { return home("Library/Corvane/ApplicationRegistry.sqlite"); }
 
-  // A legacy container "<home>/Applications/<name>" holding a customer
+  // A legacy container "<home>/Applications/<container>" holding a customer
   // package in "Staging" (Payload/<App>.app, optional VPN plug-in and store
   // metadata items); returns the staging directory.
   std::string stageCustomerPackage(const std::string& container, const BundleSpec& spec,
                                    bool withVPNPlugin = false,
-                                   const std::vector<std::string>& metadataItems = {});
+                                   const std::vector<std::string>& metadataItems = {}) {
+    const std::string staging = home("Applications/" + container + "/Staging");
+    writeBundle(staging + "/Payload/" + nameOf(spec) + ".app", spec);
+    if (withVPNPlugin)
+      writeBundle(staging + "/Payload/" + nameOf(spec) + ".vpnplugin",
+                  {.identifier = spec.identifier + ".vpn", .executable = ""});
+    for (const std::string& item : metadataItems)
+      writeFile(staging + "/" + item, "metadata " + item + " of " + spec.identifier);
+    return staging;
+  }
   // A placeholder package "<directory>/<identifier>.app".
-  std::string makePlaceholderPackage(const std::string& directory, const BundleSpec& spec);
+  std::string makePlaceholderPackage(const std::string& directory, const BundleSpec& spec) {
+    writeBundle(directory + "/" + spec.identifier + ".app", spec);
+    return directory + "/" + spec.identifier + ".app";
+  }
 
-  InstallOutcome install(const std::string& path, const CVDictionary& options);
+  InstallOutcome install(const std::string& path, const CVDictionary& options) {
+    InstallOutcome outcome;
+    outcome.succeeded = service_->installApplication(
+        CVURL::fileURLWithPath(path, true), options, &outcome.error,
+        [&outcome](const CVDictionary& progress) { outcome.progress.push_back(progress); });
+    return outcome;
+  }
   InstallOutcome installCustomer(const std::string& staging, const std::string& identifier) {
     return install(staging, customerOptions(identifier));
   }
@@ -100,8 +176,11 @@ class InstallerFixture : public ::testing::Test {
   std::optional<platform::BundleRecord> record(const std::string& identifier) {
     return service_->bundleRecordForIdentifier(identifier);
   }
+  static std::string nameOf(const BundleSpec& spec) {
+    return spec.identifier.substr(spec.identifier.find_last_of('.') + 1);
+  }
 
-  testing_support::DeviceImage image_;
+  DeviceImage image_;
   mavrel_installer::InstallerServiceOptions options_ = kNoFlush;  // of the next opening
   std::unique_ptr<CVGlobalConfiguration> configuration_;
   std::unique_ptr<mavrel_installer::EmbeddedInstallerService> service_;

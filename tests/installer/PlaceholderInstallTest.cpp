@@ -2,16 +2,13 @@
 // data container, and a customer install taking its place later.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/installer/InstallerFixture.h"
-#include "tests/support/TestSupport.h"
 
 namespace installer_test {
 namespace {
 
-using namespace testing_support;
+const std::vector<std::string> kSkeleton{"Documents", "Library", "tmp"};
 
 class PlaceholderInstallTest : public InstallerFixture {
  protected:
@@ -21,12 +18,10 @@ class PlaceholderInstallTest : public InstallerFixture {
 };
 
 TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
-  BundleSpec spec{"com.example.maps"};
-  spec.executable.clear();
-  const std::string package = makePlaceholderPackage(temporary_.path(), spec);
+  const std::string package = makePlaceholderPackage(
+      temporary_.path(), {.identifier = "com.example.maps", .executable = ""});
   writeFile(package + "/Icon.png", "png bytes");
   const CVData metadata{'<', 'p', 'l', 'i', 's', 't', 0x00, 0xFF};
-
   const InstallOutcome outcome = installPlaceholder(package, "com.example.maps", metadata);
   ASSERT_TRUE(outcome.succeeded) << outcome.dump();
 
@@ -43,21 +38,20 @@ TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
   EXPECT_EQ(CVData(stored.begin(), stored.end()), metadata);
   // Bare until the user data has come in; completed when the session ends.
   const std::string data = placeholder->dataContainerURL.path();
-  EXPECT_EQ(entriesOf(data), std::vector<std::string>{});
+  EXPECT_EQ(entriesOf(data), kNothing);
   reopen();
-  EXPECT_EQ(entriesOf(data), (std::vector<std::string>{"Documents", "Library", "tmp"}));
+  EXPECT_EQ(entriesOf(data), kSkeleton);
   EXPECT_EQ(entriesOf(data + "/Library"), (std::vector<std::string>{"Caches", "Preferences"}));
 
   // The caller's package is only read: it stays, unmarked.
   EXPECT_TRUE(pathExists(package + "/Info.plist"));
   EXPECT_FALSE(CVFileManager::defaultManager().bundleAtURLIsPlaceholder(
       CVURL::fileURLWithPath(package, true)));
-  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
+  EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
 
   // Installed again, a placeholder replaces the placeholder and keeps the data.
   ASSERT_TRUE(installPlaceholder(package, "com.example.maps").succeeded);
-  const auto again = record("com.example.maps");
-  EXPECT_EQ(again->dataContainerURL, placeholder->dataContainerURL);
+  EXPECT_EQ(record("com.example.maps")->dataContainerURL, placeholder->dataContainerURL);
   EXPECT_FALSE(pathExists(container));
 }
 
@@ -67,44 +61,32 @@ TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
 // or the session ends without a replacement.
 TEST_F(PlaceholderInstallTest, TakesPackagesFromTheTemporaryDirectoryAndCompletesTheDataLater) {
   const std::string temporary = root() + "/private/var/tmp/mavrel";
-  std::filesystem::create_directories(temporary);
+  makeDirectories(temporary);
   options_.temporaryDirectory = temporary;
   reopen();
   struct Case {
-    const char* identifier;
-    const char* packageIdentifier;          // what the package's Info.plist says
+    std::string identifier;
     std::vector<std::string> userData;      // made in the data container before the end
     bool replaced;                          // by a customer install, else by reopening
     std::vector<std::string> libraryAfter;  // entries of "Library" at the end
   };
   const Case cases[] = {
-      {"com.example.one", "com.example.one", {}, false, {"Caches", "Preferences"}},
-      {"com.example.two", "com.example.two", {"Library/Cookies"}, true, {"Cookies"}},
-      {"com.example.three",
-       "com.example.three",
-       {"Documents/a.txt"},
-       false,
-       {"Caches", "Preferences"}},
-      {"com.example.four", "com.example.other", {}, false, {}},
+      {"com.example.one", {}, false, {"Caches", "Preferences"}},
+      {"com.example.two", {"Library/Cookies"}, true, {"Cookies"}},
+      {"com.example.three", {"Documents/a.txt"}, false, {"Caches", "Preferences"}},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.identifier);
-    const std::string package = makePlaceholderPackage(temporary, {test.packageIdentifier});
+    const std::string package = makePlaceholderPackage(temporary, {test.identifier});
     const InstallOutcome outcome = installPlaceholder(package, test.identifier);
-    if (std::string_view(test.identifier) != test.packageIdentifier) {
-      EXPECT_EQ(outcome.errorName(), "BundleIdentifierMismatch");
-      EXPECT_TRUE(pathExists(package + "/Info.plist"));  // given back
-      continue;
-    }
     ASSERT_TRUE(outcome.succeeded) << outcome.dump();
     EXPECT_FALSE(pathExists(package));  // taken
     const auto placeholder = record(test.identifier);
-    ASSERT_TRUE(placeholder);
     // Without metadata nothing is stored beside the bundle.
     EXPECT_EQ(entriesOf(placeholder->bundleContainerURL.path()),
-              std::vector<std::string>{std::string(test.identifier) + ".app"});
+              std::vector<std::string>{test.identifier + ".app"});
     const std::string data = placeholder->dataContainerURL.path();
-    EXPECT_EQ(entriesOf(data), std::vector<std::string>{});
+    EXPECT_EQ(entriesOf(data), kNothing);
     for (const std::string& item : test.userData)
       writeFile(data + "/" + item, "user data");
     if (test.replaced) {
@@ -117,40 +99,38 @@ TEST_F(PlaceholderInstallTest, TakesPackagesFromTheTemporaryDirectoryAndComplete
     EXPECT_EQ(pathExists(placeholder->bundleContainerURL.path()), !test.replaced);
     EXPECT_EQ(record(test.identifier)->dataContainerURL.path(), data);
     EXPECT_EQ(record(test.identifier)->bundleType, test.replaced ? "User" : "Placeholder");
-    EXPECT_EQ(entriesOf(data), (std::vector<std::string>{"Documents", "Library", "tmp"}));
+    EXPECT_EQ(entriesOf(data), kSkeleton);
     EXPECT_EQ(entriesOf(data + "/Library"), test.libraryAfter);
-    if (test.replaced) {  // a placeholder never replaces an application
-      const std::string late = makePlaceholderPackage(temporary, {test.identifier});
-      EXPECT_EQ(installPlaceholder(late, test.identifier).errorName(),
-                "ApplicationAlreadyInstalled");
-      EXPECT_TRUE(pathExists(late + "/Info.plist"));
-    }
   }
-  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
+  // A refused package is given back; a placeholder never replaces an application.
+  const std::string other = makePlaceholderPackage(temporary, {"com.example.other"});
+  EXPECT_EQ(installPlaceholder(other, "com.example.four").errorName(), "BundleIdentifierMismatch");
+  const std::string late = makePlaceholderPackage(temporary, {"com.example.two"});
+  EXPECT_EQ(installPlaceholder(late, "com.example.two").errorName(), "ApplicationAlreadyInstalled");
+  EXPECT_TRUE(pathExists(other + "/Info.plist") && pathExists(late + "/Info.plist"));
+  EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
 }
 
 TEST_F(PlaceholderInstallTest, ChecksTheCopyItInstalls) {
-  const std::string mismatched = makePlaceholderPackage(temporary_.path(), {"com.example.a"});
-  EXPECT_EQ(installPlaceholder(mismatched, "com.example.b").errorName(),
-            "BundleIdentifierMismatch");
-
   const std::string escaping = makePlaceholderPackage(temporary_.path(), {"com.example.c"});
-  testing_support::makeSymlink("/etc", escaping + "/etc");
-  EXPECT_EQ(installPlaceholder(escaping, "com.example.c").errorName(), "InvalidSymlink");
-
+  makeSymlink("/etc", escaping + "/etc");
   CVDictionary blacklisted = placeholderOptions("com.zentrel.Orvos6Updater");
   blacklisted.remove(platform::kSkipBlacklistOptionKey);
-  EXPECT_EQ(
-      install(makePlaceholderPackage(temporary_.path(), {"com.zentrel.Orvos6Updater"}), blacklisted)
-          .errorName(),
-      "ApplicationBlacklisted");
-
-  EXPECT_EQ(installPlaceholder(temporary_ / "missing.app", "com.example.d").errorName(),
-            "InvalidInstallSource");
+  const std::vector<std::pair<InstallOutcome, std::string>> cases = {
+      {installPlaceholder(makePlaceholderPackage(temporary_.path(), {"com.example.a"}),
+                          "com.example.b"),
+       "BundleIdentifierMismatch"},
+      {installPlaceholder(escaping, "com.example.c"), "InvalidSymlink"},
+      {install(makePlaceholderPackage(temporary_.path(), {"com.zentrel.Orvos6Updater"}),
+               blacklisted),
+       "ApplicationBlacklisted"},
+      {installPlaceholder(temporary_ / "missing.app", "com.example.d"), "InvalidInstallSource"},
+  };
+  for (const auto& [outcome, expected] : cases)
+    EXPECT_EQ(outcome.errorName(), expected) << outcome.dump();
   // Nothing of the refused installs is left anywhere.
-  EXPECT_EQ(entriesOf(bundleContainers()), std::vector<std::string>{});
-  EXPECT_EQ(entriesOf(dataContainers()), std::vector<std::string>{});
-  EXPECT_EQ(entriesOf(stagingRoot()), std::vector<std::string>{});
+  for (const std::string& place : {bundleContainers(), dataContainers(), stagingRoot()})
+    EXPECT_EQ(entriesOf(place), kNothing) << place;
 }
 
 }  // namespace

@@ -27,20 +27,12 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-std::string textOf(const std::vector<std::uint8_t>& bytes) {
-  return std::string(bytes.begin(), bytes.end());
-}
-
 std::vector<std::string> entries(const std::string& directory) {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(directory))
     names.push_back(entry.path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
-}
-
-std::size_t openDescriptorCount() {
-  return entries("/proc/self/fd").size();
 }
 
 bool setImmutable(const std::string& path, bool immutable) {
@@ -60,7 +52,7 @@ TEST(FileIOReadTest, ReadsExactBytesUpToAnInclusiveCap) {
     CVError error;
     const auto bytes = platform::readFileContents(directory.fileURL(name), cap, &error);
     ASSERT_TRUE(bytes) << name << ": " << error.description();
-    EXPECT_TRUE(textOf(*bytes) == text) << name;
+    EXPECT_TRUE(std::string(bytes->begin(), bytes->end()) == text) << name;
   }
   // The refusals by kind are checked through the property-list reader, which
   // names them; here the cap: inclusive, and one byte over is EFBIG.
@@ -85,9 +77,7 @@ TEST(FileIOAtomicWriteTest, CreatesAndReplacesReadableByAllWithoutLeftovers) {
   }
   const mode_t previous = ::umask(022);
   for (const std::string text : {"first", "second, longer", ""}) {
-    CVError error;
-    ASSERT_TRUE(platform::writeFileAtomically(target, bytesOf(text), &error))
-        << error.description();
+    ASSERT_TRUE(platform::writeFileAtomically(target, bytesOf(text), nullptr));
     EXPECT_EQ(readFile(target.path()), text);
   }
   ::umask(previous);
@@ -153,7 +143,7 @@ TEST(FileIODescriptorTest, NoDescriptorLeaksOnAnyPath) {
   makeDirectories(directory / "subdirectory");
   makeDirectories(directory / "target-directory");
   ASSERT_EQ(::mkfifo((directory / "fifo").c_str(), 0644), 0);
-  const std::size_t before = openDescriptorCount();
+  const std::size_t before = entries("/proc/self/fd").size();
   for (int i = 0; i < 5; ++i) {
     platform::readFileContents(directory.fileURL("file"), 100, nullptr);
     platform::readFileContents(directory.fileURL("file"), 5, nullptr);
@@ -162,7 +152,7 @@ TEST(FileIODescriptorTest, NoDescriptorLeaksOnAnyPath) {
     platform::writeFileAtomically(directory.fileURL("written"), bytesOf("x"), nullptr);
     platform::writeFileAtomically(directory.fileURL("target-directory"), bytesOf("x"), nullptr);
   }
-  EXPECT_EQ(openDescriptorCount(), before);
+  EXPECT_EQ(entries("/proc/self/fd").size(), before);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The preferences store: typed values per key and domain, kept durably, and
-// never replacing a file it could not read.
+// never replacing a file it could not read. The device's system version
+// dictionary, read from its file on every call.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -10,6 +11,7 @@
 
 #include "platform/Preferences.h"
 #include "platform/PropertyList.h"
+#include "platform/SystemVersion.h"
 #include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
 
@@ -26,11 +28,12 @@ constexpr std::string_view kDomain = "com.zentrel.corvane";
 
 class PreferencesTest : public ::testing::Test {
  protected:
-  std::optional<CVValue> copy(const PreferencesStore& store, std::string_view key) {
-    return store.copyValue(key, kDomain, kPreferencesCurrentUser, kPreferencesCurrentHost);
+  std::optional<CVValue> copy(const PreferencesStore& store, std::string_view key,
+                              std::string_view domain = kDomain) {
+    return store.copyValue(key, domain, kPreferencesCurrentUser, kPreferencesCurrentHost);
   }
-  bool set(std::string_view key, std::optional<CVValue> value) {
-    return store_.setValue(key, std::move(value), kDomain, kPreferencesCurrentUser,
+  bool set(std::string_view key, std::optional<CVValue> value, std::string_view domain = kDomain) {
+    return store_.setValue(key, std::move(value), domain, kPreferencesCurrentUser,
                            kPreferencesCurrentHost);
   }
   std::string domainPath() const { return home_ / "Library/Preferences/com.zentrel.corvane.plist"; }
@@ -81,7 +84,6 @@ TEST_F(PreferencesTest, ValuesKeepTheirTypesInAPlainFileOfTheDomain) {
 
 // A file that cannot be read is never replaced; each refusal is one error line.
 TEST_F(PreferencesTest, FilesItCannotReadAreNeverReplaced) {
-  makeDirectories(home_ / "Library/Preferences");
   for (const std::string& contents : {std::string("<?xml version=\"1.0\"?><plist><dict><key>Lost"),
                                       platform::encodeXMLPropertyList(CVValue(CVArray{"kept"}))}) {
     writeFile(domainPath(), contents);
@@ -110,10 +112,8 @@ TEST_F(PreferencesTest, OtherUsersHostsAndDomainsThatNameOtherFilesAreRefused) {
   EXPECT_EQ(log.count(), 2u) << log.dump();
   EXPECT_EQ(copy(store_, "key"), CVValue(1));
   for (const char* domain : {"../escape", "a/b", "", ".."}) {
-    EXPECT_FALSE(store_.setValue("key", CVValue(1), domain, kPreferencesCurrentUser,
-                                 kPreferencesCurrentHost))
-        << domain;
-    EXPECT_FALSE(store_.copyValue("key", domain, kPreferencesCurrentUser, kPreferencesCurrentHost));
+    EXPECT_FALSE(set("key", CVValue(1), domain)) << domain;
+    EXPECT_FALSE(copy(store_, "key", domain)) << domain;
   }
   EXPECT_FALSE(pathExists(home_ / "Library/escape.plist"));
   EXPECT_FALSE(pathExists(home_ / "escape.plist"));
@@ -143,20 +143,63 @@ TEST_F(PreferencesTest, ADirectoryThatCannotBeMadeFailsWithALogLine) {
 }
 
 TEST_F(PreferencesTest, ConcurrentSettersLoseNoUpdate) {
-  constexpr int kPerThread = 25;
+  const auto key = [](int thread, int i) {
+    return "thread" + std::to_string(thread) + "-" + std::to_string(i);
+  };
   std::vector<std::thread> threads;
   for (int t = 0; t < 2; ++t) {
-    threads.emplace_back([this, t] {
-      for (int i = 0; i < kPerThread; ++i)
-        set("thread" + std::to_string(t) + "-" + std::to_string(i), CVValue(i));
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 25; ++i)
+        set(key(t, i), CVValue(i));
     });
   }
   for (std::thread& thread : threads)
     thread.join();
   const PreferencesStore fresh(home_.url());
   for (int t = 0; t < 2; ++t) {
-    for (int i = 0; i < kPerThread; ++i)
-      EXPECT_EQ(copy(fresh, "thread" + std::to_string(t) + "-" + std::to_string(i)), CVValue(i));
+    for (int i = 0; i < 25; ++i)
+      EXPECT_EQ(copy(fresh, key(t, i)), CVValue(i));
+  }
+}
+
+class SystemVersionTest : public ::testing::Test {
+ protected:
+  std::string versionPath() const {
+    return root_ / "System/Library/CoreServices/SystemBuild.plist";
+  }
+  TemporaryDirectory root_;
+  platform::DeviceSystemVersion version_{root_.url()};
+};
+
+TEST_F(SystemVersionTest, ThePresentFileIsReadWholeOnEveryCall) {
+  EXPECT_EQ(version_.fileURL(), CVURL::fileURLWithPath(versionPath(), false));
+  const CVDictionary contents{{"ProductBuildVersion", "x"},
+                              {std::string(platform::kSystemBuildVersionKey), "21A329"}};
+  writeFile(versionPath(), platform::encodeXMLPropertyList(CVValue(contents)));
+  CapturedLog log(platform::installerLog());
+  EXPECT_EQ(version_.copySystemVersionDictionary().keys(), contents.keys());
+  const CVDictionary next{{"SystemBuildVersion", "2B2"}};
+  writeFile(versionPath(), platform::encodeXMLPropertyList(CVValue(next)));
+  EXPECT_EQ(version_.copySystemVersionDictionary(), next);
+  EXPECT_EQ(log.count(), 0u) << log.dump();
+}
+
+// What cannot be read gives an empty dictionary and one line: (file contents,
+// or none; level; message start).
+TEST_F(SystemVersionTest, UnreadableFilesGiveAnEmptyDictionaryAndOneLine) {
+  const std::string failed = "Failed to read system version from " + versionPath() + " : ";
+  const std::vector<std::tuple<std::optional<std::string>, int, std::string>> cases = {
+      {std::nullopt, platform::kLogLevelNotice, "No system version file at " + versionPath()},
+      {"<plist><dict><key>SystemBuildVersion</key>", platform::kLogLevelError, failed},
+      {platform::encodeXMLPropertyList(CVValue(CVArray{"21A329"})), platform::kLogLevelError,
+       failed}};
+  for (const auto& [contents, level, message] : cases) {
+    if (contents) writeFile(versionPath(), *contents);
+    CapturedLog log(platform::installerLog());
+    EXPECT_TRUE(version_.copySystemVersionDictionary().empty());
+    ASSERT_EQ(log.count(), 1u) << log.dump();
+    EXPECT_EQ(log.lines()[0].level, level);
+    EXPECT_EQ(log.lines()[0].message.rfind(message, 0), 0u) << log.dump();
   }
 }
 

@@ -1,9 +1,15 @@
-// Property lists in memory: what our XML writer makes of every kind, and
-// input built to break a reader (deep nesting, shared subtrees, cycles, bad
-// offsets, truncation, garbage), each refused with its reason.
+// Property lists: what our XML writer makes of every kind; input built to
+// break a reader (deep nesting, shared subtrees, cycles, bad offsets,
+// truncation, garbage), each refused with its reason; the files reading
+// refuses and the error records it gives (code, exact text, underlying error);
+// and the durable write.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <filesystem>
 #include <limits>
 #include <span>
 #include <string>
@@ -42,34 +48,22 @@ CVValue nestedArrays(std::size_t depth) {
 }
 
 std::string nestedXMLArrays(std::size_t depth) {
-  std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">";
-  for (std::size_t i = 0; i < depth; ++i)
-    xml += "<array>";
-  xml += "<string>bottom</string>";
-  for (std::size_t i = 0; i < depth; ++i)
-    xml += "</array>";
-  return xml + "</plist>";
+  std::string open, close;
+  for (std::size_t i = 0; i < depth; ++i) {
+    open += "<array>";
+    close += "</array>";
+  }
+  return "<?xml version=\"1.0\"?>\n<plist>" + open + "<string>bottom</string>" + close + "</plist>";
 }
 
-// Arrays nested `depth` deep, each holding the next; the innermost holds a string.
-Bytes nestedBinaryArrays(std::size_t depth) {
+// Binary arrays `depth` deep, each holding the next `width` times; the
+// innermost holds a string.
+Bytes nestedBinaryArrays(std::size_t depth, std::size_t width = 1) {
   BinaryPlistBuilder builder;
   std::vector<std::uint32_t> arrays;
   for (std::size_t i = 0; i < depth; ++i)
     arrays.push_back(builder.reserve());
   const std::uint32_t leaf = builder.addASCIIString("bottom");
-  for (std::size_t i = 0; i < depth; ++i)
-    builder.setArray(arrays[i], {i + 1 < depth ? arrays[i + 1] : leaf});
-  return builder.build(arrays.front());
-}
-
-// Arrays `depth` deep, each holding the next `width` times.
-Bytes sharedBinaryArrays(std::size_t depth, std::size_t width) {
-  BinaryPlistBuilder builder;
-  std::vector<std::uint32_t> arrays;
-  for (std::size_t i = 0; i < depth; ++i)
-    arrays.push_back(builder.reserve());
-  const std::uint32_t leaf = builder.addASCIIString("leaf");
   for (std::size_t i = 0; i < depth; ++i)
     builder.setArray(arrays[i],
                      std::vector<std::uint32_t>(width, i + 1 < depth ? arrays[i + 1] : leaf));
@@ -125,11 +119,11 @@ TEST(PropertyListHostileInputTest, WhatIsWithinTheLimitsIsRead) {
   const std::uint32_t nameKey = oddKeys.addASCIIString("name");
   const std::uint32_t kept = oddKeys.addASCIIString("kept");
   oddKeys.setDictionary(root, {one, nameKey}, {kept, kept});
-  const CVArray pair{"leaf", "leaf"};
+  const CVArray pair{"bottom", "bottom"};
   const std::vector<std::tuple<const char*, Bytes, CVValue>> cases = {
       {"XML at the depth limit", bytesOf(nestedXMLArrays(limit)), nestedArrays(limit)},
       {"binary at the depth limit", nestedBinaryArrays(limit), nestedArrays(limit)},
-      {"shared subtrees within bounds", sharedBinaryArrays(2, 2), CVArray{pair, pair}},
+      {"shared subtrees within bounds", nestedBinaryArrays(2, 2), CVArray{pair, pair}},
       {"comments and CDATA",
        bytesOf("<plist><!-- a <comment> --><dict><key>k</key>"
                "<string><![CDATA[x<y]]></string></dict></plist>"),
@@ -178,7 +172,7 @@ TEST(PropertyListHostileInputTest, HostileInputIsRefusedWithItsReason) {
        "not a valid XML property list (nested too deeply)"},
       {"binary too deep", nestedBinaryArrays(limit + 1),
        "not a valid binary property list (nested too deeply)"},
-      {"2^64 nodes once expanded", sharedBinaryArrays(64, 2),
+      {"2^64 nodes once expanded", nestedBinaryArrays(64, 2),
        "the property list holds more than 262144 objects"},
       {"cycle", cycle.build(first),
        "not a valid binary property list (contains a reference cycle)"},
@@ -211,28 +205,145 @@ TEST(PropertyListHostileInputTest, HostileInputIsRefusedWithItsReason) {
   }
 }
 
-// A handful of other writers' files that probe our reading: integers keep
-// their sign and width, twins read alike, and broken tables are refused with
-// the file's path.
-TEST(PropertyListHostileInputTest, OtherWritersFiles) {
-  const std::string suite = MAVREL_TESTDATA_DIR "/plist/suite/";
-  const auto read = [&suite](const std::string& relative, CVError* error = nullptr) {
-    return platform::readPropertyList(CVURL::fileURLWithPath(suite + relative, false), error);
-  };
-  EXPECT_EQ(read("libplist/signedunsigned.bplist"),
+// Integers another writer stored in binary keep their sign and width.
+TEST(PropertyListHostileInputTest, OtherWritersIntegersKeepTheirSignAndWidth) {
+  const std::string path = MAVREL_TESTDATA_DIR "/plist/suite/libplist/signedunsigned.bplist";
+  EXPECT_EQ(platform::readPropertyList(CVURL::fileURLWithPath(path, false), nullptr),
             CVValue(CVArray{
                 -1, CVNumber::unsignedInteger(std::numeric_limits<std::uint64_t>::max()),
                 std::numeric_limits<std::int64_t>::max(), std::numeric_limits<std::int64_t>::min(),
                 CVNumber::unsignedInteger(std::uint64_t{1} << 63)}));
-  EXPECT_EQ(read("cpython/TESTDATA_FMT_BINARY.plist"), read("cpython/TESTDATA_FMT_XML.plist"));
-  for (const char* relative :
-       {"rust-plist/binary_zero_offset_size.plist", "biplist/data/invalid_object_ref_size.plist",
-        "dd-plist/test-xml-utf-16le-bom.plist"}) {
+}
+
+const CVDictionary kSample{{"BundleIdentifier", "com.example.app"}, {"Count", 3}};
+
+std::vector<std::string> entries(const std::string& directory) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(PropertyListReadTest, RefusedFilesAreNamedWithTheirReason) {
+  TemporaryDirectory directory;
+  const std::string xml = platform::encodeXMLPropertyList(CVValue(kSample));
+  writeFile(directory / "sample.plist", xml);
+  writeFile(directory / "array.plist", platform::encodeXMLPropertyList(CVValue(CVArray{1, 2})));
+  writeFile(directory / "bool.plist", platform::encodeXMLPropertyList(CVValue(true)));
+  writeFile(directory / "truncated.plist", xml.substr(0, xml.size() - 20));
+  writeFile(directory / "empty.plist", "");
+  writeFile(directory / "broken.plist", std::string("bplist00") + std::string(64, '\x01'));
+  makeDirectories(directory / "folder.plist");
+  makeSymlink(directory / "sample.plist", directory / "link.plist");
+  ASSERT_EQ(::mkfifo((directory / "fifo.plist").c_str(), 0644), 0);
+  writeFile(directory / "huge.plist", "<plist>");
+  // Sparse: the size is over the cap without the disk space.
+  ASSERT_EQ(::truncate((directory / "huge.plist").c_str(), platform::kMaxPropertyListFileSize + 1),
+            0);
+  struct Case {
+    const char* name;
+    bool dictionary;  // read with readPropertyListDictionary
+    long code;
+    int underlying;  // errno of the failed system call, or 0
+    std::string reason;
+  };
+  const long corrupt = kPlatformPropertyListReadCorruptError;
+  const long unknown = kPlatformFileReadUnknownError;
+  const std::vector<Case> cases = {
+      {"absent.plist", false, kPlatformFileReadNoSuchFileError, ENOENT, "no such file"},
+      {"array.plist", true, corrupt, 0, "not a dictionary (the root is array)"},
+      {"bool.plist", true, corrupt, 0, "not a dictionary (the root is boolean)"},
+      {"truncated.plist", true, corrupt, 0, "not a valid XML property list (unterminated tag)"},
+      {"empty.plist", true, corrupt, 0, "the data is empty"},
+      {"broken.plist", false, corrupt, 0,
+       "not a valid binary property list (invalid binary property list trailer)"},
+      {"folder.plist", false, unknown, EINVAL, "not a regular file"},
+      {"link.plist", false, unknown, ELOOP, "it is a symbolic link"},
+      {"fifo.plist", false, unknown, EINVAL, "not a regular file"},
+      {"huge.plist", false, unknown, EFBIG, "larger than 8388608 bytes"},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.name);
+    const CVURL url = directory.fileURL(each.name);
     CVError error;
-    EXPECT_FALSE(read(relative, &error)) << relative;
-    EXPECT_EQ(error.code(), kPlatformPropertyListReadCorruptError) << relative;
-    EXPECT_NE(error.localizedDescription().find(suite + relative), std::string::npos);
+    EXPECT_FALSE(each.dictionary ? platform::readPropertyListDictionary(url, &error).has_value()
+                                 : platform::readPropertyList(url, &error).has_value());
+    EXPECT_EQ(error.domain(), kPlatformErrorDomain);
+    EXPECT_EQ(error.code(), each.code) << error.description();
+    EXPECT_EQ(error.localizedDescription(), "The property list at " + (directory / each.name) +
+                                                " could not be read: " + each.reason);
+    if (each.underlying != 0) {
+      EXPECT_TRUE(error.underlyingError().isPOSIX(each.underlying)) << error.description();
+    } else {
+      EXPECT_TRUE(error.underlyingError().isNil()) << error.description();
+    }
   }
+  // What is read: a dictionary file, and one behind a link earlier in the path.
+  makeSymlink(directory.path(), directory / "alias");
+  const auto read =
+      platform::readPropertyListDictionary(directory.fileURL("alias/sample.plist"), nullptr);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(*read, kSample);
+}
+
+TEST(PropertyListReadTest, EachKindOfListHasItsOwnLimits) {
+  TemporaryDirectory directory;
+  const auto many = [](std::uint64_t count, const char* element) {
+    std::string list = "<plist><array>";
+    for (std::uint64_t i = 0; i < count; ++i)
+      list += element;
+    return list + "</array></plist>";
+  };
+  // (file, limits, reason or "" when read)
+  const std::vector<std::tuple<std::string, platform::PropertyListLimits, std::string>> cases = {
+      {many(platform::kMaxPropertyListObjects, "<dict/>"), platform::kAnyPropertyListLimits,
+       "the property list holds more than 262144 objects"},
+      {"<plist><string>" + std::string(1024 * 1024, 'x') + "</string></plist>",
+       platform::kInfoPlistLimits, "larger than 1048576 bytes"},
+      {many(1024, "<true/>"), platform::kMigrationMarkerLimits,
+       "the property list holds more than 1024 objects"},
+  };
+  for (const auto& [contents, limits, reason] : cases) {
+    writeFile(directory / "list.plist", contents);
+    CVError error;
+    const auto value = platform::readPropertyList(directory.fileURL("list.plist"), &error, limits);
+    EXPECT_EQ(value.has_value(), reason.empty()) << reason << error.description();
+    if (!reason.empty()) {
+      EXPECT_EQ(error.localizedDescription(), "The property list at " + (directory / "list.plist") +
+                                                  " could not be read: " + reason);
+    }
+  }
+}
+
+TEST(PropertyListWriteTest, WritesAtomicallyAndLeavesNothingWhenItFails) {
+  TemporaryDirectory directory;
+  const CVURL url = directory.fileURL("out.plist");
+  writeFile(url.path(), "old contents");
+  CVError error;
+  ASSERT_TRUE(platform::writePropertyListAtomically(CVValue(kSample), url, &error))
+      << error.description();
+  EXPECT_EQ(platform::readPropertyListDictionary(url, nullptr), kSample);
+  EXPECT_EQ(entries(directory.path()), std::vector<std::string>{"out.plist"});
+
+  makeDirectories(directory / "dir.plist");
+  writeFile(directory / "dir.plist/inside", "kept");
+  const CVValue deep = nestedArrays(platform::kMaxPropertyListDepth + 1);
+  // (value, target, underlying errno or 0)
+  const std::vector<std::tuple<CVValue, std::string, int>> cases = {
+      {CVValue(kSample), "no/out.plist", ENOENT},
+      {CVValue(kSample), "dir.plist", 0},
+      {deep, "deep.plist", 0},
+  };
+  for (const auto& [value, name, underlying] : cases) {
+    EXPECT_FALSE(platform::writePropertyListAtomically(value, directory.fileURL(name), &error));
+    EXPECT_EQ(error.domain(), kPlatformErrorDomain) << name;
+    EXPECT_EQ(error.code(), kPlatformFileWriteUnknownError) << name;
+    EXPECT_NE(error.localizedDescription().find(directory / name), std::string::npos) << name;
+    EXPECT_TRUE(underlying == 0 || error.underlyingError().isPOSIX(underlying)) << name;
+  }
+  EXPECT_EQ(readFile(directory / "dir.plist/inside"), "kept");
+  EXPECT_EQ(entries(directory.path()), (std::vector<std::string>{"dir.plist", "out.plist"}));
 }
 
 }  // namespace

@@ -2,9 +2,9 @@
 // (threshold rules, the installer's and the migration's lines, the scoped
 // sink), each as a table of input and expected result.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <array>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -27,9 +27,8 @@ CVURL directory(const std::string& path) {
 }
 
 TEST(URLTest, StringFormsComponentsAndDerivedURLs) {
-  char buffer[4096];
-  ASSERT_NE(::getcwd(buffer, sizeof buffer), nullptr);
-  const std::string cwd = std::string(buffer) == "/" ? "" : buffer;
+  const std::string cwd =
+      std::filesystem::current_path() == "/" ? "" : std::filesystem::current_path().string();
   const std::vector<std::pair<std::string, std::string>> cases = {
       {directory("/private/var/mobile/").path(), "/private/var/mobile"},
       {directory("/private/var/mobile/").absoluteString(), "file:///private/var/mobile/"},
@@ -78,10 +77,9 @@ TEST(LogTest, TheHandleLevelIsAnUpperBoundAndWithoutOneFailuresAndNoticesPass) {
   for (const auto& [handle, admitted] : cases) {
     log.setHandleLevel(handle);
     EXPECT_EQ(log.handleLevel(), handle);
-    EXPECT_EQ((std::array<bool, 3>{log.admits(kLogLevelError), log.admits(kLogLevelNotice),
-                                   log.admits(kLogLevelDebug)}),
-              admitted)
-        << handle.value_or(-1);
+    EXPECT_EQ((std::array{log.admits(kLogLevelError), log.admits(kLogLevelNotice),
+                          log.admits(kLogLevelDebug)}),
+              admitted);
   }
 }
 

@@ -1,17 +1,29 @@
-// The value model: dictionary order and editing, number kinds that must not
-// mix, and the descriptions the logs print.
+// The value model (dictionary order and editing, number kinds that must not
+// mix, the descriptions the logs print), the formatter (the conversions the
+// system's messages use, and the markers that a format known only at run time
+// prints for bad or missing arguments), and the JSON writer (commas, nesting,
+// numbers, and the quoting of strings with escapes and invalid UTF-8).
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "platform/Format.h"
+#include "platform/JSONWriter.h"
 #include "platform/Value.h"
 
 namespace {
 
 using Keys = std::vector<std::string>;
+using platform::format;
+using platform::JSONWriter;
+using platform::makeFormatArg;
+using platform::vformat;
 
 TEST(ValueDictionaryTest, KeepsOrderThroughEditsAndFindsAfterRemoval) {
   CVDictionary dictionary{{"zulu", 1}, {"b", 2}, {"c", 3}, {"d", 4}};
@@ -75,6 +87,94 @@ TEST(ValueDescriptionTest, DescriptionsAsTheLogsPrintThem) {
     EXPECT_EQ(got, expected);
   EXPECT_TRUE(CVError::posix(2, "gone").isPOSIX(2));
   EXPECT_FALSE(error.isPOSIX(7));
+}
+
+TEST(FormatTest, ConversionsAndRunTimeMarkers) {
+  const std::optional<CVURL> none;
+  const CVValue* missing = nullptr;
+  const char* null = nullptr;
+  // Erased string arguments refer to the caller's text, which must outlive them.
+  const std::string text = "x";
+  const std::array mismatched{makeFormatArg(text), makeFormatArg(5)};
+  const std::array one{makeFormatArg(text)};
+  const std::array matching{makeFormatArg(-3), makeFormatArg(text), makeFormatArg(9ul)};
+  const std::array url{makeFormatArg(CVURL::fileURLWithPath("/x", false))};
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {format("at %@", CVURL::fileURLWithPath("/tmp/x", true)), "at file:///tmp/x/"},
+      {format("%@ %@", std::string("text"), std::string_view("view")), "text view"},
+      {format("%@ %@ %@ %@", nullptr, CVError(), none, missing), "(null) (null) (null) (null)"},
+      {format("[%s][%s]", "abc", null), "[abc][(null)]"},
+      {format("%d", 4294967297L), "1"},  // %d takes an int, as C would pass it
+      {format("%u %lu %d", -1, std::size_t{42}, 4294967295u), "4294967295 42 -1"},
+      // Flags, width and precision reach the conversion.
+      {format("0x%08X %-3d| %.2f 100%%", 0xBEEFu, 4, 0.125), "0x0000BEEF 4  | 0.12 100%"},
+      {vformat("%d and %@", mismatched), "<bad argument> and <bad argument>"},
+      {vformat("%s", url), "<bad argument>"},
+      {vformat("%@ %@ %d", one), "x <missing> <missing>"},
+      {vformat("%d %s %lu %%", matching), "-3 x 9 %"},
+      {vformat("none", matching), "none"},  // surplus arguments are ignored
+      {vformat("%q and 100%", {}), "%q and 100%"},
+  };
+  for (const auto& [got, expected] : cases)
+    EXPECT_EQ(got, expected);
+}
+
+TEST(JSONWriterTest, BothLayoutsAndNumbers) {
+  JSONWriter compact;
+  compact.beginObject().member("name", "a \"q\"").member("count", std::uint64_t{3});
+  compact.key("none").null();
+  compact.key("empty").stringOrNull("");
+  compact.key("list").beginArray().value("x").beginObject().endObject().beginArray().endArray();
+  compact.endArray().member("seconds", 1.5).member("flag", false).endObject();
+  EXPECT_EQ(compact.text(),
+            "{\"name\":\"a \\\"q\\\"\",\"count\":3,\"none\":null,\"empty\":null,"
+            "\"list\":[\"x\",{},[]],\"seconds\":1.500,\"flag\":false}\n");
+
+  // Indented: one member per line, two spaces per level, empty containers closed at once.
+  JSONWriter indented(JSONWriter::Layout::Indented);
+  indented.beginObject().key("empty").beginObject().endObject().key("groups").strings({"a"});
+  indented.key("none").strings({}).endObject();
+  EXPECT_EQ(indented.text(),
+            "{\n  \"empty\": {},\n  \"groups\": [\n    \"a\"\n  ],\n  \"none\": []\n}\n");
+
+  // A real is never cut short, and JSON has no infinity or NaN.
+  JSONWriter numbers;
+  numbers.beginArray()
+      .value(std::numeric_limits<std::uint64_t>::max())
+      .value(-2.0005)
+      .value(1e20)
+      .value(std::numeric_limits<double>::infinity())
+      .value(std::numeric_limits<double>::quiet_NaN())
+      .endArray();
+  EXPECT_EQ(numbers.text(), "[18446744073709551615,-2.001,100000000000000000000.000,null,null]\n");
+}
+
+TEST(JSONStringTest, EscapesAndReplacesInvalidUTF8) {
+  const std::string fffd = "\xEF\xBF\xBD";
+  const std::string valid =
+      "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 \xED\x9F\xBF \xF4\x8F\xBF\xBF";
+  const std::vector<std::pair<std::string_view, std::string>> cases = {
+      {R"(say "hi" C:\dir)", R"("say \"hi\" C:\\dir")"},
+      {"a\nb\tc\rd\be\ff", R"("a\nb\tc\rd\be\ff")"},
+      {std::string_view("\x01\x1f\x7f\0", 4), R"("\u0001\u001f\u007f\u0000")"},
+      {valid, "\"" + valid + "\""},
+      {"a\x80z\xFF", "\"a" + fffd + "z" + fffd + "\""},
+      // Overlong forms and surrogates: each byte a sequence of its own.
+      {"\xC0\xAF\xED\xA0\x80", "\"" + fffd + fffd + fffd + fffd + fffd + "\""},
+      {"\xF4\x90\x80\x80", "\"" + fffd + fffd + fffd + fffd + "\""},
+      // A sequence cut short counts once, and the byte after it survives.
+      {"\xE2\x82z", "\"" + fffd + "z\""},
+      {"\xF0\x9F\x98", "\"" + fffd + "\""},
+      {"\xC3\"", "\"" + fffd + "\\\"\""},
+  };
+  for (const auto& [text, expected] : cases) {
+    std::string out;
+    platform::appendJSONString(out, text);
+    EXPECT_EQ(out, expected);
+  }
+  JSONWriter json;
+  json.beginObject().member("k\x01\xFF", "v").endObject();
+  EXPECT_EQ(json.text(), "{\"k\\u0001\xEF\xBF\xBD\":\"v\"}\n");
 }
 
 }  // namespace
