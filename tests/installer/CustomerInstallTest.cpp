@@ -123,6 +123,7 @@ TEST_F(CustomerInstallTest, APackageHoldingAVPNPluginAlone) {
   EXPECT_EQ(record(kPlugin)->bundleURL.path(), installedBundle);
   EXPECT_FALSE(pathExists(installedBundle + "/Marker"));
   EXPECT_FALSE(record("com.example.unknown.vpn"));
+  closeService();
   EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
 }
 
