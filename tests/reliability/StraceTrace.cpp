@@ -8,15 +8,6 @@
 namespace reliability {
 namespace {
 
-bool isOpen(const std::string& name) {
-  return name == "open" || name == "openat" || name == "openat2" || name == "creat";
-}
-
-bool isFlush(const std::string& name) {
-  return name == "fsync" || name == "fdatasync" || name == "syncfs" || name == "sync" ||
-         name == "sync_file_range";
-}
-
 // Splits the text between a call's parentheses at commas outside quotes,
 // brackets and strace's "<path>" annotations. `end` receives the index of
 // the closing parenthesis.
@@ -96,6 +87,38 @@ bool parseCall(const std::string& line, TracedCall& call) {
   return true;
 }
 
+// The text of a strace string argument with its escapes undone.
+std::string unquote(const std::string& argument) {
+  std::string text;
+  std::size_t i = argument.empty() || argument.front() != '"' ? 0 : 1;
+  for (; i < argument.size(); ++i) {
+    const char c = argument[i];
+    if (c == '"') break;
+    if (c != '\\' || i + 1 >= argument.size()) {
+      text += c;
+      continue;
+    }
+    const char escaped = argument[++i];
+    const std::size_t named = std::string_view("ntrvf").find(escaped);
+    if (named != std::string_view::npos) {
+      text += "\n\t\r\v\f"[named];
+    } else if (escaped == 'x') {
+      text += static_cast<char>(std::stoi(argument.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    } else if (escaped >= '0' && escaped <= '7') {
+      std::size_t length = 1;
+      while (length < 3 && i + length < argument.size() && argument[i + length] >= '0' &&
+             argument[i + length] <= '7')
+        ++length;
+      text += static_cast<char>(std::stoi(argument.substr(i, length), nullptr, 8));
+      i += length - 1;
+    } else {
+      text += escaped;
+    }
+  }
+  return text;
+}
+
 }  // namespace
 
 const std::vector<std::string>& mutatingSystemCalls() {
@@ -132,8 +155,9 @@ std::string TracedCall::resultPath() const {
 }
 
 bool TracedCall::changesDisk() const {
-  if (isFlush(name)) return false;
-  if (isOpen(name) && name != "creat") {
+  // Flushes make data durable but change nothing.
+  if (name == "fsync" || name == "fdatasync" || name == "syncfs") return false;
+  if (name == "open" || name == "openat" || name == "openat2") {
     // openat(dirfd, path, flags, ...) or open(path, flags, ...).
     const std::size_t flagsIndex = name == "open" ? 1 : 2;
     if (flagsIndex >= arguments.size()) return false;
@@ -144,44 +168,6 @@ bool TracedCall::changesDisk() const {
   }
   const auto& calls = mutatingSystemCalls();
   return std::find(calls.begin(), calls.end(), name) != calls.end();
-}
-
-std::map<std::string, std::size_t> Trace::countByName() const {
-  std::map<std::string, std::size_t> counts;
-  for (const TracedCall& call : calls)
-    ++counts[call.name];
-  return counts;
-}
-
-std::string unquote(const std::string& argument) {
-  std::string text;
-  std::size_t i = argument.empty() || argument.front() != '"' ? 0 : 1;
-  for (; i < argument.size(); ++i) {
-    const char c = argument[i];
-    if (c == '"') break;
-    if (c != '\\' || i + 1 >= argument.size()) {
-      text += c;
-      continue;
-    }
-    const char escaped = argument[++i];
-    const std::size_t named = std::string_view("ntrvf").find(escaped);
-    if (named != std::string_view::npos) {
-      text += "\n\t\r\v\f"[named];
-    } else if (escaped == 'x') {
-      text += static_cast<char>(std::stoi(argument.substr(i + 1, 2), nullptr, 16));
-      i += 2;
-    } else if (escaped >= '0' && escaped <= '7') {
-      std::size_t length = 1;
-      while (length < 3 && i + length < argument.size() && argument[i + length] >= '0' &&
-             argument[i + length] <= '7')
-        ++length;
-      text += static_cast<char>(std::stoi(argument.substr(i, length), nullptr, 8));
-      i += length - 1;
-    } else {
-      text += escaped;
-    }
-  }
-  return text;
 }
 
 Trace parseTrace(const std::string& text) {
