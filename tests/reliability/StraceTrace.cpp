@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <sstream>
 #include <string_view>
 
@@ -176,13 +177,10 @@ Trace parseTrace(const std::string& text) {
   std::istringstream lines(text);
   std::string line;
   while (std::getline(lines, line)) {
-    std::size_t at = 0;
-    int pid = 0;
-    while (at < line.size() && std::isdigit(static_cast<unsigned char>(line[at])))
-      pid = pid * 10 + (line[at++] - '0');
-    while (at < line.size() && line[at] == ' ')
-      ++at;
-    std::string body = line.substr(at);
+    char* rest = nullptr;
+    const int pid = static_cast<int>(std::strtol(line.c_str(), &rest, 10));
+    const std::size_t start = line.find_first_not_of(' ', rest - line.c_str());
+    std::string body = start == std::string::npos ? std::string() : line.substr(start);
     if (body.rfind("---", 0) == 0 || body.rfind("+++", 0) == 0 || body.empty()) continue;
     if (const std::size_t cut = body.find(" <unfinished ...>"); cut != std::string::npos) {
       unfinished[pid] = body.substr(0, cut);
@@ -220,22 +218,13 @@ std::vector<std::string> straceArguments(const StracePlan& plan, const std::stri
   std::string set;
   for (const std::string& call : plan.traced)
     set += (set.empty() ? "?" : ",?") + call;
-  std::vector<std::string> result = {"-f",
-                                     "-qq",
-                                     "-y",
-                                     "-s",
-                                     "4096",
-                                     "-e",
-                                     "signal=none",
-                                     "-e",
-                                     "trace=" + set,
-                                     "-o",
-                                     plan.outputPath.empty() ? "/dev/null" : plan.outputPath};
-  if (plan.injectCall) {
-    result.push_back("-e");
-    result.push_back("inject=" + *plan.injectCall + ":" + plan.injectAction +
-                     ":when=" + plan.injectWhen);
-  }
+  // Children followed, descriptors shown with their paths, signals not shown.
+  std::vector<std::string> result = {"-f", "-qq", "-y", "-s", "4096", "-e", "signal=none"};
+  result.insert(result.end(), {"-e", "trace=" + set, "-o",
+                               plan.outputPath.empty() ? "/dev/null" : plan.outputPath});
+  if (plan.injectCall)
+    result.insert(result.end(), {"-e", "inject=" + *plan.injectCall + ":" + plan.injectAction +
+                                           ":when=" + plan.injectWhen});
   result.push_back(program);
   result.insert(result.end(), arguments.begin(), arguments.end());
   return result;
