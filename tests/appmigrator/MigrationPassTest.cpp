@@ -1,8 +1,15 @@
 // The whole pass over legacy trees that need no container migration: set-up,
 // the leftover check, removal of the legacy tree, the version record, safe
-// harbors, data protection, the result and the progress figures.
+// harbors, data protection, the result and the progress figures. And what the
+// migrator tells the host's observer: every legacy entry finished exactly once
+// with its outcome, the steps of a migrated entry in order, the failing step of
+// a failed one, a refusal because the system carries the application, and a
+// classification that decides without touching the disk.
 #include <gtest/gtest.h>
 
+#include <map>
+
+#include "AppMigrator/ContainerClassification.h"
 #include "tests/appmigrator/MigratorFixture.h"
 
 namespace {
@@ -157,39 +164,34 @@ TEST_F(SafeHarborTest, MalformedEntriesAreSkippedAndGoodOnesRegistered) {
   EXPECT_TRUE(installer_.harbors.empty());
   EXPECT_FALSE(pathExists(harborMapPath()));
 
-  image_.writePlist(harborMapPath(),
-                    CVDictionary{{"com.a.broken", "not a dictionary"},
-                                 {"com.b.nopath", CVDictionary{{"HarborPathKey", 5}}},
-                                 {"com.c.good", CVDictionary{{"HarborPathKey", "/harbor/c"}}}});
+  // An identifier that is not a string, an entry that is not a dictionary, one
+  // without a path, and a good one.
+  BinaryPlistBuilder builder;
+  const std::uint32_t root = builder.reserve(), odd = builder.reserve(), noPath = builder.reserve(),
+                      good = builder.reserve();
+  const std::uint32_t pathKey = builder.addASCIIString("HarborPathKey");
+  builder.setDictionary(odd, {pathKey}, {builder.addASCIIString("/harbor/odd")});
+  builder.setDictionary(noPath, {pathKey}, {builder.addInteger(5)});
+  builder.setDictionary(good, {pathKey}, {builder.addASCIIString("/harbor/c")});
+  builder.setDictionary(
+      root,
+      {builder.addInteger(7), builder.addASCIIString("com.a.broken"),
+       builder.addASCIIString("com.b.nopath"), builder.addASCIIString("com.c.good")},
+      {odd, builder.addASCIIString("not a dictionary"), noPath, good});
+  writeFile(harborMapPath(), bytesOf(builder, root));
   EXPECT_TRUE(migrator()->performMigration()) << log_.dump();
   ASSERT_EQ(installer_.harbors.size(), 1u);
   EXPECT_EQ(installer_.harbors[0].path, "/harbor/c");
   EXPECT_EQ(installer_.harbors[0].identifier, "com.c.good");
   EXPECT_EQ(installer_.harbors[0].containerType, 2);
-  EXPECT_TRUE(logged(kLogLevelError,
-                     "CVAppMigrator: Failed to get harbor info for identifier com.a.broken"));
+  for (const std::string& message :
+       {std::string("Identifier in harbor map was not string; skipping"),
+        std::string("Failed to get harbor info for identifier com.a.broken")})
+    EXPECT_TRUE(logged(kLogLevelError, "CVAppMigrator: " + message)) << log_.dump();
   EXPECT_TRUE(log_.containsFragment(
       "CVAppMigrator: Failed to get harbor path from harbor entry for com.b.nopath : {"));
   EXPECT_TRUE(
       logged(kLogLevelNotice, "CVAppMigrator: Migrating safe harbor for com.c.good at /harbor/c"));
-  EXPECT_FALSE(pathExists(harborMapPath()));
-}
-
-TEST_F(SafeHarborTest, AnIdentifierThatIsNotAStringIsSkipped) {
-  BinaryPlistBuilder builder;
-  const std::uint32_t root = builder.reserve(), odd = builder.reserve(), good = builder.reserve();
-  const std::uint32_t pathKey = builder.addASCIIString("HarborPathKey");
-  builder.setDictionary(odd, {pathKey}, {builder.addASCIIString("/harbor/odd")});
-  builder.setDictionary(good, {pathKey}, {builder.addASCIIString("/harbor/c")});
-  builder.setDictionary(root, {builder.addInteger(7), builder.addASCIIString("com.c.good")},
-                        {odd, good});
-  writeFile(harborMapPath(), bytesOf(builder, root));
-  EXPECT_TRUE(migrator()->_migrateSafeHarbors());
-  ASSERT_EQ(installer_.harbors.size(), 1u);
-  EXPECT_EQ(installer_.harbors[0].identifier, "com.c.good");
-  EXPECT_TRUE(
-      logged(kLogLevelError, "CVAppMigrator: Identifier in harbor map was not string; skipping"))
-      << log_.dump();
   EXPECT_FALSE(pathExists(harborMapPath()));
 }
 
@@ -218,6 +220,104 @@ TEST_F(SafeHarborTest, UnreadableMapIsReportedAndLeftAlone) {
                      "CVAppMigrator: Failed to load existing harbor map from " + harborMapPath()));
   EXPECT_TRUE(subject->performMigration());
   EXPECT_TRUE(pathExists(harborMapPath()));
+}
+
+class RecordingObserver final : public MavrelMigrationObserver {
+ public:
+  void migrationEntryBegan(std::string_view path, std::string_view identifier) override {
+    began[std::string(path)] = std::string(identifier);
+  }
+  void migrationEntryStep(std::string_view path, MavrelEntryStep step) override {
+    steps[std::string(path)].push_back(step);
+  }
+  void migrationEntryFinished(std::string_view path, const MavrelEntryResult& result) override {
+    ++finishCount[std::string(path)];
+    finished[std::string(path)] = result;
+  }
+
+  std::map<std::string, std::string> began;
+  std::map<std::string, std::vector<MavrelEntryStep>> steps;
+  std::map<std::string, MavrelEntryResult> finished;
+  std::map<std::string, int> finishCount;
+};
+
+class EntryObserverTest : public MigratorTest {
+ protected:
+  RecordingObserver observer_;
+};
+
+TEST_F(EntryObserverTest, EveryEntryIsFinishedOnceWithItsOutcome) {
+  using Outcome = MavrelEntryOutcome;
+  using Step = MavrelEntryStep;
+  writeFile(container("WhereDidMyApplicationsGo.txt"), "note");
+  const std::string migrated = knownApplication("Good", "com.example.good");
+  const std::string builtIn = knownApplication("Builtin", "com.example.builtin");
+  const std::string extra = knownApplication("Extra", "com.example.extra");
+  writeFile(extra + "/Unexpected.dat", "?");
+  makeDirectories(container("Linked"));
+  makeSymlink("/nowhere/L.app", container("Linked") + "/L.app");
+  writeFile(container("Empty") + "/Documents/orphan.txt", "o");
+  image_.writeBundle(container("Vpn") + "/T.vpnplugin", "com.example.unknown.vpn");
+  const std::string refused = knownApplication("Refused", "com.example.refused");
+  acceptInstalls("", "", "com.example.builtin", "com.example.refused");
+
+  const auto migrator = makeMigrator(&observer_);
+  ASSERT_NE(migrator, nullptr);
+  EXPECT_FALSE(migrator->performMigration());
+
+  // Path, outcome, the step that failed (of a failure), whether the container went.
+  const std::tuple<std::string, Outcome, Step, bool> expected[] = {
+      {container("WhereDidMyApplicationsGo.txt"), Outcome::Removed, Step::Examining, true},
+      {container("Empty"), Outcome::Removed, Step::Examining, true},
+      {container("Linked"), Outcome::Left, Step::Examining, false},
+      {migrated, Outcome::Migrated, Step::Examining, true},
+      {builtIn, Outcome::RefusedAsBuiltIn, Step::Examining, true},
+      {extra, Outcome::Failed, Step::MissedItems, false},
+      {container("Vpn"), Outcome::Failed, Step::BundleRecord, false},
+      // A failed install comes after the data moved: the container goes all the same.
+      {refused, Outcome::Failed, Step::Install, true},
+  };
+  EXPECT_EQ(observer_.finishCount.size(), std::size(expected));
+  for (const auto& [path, outcome, failedStep, removed] : expected) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(observer_.finishCount[path], 1);
+    const MavrelEntryResult& result = observer_.finished[path];
+    EXPECT_EQ(result.outcome, outcome);
+    if (outcome == Outcome::Failed) {
+      EXPECT_EQ(result.failedStep, failedStep);
+    }
+    EXPECT_EQ(result.containerRemoved, removed);
+    EXPECT_EQ(pathExists(path), !removed);
+  }
+  // The refused application's data had moved before its install.
+  EXPECT_EQ(readFile(image_.home("Containers/Data/Refused/Documents/d.txt")), "data");
+  EXPECT_EQ(observer_.began.count(container("Linked")), 0u);
+  EXPECT_EQ(observer_.began.at(migrated), "com.example.good");
+  EXPECT_EQ(observer_.steps.at(migrated),
+            (std::vector<Step>{Step::Marker, Step::BundleRecord, Step::DataMove, Step::Install,
+                               Step::GroupContainers, Step::MissedItems, Step::Removal}));
+}
+
+TEST_F(EntryObserverTest, ClassificationDecidesWithoutRemovingAnything) {
+  writeFile(container("File"), "a file");
+  writeFile(container("Empty") + "/Documents/orphan.txt", "o");
+  const auto file = CVClassifyLegacyEntry(CVURL::fileURLWithPath(container("File"), false));
+  EXPECT_EQ(file.kind, LegacyEntryKind::RegularFile);
+  EXPECT_TRUE(file.removeEntry);
+  const auto empty = CVClassifyLegacyEntry(directoryURL(container("Empty")));
+  EXPECT_EQ(empty.kind, LegacyEntryKind::NoBundle);
+  EXPECT_TRUE(empty.removeEntry);
+  EXPECT_FALSE(empty.record.has_value());
+  EXPECT_TRUE(pathExists(container("File")));
+  EXPECT_TRUE(pathExists(container("Empty") + "/Documents/orphan.txt"));
+
+  const std::string path = knownApplication("App", "com.example.app");
+  image_.writeBundle(path + "/V.vpnplugin", "com.example.app.vpn");
+  const auto application = CVClassifyLegacyEntry(directoryURL(path));
+  EXPECT_EQ(application.kind, LegacyEntryKind::Application);
+  EXPECT_TRUE(application.orderResultEarly);
+  ASSERT_TRUE(application.record.has_value());
+  EXPECT_EQ(*application.record->findString("SecondBundlePath"), path + "/V.vpnplugin");
 }
 
 }  // namespace

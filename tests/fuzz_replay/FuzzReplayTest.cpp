@@ -67,27 +67,19 @@ const ReplayTarget kTargets[] = {
     {"icon_png", replayIconPNG},
 };
 
-// The regular files directly inside `directory`, sorted; none when it is absent.
-std::vector<fs::path> inputsIn(const fs::path& directory) {
+// Replays the regular files directly inside `directory` (none when it is
+// absent) in name order; returns how many there were.
+std::size_t replayAll(const ReplayTarget& target, const fs::path& directory) {
   std::vector<fs::path> inputs;
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
     if (entry.is_regular_file()) inputs.push_back(entry.path());
   }
   std::sort(inputs.begin(), inputs.end());
-  return inputs;
-}
-
-std::vector<std::uint8_t> readInput(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
-
-std::size_t replayAll(const ReplayTarget& target, const fs::path& directory) {
-  const std::vector<fs::path> inputs = inputsIn(directory);
   for (const fs::path& input : inputs) {
     SCOPED_TRACE(input.string());
-    const std::vector<std::uint8_t> bytes = readInput(input);
+    std::ifstream in(input, std::ios::binary);
+    const std::vector<std::uint8_t> bytes(std::istreambuf_iterator<char>(in), {});
     EXPECT_EQ(target.run(bytes.data(), bytes.size()), 0);
   }
   return inputs.size();

@@ -18,9 +18,7 @@
 #include <random>
 #include <set>
 
-#include "tests/reliability/StraceTrace.h"
-#include "tests/reliability/SweepRunner.h"
-#include "tests/support/TestSupport.h"
+#include "tests/reliability/Sweep.h"
 
 namespace reliability {
 namespace {
@@ -68,86 +66,75 @@ std::vector<KillPoint> killPoints(const Trace& trace, const std::string& root) {
 
 class CrashResumeTest : public SweepTest {
  protected:
-  // After a kill: plain runs until one succeeds, each followed by the
-  // checks; then one more, which must change nothing.
+  // Right after a kill (`afterKill`), an install the installer journalled but
+  // did not finish may name containers that are not in place yet, and a kill
+  // inside the registry's first transaction leaves a hot rollback journal that
+  // `mavrel apps` (which writes nothing) will not roll back; the next run
+  // finishes or repairs both, and the checks after the reruns allow nothing.
+  void checkImage(SweepWorkspace& workspace, const std::string& when, bool afterKill,
+                  bool finished = false) {
+    ImageCheck check = workspace.check(finished);
+    if (afterKill && check.pendingInstalls > 0 && !check.missingContainers.empty()) {
+      count("containers missing while an install was pending", check.missingContainers.size());
+      check.missingContainers.clear();
+    }
+    if (afterKill && check.listingError.find("(SQLite result 776)") != std::string::npos) {
+      count(
+          "listings refused after a kill: the registry's first "
+          "transaction interrupted");
+      check.listingError.clear();
+    }
+    countFiles(check);
+    if (!check.clean()) problem(when, check.describe());
+  }
+
+  // After a kill: the checks, plain runs until one succeeds, each followed by
+  // the checks; then (with `idempotence`) one more, which must change nothing.
   void resumeAndCheck(SweepWorkspace& workspace, const std::string& trial, bool idempotence) {
-    const int runs = rerunUntilSuccess(workspace, findings_, trial, kMaxReruns,
+    checkImage(workspace, trial + ", after the kill", true);
+    const int runs = rerunUntilSuccess(workspace, trial, kMaxReruns,
                                        [&](const std::string& when, bool finished) {
                                          checkImage(workspace, when, false, finished);
                                        });
     if (runs == 0) return;
-    findings_.count("runs to completion after the kill: " + std::to_string(runs));
-    if (idempotence) checkIdempotent(workspace, trial);
-  }
-
-  // Right after a kill, an install the installer journalled but did not
-  // finish may name containers that are not in place yet; the next run
-  // finishes or undoes it, and the checks after the reruns allow nothing.
-  void checkImage(SweepWorkspace& workspace, const std::string& when, bool afterKill = false,
-                  bool finished = false) {
-    ImageCheck check = workspace.check(finished);
-    if (afterKill && check.pendingInstalls > 0 && !check.missingContainers.empty()) {
-      findings_.count("containers missing while an install was pending",
-                      check.missingContainers.size());
-      check.missingContainers.clear();
-    }
-    // A kill inside the registry's first transaction leaves a hot rollback
-    // journal, which `mavrel apps` (which writes nothing) will not roll back;
-    // nothing is registered yet, and the next run repairs it.
-    if (afterKill && check.listingError.find("(SQLite result 776)") != std::string::npos) {
-      findings_.count(
-          "listings refused after a kill: the registry's first transaction interrupted");
-      check.listingError.clear();
-    }
-    countFiles(check);
-    if (!check.clean()) findings_.problem(when, check.describe());
-  }
-
-  void checkIdempotent(SweepWorkspace& workspace, const std::string& trial) {
+    count("runs to completion after the kill: " + std::to_string(runs));
+    if (!idempotence) return;
     const TreeSnapshot before = workspace.snapshot();
     const ChildOutcome listedBefore = workspace.listApplications();
     const ChildOutcome again = workspace.migrate();
     if (again.exitCode != 0) {
-      findings_.problem(trial, "the run after a success " + again.describe());
+      problem(trial, "the run after a success " + again.describe());
       return;
     }
-    const TreeSnapshot after = workspace.snapshot();
-    const ChildOutcome listedAfter = workspace.listApplications();
-    if (before != after || listedBefore.out != listedAfter.out) {
-      std::string difference;
-      for (const std::string& change : changesBetween(before, after))
-        difference += "  " + change + "\n";
-      if (listedBefore.out != listedAfter.out) difference += "  the registry's listing changed\n";
-      findings_.problem(trial, "the run after a success changed the image:\n" + difference);
-    }
+    std::string difference;
+    for (const std::string& change : changesBetween(before, workspace.snapshot()))
+      difference += "  " + change + "\n";
+    if (listedBefore.out != workspace.listApplications().out)
+      difference += "  the registry's listing changed\n";
+    if (!difference.empty())
+      problem(trial, "the run after a success changed the image:\n" + difference);
   }
-};
 
-// Kill before the Nth call; returns whether the kill came.
-bool killAt(SweepWorkspace& workspace, const KillPoint& point, SweepFindings& findings,
-            const std::string& trial) {
-  StracePlan plan;
-  plan.traced = {point.call};
-  plan.outputPath = workspace.scratch() + "/kill.trace";
-  plan.injectCall = point.call;
-  plan.injectAction = "signal=SIGKILL";
-  plan.injectWhen = std::to_string(point.ordinal);
-  const ChildOutcome run = workspace.migrate(plan);
-  if (run.signal == SIGKILL) {
-    // The call the kill interrupted, as this run made it.
-    const Trace trace = parseTrace(testing_support::readFile(plan.outputPath));
-    if (trace.calls.empty() || trace.calls.back().returned())
-      findings.problem(trial, "killed, but not on entry of a traced call");
-    return true;
-  }
-  if (endedByTheHost(run)) {
-    // This run made fewer such calls than the reference run.
-    findings.count("kill points not reached");
+  // Kill before the Nth call; returns whether the kill came.
+  bool killAt(SweepWorkspace& workspace, const KillPoint& point, const std::string& trial) {
+    Trace trace;
+    const ChildOutcome run = workspace.migrateInjecting(point.call, "signal=SIGKILL",
+                                                        std::to_string(point.ordinal), &trace);
+    if (run.signal == SIGKILL) {
+      // The call the kill interrupted, as this run made it.
+      if (trace.calls.empty() || trace.calls.back().returned())
+        problem(trial, "killed, but not on entry of a traced call");
+      return true;
+    }
+    if (endedByTheHost(run)) {
+      // This run made fewer such calls than the reference run.
+      count("kill points not reached");
+      return false;
+    }
+    problem(trial, "the traced run " + run.describe() + "\n" + lastLines(run.err, 30));
     return false;
   }
-  findings.problem(trial, "the traced run " + run.describe() + "\n" + lastLines(run.err, 30));
-  return false;
-}
+};
 
 // The kill points, in families small enough for one test each.
 struct Family {
@@ -200,36 +187,30 @@ TEST_P(CrashResumeSweep, EveryKillPointResumesWithoutLossOrOutsideWrites) {
   std::set<int> threads;
   for (const TracedCall& call : reference.calls)
     threads.insert(call.pid);
-  findings_.count("threads making traced calls", threads.size());
-  findings_.count("kill points of the migration in this family", points.size());
+  count("threads making traced calls", threads.size());
+  count("kill points of the migration in this family", points.size());
   if (settings_.mode == SweepMode::Sampled) {
     // The family's share of the sample.
     const std::size_t share = settings_.sampledKillPoints / families().size();
-    std::mt19937_64 random(settings_.image.seed);
+    std::mt19937_64 random(settings_.seed);
     std::shuffle(points.begin(), points.end(), random);
     if (points.size() > share) points.resize(share);
   }
 
   const auto start = std::chrono::steady_clock::now();
-  runTrials(workspaces_, points.size(), [&](SweepWorkspace& workspace, std::size_t index) {
+  runTrials(points.size(), [&](SweepWorkspace& workspace, std::size_t index) {
     const KillPoint& point = points[index];
     const std::string trial =
         "kill before " + point.call + " #" + std::to_string(point.ordinal) + " " + point.expected;
-    std::string failure;
-    if (!workspace.restore(&failure)) {
-      findings_.problem(trial, failure);
-      return;
-    }
-    findings_.count("kill points tried");
-    if (!killAt(workspace, point, findings_, trial)) return;
-    findings_.count("kills");
-    checkImage(workspace, trial + ", after the kill", /*afterKill=*/true);
+    count("kill points tried");
+    if (!killAt(workspace, point, trial)) return;
+    count("kills");
     resumeAndCheck(workspace, trial, index % settings_.idempotenceEvery == 0);
   });
-  countSecondsSince(start);
-  findings_.count("user-data files of the image", workspaces_.front()->recordedFiles());
+  count("user-data files of the image", workspaces_.front()->recordedFiles());
   report(std::string("Crash and resume: a kill before every call that changes the disk, ") +
-         GetParam().name);
+             GetParam().name,
+         start);
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, CrashResumeSweep, ::testing::ValuesIn(families()),
@@ -248,27 +229,22 @@ TEST_F(CrashResumeTest, KillsAtRandomInstantsResumeWithoutLoss) {
   ASSERT_EQ(timed.exitCode, 0) << timed.describe() << timed.out << timed.err;
   const auto duration = timed.elapsed;
 
-  std::mt19937_64 random(settings_.image.seed + 1);
+  std::mt19937_64 random(settings_.seed + 1);
   std::vector<std::chrono::microseconds> instants;
   std::uniform_int_distribution<long> within(1, static_cast<long>(duration.count()));
   for (std::size_t i = 0; i < settings_.randomInstantKills; ++i)
     instants.emplace_back(within(random));
-  runTrials(workspaces_, instants.size(), [&](SweepWorkspace& workspace, std::size_t index) {
+  runTrials(instants.size(), [&](SweepWorkspace& workspace, std::size_t index) {
     const std::string trial = "kill -9 after " + std::to_string(instants[index].count()) + " us";
-    std::string failure;
-    if (!workspace.restore(&failure)) {
-      findings_.problem(trial, failure);
-      return;
-    }
-    findings_.count("random instants tried");
-    const ChildOutcome run = workspace.migrateKilledAfter(instants[index]);
+    count("random instants tried");
+    const ChildOutcome run =
+        workspace.migrate(std::nullopt, std::chrono::seconds(120), instants[index]);
     if (run.killedByUs) {
-      findings_.count("kills");
+      count("kills");
     } else if (!endedByTheHost(run)) {
-      findings_.problem(trial, run.describe() + "\n" + lastLines(run.err, 30));
+      problem(trial, run.describe() + "\n" + lastLines(run.err, 30));
       return;
     }
-    checkImage(workspace, trial + ", after the kill", /*afterKill=*/true);
     resumeAndCheck(workspace, trial, true);
   });
   report("Crash and resume: kill -9 at random instants");

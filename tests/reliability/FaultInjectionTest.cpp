@@ -16,9 +16,7 @@
 #include <cstring>
 #include <random>
 
-#include "tests/reliability/StraceTrace.h"
-#include "tests/reliability/SweepRunner.h"
-#include "tests/support/TestSupport.h"
+#include "tests/reliability/Sweep.h"
 
 namespace reliability {
 namespace {
@@ -43,10 +41,14 @@ const std::map<std::string, std::vector<std::string>>& faultKinds() {
   return kinds;
 }
 
+const std::pair<const char*, int> kErrors[] = {
+    {"EIO", EIO}, {"ENOSPC", ENOSPC}, {"EACCES", EACCES}};
+
 struct FaultTrial {
   std::string kind;
   std::string call;
   std::string errorName;  // "EIO", "ENOSPC", "EACCES"
+  int errorNumber = 0;
   bool persistent = false;
   std::size_t ordinal = 0;
 
@@ -55,13 +57,6 @@ struct FaultTrial {
            (persistent ? " and every later one" : " once");
   }
 };
-
-std::vector<std::string> allTracedCalls() {
-  std::vector<std::string> calls;
-  for (const auto& [kind, names] : faultKinds())
-    calls.insert(calls.end(), names.begin(), names.end());
-  return calls;
-}
 
 // Every call of every kind that the migration itself makes.
 std::vector<FaultTrial> faultTrials(const Trace& trace, const std::string& root) {
@@ -90,18 +85,12 @@ std::vector<FaultTrial> faultTrials(const Trace& trace, const std::string& root)
     for (const auto& [name, calls] : faultKinds()) {
       if (std::find(calls.begin(), calls.end(), call.name) != calls.end()) kind = name;
     }
-    for (const char* errorName : {"EIO", "ENOSPC", "EACCES"}) {
+    for (const auto& [errorName, number] : kErrors) {
       for (const bool persistent : {false, true})
-        trials.push_back({kind, call.name, errorName, persistent, ordinal});
+        trials.push_back({kind, call.name, errorName, number, persistent, ordinal});
     }
   }
   return trials;
-}
-
-const char* errorText(const std::string& errorName) {
-  if (errorName == "EIO") return std::strerror(EIO);
-  if (errorName == "ENOSPC") return std::strerror(ENOSPC);
-  return std::strerror(EACCES);
 }
 
 class FaultInjectionTest : public SweepTest {
@@ -113,45 +102,36 @@ class FaultInjectionTest : public SweepTest {
   void checkImage(SweepWorkspace& workspace, const std::string& when, bool finished = false) {
     ImageCheck check = workspace.check(finished);
     countFiles(check);
-    if (!check.lossesByRule.empty())
-      findings_.count("trials losing files under a rule of the migration");
+    if (!check.lossesByRule.empty()) count("trials losing files under a rule of the migration");
     if (!strict_ && !check.missingContainers.empty()) {
-      findings_.count("checks finding a registered container missing after a failed install");
-      findings_.note(when, "registered but missing: " + check.missingContainers.front());
+      count("checks finding a registered container missing after a failed install");
+      note(when, "registered but missing: " + check.missingContainers.front());
       check.missingContainers.clear();
     }
     if (!strict_ && !check.stranded.empty()) {
-      findings_.count("checks finding data at its legacy place after a run that succeeded");
-      findings_.note(when, "still at the legacy place: " + check.stranded.front());
+      count("checks finding data at its legacy place after a run that succeeded");
+      note(when, "still at the legacy place: " + check.stranded.front());
       check.stranded.clear();
     }
-    if (!check.clean()) findings_.problem(when, check.describe());
+    if (!check.clean()) problem(when, check.describe());
   }
 
   void runTrial(SweepWorkspace& workspace, const FaultTrial& trial) {
     const std::string name = trial.describe();
-    std::string failure;
-    if (!workspace.restore(&failure)) {
-      findings_.problem(name, failure);
-      return;
-    }
-    StracePlan plan;
-    plan.traced = {trial.call};
-    plan.outputPath = workspace.scratch() + "/fault.trace";
-    plan.injectCall = trial.call;
-    plan.injectAction = "error=" + trial.errorName;
-    plan.injectWhen = std::to_string(trial.ordinal) + (trial.persistent ? "+" : "");
-    const ChildOutcome run = workspace.migrate(plan, std::chrono::seconds(60));
-    findings_.count("trials");
+    Trace trace;
+    const ChildOutcome run =
+        workspace.migrateInjecting(trial.call, "error=" + trial.errorName,
+                                   std::to_string(trial.ordinal) + (trial.persistent ? "+" : ""),
+                                   &trace, std::chrono::seconds(60));
+    count("trials");
     if (!endedByTheHost(run)) {
-      findings_.problem(name, "the run " + run.describe() + "\n" + lastLines(run.err, 40));
+      problem(name, "the run " + run.describe() + "\n" + lastLines(run.err, 40));
       return;
     }
-    const Trace trace = parseTrace(testing_support::readFile(plan.outputPath));
     const bool injected = std::any_of(trace.calls.begin(), trace.calls.end(),
                                       [](const TracedCall& call) { return call.injected; });
     if (!injected) {
-      findings_.count("trials whose call was not reached");
+      count("trials whose call was not reached");
       return;
     }
     // A write failing from N on also fails the sanitizer runtime's probe
@@ -159,49 +139,48 @@ class FaultInjectionTest : public SweepTest {
     // middle of the migration, exit code and all. That is the test build, not
     // the migration: the run is taken as unfinished and the reruns follow.
     if (run.err.find("SanitizerTool: CHECK failed") != std::string::npos) {
-      findings_.count("runs the sanitizer runtime stopped (its own probe write failed)");
+      count("runs the sanitizer runtime stopped (its own probe write failed)");
       checkImage(workspace, name + ", after the run the runtime stopped");
-      rerunWithoutFaults(workspace, name);
-      return;
+    } else {
+      count("runs ending " + std::to_string(run.exitCode) + " after a failed call");
+      if (run.exitCode != 0) {
+        const std::string logs = workspace.logs();
+        if (logs.find(" <3> ") == std::string::npos &&
+            run.err.find("mavrel: ") == std::string::npos)
+          problem(name, "the run failed (exit " + std::to_string(run.exitCode) +
+                            ") without an error line in its logs or on stderr");
+        if ((logs + run.err).find(std::strerror(trial.errorNumber)) != std::string::npos)
+          count("failed runs naming the error's text");
+      }
+      checkImage(workspace, name + ", after the failing run", run.exitCode == 0);
+      if (run.exitCode == 0) {
+        count("reruns to completion: 0");
+        return;
+      }
     }
-    findings_.count("runs ending " + std::to_string(run.exitCode) + " after a failed call");
-    if (run.exitCode != 0) {
-      const std::string logs = workspace.logs();
-      if (logs.find(" <3> ") == std::string::npos && run.err.find("mavrel: ") == std::string::npos)
-        findings_.problem(name, "the run failed (exit " + std::to_string(run.exitCode) +
-                                    ") without an error line in its logs or on stderr");
-      if ((logs + run.err).find(errorText(trial.errorName)) != std::string::npos)
-        findings_.count("failed runs naming the error's text");
-    }
-    checkImage(workspace, name + ", after the failing run", run.exitCode == 0);
-    if (run.exitCode == 0) {
-      findings_.count("reruns to completion: 0");
-      return;
-    }
-    rerunWithoutFaults(workspace, name);
-  }
-
-  void rerunWithoutFaults(SweepWorkspace& workspace, const std::string& name) {
     const int runs = rerunUntilSuccess(
-        workspace, findings_, name, kMaxReruns,
+        workspace, name, kMaxReruns,
         [&](const std::string& when, bool finished) { checkImage(workspace, when, finished); },
         !strict_);
-    if (runs > 0) findings_.count("reruns to completion: " + std::to_string(runs));
+    if (runs > 0) count("reruns to completion: " + std::to_string(runs));
   }
 
   bool strict_ = std::getenv("MAVREL_RELIABILITY_STRICT") != nullptr;
 };
 
 TEST_F(FaultInjectionTest, FailedCallsAreReportedLoseNoDataAndAFaultFreeRerunFinishes) {
+  std::vector<std::string> traced;
+  for (const auto& [kind, names] : faultKinds())
+    traced.insert(traced.end(), names.begin(), names.end());
   std::string reason;
-  const Trace reference = traceMigration(*workspaces_.front(), allTracedCalls(), &reason);
+  const Trace reference = traceMigration(*workspaces_.front(), traced, &reason);
   ASSERT_FALSE(reference.calls.empty()) << reason;
   std::vector<FaultTrial> trials = faultTrials(reference, workspaces_.front()->root());
   ASSERT_FALSE(trials.empty());
-  findings_.count("fault trials of the migration", trials.size());
+  count("fault trials of the migration", trials.size());
   if (settings_.faultTrials > 0 && trials.size() > settings_.faultTrials) {
     // A sample that keeps every kind: a shuffled round robin over the kinds.
-    std::mt19937_64 random(settings_.image.seed);
+    std::mt19937_64 random(settings_.seed);
     std::shuffle(trials.begin(), trials.end(), random);
     std::map<std::string, std::vector<FaultTrial>> byKind;
     for (FaultTrial& trial : trials)
@@ -219,11 +198,10 @@ TEST_F(FaultInjectionTest, FailedCallsAreReportedLoseNoDataAndAFaultFreeRerunFin
     }
   }
   const auto start = std::chrono::steady_clock::now();
-  runTrials(workspaces_, trials.size(), [&](SweepWorkspace& workspace, std::size_t index) {
+  runTrials(trials.size(), [&](SweepWorkspace& workspace, std::size_t index) {
     runTrial(workspace, trials[index]);
   });
-  countSecondsSince(start);
-  report("Fault injection");
+  report("Fault injection", start);
 }
 
 }  // namespace

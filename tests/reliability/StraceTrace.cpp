@@ -2,20 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <sstream>
 #include <string_view>
 
 namespace reliability {
 namespace {
-
-bool isOpen(const std::string& name) {
-  return name == "open" || name == "openat" || name == "openat2" || name == "creat";
-}
-
-bool isFlush(const std::string& name) {
-  return name == "fsync" || name == "fdatasync" || name == "syncfs" || name == "sync" ||
-         name == "sync_file_range";
-}
 
 // Splits the text between a call's parentheses at commas outside quotes,
 // brackets and strace's "<path>" annotations. `end` receives the index of
@@ -96,6 +88,38 @@ bool parseCall(const std::string& line, TracedCall& call) {
   return true;
 }
 
+// The text of a strace string argument with its escapes undone.
+std::string unquote(const std::string& argument) {
+  std::string text;
+  std::size_t i = argument.empty() || argument.front() != '"' ? 0 : 1;
+  for (; i < argument.size(); ++i) {
+    const char c = argument[i];
+    if (c == '"') break;
+    if (c != '\\' || i + 1 >= argument.size()) {
+      text += c;
+      continue;
+    }
+    const char escaped = argument[++i];
+    const std::size_t named = std::string_view("ntrvf").find(escaped);
+    if (named != std::string_view::npos) {
+      text += "\n\t\r\v\f"[named];
+    } else if (escaped == 'x') {
+      text += static_cast<char>(std::stoi(argument.substr(i + 1, 2), nullptr, 16));
+      i += 2;
+    } else if (escaped >= '0' && escaped <= '7') {
+      std::size_t length = 1;
+      while (length < 3 && i + length < argument.size() && argument[i + length] >= '0' &&
+             argument[i + length] <= '7')
+        ++length;
+      text += static_cast<char>(std::stoi(argument.substr(i, length), nullptr, 8));
+      i += length - 1;
+    } else {
+      text += escaped;
+    }
+  }
+  return text;
+}
+
 }  // namespace
 
 const std::vector<std::string>& mutatingSystemCalls() {
@@ -132,8 +156,9 @@ std::string TracedCall::resultPath() const {
 }
 
 bool TracedCall::changesDisk() const {
-  if (isFlush(name)) return false;
-  if (isOpen(name) && name != "creat") {
+  // Flushes make data durable but change nothing.
+  if (name == "fsync" || name == "fdatasync" || name == "syncfs") return false;
+  if (name == "open" || name == "openat" || name == "openat2") {
     // openat(dirfd, path, flags, ...) or open(path, flags, ...).
     const std::size_t flagsIndex = name == "open" ? 1 : 2;
     if (flagsIndex >= arguments.size()) return false;
@@ -146,57 +171,16 @@ bool TracedCall::changesDisk() const {
   return std::find(calls.begin(), calls.end(), name) != calls.end();
 }
 
-std::map<std::string, std::size_t> Trace::countByName() const {
-  std::map<std::string, std::size_t> counts;
-  for (const TracedCall& call : calls)
-    ++counts[call.name];
-  return counts;
-}
-
-std::string unquote(const std::string& argument) {
-  std::string text;
-  std::size_t i = argument.empty() || argument.front() != '"' ? 0 : 1;
-  for (; i < argument.size(); ++i) {
-    const char c = argument[i];
-    if (c == '"') break;
-    if (c != '\\' || i + 1 >= argument.size()) {
-      text += c;
-      continue;
-    }
-    const char escaped = argument[++i];
-    const std::size_t named = std::string_view("ntrvf").find(escaped);
-    if (named != std::string_view::npos) {
-      text += "\n\t\r\v\f"[named];
-    } else if (escaped == 'x') {
-      text += static_cast<char>(std::stoi(argument.substr(i + 1, 2), nullptr, 16));
-      i += 2;
-    } else if (escaped >= '0' && escaped <= '7') {
-      std::size_t length = 1;
-      while (length < 3 && i + length < argument.size() && argument[i + length] >= '0' &&
-             argument[i + length] <= '7')
-        ++length;
-      text += static_cast<char>(std::stoi(argument.substr(i, length), nullptr, 8));
-      i += length - 1;
-    } else {
-      text += escaped;
-    }
-  }
-  return text;
-}
-
 Trace parseTrace(const std::string& text) {
   Trace trace;
   std::map<int, std::string> unfinished;
   std::istringstream lines(text);
   std::string line;
   while (std::getline(lines, line)) {
-    std::size_t at = 0;
-    int pid = 0;
-    while (at < line.size() && std::isdigit(static_cast<unsigned char>(line[at])))
-      pid = pid * 10 + (line[at++] - '0');
-    while (at < line.size() && line[at] == ' ')
-      ++at;
-    std::string body = line.substr(at);
+    char* rest = nullptr;
+    const int pid = static_cast<int>(std::strtol(line.c_str(), &rest, 10));
+    const std::size_t start = line.find_first_not_of(' ', rest - line.c_str());
+    std::string body = start == std::string::npos ? std::string() : line.substr(start);
     if (body.rfind("---", 0) == 0 || body.rfind("+++", 0) == 0 || body.empty()) continue;
     if (const std::size_t cut = body.find(" <unfinished ...>"); cut != std::string::npos) {
       unfinished[pid] = body.substr(0, cut);
@@ -234,22 +218,13 @@ std::vector<std::string> straceArguments(const StracePlan& plan, const std::stri
   std::string set;
   for (const std::string& call : plan.traced)
     set += (set.empty() ? "?" : ",?") + call;
-  std::vector<std::string> result = {"-f",
-                                     "-qq",
-                                     "-y",
-                                     "-s",
-                                     "4096",
-                                     "-e",
-                                     "signal=none",
-                                     "-e",
-                                     "trace=" + set,
-                                     "-o",
-                                     plan.outputPath.empty() ? "/dev/null" : plan.outputPath};
-  if (plan.injectCall) {
-    result.push_back("-e");
-    result.push_back("inject=" + *plan.injectCall + ":" + plan.injectAction +
-                     ":when=" + plan.injectWhen);
-  }
+  // Children followed, descriptors shown with their paths, signals not shown.
+  std::vector<std::string> result = {"-f", "-qq", "-y", "-s", "4096", "-e", "signal=none"};
+  result.insert(result.end(), {"-e", "trace=" + set, "-o",
+                               plan.outputPath.empty() ? "/dev/null" : plan.outputPath});
+  if (plan.injectCall)
+    result.insert(result.end(), {"-e", "inject=" + *plan.injectCall + ":" + plan.injectAction +
+                                           ":when=" + plan.injectWhen});
   result.push_back(program);
   result.insert(result.end(), arguments.begin(), arguments.end());
   return result;

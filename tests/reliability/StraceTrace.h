@@ -52,8 +52,6 @@ struct TracedCall {
 struct Trace {
   std::vector<TracedCall> calls;
   std::size_t unreadLines = 0;
-  // Calls per name.
-  std::map<std::string, std::size_t> countByName() const;
   // Whether `call` was made by the program's first thread. strace counts the
   // calls of each thread apart and applies an injection's `when` to every
   // thread, so only that thread's calls can be singled out by their
@@ -65,9 +63,6 @@ struct Trace {
 };
 
 Trace parseTrace(const std::string& text);
-
-// The text of a strace string argument with its escapes undone.
-std::string unquote(const std::string& argument);
 
 // How strace is to run the program.
 struct StracePlan {

@@ -20,25 +20,6 @@
 extern char** environ;
 
 namespace testing_support {
-namespace {
-
-// Owns the spawn attributes and file actions for the length of one spawn.
-struct SpawnSetup {
-  SpawnSetup() {
-    posix_spawnattr_init(&attributes);
-    posix_spawn_file_actions_init(&actions);
-  }
-  ~SpawnSetup() {
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-  }
-  SpawnSetup(const SpawnSetup&) = delete;
-  SpawnSetup& operator=(const SpawnSetup&) = delete;
-  posix_spawnattr_t attributes;
-  posix_spawn_file_actions_t actions;
-};
-
-}  // namespace
 
 std::string ChildOutcome::describe() const {
   std::ostringstream text;
@@ -77,20 +58,25 @@ ChildOutcome runChild(const std::string& program, const std::vector<std::string>
     envp.push_back(entry.data());
   envp.push_back(nullptr);
 
-  SpawnSetup setup;
-  posix_spawnattr_setflags(&setup.attributes, POSIX_SPAWN_SETPGROUP);
-  posix_spawnattr_setpgroup(&setup.attributes, 0);
+  posix_spawnattr_t attributes;
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_init(&attributes);
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attributes, 0);
   const std::string outPath = options.outPath.empty() ? "/dev/null" : options.outPath;
   const std::string errPath = options.errPath.empty() ? "/dev/null" : options.errPath;
-  posix_spawn_file_actions_addopen(&setup.actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&setup.actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                    0644);
-  posix_spawn_file_actions_addopen(&setup.actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                    0644);
   pid_t child = -1;
   const auto start = std::chrono::steady_clock::now();
-  const int spawned = posix_spawnp(&child, program.c_str(), &setup.actions, &setup.attributes,
-                                   argv.data(), envp.data());
+  const int spawned =
+      posix_spawnp(&child, program.c_str(), &actions, &attributes, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
   if (spawned != 0) {
     outcome.err = "cannot run " + program + ": " + std::strerror(spawned);
     return outcome;

@@ -34,14 +34,33 @@ class FakeInstallerService final : public platform::InstallerService,
                          const platform::InstallProgressCallback& progress)>;
 
   bool installApplication(const CVURL& url, const CVDictionary& options, CVError* error,
-                          const platform::InstallProgressCallback& progress) override;
+                          const platform::InstallProgressCallback& progress) override {
+    record([&] { installs.push_back(InstallRequest{url, options, static_cast<bool>(progress)}); });
+    if (installHandler) return installHandler(url, options, error, progress);
+    CVSetError(error, CVError("CVInstallerErrorDomain", 1));
+    return false;
+  }
   bool CorvaneRegisterSafeHarborForContainerType(std::string_view path, std::string_view identifier,
-                                                 int containerType,
-                                                 const CVDictionary* options) override;
-  bool CorvaneUpdateContainerDataProtectionForMigratorOnly(const CVDictionary& options) override;
-  bool isApplicationInstalled(std::string_view identifier) override;
+                                                 int containerType, const CVDictionary*) override {
+    const HarborRegistration registration{std::string(path), std::string(identifier),
+                                          containerType};
+    record([&] { harbors.push_back(registration); });
+    return harborHandler ? harborHandler(registration) : true;
+  }
+  bool CorvaneUpdateContainerDataProtectionForMigratorOnly(const CVDictionary& options) override {
+    record([&] { dataProtectionRequests.push_back(options); });
+    return dataProtectionResult;
+  }
+  bool isApplicationInstalled(std::string_view identifier) override {
+    return bundleRecordForIdentifier(identifier).has_value();
+  }
   std::optional<platform::BundleRecord> bundleRecordForIdentifier(
-      std::string_view identifier) override;
+      std::string_view identifier) override {
+    std::lock_guard lock(mutex_);
+    const auto it = records.find(identifier);
+    if (it == records.end()) return std::nullopt;
+    return it->second;
+  }
 
   // Steering.
   InstallHandler installHandler;
@@ -55,6 +74,10 @@ class FakeInstallerService final : public platform::InstallerService,
   std::vector<CVDictionary> dataProtectionRequests;
 
  private:
+  void record(const std::function<void()>& change) {
+    std::lock_guard lock(mutex_);
+    change();
+  }
   std::mutex mutex_;
 };
 

@@ -1,0 +1,238 @@
+// The frame of the crash and fault sweeps: one workspace per worker, trials
+// run side by side, the findings with their report, and the fixture the sweeps
+// share.
+//
+// A workspace holds a generated legacy image kept as a template, the image
+// itself (restored from the template before every trial, at the same path,
+// because the image's maps hold absolute paths), a canary tree beside the
+// image that no run may touch, and a scratch directory for traces and output.
+// The user data of the template (every file under the containers' user-data
+// items, the group containers and the safe harbors, with its SHA-256) is
+// recorded once; `check` then tells, for the image as it stands, whether each
+// file is at its legacy place or at its new place with the same bytes, whether
+// every container the registry names exists, and whether anything beside the
+// image changed.
+//
+// ctest runs the "ci" mode: the exhaustive crash sweep and a sample of the
+// fault injections over a small image. tests/reliability/run-sweeps sets the
+// environment for the longer modes:
+//
+//   MAVREL_RELIABILITY_MODE     ci (default), sampled or exhaustive
+//   MAVREL_RELIABILITY_APPS     applications of the image
+//   MAVREL_RELIABILITY_VPN      VPN-only containers of the image
+//   MAVREL_RELIABILITY_SEED     the image's seed, and the sampling's
+//   MAVREL_RELIABILITY_POINTS   kill points (sampled) / fault trials (sampled,
+//   ci) MAVREL_RELIABILITY_RANDOM_KILLS  kills at random instants (sampled)
+//   MAVREL_RELIABILITY_WORKERS  trials run side by side (default 2)
+//   MAVREL_RELIABILITY_STRICT   set: the fault sweep's known findings fail too
+//   MAVREL_RELIABILITY_NOTES    a file every note of every sweep is added to
+//   MAVREL_RELIABILITY_DIR      where the workspaces go (default: /dev/shm when
+//                               it has 512 MiB free and takes user extended
+//                               attributes, else $TMPDIR)
+//
+// The workspaces go to memory by default: a trial restores its image and
+// migrates it several times, and creating a file on disk costs half a
+// millisecond, so a sweep on tmpfs runs about five times faster. What the
+// sweeps test (kills, failing calls, the order of calls) does not depend on
+// the file system.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "samplegen/ImageManifest.h"
+#include "tests/reliability/StraceTrace.h"
+#include "tests/support/ChildProgram.h"
+#include "tests/support/TestSupport.h"
+
+namespace reliability {
+
+using testing_support::ChildOutcome;
+
+enum class SweepMode { CI, Sampled, Exhaustive };
+
+struct SweepSettings {
+  SweepMode mode = SweepMode::CI;
+  // Seed 1 with ten applications gives: one with a VPN plug-in beside it, two
+  // sharing a group container, one that duplicates a built-in application, a
+  // VPN-only container and a safe harbor.
+  std::size_t applications = 10, vpnOnly = 1;
+  std::uint64_t seed = 1;
+  double dataScale = 0.05;
+  std::size_t workers = 2;
+  std::string workspaceParent;
+  // Sampled mode: kill points drawn from the strace sweep, and kills at
+  // random instants of plain runs.
+  std::size_t sampledKillPoints = 600, randomInstantKills = 150;
+  // Every how many kill points the run after a success is checked for
+  // changing nothing (1: after every one).
+  std::size_t idempotenceEvery = 1;
+  // Fault trials (call kind x errno x once/persistent x N) run; 0: all.
+  std::size_t faultTrials = 0;
+  std::string error;  // malformed variables; the defaults are kept
+
+  std::string describe() const;
+};
+
+SweepSettings sweepSettings();
+
+// What `check` found. Losses that the migration's own rules produce (a
+// container removed because its bundle could not be read, a group item left
+// behind by a failed move and removed with its group) are counted apart, with
+// the log line that proves the rule applied.
+struct ImageCheck {
+  std::uint64_t filesVerified = 0;
+  // Verified in a data container that `mavrel apps` does not name (the owner,
+  // a VPN plug-in of a VPN-only container, is not listed).
+  std::uint64_t filesInUnlistedContainers = 0;
+  std::vector<std::string> lost;          // no copy anywhere, no rule explains it
+  std::vector<std::string> changed;       // a copy with other bytes
+  std::vector<std::string> lossesByRule;  // lost under a rule of the migration
+  // Gone from its old and new places, kept in a safety net of the image.
+  std::uint64_t filesInSafetyNet = 0;
+  std::vector<std::string> stranded;  // only at the legacy place after a successful run
+  std::vector<std::string> missingContainers;
+  std::vector<std::string> outsideChanges;  // the canary or the image's parent changed
+  std::string listingError;                 // `mavrel apps --json` failed
+  long pendingInstalls = 0;                 // as the listing says
+
+  bool clean() const {
+    return lost.empty() && changed.empty() && stranded.empty() && missingContainers.empty() &&
+           outsideChanges.empty() && listingError.empty();
+  }
+  std::string describe() const;
+};
+
+// Path to (kind, mode, size, digest) of everything below a directory; the
+// logs, the registry's files and the host's temporary directory left out.
+using TreeSnapshot = std::map<std::string, std::string>;
+
+class SweepWorkspace {
+ public:
+  // Makes `base` (which must not exist yet) and generates the image in it;
+  // null and a reason naming the path or program at fault when it cannot.
+  static std::unique_ptr<SweepWorkspace> create(const std::string& base,
+                                                const SweepSettings& settings, std::string* reason);
+
+  // Puts the template back in place of the image.
+  bool restore(std::string* reason);
+
+  const std::string& root() const { return root_; }
+  const std::string& scratch() const { return scratch_; }
+  const samplegen::ImageManifest& manifest() const { return manifest_; }
+  std::uint64_t recordedFiles() const { return data_.size(); }
+
+  // `mavrel migrate --root <image>`, plain or under strace; or a plain run
+  // killed with SIGKILL `killAfter` its start.
+  ChildOutcome migrate(const std::optional<StracePlan>& strace = std::nullopt,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(120),
+                       std::chrono::microseconds killAfter = {}) const;
+  // A migration under strace with one injection ("signal=SIGKILL" or
+  // "error=EIO" at the `when`th call named `call`), and the trace of that call.
+  ChildOutcome migrateInjecting(
+      const std::string& call, const std::string& action, const std::string& when, Trace* trace,
+      std::chrono::milliseconds timeout = std::chrono::seconds(120)) const;
+  // `mavrel apps --root <image> --json`.
+  ChildOutcome listApplications() const;
+
+  // `finished`: the last run succeeded, so user data must be at its new place
+  // (safe harbors stay where they are). Never fails: it reports.
+  ImageCheck check(bool finished = false) const;
+  TreeSnapshot snapshot() const;
+  // Every line of every migration and installer log written in the image.
+  std::string logs() const;
+  // Whether the legacy containers still there hold nothing but marker names
+  // and at least one file that an interrupted atomic write left beside its
+  // target (".<name>.<16 hex digits>.tmp").
+  bool onlyMarkersAndAsideFilesLeft() const;
+
+ private:
+  SweepWorkspace() = default;
+  struct DataFile {
+    std::string owner;     // application or group identifier, or harbor path
+    std::string kind;      // "container", "group" or "harbor"
+    std::string legacy;    // the legacy directory the relative path is below
+    std::string relative;  // "Documents/a/b.dat"
+    std::string digest;
+  };
+  bool recordData(std::string* reason);
+  // mavrel with `arguments`, its output in the scratch directory as <name>.out
+  // and <name>.err.
+  ChildOutcome run(const std::vector<std::string>& arguments, const std::string& name,
+                   testing_support::ChildOptions options,
+                   const std::optional<StracePlan>& strace = {}) const;
+  void checkOutside(ImageCheck& result) const;
+
+  std::string base_, root_, template_, canary_, scratch_;
+  samplegen::ImageManifest manifest_;
+  std::vector<DataFile> data_;
+  TreeSnapshot canarySnapshot_;
+};
+
+// One line per item removed, changed or new, "<path> removed" and so on.
+std::vector<std::string> changesBetween(const TreeSnapshot& before, const TreeSnapshot& after);
+
+// True when an outcome is one of the host's own: exit 0 to 3.
+bool endedByTheHost(const ChildOutcome& outcome);
+
+// A traced run of the whole migration on a freshly restored image: every
+// call of `traced` with its arguments and results.
+Trace traceMigration(SweepWorkspace& workspace, const std::vector<std::string>& traced,
+                     std::string* reason);
+
+// The last lines of a text, for problem reports.
+std::string lastLines(const std::string& text, std::size_t lines);
+
+class SweepTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+
+  // Calls `trial` for every index below `count`, spread over the workspaces
+  // (each used by one thread at a time), each restored just before.
+  void runTrials(std::size_t count,
+                 const std::function<void(SweepWorkspace&, std::size_t index)>& trial);
+  // Figures, problems and notes of the sweep, from any worker. A note is worth
+  // reading but not a failure (a rerun that failed before one succeeded, say).
+  void count(const std::string& figure, std::uint64_t amount = 1);
+  void problem(const std::string& trial, const std::string& what);
+  void note(const std::string& trial, const std::string& what);
+  // Plain runs of the migration until one succeeds, at most `maxReruns`, with
+  // `check(when, finished)` after each (`finished`: that run succeeded). A rerun
+  // that fails is counted under its first new error line (paths made generic).
+  // When none succeeds and the legacy containers left hold nothing but markers
+  // and aside files of interrupted atomic writes, that outcome is counted (the
+  // migration's rules keep a container with unknown items); anything else is a
+  // problem, or with `unfinishedIsFinding` counted and noted (the fault sweep's
+  // known outcomes). Returns the number of runs it took, or 0.
+  int rerunUntilSuccess(SweepWorkspace& workspace, const std::string& trial, int maxReruns,
+                        const std::function<void(const std::string& when, bool finished)>& check,
+                        bool unfinishedIsFinding = false);
+  // Counts what every check finds the same way in both sweeps: files
+  // verified, lost, lost under a rule of the migration, kept in a safety net,
+  // and verified where the listing names no owner.
+  void countFiles(const ImageCheck& check);
+  // Prints the figures (with "seconds" since `start` when given) and notes
+  // under `title`; a lost file or a problem fails the test.
+  void report(const std::string& title,
+              std::optional<std::chrono::steady_clock::time_point> start = std::nullopt);
+
+  SweepSettings settings_;
+  std::optional<testing_support::TemporaryDirectory> base_;
+  std::vector<std::unique_ptr<SweepWorkspace>> workspaces_;
+
+ private:
+  std::mutex mutex_;
+  std::map<std::string, std::uint64_t> figures_;
+  std::vector<std::string> problems_, notes_;
+};
+
+}  // namespace reliability
