@@ -30,9 +30,6 @@ constexpr std::string_view kHarborFunction =
 constexpr std::string_view kProtectionFunction =
     "-[EmbeddedInstallerService CorvaneUpdateContainerDataProtectionForMigratorOnly]";
 constexpr mode_t kLockFileMode = 0644;
-// In the staging root, beside the installs' UUID-named entries, so that the
-// sweep of the next opening removes whatever a crash left in it.
-constexpr std::string_view kDiscardedItemsName = "Discarded";
 constexpr mode_t kHomeMode = 0755;
 
 CVError setUpError(std::string_view description, const std::string& path,
@@ -147,7 +144,6 @@ bool EmbeddedInstallerService::setUp(CVError* error) {
   blacklist_ = configuration_.installationBlacklist();
   metadataItemNames_ = configuration_.appBundleMetadataItemNames();
   if (!recoverPendingInstalls(*store_, layout_, stagingRoot_, &recovery_, error)) return false;
-  discarded_.emplace(stagingRoot_ + "/" + std::string(kDiscardedItemsName));
   // A session that ended without closing may have left placeholders' data
   // containers bare.
   completePlaceholderDataContainers(nullptr);
@@ -196,7 +192,6 @@ void EmbeddedInstallerService::loadBuiltInApplications() {
 
 EmbeddedInstallerService::~EmbeddedInstallerService() {
   std::lock_guard lock(mutex_);
-  if (discarded_) discarded_->finish();
   if (store_ && !barePlaceholders_.empty()) {
     completePlaceholderDataContainers(&barePlaceholders_);
     barePlaceholders_.clear();

@@ -246,8 +246,6 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   CVSet blacklist_;
   platform::sys::UniqueFd lock_;
   std::unique_ptr<RegistryStore> store_;
-  // What registered installs replaced, removed on a thread of its own.
-  std::optional<DeferredRemoval> discarded_;
   // Entries whose steps are done, deleted with the next write transaction.
   std::vector<std::int64_t> doneJournal_;
   RecoveryReport recovery_;

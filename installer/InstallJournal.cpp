@@ -64,8 +64,7 @@ bool staysBelowRoot(const std::string& relative) {
 
 namespace {
 
-bool performStep(const ContainerLayout& layout, const JournalStep& step, DeferredRemoval* deferred,
-                 CVError* error) {
+bool performStep(const ContainerLayout& layout, const JournalStep& step, CVError* error) {
   if (!staysBelowRoot(step.source) ||
       (step.action == JournalStep::Action::Rename && !staysBelowRoot(step.target))) {
     CVSetError(error,
@@ -79,8 +78,6 @@ bool performStep(const ContainerLayout& layout, const JournalStep& step, Deferre
   } else if (const int injected = injectedFailure("journal removal")) {
     CVSetError(error, platform::posixCallError(injected, "remove", source));
     return false;
-  } else if (deferred != nullptr && deferred->discard(source)) {
-    // Out of its place; removed on the deferred removal's thread.
   } else if (!CVFileManager::defaultManager().removeItemAtURL(CVURL::fileURLWithPath(source, false),
                                                               error)) {
     return false;
@@ -94,13 +91,13 @@ bool performStep(const ContainerLayout& layout, const JournalStep& step, Deferre
 bool performJournalSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
                          CVError* error) {
   for (const JournalStep& step : steps) {
-    if (!performStep(layout, step, nullptr, error)) return false;
+    if (!performStep(layout, step, error)) return false;
   }
   return true;
 }
 
 bool performCommittedSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
-                           DeferredRemoval* deferred, CVError* error, bool* cleanupLeft) {
+                           CVError* error, bool* cleanupLeft) {
   *cleanupLeft = false;
   // Every rename puts something of the install in place; the removals after
   // the last one only clean up.
@@ -110,7 +107,7 @@ bool performCommittedSteps(const ContainerLayout& layout, std::span<const Journa
   }
   for (std::size_t i = 0; i < steps.size(); ++i) {
     CVError stepError;
-    if (performStep(layout, steps[i], deferred, &stepError)) continue;
+    if (performStep(layout, steps[i], &stepError)) continue;
     if (i < cleanupStart) {
       CVSetError(error, stepError);
       return false;

@@ -22,7 +22,6 @@
 #include <vector>
 
 #include "installer/ContainerLayout.h"
-#include "installer/DeferredRemoval.h"
 #include "installer/RegistryStore.h"
 
 namespace mavrel_installer {
@@ -41,11 +40,9 @@ bool performJournalSteps(const ContainerLayout& layout, std::span<const JournalS
 // performJournalSteps). The removals after the last rename clean up what the
 // install staged: one that fails is logged, the others are still performed,
 // the result stays true and `*cleanupLeft` is set, so that the caller keeps
-// the journal entry for the next opening to finish. With `deferred`, a
-// removal takes the item out of its place at once and leaves the rest to the
-// deferred removal's thread.
+// the journal entry for the next opening to finish.
 bool performCommittedSteps(const ContainerLayout& layout, std::span<const JournalStep> steps,
-                           DeferredRemoval* deferred, CVError* error, bool* cleanupLeft);
+                           CVError* error, bool* cleanupLeft);
 
 struct RecoveryReport {
   std::size_t restored = 0;  // staging directories put back

@@ -205,8 +205,7 @@ bool EmbeddedInstallerService::commitAndFinish(Preparation& preparation,
   }
   faultPoint("registration committed");
   bool cleanupLeft = false;
-  if (!performCommittedSteps(layout_, preparation.steps, discarded_ ? &*discarded_ : nullptr,
-                             &error, &cleanupLeft)) {
+  if (!performCommittedSteps(layout_, preparation.steps, &error, &cleanupLeft)) {
     // The entry stays in the journal: the next opening puts everything in place.
     *failure =
         InstallFailure{InstallError::InstallFinishFailed, preparation.entry.identifier, error};
