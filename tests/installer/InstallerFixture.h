@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -84,15 +83,6 @@ inline void writeBundle(const std::string& path, const BundleSpec& spec) {
                CVValue(CVDictionary{{"application-groups", CVValue(std::move(groups))}}));
 }
 
-// The names in a directory, sorted; empty when it does not exist.
-inline std::vector<std::string> entriesOf(const std::string& directory) {
-  std::vector<std::string> names;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
-    names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
 inline const std::vector<std::string> kNothing;
 
 class InstallerFixture : public ::testing::Test {

@@ -7,10 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,14 +23,6 @@ using namespace testing_support;
 
 std::span<const std::uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
-std::vector<std::string> entries(const std::string& directory) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(directory))
-    names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 bool setImmutable(const std::string& path, bool immutable) {
@@ -84,7 +74,7 @@ TEST(FileIOAtomicWriteTest, CreatesAndReplacesReadableByAllWithoutLeftovers) {
   struct stat status {};
   ASSERT_EQ(::stat(target.path().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0644u);
-  EXPECT_EQ(entries(directory.path()),
+  EXPECT_EQ(entriesOf(directory.path()),
             (std::vector<std::string>{".file.plist.tmp", ".other.plist.0123456789abcdef.tmp",
                                       "file.plist"}));
   // A link is replaced, not followed.
@@ -133,8 +123,9 @@ TEST(FileIOAtomicWriteTest, FailedWritesLeaveTheTargetAndNoAsideFile) {
   setImmutable(directory / "locked", false);
   EXPECT_EQ(readFile(directory / "target"), "old");
   EXPECT_EQ(readFile(directory / "locked/target"), "old");
-  EXPECT_EQ(entries(directory / "locked"), std::vector<std::string>{"target"});
-  EXPECT_EQ(entries(directory.path()), (std::vector<std::string>{"directory", "locked", "target"}));
+  EXPECT_EQ(entriesOf(directory / "locked"), std::vector<std::string>{"target"});
+  EXPECT_EQ(entriesOf(directory.path()),
+            (std::vector<std::string>{"directory", "locked", "target"}));
 }
 
 TEST(FileIODescriptorTest, NoDescriptorLeaksOnAnyPath) {
@@ -143,7 +134,7 @@ TEST(FileIODescriptorTest, NoDescriptorLeaksOnAnyPath) {
   makeDirectories(directory / "subdirectory");
   makeDirectories(directory / "target-directory");
   ASSERT_EQ(::mkfifo((directory / "fifo").c_str(), 0644), 0);
-  const std::size_t before = entries("/proc/self/fd").size();
+  const std::size_t before = entriesOf("/proc/self/fd").size();
   for (int i = 0; i < 5; ++i) {
     platform::readFileContents(directory.fileURL("file"), 100, nullptr);
     platform::readFileContents(directory.fileURL("file"), 5, nullptr);
@@ -152,7 +143,7 @@ TEST(FileIODescriptorTest, NoDescriptorLeaksOnAnyPath) {
     platform::writeFileAtomically(directory.fileURL("written"), bytesOf("x"), nullptr);
     platform::writeFileAtomically(directory.fileURL("target-directory"), bytesOf("x"), nullptr);
   }
-  EXPECT_EQ(entries("/proc/self/fd").size(), before);
+  EXPECT_EQ(entriesOf("/proc/self/fd").size(), before);
 }
 
 }  // namespace

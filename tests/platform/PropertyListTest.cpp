@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <filesystem>
 #include <limits>
 #include <span>
 #include <string>
@@ -217,14 +216,6 @@ TEST(PropertyListHostileInputTest, OtherWritersIntegersKeepTheirSignAndWidth) {
 
 const CVDictionary kSample{{"BundleIdentifier", "com.example.app"}, {"Count", 3}};
 
-std::vector<std::string> entries(const std::string& directory) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(directory))
-    names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 TEST(PropertyListReadTest, RefusedFilesAreNamedWithTheirReason) {
   TemporaryDirectory directory;
   const std::string xml = platform::encodeXMLPropertyList(CVValue(kSample));
@@ -324,7 +315,7 @@ TEST(PropertyListWriteTest, WritesAtomicallyAndLeavesNothingWhenItFails) {
   ASSERT_TRUE(platform::writePropertyListAtomically(CVValue(kSample), url, &error))
       << error.description();
   EXPECT_EQ(platform::readPropertyListDictionary(url, nullptr), kSample);
-  EXPECT_EQ(entries(directory.path()), std::vector<std::string>{"out.plist"});
+  EXPECT_EQ(entriesOf(directory.path()), std::vector<std::string>{"out.plist"});
 
   makeDirectories(directory / "dir.plist");
   writeFile(directory / "dir.plist/inside", "kept");
@@ -343,7 +334,7 @@ TEST(PropertyListWriteTest, WritesAtomicallyAndLeavesNothingWhenItFails) {
     EXPECT_TRUE(underlying == 0 || error.underlyingError().isPOSIX(underlying)) << name;
   }
   EXPECT_EQ(readFile(directory / "dir.plist/inside"), "kept");
-  EXPECT_EQ(entries(directory.path()), (std::vector<std::string>{"dir.plist", "out.plist"}));
+  EXPECT_EQ(entriesOf(directory.path()), (std::vector<std::string>{"dir.plist", "out.plist"}));
 }
 
 }  // namespace

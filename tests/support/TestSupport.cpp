@@ -130,6 +130,15 @@ std::string readFile(const std::string& path) {
   return contents.str();
 }
 
+std::vector<std::string> entriesOf(const std::string& directory) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
+    names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 void makeDirectories(const std::string& path) {
   std::error_code error;
   std::filesystem::create_directories(path, error);

@@ -78,6 +78,8 @@ std::string readFile(const std::string& path);
 void makeDirectories(const std::string& path);
 void makeSymlink(const std::string& target, const std::string& linkPath);
 bool pathExists(const std::string& path);  // lstat-based
+// The names in a directory, sorted; empty when it does not exist.
+std::vector<std::string> entriesOf(const std::string& directory);
 
 // Builds binary property lists object by object: shapes that no writer makes
 // (deep chains, shared subtrees, cycles, keys that are not strings). References and offsets are 4
