@@ -36,7 +36,6 @@ DataUsage walkRegularFiles(const std::string& root, const RegularFileVisitor& vi
       }
       case platform::sys::WalkKind::DirectoryUnreadable:
       case platform::sys::WalkKind::NoStat:
-      case platform::sys::WalkKind::Error:
       case platform::sys::WalkKind::MountPoint:  // not the image's: never read
         ++usage.unreadable;
         break;

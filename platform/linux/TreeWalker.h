@@ -31,16 +31,11 @@ namespace platform::sys {
 enum class WalkKind {
   Directory,            // a directory, before its contents
   DirectoryPost,        // a directory, after its contents
-  DirectoryCycle,       // a directory that is its own ancestor (never, without links or mounts)
   DirectoryUnreadable,  // a directory whose contents could not be read
   File,                 // a regular file
-  Symlink,              // a symbolic link (never followed)
-  SymlinkDangling,      // a symbolic link whose target is missing
-  Dot,                  // "." or ".." given as a root
+  Symlink,              // a symbolic link (never followed, dangling or not)
   Default,              // any other kind of item (device, FIFO, socket)
   NoStat,               // an item that could not be looked at (errorNumber says why)
-  NoStatRequested,      // an item not looked at because nobody asked
-  Error,                // a general walker error (errorNumber says why)
   MountPoint,           // the root of another mount, not entered (errorNumber EXDEV)
 };
 
@@ -48,9 +43,9 @@ enum class WalkKind {
 // call of next() or close().
 struct WalkEntry {
   const char* path = nullptr;           // the root path with the entry's names appended
-  const struct stat* status = nullptr;  // lstat record (meaningless for NoStat, Error)
-  WalkKind kind = WalkKind::Error;
-  int errorNumber = 0;  // for NoStat, Error, DirectoryUnreadable and MountPoint
+  const struct stat* status = nullptr;  // lstat record (meaningless for NoStat)
+  WalkKind kind = WalkKind::NoStat;
+  int errorNumber = 0;  // for NoStat, DirectoryUnreadable and MountPoint
   int level = 0;        // 0 for the root
 };
 

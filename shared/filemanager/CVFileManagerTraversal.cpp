@@ -53,8 +53,7 @@ bool CVFileManager::_traverseDirectory(const CVURL& url, CVError* error,
   while (walker.next(entry)) {
     // A mount point inside the tree is an error too: what lies beyond belongs
     // elsewhere, and the walker does not enter it.
-    if (entry.kind == sys::WalkKind::Error || entry.kind == sys::WalkKind::NoStat ||
-        entry.kind == sys::WalkKind::MountPoint) {
+    if (entry.kind == sys::WalkKind::NoStat || entry.kind == sys::WalkKind::MountPoint) {
       // The text names the root, not the entry; callers have always seen it so.
       walkError = CreatePOSIXError(kFunction, entry.errorNumber, "Error for path %s: %s", rootPath,
                                    std::strerror(entry.errorNumber));
@@ -103,9 +102,7 @@ bool CVFileManager::standardizeOwnershipAndValidateSymlinksAtURL(const CVURL& ur
           }
           changeOwnerOrLog(kStandardizeBlockFunction, entry.path, uid, gid);
         }
-        if (entry.kind != sys::WalkKind::Symlink && entry.kind != sys::WalkKind::SymlinkDangling) {
-          return true;
-        }
+        if (entry.kind != sys::WalkKind::Symlink) return true;
         const CVURL link = CVURL::fileURLWithPath(entry.path, false);
         if (!realPathForURL(link, url).isNil()) return true;
         if (blockError != nullptr) {
