@@ -20,9 +20,11 @@
 #include <string>
 #include <thread>
 
-#include "host/UniqueFd.h"
+#include "platform/linux/FileDescriptor.h"
 
 namespace mavrel_host {
+
+using platform::sys::UniqueFd;
 
 // "SIGINT", "SIGTERM", or "signal N".
 std::string signalName(int signal);

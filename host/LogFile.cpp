@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/linux/DirectoryRelative.h"
+
 namespace mavrel_host {
 namespace {
 
@@ -32,8 +34,8 @@ std::optional<AppendOnlyFile> AppendOnlyFile::createUniqueInDirectory(
   for (int attempt = 1;; ++attempt) {
     const std::string name =
         stem + (attempt == 1 ? std::string() : "-" + std::to_string(attempt)) + extension;
-    UniqueFd fd(
-        ::openat(directory, name.c_str(), kAppendFlags | O_EXCL | O_NOFOLLOW, kLogFileMode));
+    UniqueFd fd =
+        platform::sys::createNewFileAt(directory, name.c_str(), kAppendFlags, kLogFileMode);
     if (fd.valid()) return AppendOnlyFile(std::move(fd), displayDirectory + "/" + name);
     if (errno != EEXIST || attempt >= kMaximumNameAttempts) {
       if (reason != nullptr)

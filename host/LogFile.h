@@ -10,9 +10,11 @@
 #include <string>
 #include <string_view>
 
-#include "host/UniqueFd.h"
+#include "platform/linux/FileDescriptor.h"
 
 namespace mavrel_host {
+
+using platform::sys::UniqueFd;
 
 class AppendOnlyFile {
  public:

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/linux/DirectoriesBeneath.h"
 #include "platform/linux/FileLock.h"
 
 namespace mavrel_host {
@@ -74,45 +75,18 @@ bool registryLockIsHeld(const std::string& lockPath) {
 
 UniqueFd makeDirectoryInsideRoot(const std::string& root, std::string_view relative, mode_t mode,
                                  std::string* reason) {
-  UniqueFd current(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!current.valid()) {
-    setReason(reason, "cannot open '" + root + "': " + systemError(errno));
-    return {};
-  }
-  std::string walked = root;
-  while (!relative.empty()) {
-    const std::size_t slash = relative.find('/');
-    const std::string component(relative.substr(0, slash));
-    relative = slash == std::string_view::npos ? std::string_view() : relative.substr(slash + 1);
-    if (component.empty()) continue;
-    walked += "/" + component;
-    const mode_t componentMode = relative.empty() ? mode : kIntermediateMode;
-
-    bool created = false;
-    if (::mkdirat(current.get(), component.c_str(), componentMode) == 0) {
-      created = true;
-    } else if (errno != EEXIST) {
-      setReason(reason, "cannot create '" + walked + "': " + systemError(errno));
-      return {};
-    }
-    // O_NOFOLLOW: a symbolic link here could lead out of the image.
-    UniqueFd next(::openat(current.get(), component.c_str(),
-                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!next.valid()) {
-      const int code = errno;
-      if (code == ELOOP || code == ENOTDIR)
-        setReason(reason, "cannot use '" + walked + "': it is not a directory inside the root");
-      else
-        setReason(reason, "cannot open '" + walked + "': " + systemError(code));
-      return {};
-    }
-    if (created && ::fchmod(next.get(), componentMode) != 0) {
-      setReason(reason, "cannot set the mode of '" + walked + "': " + systemError(errno));
-      return {};
-    }
-    current = std::move(next);
-  }
-  return current;
+  std::string failedPath;
+  UniqueFd made = platform::sys::makeDirectoriesBeneath(
+      root, relative, mode, kIntermediateMode, &failedPath, platform::sys::MadeModes::Exact);
+  if (made) return made;
+  const int code = errno;
+  // ELOOP or ENOTDIR: a symbolic link, which could lead out of the image, or
+  // a file where a directory should be.
+  if (code == ELOOP || code == ENOTDIR)
+    setReason(reason, "cannot use '" + failedPath + "': it is not a directory inside the root");
+  else
+    setReason(reason, "cannot make '" + failedPath + "': " + systemError(code));
+  return {};
 }
 
 }  // namespace mavrel_host

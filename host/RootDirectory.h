@@ -13,9 +13,11 @@
 #include <string>
 #include <string_view>
 
-#include "host/UniqueFd.h"
+#include "platform/linux/FileDescriptor.h"
 
 namespace mavrel_host {
+
+using platform::sys::UniqueFd;
 
 // The canonical absolute path of `path`, which must name an existing directory
 // (symbolic links are resolved).

@@ -47,10 +47,12 @@
 #include "host/EntryRecorder.h"
 #include "host/OutcomeTotals.h"
 #include "host/SafetyNet.h"
-#include "host/UniqueFd.h"
 #include "host/UserDataVerification.h"
+#include "platform/linux/FileDescriptor.h"
 
 namespace mavrel_host {
+
+using platform::sys::UniqueFd;
 
 inline constexpr std::uint64_t kRunReportSchemaVersion = 2;
 

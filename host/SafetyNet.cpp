@@ -26,7 +26,7 @@
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
 #include "platform/linux/DirectoryStream.h"
-#include "platform/linux/HardLinks.h"
+#include "platform/linux/DirectoryRelative.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 
 namespace mavrel_host {

@@ -10,7 +10,7 @@
 #include "platform/PropertyList.h"
 #include "platform/linux/DirectoryStream.h"
 #include "platform/linux/FilesBeneath.h"
-#include "platform/linux/HardLinks.h"
+#include "platform/linux/DirectoryRelative.h"
 
 namespace mavrel_host {
 namespace {

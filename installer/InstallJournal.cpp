@@ -9,7 +9,7 @@
 #include "installer/FaultInjection.h"
 #include "platform/FileIOPosix.h"
 #include "platform/Log.h"
-#include "platform/linux/HardLinks.h"
+#include "platform/linux/DirectoryRelative.h"
 #include "shared/filemanager/CVFileManager.h"
 
 namespace mavrel_installer {

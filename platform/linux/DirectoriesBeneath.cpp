@@ -8,7 +8,8 @@
 namespace platform::sys {
 
 UniqueFd makeDirectoriesBeneath(const std::string& base, std::string_view relative, mode_t mode,
-                                mode_t intermediateMode, std::string* failedPath) {
+                                mode_t intermediateMode, std::string* failedPath,
+                                MadeModes madeModes) {
   std::string walked = base;
   const auto failAt = [&](int error) {
     if (failedPath != nullptr) *failedPath = walked;
@@ -27,11 +28,13 @@ UniqueFd makeDirectoriesBeneath(const std::string& base, std::string_view relati
     if (component == "..") return failAt(EINVAL);
     const mode_t componentMode =
         relative.find_first_not_of('/') == std::string_view::npos ? mode : intermediateMode;
-    if (::mkdirat(current.get(), component.c_str(), componentMode) != 0 && errno != EEXIST)
-      return failAt(errno);
+    const bool made = ::mkdirat(current.get(), component.c_str(), componentMode) == 0;
+    if (!made && errno != EEXIST) return failAt(errno);
     UniqueFd next(::openat(current.get(), component.c_str(),
                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!next) return failAt(errno);
+    if (made && madeModes == MadeModes::Exact && ::fchmod(next.get(), componentMode) != 0)
+      return failAt(errno);
     current = std::move(next);
   }
   return current;

@@ -22,11 +22,16 @@
 
 namespace platform::sys {
 
+// Whether the umask narrows the modes of the directories made.
+enum class MadeModes { Masked, Exact };
+
 // Opens `base/relative`, making what is missing: intermediate directories with
-// `intermediateMode`, the last with `mode` (the umask applies to both; modes
-// of existing directories are left as they are). An empty `relative` opens
-// the base itself, which may be reached through links.
+// `intermediateMode`, the last with `mode` (the umask applies to both unless
+// `madeModes` is Exact; modes of existing directories are left as they are).
+// An empty `relative` opens the base itself, which may be reached through
+// links.
 UniqueFd makeDirectoriesBeneath(const std::string& base, std::string_view relative, mode_t mode,
-                                mode_t intermediateMode, std::string* failedPath = nullptr);
+                                mode_t intermediateMode, std::string* failedPath = nullptr,
+                                MadeModes madeModes = MadeModes::Masked);
 
 }  // namespace platform::sys

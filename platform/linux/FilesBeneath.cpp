@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/linux/DirectoryStream.h"
-#include "platform/linux/HardLinks.h"
+#include "platform/linux/DirectoryRelative.h"
 #include "platform/linux/MountPoints.h"
 
 namespace platform::sys {

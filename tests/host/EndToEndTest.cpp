@@ -13,8 +13,8 @@
 #include <regex>
 
 #include "host/CommandLine.h"
-#include "host/UniqueFd.h"
 #include "platform/PropertyList.h"
+#include "platform/linux/FileDescriptor.h"
 #include "tests/host/GeneratedImage.h"
 
 namespace {
@@ -243,7 +243,7 @@ TEST_F(EndToEndTest, EveryRefusedCommandExitsTwoBeforeAnythingIsWritten) {
 
   // A registry held by another installer: refused without creating or
   // changing anything, and the report says why instead of "succeeded".
-  const mavrel_host::UniqueFd lock(
+  const platform::sys::UniqueFd lock(
       ::open((home() + "/Library/Corvane/ApplicationRegistry.lock").c_str(), O_RDONLY));
   ASSERT_EQ(::flock(lock.get(), LOCK_EX | LOCK_NB), 0);
   const std::string report = outside + "/report.json";
@@ -375,7 +375,7 @@ TEST_F(EndToEndTest, PlanTheVerdictSaysWhenAMigrationIsRunningOrWasInterrupted) 
   for (const auto& [holdLock, verdict] :
        {std::pair{false, "The last migration of this image was interrupted: 1 container(s) resume"},
         std::pair{true, "A migration is running on this image now"}}) {
-    const mavrel_host::UniqueFd lock(::open(lockPath.c_str(), O_RDONLY));
+    const platform::sys::UniqueFd lock(::open(lockPath.c_str(), O_RDONLY));
     if (holdLock) {
       ASSERT_EQ(::flock(lock.get(), LOCK_EX | LOCK_NB), 0);
     }

@@ -1,6 +1,6 @@
-// Descriptor-relative calls for keeping extra names of files: hard links made
-// and removed, directories made and opened, items looked at, all relative to
-// an open directory and never following a symbolic link.
+// Descriptor-relative calls: hard links made and removed, files and
+// directories made and opened, items looked at, all relative to an open
+// directory and never following a symbolic link.
 //
 // Error contract: each function returns what the system call returns (0 on
 // success, a valid descriptor) and, on failure, -1 or an invalid descriptor
@@ -36,6 +36,11 @@ int makeDirectoryAt(int directory, const char* name, mode_t mode);
 // missing. A symbolic link or other non-directory of that name fails (ENOTDIR
 // or ELOOP).
 UniqueFd openOrMakeDirectoryAt(int directory, const char* name, mode_t mode);
+
+// Makes and opens the new file `name` in `directory` (O_CREAT | O_EXCL, so
+// EEXIST when anything of that name exists, a link included), with
+// `accessFlags` (O_WRONLY, O_APPEND, ...) and `mode` (the umask applies).
+UniqueFd createNewFileAt(int directory, const char* name, int accessFlags, mode_t mode);
 
 // fstatat without following a final symbolic link.
 int statAt(int directory, const char* name, struct stat* status);

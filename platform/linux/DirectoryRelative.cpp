@@ -1,4 +1,4 @@
-#include "platform/linux/HardLinks.h"
+#include "platform/linux/DirectoryRelative.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -32,6 +32,11 @@ int makeDirectoryAt(int directory, const char* name, mode_t mode) {
 UniqueFd openOrMakeDirectoryAt(int directory, const char* name, mode_t mode) {
   if (::mkdirat(directory, name, mode) != 0 && errno != EEXIST) return UniqueFd();
   return UniqueFd(::openat(directory, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+UniqueFd createNewFileAt(int directory, const char* name, int accessFlags, mode_t mode) {
+  return UniqueFd(
+      ::openat(directory, name, accessFlags | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
 }
 
 int statAt(int directory, const char* name, struct stat* status) {
