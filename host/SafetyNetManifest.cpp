@@ -10,6 +10,9 @@
 namespace mavrel_host {
 namespace {
 
+// A record's fields: the link's name, the container, the path inside it.
+constexpr std::size_t kRecordFields = 3;
+
 // Large enough for tens of millions of files; the manifest is read whole.
 constexpr std::size_t kManifestMaxSize = std::size_t{4} << 30;
 
@@ -46,7 +49,8 @@ std::string NetLinkRecord::legacyRelative() const {
 
 void appendNetLinkRecord(std::string& manifest, std::string_view linkName,
                          std::string_view container, std::string_view inner) {
-  for (const std::string_view field : {linkName, container, inner}) {
+  const std::string_view fields[kRecordFields] = {linkName, container, inner};
+  for (const std::string_view field : fields) {
     manifest += field;
     manifest += '\0';
   }
@@ -54,13 +58,13 @@ void appendNetLinkRecord(std::string& manifest, std::string_view linkName,
 
 std::vector<NetLinkRecord> parseNetManifest(std::string_view manifest) {
   std::vector<NetLinkRecord> records;
-  std::string_view fields[3];
+  std::string_view fields[kRecordFields];
   std::size_t field = 0;
   std::size_t start = 0;
   for (std::size_t end = manifest.find('\0'); end != std::string_view::npos;
        start = end + 1, end = manifest.find('\0', start)) {
     fields[field++] = manifest.substr(start, end - start);
-    if (field < 3) continue;
+    if (field < kRecordFields) continue;
     field = 0;
     if (isLinkName(fields[0]) && isRelativeBelow(fields[1]) && isRelativeBelow(fields[2]))
       records.push_back(NetLinkRecord{fields[0], fields[1], fields[2]});
@@ -75,7 +79,7 @@ std::string readNetManifest(const std::string& runHostPath) {
   std::size_t fields = 0;
   std::size_t whole = 0;  // the bytes of the whole records
   for (std::size_t at = 0; at < bytes->size(); ++at) {
-    if ((*bytes)[at] == '\0' && ++fields % 3 == 0) whole = at + 1;
+    if ((*bytes)[at] == '\0' && ++fields % kRecordFields == 0) whole = at + 1;
   }
   return std::string(bytes->begin(), bytes->begin() + static_cast<std::ptrdiff_t>(whole));
 }
