@@ -406,13 +406,11 @@ TEST(CopyOracleTest, CopyEqualsTheSourceItemByItemOnThisAndAnotherFileSystem) {
   // links, whose content cannot be read any other way.
   EXPECT_EQ(listed(differences(before, snapshotTree(temp / "source"), AccessTimes::IgnoredOnLinks)),
             "");
-  // The file with a name outside the tree is a file of its own in the copy,
-  // and the three names inside it stay one file.
-  struct stat shared {
-  }, one{};
+  // The file with a name outside the tree is a file of its own in the copy
+  // (the names inside it stay one file: `differences` compares hard links).
+  struct stat shared {};
   ASSERT_EQ(::lstat((temp / "copy/shared-outside").c_str(), &shared), 0);
-  ASSERT_EQ(::lstat((temp / "copy/nested/one").c_str(), &one), 0);
-  EXPECT_EQ(std::tuple(shared.st_nlink, one.st_nlink), std::tuple(1u, 3u));
+  EXPECT_EQ(shared.st_nlink, 1u);
 
   const OtherDeviceDirectory other(temp.path());
   if (!other.available()) GTEST_SKIP() << "no second file system (/dev/shm) to copy to";

@@ -19,32 +19,26 @@ using platform::transactionCount;
 
 TEST(ResourceAssertionTest, AssertionsNestAndAnUnmatchedClearGoesNegative) {
   const auto before = cpuUsageMonitorRecord();
+  using Calls = std::tuple<std::uint64_t, std::uint64_t, bool>;  // disables, restores, lifted
+  const auto calls = [&before] {
+    const auto record = cpuUsageMonitorRecord();
+    EXPECT_EQ(record.lastProcessId, ::getpid());
+    return Calls(record.disableCalls - before.disableCalls,
+                 record.restoreCalls - before.restoreCalls, record.disabled);
+  };
   EXPECT_EQ(CVAssertHighResourceUsage(), 0);  // the platform call's result
-  auto record = cpuUsageMonitorRecord();
-  EXPECT_EQ(record.disableCalls, before.disableCalls + 1);
-  EXPECT_EQ(record.lastProcessId, ::getpid());
-  EXPECT_TRUE(record.disabled);
-
+  EXPECT_EQ(calls(), Calls(1, 0, true));
   EXPECT_EQ(CVAssertHighResourceUsage(), 2);
   EXPECT_EQ(CVClearResourceAssertion(), 1);
-  record = cpuUsageMonitorRecord();
-  EXPECT_EQ(record.disableCalls, before.disableCalls + 1);
-  EXPECT_EQ(record.restoreCalls, before.restoreCalls);
-  EXPECT_TRUE(record.disabled) << "an inner clear must leave the monitor lifted";
-
+  EXPECT_EQ(calls(), Calls(1, 0, true)) << "an inner clear must leave the monitor lifted";
   EXPECT_EQ(CVClearResourceAssertion(), 0);  // the platform call's result
-  record = cpuUsageMonitorRecord();
-  EXPECT_EQ(record.restoreCalls, before.restoreCalls + 1);
-  EXPECT_EQ(record.lastProcessId, ::getpid());
-  EXPECT_FALSE(record.disabled);
+  EXPECT_EQ(calls(), Calls(1, 1, false));
 
   // Without an assertion: no platform call, and back to zero by counting up
   // (0 is the new count here, not a platform call).
   EXPECT_EQ(CVClearResourceAssertion(), -1);
   EXPECT_EQ(CVAssertHighResourceUsage(), 0);
-  const auto after = cpuUsageMonitorRecord();
-  EXPECT_EQ(after.disableCalls, before.disableCalls + 1);
-  EXPECT_EQ(after.restoreCalls, before.restoreCalls + 1);
+  EXPECT_EQ(calls(), Calls(1, 1, false));
 }
 
 TEST(ResourceAssertionTest, CountStaysExactUnderConcurrentUse) {
