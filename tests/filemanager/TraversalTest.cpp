@@ -42,8 +42,6 @@ class TraversalTest : public FileManagerFixture {
   }
 };
 
-// Every entry once, directories before and after their contents, links not
-// followed.
 TEST_F(TraversalTest, HandsOnEveryEntryWithDirectoriesBeforeAndAfterTheirContents) {
   writeFile(temp_ / "root/dir/file", "x");
   writeFile(temp_ / "root/top", "y");
