@@ -102,10 +102,7 @@ TEST(ConfigurationTest, LegacyLocationsFixedListsAndThePluginContainerFlag) {
 // form is the device path again.
 TEST(DeviceRootPathsTest, StoredPathsLeadUnderTheRoot) {
   const platform::DeviceRoot root("/images/one");
-  const struct {
-    const char* stored;
-    const char* host;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"/private/var/mobile/Library/X", "/images/one/private/var/mobile/Library/X"},
       {"/var/mobile/Library/X", "/images/one/private/var/mobile/Library/X"},
       {"/var", "/images/one/private/var"},

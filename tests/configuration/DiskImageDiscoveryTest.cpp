@@ -75,8 +75,6 @@ TEST_F(DiskImageDiscoveryTest, DrivesMapToTheirMountPointsInOrder) {
   EXPECT_EQ(registry_->outstandingHandles(), 0u);
 }
 
-// A mount on the developer directory is listed once, in its place; of two
-// images with the same identifier the later one is kept.
 TEST_F(DiskImageDiscoveryTest, DeveloperMountInItsPlaceAndTheLaterOfTwoSameIdentifiers) {
   const auto controller = registry_->addNode(IORegistryTree::kRoot, {"HWVDSKController"});
   drive(controller, "loop0");

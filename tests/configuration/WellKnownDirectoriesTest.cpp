@@ -8,7 +8,6 @@
 #include <functional>
 
 #include "platform/Log.h"
-#include "platform/linux/ProtectionClassTesting.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/support/DeviceImage.h"
@@ -51,16 +50,6 @@ TEST_F(WellKnownDirectoriesTest, CreatedDirectoriesHaveTheirModeAndClass) {
     EXPECT_EQ(status.st_mode & (S_IFMT | 07777), S_IFDIR | 0755u) << path;
     EXPECT_EQ(protectionClassOf(path), protectionClass) << path;
   }
-}
-
-TEST_F(WellKnownDirectoriesTest, AFileSystemWithoutUserAttributesMakesThemSilently) {
-  const platform::sys::ScopedProtectionClassFault unsupported(EOPNOTSUPP);
-  CapturedLog log(platform::installerLog());
-  for (const CVURL& url : {configuration_.stagingRoot(), configuration_.logDirectory(),
-                           configuration_.dataDirectory(), configuration_.archiveDirectory()}) {
-    EXPECT_TRUE(pathExists(url.path())) << url.path();
-  }
-  EXPECT_EQ(log.count(), 0u) << log.dump();
 }
 
 TEST_F(WellKnownDirectoriesTest, RootDirectoriesAreOnlyNamed) {

@@ -1,6 +1,4 @@
-// CVFileManager copy and move: the "IfExists" pre-check, error records, items
-// in the way, trees deeper than the descriptor window, a copy equal to its
-// source item by item, moves across file systems, and mounts never crossed.
+// CVFileManager's copy and move.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -13,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <set>
 #include <string>
 
 #include "platform/linux/ExtendedAttributes.h"
@@ -42,8 +39,6 @@ std::pair<int, bool> chainDepth(const std::string& root, const std::string& name
   struct stat status {};
   return {depth, ::fstatat(current.get(), "leaf", &status, AT_SYMLINK_NOFOLLOW) == 0};
 }
-
-// ---- A tree with every kind of item and attribute a copy has to carry over.
 
 constexpr const char* kSparseFile = "sparse";
 constexpr off_t kSparseFileSize = 8 * 1024 * 1024;
@@ -95,15 +90,9 @@ std::string posixAclValue() {
   return value.append(reinterpret_cast<const char*>(entries), sizeof entries);
 }
 
-// Builds below `root` (which must not exist) a tree of: nested directories
-// (one read-only, one with mode 0000, one sticky, one set-group-id); files
-// empty, small and large; a sparse file with a trailing hole; files with
-// modes 04751 and 0000; relative, absolute, dangling and directory-pointing
-// links; a FIFO; three names of one file in different directories and a file
-// with a second name outside the tree (`outside` must be a directory); user
-// extended attributes on files and directories; an access ACL on a file and a
-// default ACL on a directory; items owned by 501:501; and times in the past
-// with nanoseconds on every item, directories set after their contents.
+// Builds below `root` (which must not exist) a tree with every kind of item,
+// mode, owner, link, attribute and ACL a copy has to carry over, and a file
+// with a second name in the directory `outside`.
 void makeRichTree(const std::string& root, const std::string& outside) {
   for (const char* directory :
        {"", "/nested", "/nested/deeper", "/nested/deeper/deepest", "/readonly", "/closed",
@@ -134,7 +123,6 @@ void makeRichTree(const std::string& root, const std::string& outside) {
               static_cast<ssize_t>(middle.size()));
     ASSERT_EQ(::ftruncate(fd.get(), kSparseFileSize), 0);
   }
-  // One file with three names inside the tree, one with a name outside it.
   writeFile(outside + "/shared", "shared with the outside");
   for (const auto& [from, to] : {std::pair{root + "/nested/one", root + "/nested/deeper/two"},
                                  std::pair{root + "/nested/one", root + "/links/three"},
@@ -181,7 +169,7 @@ TEST_F(CopyMoveTest, FailuresAreRecordedWithTheCallThatFailed) {
   EXPECT_TRUE(manager_.copyItemIfExistsAtURL(url("absent"), url("copy"), &error));
   EXPECT_TRUE(manager_.moveItemIfExistsAtURL(url("absent"), url("moved"), &error));
   EXPECT_EQ(error, sentinelError());
-  EXPECT_EQ(entryNames(temp_.path()), std::set<std::string>{});
+  EXPECT_EQ(entriesOf(temp_.path()), std::vector<std::string>{});
   EXPECT_EQ(log.count(), 0u) << log.dump();
 
   writeFile(temp_ / "file", "not a directory");
@@ -278,7 +266,7 @@ TEST_F(CopyMoveTest, ItemsInTheWayAreReplacedOrMergedButNeverFollowed) {
   writeFile(temp_ / "tree/keep/file", "from the source");
   writeFile(temp_ / "merged/keep/existing", "already there");
   ASSERT_TRUE(manager_.copyItemAtURL(url("tree/"), url("merged/"), nullptr));
-  EXPECT_EQ(entryNames(temp_ / "merged/keep"), (std::set<std::string>{"existing", "file"}));
+  EXPECT_EQ(entriesOf(temp_ / "merged/keep"), (std::vector<std::string>{"existing", "file"}));
   // ...but a link where it needs a directory fails the copy, and nothing is
   // written where the link points.
   makeDirectories(temp_ / "outside-directory");
@@ -286,7 +274,7 @@ TEST_F(CopyMoveTest, ItemsInTheWayAreReplacedOrMergedButNeverFollowed) {
   makeSymlink(temp_ / "outside-directory", temp_ / "second/keep");
   EXPECT_FALSE(manager_.copyItemAtURL(url("tree/"), url("second/"), &error));
   EXPECT_TRUE(error.isPOSIX(EEXIST)) << error.description();
-  EXPECT_EQ(entryNames(temp_ / "outside-directory"), std::set<std::string>{});
+  EXPECT_EQ(entriesOf(temp_ / "outside-directory"), std::vector<std::string>{});
 
   // A copy into itself is refused and the source kept.
   for (const auto& [from, to] :
@@ -393,7 +381,7 @@ TEST_F(CopyMoveTest, MovesRenameOrFallBackToACopyAcrossDevices) {
            line.message.starts_with(prefix) &&
            line.message.find("Operation not permitted") != std::string::npos;
   })) << log.dump();
-  EXPECT_EQ(entryNames(temp_ / "source"), std::set<std::string>{"locked"});
+  EXPECT_EQ(entriesOf(temp_ / "source"), std::vector<std::string>{"locked"});
 }
 
 TEST(CopyOracleTest, CopyEqualsTheSourceItemByItemOnThisAndAnotherFileSystem) {
@@ -418,13 +406,11 @@ TEST(CopyOracleTest, CopyEqualsTheSourceItemByItemOnThisAndAnotherFileSystem) {
   // links, whose content cannot be read any other way.
   EXPECT_EQ(listed(differences(before, snapshotTree(temp / "source"), AccessTimes::IgnoredOnLinks)),
             "");
-  // The file with a name outside the tree is a file of its own in the copy,
-  // and the three names inside it stay one file.
-  struct stat shared {
-  }, one{};
+  // The file with a name outside the tree is a file of its own in the copy
+  // (the names inside it stay one file: `differences` compares hard links).
+  struct stat shared {};
   ASSERT_EQ(::lstat((temp / "copy/shared-outside").c_str(), &shared), 0);
-  ASSERT_EQ(::lstat((temp / "copy/nested/one").c_str(), &one), 0);
-  EXPECT_EQ(std::tuple(shared.st_nlink, one.st_nlink), std::tuple(1u, 3u));
+  EXPECT_EQ(shared.st_nlink, 1u);
 
   const OtherDeviceDirectory other(temp.path());
   if (!other.available()) GTEST_SKIP() << "no second file system (/dev/shm) to copy to";
@@ -441,7 +427,6 @@ TEST(CopyOracleTest, CopyEqualsTheSourceItemByItemOnThisAndAnotherFileSystem) {
 TEST(MountPointTest, TheMountIsNotCrossedAndStaysInPlace) {
   constexpr std::uint32_t kNewOwner = 501;
   CVFileManager& manager = CVFileManager::defaultManager();
-  // Whether an operation failed with EXDEV.
   const auto crossing = [](bool done, const CVError& failure) {
     return !done && failure.code() == EXDEV;
   };

@@ -1,6 +1,4 @@
-// CVFileManager's smaller operations: existence, listing, links and temporary
-// directories, making directories, the error builders, disk usage, storing
-// data, protection classes and placeholders.
+// CVFileManager's smaller operations, one test each.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -310,8 +308,7 @@ TEST(ErrorBuildersTest, RecordsHoldDescriptionFunctionAndLineAndOnlyTheLoggingOn
   const long outerLine = __LINE__ + 1;
   const CVError outer = CreateAndLogError("outer", "D", 24, plain, nullptr, "outer failed");
   EXPECT_EQ(outer.underlyingError(), plain);
-  EXPECT_EQ(outer.userInfo().count(),
-            4u);  // description, underlying, function, line
+  EXPECT_EQ(outer.userInfo().count(), 4u);  // description, underlying, function, line
   EXPECT_EQ(log.messages(),
             (std::vector<std::string>{
                 std::to_string(loggedLine) + ": new text for file:///var/x",
@@ -332,8 +329,7 @@ TEST_F(FileManagerTest, DiskUsageMatchesAnIndependentCountAndTracesWhatItSkips) 
   writeFile(root + "/a/medium", std::string(9000, 'x'));
   writeFile(root + "/a/b/c/large", std::string(200000, 'x'));
   writeFile(root + "/a/b/empty-file", "");
-  makeSymlink(std::string(300, 'x'),
-              root + "/a/long-link");  // a link with blocks of its own
+  makeSymlink(std::string(300, 'x'), root + "/a/long-link");  // a link with blocks of its own
   makeSymlink(temp_ / "elsewhere", root + "/a/b/link-to-outside");
   writeFile(temp_ / "elsewhere/big", std::string(500000, 'x'));  // reached only through a link
   ASSERT_EQ(::link((root + "/a/medium").c_str(), (root + "/a/b/c/medium-2").c_str()), 0);
@@ -404,19 +400,19 @@ TEST_F(FileManagerTest, StoreDataIsCarriedAndFailuresLoggedAndSkippedUnlessFatal
     return manager_.captureStoreDataFromDirectory(temp_.directoryURL("src"),
                                                   temp_.directoryURL("dst"), doCopy, fatal, error);
   };
-  const std::set<std::string> items{"GeoJSON", "Manifest.plist", "SorvikArtwork",
-                                    "SorvikMetadata.plist"};
+  const std::vector<std::string> items{"GeoJSON", "Manifest.plist", "SorvikArtwork",
+                                       "SorvikMetadata.plist"};
   for (const bool doCopy : {true, false}) {
     SCOPED_TRACE(doCopy ? "copy" : "move");
     CVError error = sentinelError();
     EXPECT_TRUE(capture(doCopy, true, false, &error));
     EXPECT_EQ(error, sentinelError());
-    EXPECT_EQ(entryNames(temp_ / "dst"), items);
+    EXPECT_EQ(entriesOf(temp_ / "dst"), items);
     for (const auto& [item, content] :
          {std::pair{"Manifest.plist", "manifest"}, std::pair{"SorvikArtwork/art.png", "art"},
           std::pair{"SorvikMetadata.plist", "metadata"}, std::pair{"GeoJSON", "geo"}})
       EXPECT_EQ(readFile(temp_ / (std::string("dst/") + item)), content);
-    EXPECT_EQ(entryNames(temp_ / "src").size(), doCopy ? 5u : 1u);
+    EXPECT_EQ(entriesOf(temp_ / "src").size(), doCopy ? 5u : 1u);
 
     const std::string failure = std::string(doCopy ? "Failed to copy " : "Failed to move ") +
                                 "file://" + (temp_ / "src/SorvikArtwork") + " to file://" +
@@ -424,7 +420,7 @@ TEST_F(FileManagerTest, StoreDataIsCarriedAndFailuresLoggedAndSkippedUnlessFatal
     CapturedLog log(platform::installerLog());
     EXPECT_TRUE(capture(doCopy, false, true, &error));
     EXPECT_EQ(error, sentinelError());
-    EXPECT_EQ(entryNames(temp_ / "dst"), items);
+    EXPECT_EQ(entriesOf(temp_ / "dst"), items);
     EXPECT_EQ(readFile(temp_ / "dst/SorvikArtwork"), "in the way");
     ASSERT_EQ(log.count(), 1u) << log.dump();
     EXPECT_TRUE(log.containsFragment(failure + " (Error Domain=")) << log.dump();
@@ -438,8 +434,8 @@ TEST_F(FileManagerTest, StoreDataIsCarriedAndFailuresLoggedAndSkippedUnlessFatal
     ASSERT_NE(error.userInfo().findString("LegacyErrorString"), nullptr);
     EXPECT_EQ(*error.userInfo().findString("LegacyErrorString"), "SorvikArtworkCaptureFailed");
     EXPECT_TRUE(error.underlyingError().isPOSIX(doCopy ? EEXIST : ENOTDIR)) << error.description();
-    EXPECT_EQ(entryNames(temp_ / "dst"),
-              (std::set<std::string>{"Manifest.plist", "SorvikArtwork"}));
+    EXPECT_EQ(entriesOf(temp_ / "dst"),
+              (std::vector<std::string>{"Manifest.plist", "SorvikArtwork"}));
   }
   // A source without any of them: success, nothing made, nothing logged.
   std::filesystem::remove_all(temp_ / "src");
@@ -451,7 +447,7 @@ TEST_F(FileManagerTest, StoreDataIsCarriedAndFailuresLoggedAndSkippedUnlessFatal
       temp_.directoryURL("src"), temp_.directoryURL("dst"), true, true, nullptr));
   EXPECT_TRUE(manager_.captureStoreDataFromDirectory(
       temp_.directoryURL("src"), temp_.directoryURL("dst"), false, true, nullptr));
-  EXPECT_TRUE(entryNames(temp_ / "dst").empty());
+  EXPECT_TRUE(entriesOf(temp_ / "dst").empty());
   EXPECT_EQ(log.count(), 0u) << log.dump();
 }
 

@@ -1,5 +1,4 @@
-// Fixtures shared by the file manager tests: undeletable items, very deep
-// trees, a lowered descriptor limit, error records and the test fixture.
+// What the file manager tests share.
 #pragma once
 
 #include <fcntl.h>
@@ -7,8 +6,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <set>
 #include <string>
 
 #include "platform/Error.h"
@@ -37,14 +34,6 @@ inline void makeDeepTree(const std::string& root, int levels, const std::string&
   ASSERT_TRUE(current) << root;
   ASSERT_TRUE(platform::sys::UniqueFd(
       ::openat(current.get(), "leaf", O_WRONLY | O_CREAT | O_CLOEXEC, 0644)));
-}
-
-// The names in a directory, "." and ".." excluded.
-inline std::set<std::string> entryNames(const std::string& directory) {
-  std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(directory))
-    names.insert(entry.path().filename().string());
-  return names;
 }
 
 // What the symbolic link at `path` holds, or "(not a link)".

@@ -1,6 +1,4 @@
-// CVFileManager::_traverseDirectory and
-// standardizeOwnershipAndValidateSymlinksAtURL: what the walk hands on, where
-// it stops, and the owners it leaves behind.
+// CVFileManager's tree walk and the ownership walk built on it.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -45,8 +42,6 @@ class TraversalTest : public FileManagerFixture {
   }
 };
 
-// Every entry once, directories before and after their contents, links not
-// followed.
 TEST_F(TraversalTest, HandsOnEveryEntryWithDirectoriesBeforeAndAfterTheirContents) {
   writeFile(temp_ / "root/dir/file", "x");
   writeFile(temp_ / "root/top", "y");
@@ -149,8 +144,7 @@ TEST_F(TraversalTest, EveryItemGetsTheOwnerLinksThemselvesIncluded) {
   makeImmutable(temp_ / "root/stuck");
   makeSymlink("../file", temp_ / "root/dir/up-link");
   makeSymlink("sub/missing", temp_ / "root/dir/dangling-link");
-  ASSERT_EQ(::lchown((temp_ / "root/dir").c_str(), kOwner, 0),
-            0);  // only the group differs
+  ASSERT_EQ(::lchown((temp_ / "root/dir").c_str(), kOwner, 0), 0);  // only the group differs
   CapturedLog log(platform::installerLog());
   CVError error = sentinelError();
   EXPECT_TRUE(standardize(temp_.directoryURL("root"), &error));
@@ -201,7 +195,7 @@ TEST_F(TraversalTest, HardLinkedFilesGetACopyOfTheirOwnBeforeTheOwnerChanges) {
     EXPECT_EQ(ownerOf(temp_ / item), kNew) << item;
     EXPECT_EQ(readFile(temp_ / item), content) << item;
   }
-  EXPECT_EQ(entryNames(temp_ / "root/dir"), std::set<std::string>{"linked"});
+  EXPECT_EQ(entriesOf(temp_ / "root/dir"), std::vector<std::string>{"linked"});
 }
 
 TEST_F(TraversalTest, AbsoluteLinkStopsTheWalkWithCode70AfterChangingTheLinkItself) {

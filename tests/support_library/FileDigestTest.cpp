@@ -1,6 +1,4 @@
-// File digests: how the file is read in chunks (every chunk hashed, checked
-// against the system's sha256sum), and every way a read fails (nullopt, the
-// reader's line, then the digest's).
+// File digests: the chunks read, checked against sha256sum, and failed reads.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>

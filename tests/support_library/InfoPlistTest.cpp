@@ -99,6 +99,14 @@ TEST_F(InfoPlistTest, HostileInfoPlistsYieldNothingWithAReason) {
     const CVSet keys{"QXBundleIdentifier"};
     EXPECT_FALSE(CVLoadInfoPlist(bundleURL(name), &keys).has_value()) << name;
   }
+  // A bundle that is itself a link is refused before its Info.plist is read.
+  image_.writeBundle(base + "/Real.app", "com.example.real");
+  makeSymlink(base + "/Real.app", base + "/Linked.app");
+  CapturedLog log(platform::installerLog());
+  EXPECT_FALSE(CVLoadInfoPlist(bundleURL("Linked.app"), nullptr).has_value());
+  EXPECT_TRUE(log.contains(kLogLevelError,
+                           "Failed to create QXBundle from URL file://" + base + "/Linked.app/"))
+      << log.dump();
 }
 
 }  // namespace

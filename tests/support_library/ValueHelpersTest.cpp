@@ -1,6 +1,4 @@
-// Coercion of loosely typed values (what each helper accepts and what it
-// turns away), paths in the file system's byte representation, and ".."
-// screening.
+// Coercion of loosely typed values, paths as bytes, and ".." screening.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -101,7 +99,7 @@ TEST(CorvaneAdditionsTest, OnlyWholeParentComponentsCountAsDotDot) {
     EXPECT_FALSE(containsDotDotPathComponents(path)) << path;
 }
 
-TEST(FileSystemRepresentationTest, WellFormedTextDecodes) {
+TEST(FileSystemRepresentationTest, WellFormedTextDecodesAndIllFormedBytesAreRejected) {
   for (const char* text : {"Documents/Inbox", "caf\xC3\xA9", "\xE6\x97\xA5\xE6\x9C\xAC",
                            "\xF0\x9F\x93\x81",  // U+1F4C1
                            "\xF4\x8F\xBF\xBF",  // U+10FFFF, the last one
@@ -109,9 +107,6 @@ TEST(FileSystemRepresentationTest, WellFormedTextDecodes) {
                            "\xED\x9F\xBF",      // U+D7FF, just below surrogates
                            ""})
     EXPECT_EQ(decode(text), text);
-}
-
-TEST(FileSystemRepresentationTest, IllFormedBytesAreRejected) {
   const char* const illFormed[] = {
       "\xC0\xAF",          // overlong "/"
       "\xC1\xBF",          // overlong lead
