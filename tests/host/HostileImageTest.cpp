@@ -1,6 +1,6 @@
-// The real mavrel program on device images built to mislead it. Each run must
-// end, say what it did in a clear log line, and leave the canary beside the
-// image exactly as it was.
+// The real mavrel program on the hostile images of docs/RELIABILITY.md. Each
+// run must end, say what it did in a clear log line, and leave the canary
+// beside the image exactly as it was.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -62,9 +62,8 @@ class HostileImageTest : public ::testing::Test {
   ProgramRun last_;
 };
 
-// Containers that are no directories are removed without blocking on them;
-// names with newlines and invalid UTF-8 migrate; a hard link in a bundle to
-// a file outside keeps that file's owner (the canary's check sees it).
+// A hard link in a bundle to a file outside keeps that file's owner (the
+// canary's check sees it).
 TEST_F(HostileImageTest, OddContainersAndNamesMigrateWithoutHarmingWhatIsOutside) {
   std::vector<std::string> lines;
   makeDirectories(legacy());
@@ -112,8 +111,7 @@ TEST_F(HostileImageTest, LinksLeadingOutOfTheImage) {
   EXPECT_TRUE(pathExists(legacyGroup));
 }
 
-// Map paths are device paths: a host path outside the image is read inside
-// it, and a path that climbs out is refused.
+// Map paths are device paths: a host path outside the image is read inside it.
 TEST_F(HostileImageTest, AGroupContainerPathOutsideTheImageIsNotMigrated) {
   const std::string canary = image_.canary();
   for (const auto& [stored, line] : std::vector<std::pair<std::string, std::string>>{
@@ -129,9 +127,7 @@ TEST_F(HostileImageTest, AGroupContainerPathOutsideTheImageIsNotMigrated) {
   }
 }
 
-// A marker describes the container it lies in. One that names another place
-// (outside the image, the root, the home, the new data containers) is not
-// loaded: a container that still holds its bundle is left, and nothing of
+// A marker names the container it lies in, or it is not loaded; nothing of
 // the place it names is moved or removed.
 TEST_F(HostileImageTest, AMarkerNamingAnotherPlaceIsNotLoaded) {
   const std::string container = legacy("Resumed"),
@@ -245,8 +241,7 @@ TEST_F(HostileImageTest, AnInfoPlistPastTheSizeCapIsRefusedUnread) {
             {"CVAppMigrator: Could not get identifier for bundle at " + container + "/Foo.app"});
 }
 
-// A bind mount inside a container without a bundle (removed with its
-// contents) is left alone.
+// A container without a bundle is removed, but not the mount inside it.
 TEST_F(HostileImageTest, AMountInsideAContainerIsLeftAlone) {
   const std::string container = legacy("Bundleless");
   writeFile(container + "/Documents/own.txt", "the container's own");
