@@ -119,7 +119,7 @@ TEST(ProgressTrackerTest, CountsBothPhasesAndNeverMovesBack) {
   EXPECT_EQ(snapshot.applicationsBegun, 0u);
   EXPECT_TRUE(snapshot.currentApplication.empty());
 
-  // A pass keeps the total its migrator announced at set-up, before the pass.
+  // Each pass takes the total its own migrator announced at set-up, not the next one's.
   feed(tracker, "CVAppMigrator: 9 items to migrate");
   tracker.beginPass(7);
   feed(tracker, "CVAppMigrator: Migrating a.b at /x");
