@@ -1,10 +1,6 @@
 // The mavrel program run as a user runs it, on handmade device images beside a
-// canary that no run may touch: exit codes, what `migrate` writes inside the
-// image (logs, version record, removed legacy items), what it prints, and the
-// report; what `plan` says of each entry and of the run; what `apps` lists
-// after a migration and on an image without a registry, and how both stop on
-// a damaged registry or one with a write cut off before its commit (which a
-// migration rolls back).
+// canary that no run may touch: `migrate` (exit codes, logs, console, report,
+// refusals), `plan`, and `apps` on a sound, missing, damaged or cut-off registry.
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -22,14 +18,6 @@ namespace {
 using namespace testing_support;
 using host_test::expectContains;
 using host_test::expectLacks;
-
-std::vector<std::string> filesIn(const std::string& directory) {
-  std::vector<std::string> names;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
-    names.push_back(entry.path().filename().string());
-  return names;
-}
 
 std::vector<std::string> linesOf(const std::string& text) {
   std::vector<std::string> lines;
@@ -54,7 +42,7 @@ class EndToEndTest : public ::testing::Test {
   // The one log file in Library/Logs/<name>, named "<name>-<date>-<time>.log".
   std::string onlyLog(const std::string& name) {
     const std::string directory = home("Library/Logs/" + name);
-    const std::vector<std::string> names = filesIn(directory);
+    const std::vector<std::string> names = entriesOf(directory);
     EXPECT_EQ(names.size(), 1u) << directory;
     if (names.empty()) return {};
     EXPECT_TRUE(std::regex_match(names[0], std::regex(name + R"(-\d{4}-\d\d-\d\d-\d{6}\.log)")))
@@ -198,6 +186,7 @@ TEST_F(EndToEndTest, AnImageThatCannotBeWorkedOnStopsTheRun) {
 TEST_F(EndToEndTest, EveryRefusedCommandExitsTwoBeforeAnythingIsWritten) {
   const std::string outside = image_.outside("outside");
   makeDirectories(outside + "/a-directory");
+  makeDirectories(outside + "/typo-dir");
   writeFile(outside + "/target.json", "keep");
   writeFile(outside + "/plain-file", "not an image");
   makeSymlink(outside + "/target.json", outside + "/link.json");
@@ -212,6 +201,12 @@ TEST_F(EndToEndTest, EveryRefusedCommandExitsTwoBeforeAnythingIsWritten) {
        "option '--root': the root '" + outside + "/plain-file' is not a directory"},
       {{"migrate", "--root", outside + "/absent"}, "does not exist"},
       {{"apps", "--root", outside + "/absent"}, "does not exist"},
+      {{"migrate", "--root", outside + "/typo-dir"},
+       "typo-dir' holds no device image: it has no private/var/mobile (the mobile user's home) and "
+       "no System/Library/CoreServices/SystemBuild.plist (the system version); nothing was "
+       "written. Check the path, or add --force"},
+      {{"plan", "--root", outside + "/typo-dir"},
+       "holds no device image: it has no private/var/mobile"},
       {with({"--colour"}), "unknown option '--colour'"},
       {with({"--log-json", outside + "/missing/m.json"}),
        "option '--log-json': the directory of '" + outside + "/missing/m.json' does not exist"},
@@ -237,6 +232,10 @@ TEST_F(EndToEndTest, EveryRefusedCommandExitsTwoBeforeAnythingIsWritten) {
     EXPECT_EQ(describeTree(root_), before) << message;
   }
   EXPECT_FALSE(pathExists(outside + "/absent"));
+  EXPECT_TRUE(entriesOf(outside + "/typo-dir").empty());
+  // --force makes the directory an image.
+  EXPECT_EQ(mavrel({"migrate", "--root", outside + "/typo-dir", "--force"}).exitCode, 0);
+  EXPECT_TRUE(pathExists(outside + "/typo-dir/private/var/mobile/Library/Logs/Mavrel"));
   EXPECT_EQ(readFile(outside + "/target.json"), "keep");
   EXPECT_TRUE(std::filesystem::is_symlink(outside + "/link.json"))
       << "an output link must never be replaced";
@@ -255,21 +254,6 @@ TEST_F(EndToEndTest, EveryRefusedCommandExitsTwoBeforeAnythingIsWritten) {
   EXPECT_FALSE(document["succeeded"].boolean);
   EXPECT_EQ(document["exitCode"].count(), 2u);
   expectContains(document["error"].string, {"is in use by another installer"});
-}
-
-TEST_F(EndToEndTest, ADirectoryHoldingNoDeviceImageIsRefusedUnlessForced) {
-  const std::string empty = image_.outside("typo-dir");
-  makeDirectories(empty);
-  for (const std::string command : {"migrate", "plan"}) {
-    const ProgramRun run = mavrel({command, "--root", empty});
-    EXPECT_EQ(run.exitCode, 2) << command << run.out << run.err;
-    expectContains(run.err, {"holds no device image: it has no private/var/mobile"});
-    if (command == "migrate") expectContains(run.err, {"--force"});
-    EXPECT_TRUE(filesIn(empty).empty()) << command << " wrote into " << empty;
-  }
-  const ProgramRun forced = mavrel({"migrate", "--root", empty, "--force"});
-  EXPECT_EQ(forced.exitCode, 0) << forced.err;
-  EXPECT_TRUE(pathExists(empty + "/private/var/mobile/Library/Logs/Mavrel"));
 }
 
 TEST_F(EndToEndTest, ReportAndProgressGoThroughStandardOutputAndSayTheTruth) {
@@ -434,7 +418,7 @@ TEST_F(EndToEndTest, AppsListsWhatAMigrationInstalledWithoutChangingTheImage) {
   EXPECT_EQ(describeTree(root_, withoutCompanions), before) << "listing changed the image";
 }
 
-TEST_F(EndToEndTest, AppsAnImageWithoutARegistryListsItsBuiltInApplications) {
+TEST_F(EndToEndTest, AppsWithoutARegistryListsBuiltInsAndADamagedOneStopsBothCommands) {
   image_.writeBundle(
       root_ + "/Applications/Weather.app",
       CVDictionary{{"QXBundleIdentifier", "com.zentrel.weather"}, {"QXBundleVersion", "500"}});
@@ -447,9 +431,7 @@ TEST_F(EndToEndTest, AppsAnImageWithoutARegistryListsItsBuiltInApplications) {
   const ProgramRun json = mavrel({"apps", "--root", root_, "--json"});
   ASSERT_EQ(json.exitCode, 0) << json.err;
   expectContains(json.out, {"\"registryExists\":false", "\"kind\":\"system\""});
-}
 
-TEST_F(EndToEndTest, AppsADamagedRegistryIsNamedAndBothCommandsStop) {
   const std::string damaged = "not a database at all, but long enough to look like a header....";
   writeFile(registry(), damaged);
   const ProgramRun list = mavrel({"apps", "--root", root_});

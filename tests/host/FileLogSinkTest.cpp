@@ -1,7 +1,5 @@
-// The host's logs: the text and JSON layouts of a line, local-time stamps,
-// the file sink (appends, reports failed writes, never leaks its descriptors
-// into children; its level filter is EndToEndTest's) and the log files of a
-// run.
+// The host's logs: each layout of a line, local-time stamps, the file sink
+// (its level filter is EndToEndTest's) and the log files of a run.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>

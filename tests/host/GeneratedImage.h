@@ -42,10 +42,8 @@ inline std::string damagingPluginDirectory(const std::string& directory) {
 
 // A legacy image at `directory` (which must not exist yet) with these
 // options. Generating costs more than copying: each set of options is
-// generated once per test program, into a directory that lives as long as the
-// program, and every test gets its own copy (cp -a keeps times and
-// attributes; the image's maps hold device paths, so a copy is an image of
-// its own), with the manifest's paths moved along.
+// generated once per test program and every test gets its own copy (cp -a
+// keeps times and attributes), with the manifest's paths moved along.
 inline samplegen::ImageManifest generateImage(const std::string& directory,
                                               std::size_t applications, std::uint64_t seed,
                                               std::optional<std::size_t> vpnOnly = std::nullopt,

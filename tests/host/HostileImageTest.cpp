@@ -1,9 +1,6 @@
-// The real mavrel program on device images built to mislead it: containers
-// that are not directories, links that lead out of the image, saved records
-// and maps that name places outside it, names that are not text, trees deeper
-// than a path can name and an Info.plist past the size cap. Each run must end,
-// say what it did in a clear log line, and leave the canary beside the image
-// exactly as it was.
+// The real mavrel program on the hostile images of docs/RELIABILITY.md. Each
+// run must end, say what it did in a clear log line, and leave the canary
+// beside the image exactly as it was.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -30,8 +27,8 @@ class HostileImageTest : public ::testing::Test {
     for (const std::string& mountPoint : mounts_)
       EXPECT_EQ(::umount2(mountPoint.c_str(), MNT_DETACH), 0) << std::strerror(errno);
   }
-  // Mounts `source` (a directory to bind, or a small tmpfs) on `mountPoint`
-  // (made here) until the test ends; false when this machine does not allow it.
+  // Mounts `source` (bound, or a small tmpfs when `flags` is 0) until the test
+  // ends; false when this machine does not allow it.
   bool mount(const std::string& source, const std::string& mountPoint, unsigned long flags) {
     makeDirectories(mountPoint);
     if (::mount(source.c_str(), mountPoint.c_str(), flags ? nullptr : "tmpfs", flags,
@@ -40,7 +37,6 @@ class HostileImageTest : public ::testing::Test {
     mounts_.push_back(mountPoint);
     return true;
   }
-  // The legacy install map with one group container entry.
   void writeGroupContainerMap(const std::string& group, const std::string& path) const {
     image_.writePlist(image_.installMapPath(),
                       CVDictionary{{"GroupContainers",
@@ -49,7 +45,7 @@ class HostileImageTest : public ::testing::Test {
   std::string legacy(const std::string& name = "") const {
     return name.empty() ? image_.legacy() : image_.legacy() + "/" + name;
   }
-  // Migrates; expects `exitCode` and each fragment in the migration log.
+  // Migrates; expects `exitCode` (unless -1) and each fragment in the migration log.
   void expectRun(int exitCode, const std::vector<std::string>& logged,
                  const std::vector<std::string>& extra = {}) {
     const ProgramRun run = image_.migrate(extra);
@@ -66,9 +62,8 @@ class HostileImageTest : public ::testing::Test {
   ProgramRun last_;
 };
 
-// Containers that are no directories are removed without blocking on them;
-// names with newlines and invalid UTF-8 migrate; a hard link in a bundle to
-// a file outside keeps that file's owner (the canary's check sees it).
+// A hard link in a bundle to a file outside keeps that file's owner (the
+// canary's check sees it).
 TEST_F(HostileImageTest, OddContainersAndNamesMigrateWithoutHarmingWhatIsOutside) {
   std::vector<std::string> lines;
   makeDirectories(legacy());
@@ -94,13 +89,12 @@ TEST_F(HostileImageTest, OddContainersAndNamesMigrateWithoutHarmingWhatIsOutside
 }
 
 TEST_F(HostileImageTest, LinksLeadingOutOfTheImage) {
-  // An application link keeps its container.
+  // An application link keeps its container, a Documents link is moved as a
+  // link and a group container link is not followed.
   makeDirectories(legacy("LinkedApp"));
   makeSymlink(image_.canary() + "/Container/Victim.app", legacy("LinkedApp/Victim.app"));
-  // A Documents link is moved as a link.
   image_.writeApplication(legacy("LinkedDocuments/Foo.app"), "com.example.foo");
   makeSymlink(image_.canary() + "/Documents", legacy("LinkedDocuments/Documents"));
-  // A group container link is not followed.
   image_.writeApplication(legacy("Grouped/Bar.app"), "com.example.bar", {"group.example.shared"});
   const std::string legacyGroup = image_.home("Library/GroupContainers/Shared");
   makeDirectories(image_.home("Library/GroupContainers"));
@@ -117,8 +111,7 @@ TEST_F(HostileImageTest, LinksLeadingOutOfTheImage) {
   EXPECT_TRUE(pathExists(legacyGroup));
 }
 
-// Map paths are device paths: a host path outside the image is read inside
-// it, and a path that climbs out is refused.
+// Map paths are device paths: a host path outside the image is read inside it.
 TEST_F(HostileImageTest, AGroupContainerPathOutsideTheImageIsNotMigrated) {
   const std::string canary = image_.canary();
   for (const auto& [stored, line] : std::vector<std::pair<std::string, std::string>>{
@@ -134,9 +127,7 @@ TEST_F(HostileImageTest, AGroupContainerPathOutsideTheImageIsNotMigrated) {
   }
 }
 
-// A marker describes the container it lies in. One that names another place
-// (outside the image, the root, the home, the new data containers) is not
-// loaded: a container that still holds its bundle is left, and nothing of
+// A marker names the container it lies in, or it is not loaded; nothing of
 // the place it names is moved or removed.
 TEST_F(HostileImageTest, AMarkerNamingAnotherPlaceIsNotLoaded) {
   const std::string container = legacy("Resumed"),
@@ -250,9 +241,8 @@ TEST_F(HostileImageTest, AnInfoPlistPastTheSizeCapIsRefusedUnread) {
             {"CVAppMigrator: Could not get identifier for bundle at " + container + "/Foo.app"});
 }
 
+// A container without a bundle is removed, but not the mount inside it.
 TEST_F(HostileImageTest, AMountInsideAContainerIsLeftAlone) {
-  // A bind mount inside a container without a bundle (removed with its
-  // contents) is left alone.
   const std::string container = legacy("Bundleless");
   writeFile(container + "/Documents/own.txt", "the container's own");
   if (!mount(image_.canary() + "/Documents", container + "/Documents/Mounted", MS_BIND))
