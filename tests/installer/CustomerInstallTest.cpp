@@ -373,11 +373,6 @@ TEST_F(CustomerInstallTest, AnEmptyPayloadGetsTheAnswerOfTheCompletedInstallOrIs
   ASSERT_TRUE(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.example.held"}),
                                  "com.example.held")
                   .succeeded);
-  // The legacy copy of a built-in is refused and its staging directory consumed.
-  EXPECT_EQ(
-      installCustomer(stageCustomerPackage("W1", {"com.zentrel.weather"}), "com.zentrel.weather")
-          .errorName(),
-      "ApplicationAlreadyInstalled");
   const auto todo = record("com.example.todo");
   const auto plugin = record("com.example.notes.vpn");
   reopen();  // the crash

@@ -117,9 +117,6 @@ TEST_F(PlaceholderInstallTest, ChecksTheCopyItInstalls) {
   CVDictionary blacklisted = placeholderOptions("com.zentrel.Orvos6Updater");
   blacklisted.remove(platform::kSkipBlacklistOptionKey);
   const std::vector<std::pair<InstallOutcome, std::string>> cases = {
-      {installPlaceholder(makePlaceholderPackage(temporary_.path(), {"com.example.a"}),
-                          "com.example.b"),
-       "BundleIdentifierMismatch"},
       {installPlaceholder(escaping, "com.example.c"), "InvalidSymlink"},
       {install(makePlaceholderPackage(temporary_.path(), {"com.zentrel.Orvos6Updater"}),
                blacklisted),
