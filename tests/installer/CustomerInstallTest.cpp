@@ -79,7 +79,6 @@ TEST_F(CustomerInstallTest, PutsBundlePluginAndMetadataInABundleContainerAndMake
   // The staging directory was consumed whole.
   EXPECT_EQ(entriesOf(home("Applications/C1")), kNothing);
   EXPECT_TRUE(service_->isApplicationInstalled("com.example.notes"));
-  EXPECT_FALSE(service_->isApplicationInstalled("com.example.other"));
   // The VPN plug-in has a record, in the application's bundle container, and
   // a data container of its own; it is not an application.
   const auto plugin = record(kPlugin);
