@@ -125,11 +125,6 @@ TEST(PNGDecodeTest, FormsBecomePremultipliedRGBA) {
 
 TEST(PNGDecodeTest, CorruptAndHostileFilesAreRefusedByKind) {
   const Bytes whole = readBytes(kSuite + "basn2c08.png");
-  Bytes damaged = whole;
-  const auto idat =
-      std::search(damaged.begin(), damaged.end(), std::begin("IDAT"), std::end("IDAT") - 1);
-  ASSERT_NE(idat, damaged.end());
-  idat[20] ^= 0x40;  // breaks the chunk's CRC
   const PNGDecodeLimits narrow{.maxWidth = 16, .maxHeight = 64};
   struct Case {
     const char* name;
@@ -143,7 +138,6 @@ TEST(PNGDecodeTest, CorruptAndHostileFilesAreRefusedByKind) {
       {"text", Bytes(100, 'a'), kPNGNotPNGError},
       {"cut in the data", Bytes(whole.begin(), whole.begin() + whole.size() / 2), kPNGCorruptError},
       {"cut before the end", Bytes(whole.begin(), whole.end() - 1), kPNGCorruptError},
-      {"damaged data", damaged, kPNGCorruptError},
       {"beyond the limits", readBytes(kSuite + "basn6a08.png"), kPNGTooLargeError, narrow},
       {"largest legal size", buildPNG(0x7fffffff, 0x7fffffff, 8, 6, Bytes{0, 1, 2, 3}),
        kPNGTooLargeError},
