@@ -79,7 +79,6 @@ TEST_F(CustomerInstallTest, PutsBundlePluginAndMetadataInABundleContainerAndMake
   // The staging directory was consumed whole.
   EXPECT_EQ(entriesOf(home("Applications/C1")), kNothing);
   EXPECT_TRUE(service_->isApplicationInstalled("com.example.notes"));
-  EXPECT_FALSE(service_->isApplicationInstalled("com.example.other"));
   // The VPN plug-in has a record, in the application's bundle container, and
   // a data container of its own; it is not an application.
   const auto plugin = record(kPlugin);
@@ -373,11 +372,6 @@ TEST_F(CustomerInstallTest, AnEmptyPayloadGetsTheAnswerOfTheCompletedInstallOrIs
   ASSERT_TRUE(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.example.held"}),
                                  "com.example.held")
                   .succeeded);
-  // The legacy copy of a built-in is refused and its staging directory consumed.
-  EXPECT_EQ(
-      installCustomer(stageCustomerPackage("W1", {"com.zentrel.weather"}), "com.zentrel.weather")
-          .errorName(),
-      "ApplicationAlreadyInstalled");
   const auto todo = record("com.example.todo");
   const auto plugin = record("com.example.notes.vpn");
   reopen();  // the crash

@@ -36,12 +36,6 @@ TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
   EXPECT_EQ(readFile(container + "/com.example.maps.app/Icon.png"), "png bytes");
   const std::string stored = readFile(container + "/SorvikMetadata.plist");
   EXPECT_EQ(CVData(stored.begin(), stored.end()), metadata);
-  // Bare until the user data has come in; completed when the session ends.
-  const std::string data = placeholder->dataContainerURL.path();
-  EXPECT_EQ(entriesOf(data), kNothing);
-  reopen();
-  EXPECT_EQ(entriesOf(data), kSkeleton);
-  EXPECT_EQ(entriesOf(data + "/Library"), (std::vector<std::string>{"Caches", "Preferences"}));
 
   // The caller's package is only read: it stays, unmarked.
   EXPECT_TRUE(pathExists(package + "/Info.plist"));
@@ -117,9 +111,6 @@ TEST_F(PlaceholderInstallTest, ChecksTheCopyItInstalls) {
   CVDictionary blacklisted = placeholderOptions("com.zentrel.Orvos6Updater");
   blacklisted.remove(platform::kSkipBlacklistOptionKey);
   const std::vector<std::pair<InstallOutcome, std::string>> cases = {
-      {installPlaceholder(makePlaceholderPackage(temporary_.path(), {"com.example.a"}),
-                          "com.example.b"),
-       "BundleIdentifierMismatch"},
       {installPlaceholder(escaping, "com.example.c"), "InvalidSymlink"},
       {install(makePlaceholderPackage(temporary_.path(), {"com.zentrel.Orvos6Updater"}),
                blacklisted),

@@ -89,8 +89,7 @@ TEST(PropertyListRoundTripTest, EveryKindSurvivesOurXMLAndOtherValuesTakeTheirNe
   const CVDictionary& read = *result->asDictionary();
   EXPECT_EQ(read, original) << read.description();
   EXPECT_EQ(read.keys(), original.keys());
-  EXPECT_TRUE(read.find("false")->isBooleanFalse());
-  EXPECT_FALSE(read.findNumber("zero")->isBoolean());
+  // Equality tells booleans from numbers, but not a real from an integer of its value.
   EXPECT_TRUE(read.findNumber("whole real")->isReal());
   EXPECT_EQ(read.findNumber("uint64 max")->type(), CVNumber::Type::UnsignedInteger);
 
