@@ -40,9 +40,8 @@ bool isRegularFile(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// One line per item below `directory` (not following links), by relative
-// path; with `skipBookkeeping`, what every run writes whatever it does is left
-// out (logs, the host's temporary directory, the registry's files).
+// One line per item below `directory` by relative path; with
+// `skipBookkeeping`, what every run writes whatever it does is left out.
 TreeSnapshot snapshotBelow(const std::string& directory, bool withTimes, bool skipBookkeeping) {
   testing_support::TreeDescription how;
   how.times = withTimes;
@@ -126,10 +125,8 @@ bool readCount(const char* name, std::uint64_t& value, std::string& error) {
   return true;
 }
 
-// Whether the sweeps can run in `parent`: a directory with room for the
-// images and traces (a container's /dev/shm may be small) where a new
-// directory takes a "user." attribute (the platform keeps protection classes
-// and placeholder marks in them).
+// Whether the sweeps can run in `parent`: room for the images and traces, and
+// "user." attributes (protection classes and placeholder marks live there).
 bool suitsTheSweeps(const std::string& parent) {
   std::error_code error;
   if (!fs::is_directory(parent, error)) return false;
@@ -592,9 +589,7 @@ int SweepTest::rerunUntilSuccess(
     note(trial, "rerun " + std::to_string(rerun) + " failed: " + first);
   }
   if (workspace.onlyMarkersAndAsideFilesLeft()) {
-    count(
-        "trials ending with a container kept for an aside file left "
-        "by the interruption");
+    count("trials ending with a container kept for an aside file left by the interruption");
     return 0;
   }
   const std::string what = "no success after " + std::to_string(maxReruns) + " reruns";
