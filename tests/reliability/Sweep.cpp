@@ -224,17 +224,11 @@ std::unique_ptr<SweepWorkspace> SweepWorkspace::create(const std::string& base,
   w.template_ = base + "/template";
   w.canary_ = base + "/canary";
   w.scratch_ = base + "/scratch";
-  std::error_code error;
-  fs::create_directories(w.scratch_, error);
-  fs::create_directories(w.canary_ + "/nested", error);
-  if (error) {
-    *reason = "cannot make " + base + ": " + error.message();
-    return nullptr;
-  }
+  testing_support::makeDirectories(w.scratch_);
   // The canary: what a stray write or removal outside the image would hit.
-  std::ofstream(w.canary_ + "/keep.txt") << "the migration must not touch this\n";
-  std::ofstream(w.canary_ + "/nested/Documents.dat") << "nor this\n";
-  fs::create_symlink(w.root_, w.canary_ + "/image-link", error);
+  testing_support::writeFile(w.canary_ + "/keep.txt", "the migration must not touch this\n");
+  testing_support::writeFile(w.canary_ + "/nested/Documents.dat", "nor this\n");
+  testing_support::makeSymlink(w.root_, w.canary_ + "/image-link");
 
   CVError generatorError;
   const auto root = samplegen::prepareImageRoot(w.root_, false, &generatorError);
