@@ -267,7 +267,7 @@ TEST_F(InstallationTest, IconIsWrittenAsPNGOrReportedMissing) {
       logged(kLogLevelError, "CVAppMigrator: Failed to create icon from bundle " + bundle_));
   EXPECT_FALSE(pathExists(iconURL.path()));
 
-  // A destination that cannot be written (a written icon: the placeholder tests).
+  // A destination that cannot be written (a written icon is the placeholder tests' part).
   icons_.icon = opaqueSquare(120);
   const CVURL blocked = CVURL::fileURLWithPath(bundle_ + "/Maps/icon.png", false);
   EXPECT_FALSE(migrator_->_writeIconForBundle(*bundle, blocked));

@@ -14,9 +14,6 @@
 namespace reliability {
 namespace {
 
-// Runs that may follow a kill before the migration must have finished.
-constexpr int kMaxReruns = 3;
-
 // One kill point: before the Nth call named `call` (counted per thread, as
 // strace counts).
 struct KillPoint {
@@ -81,10 +78,10 @@ class CrashResumeTest : public SweepTest {
   // the checks; then (with `idempotence`) one more, which must change nothing.
   void resumeAndCheck(SweepWorkspace& workspace, const std::string& trial, bool idempotence) {
     checkImage(workspace, trial + ", after the kill", true);
-    const int runs = rerunUntilSuccess(workspace, trial, kMaxReruns,
-                                       [&](const std::string& when, bool finished) {
-                                         checkImage(workspace, when, false, finished);
-                                       });
+    const int runs =
+        rerunUntilSuccess(workspace, trial, [&](const std::string& when, bool finished) {
+          checkImage(workspace, when, false, finished);
+        });
     if (runs == 0) return;
     count("runs to completion after the kill: " + std::to_string(runs));
     if (!idempotence) return;

@@ -13,8 +13,6 @@
 namespace reliability {
 namespace {
 
-constexpr int kMaxReruns = 3;
-
 // The kinds of call that fail, as the system calls strace knows them by.
 const std::map<std::string, std::vector<std::string>>& faultKinds() {
   static const std::map<std::string, std::vector<std::string>> kinds = {
@@ -146,7 +144,7 @@ class FaultInjectionTest : public SweepTest {
       }
     }
     const int runs = rerunUntilSuccess(
-        workspace, name, kMaxReruns,
+        workspace, name,
         [&](const std::string& when, bool finished) { checkImage(workspace, when, finished); },
         !strict_);
     if (runs > 0) count("reruns to completion: " + std::to_string(runs));

@@ -34,6 +34,8 @@ using testing_support::runChild;
 const std::string kMavrel = MAVREL_BINARY_DIR "/bin/mavrel";
 constexpr const char* kUserDataItems[] = {"Documents", "Library", "tmp", "Pormex"};
 constexpr const char* kDataContainers = "/private/var/mobile/Containers/Data";
+// Runs that may follow a kill or a failed call before the migration must have finished.
+constexpr int kMaxReruns = 3;
 
 bool isRegularFile(const std::string& path) {
   struct stat status {};
@@ -564,10 +566,10 @@ void SweepTest::note(const std::string& trial, const std::string& what) {
 }
 
 int SweepTest::rerunUntilSuccess(
-    SweepWorkspace& workspace, const std::string& trial, int maxReruns,
+    SweepWorkspace& workspace, const std::string& trial,
     const std::function<void(const std::string& when, bool finished)>& check,
     bool unfinishedIsFinding) {
-  for (int rerun = 1; rerun <= maxReruns; ++rerun) {
+  for (int rerun = 1; rerun <= kMaxReruns; ++rerun) {
     const std::string logsBefore = workspace.logs();
     const ChildOutcome run = workspace.migrate();
     if (!endedByTheHost(run)) {
@@ -586,7 +588,7 @@ int SweepTest::rerunUntilSuccess(
     count("trials ending with a container kept for an aside file left by the interruption");
     return 0;
   }
-  const std::string what = "no success after " + std::to_string(maxReruns) + " reruns";
+  const std::string what = "no success after " + std::to_string(kMaxReruns) + " reruns";
   if (unfinishedIsFinding) {
     count("trials never finishing (the migration's rules keep a container)");
     note(trial, what);

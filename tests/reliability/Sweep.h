@@ -182,12 +182,12 @@ class SweepTest : public ::testing::Test {
   void count(const std::string& figure, std::uint64_t amount = 1);
   void problem(const std::string& trial, const std::string& what);
   void note(const std::string& trial, const std::string& what);
-  // Plain runs of the migration until one succeeds, at most `maxReruns`, with
+  // Plain runs of the migration until one succeeds, at most three, with
   // `check(when, finished)` after each; a failed rerun is counted under its
   // first new error line. When none succeeds, containers kept for aside files
   // of interrupted writes are counted; anything else is a problem, or with
   // `unfinishedIsFinding` a noted finding. Returns the runs it took, or 0.
-  int rerunUntilSuccess(SweepWorkspace& workspace, const std::string& trial, int maxReruns,
+  int rerunUntilSuccess(SweepWorkspace& workspace, const std::string& trial,
                         const std::function<void(const std::string& when, bool finished)>& check,
                         bool unfinishedIsFinding = false);
   // Counts the files of one check, the same way in both sweeps.
