@@ -297,8 +297,12 @@ class ContainerMigrationTest : public MigratorTest {
                                                              {"BundleIdentifier", kIdentifier},
                                                              {"ContainerType", std::string(type)}});
   }
-  void registered() { installer_.records[kIdentifier] = record(kIdentifier, data_); }
   void accepted() { acceptInstalls(kIdentifier, data_); }
+  // Installs are accepted and the registry already knows the application.
+  void acceptedAndKnown() {
+    accepted();
+    installer_.records[kIdentifier] = record(kIdentifier, data_);
+  }
 
   const std::string container_ = container("C0FFEE");
   const std::string bundle_ = container_ + "/Notes.app";
@@ -319,8 +323,7 @@ TEST_F(ContainerMigrationTest, UnknownApplicationGetsPlaceholderDataInstallAndCo
 }
 
 TEST_F(ContainerMigrationTest, KnownApplicationSkipsThePlaceholder) {
-  accepted();
-  registered();
+  acceptedAndKnown();
   EXPECT_TRUE(migrate());
   EXPECT_EQ(installsOfType(platform::kPackageTypePlaceholder), 0u);
   EXPECT_TRUE(logged(kLogLevelNotice,
@@ -329,8 +332,7 @@ TEST_F(ContainerMigrationTest, KnownApplicationSkipsThePlaceholder) {
 }
 
 TEST_F(ContainerMigrationTest, VPNOnlyContainerNeverAsksForAPlaceholder) {
-  accepted();
-  registered();
+  acceptedAndKnown();
   EXPECT_TRUE(migrate("VPNBundle"));
   EXPECT_EQ(installsOfType(platform::kPackageTypePlaceholder), 0u);
   EXPECT_FALSE(log_.containsFragment("so not creating placeholder"));
@@ -359,8 +361,7 @@ TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
   EXPECT_TRUE(pathExists(container_ + "/com.zentrel.corvane.container_migrator.plist"));
 
   // A data container that is a file: nothing can be moved into it.
-  accepted();
-  registered();
+  acceptedAndKnown();
   removeItem(data_);
   writeFile(data_, "not a directory");
   EXPECT_FALSE(migrate());
@@ -370,8 +371,7 @@ TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
 }
 
 TEST_F(ContainerMigrationTest, PlaceholderBundleSkipsInstallGroupsAndMissedItems) {
-  accepted();
-  registered();
+  acceptedAndKnown();
   ASSERT_TRUE(
       CVFileManager::defaultManager().markBundleAsPlaceholder(directoryURL(bundle_), nullptr));
   writeFile(container_ + "/Unexpected.dat", "left over");
@@ -382,8 +382,7 @@ TEST_F(ContainerMigrationTest, PlaceholderBundleSkipsInstallGroupsAndMissedItems
 }
 
 TEST_F(ContainerMigrationTest, MissedItemsKeepTheContainerButMarkerFilesAreNoneOfThem) {
-  accepted();
-  registered();
+  acceptedAndKnown();
   writeFile(container_ + "/Unexpected.dat", "left over");
   writeFile(container_ + "/com.zentrel.corvane.placeholder", "");
   writeFile(container_ + "/com.zentrel.corvane.migration_marker", "");
