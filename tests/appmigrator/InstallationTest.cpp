@@ -1,11 +1,7 @@
-// Staged installs of legacy bundles and placeholder installs, through the
-// installer double: what is staged where, the options handed over, how the
-// installer's answers become results and log lines. And one legacy container
-// carried into the current layout through the installer and registry doubles:
-// every row of the outcome table, and what the container holds afterwards.
+// Staged and placeholder installs through the installer double, and one
+// legacy container carried into the current layout.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <thread>
 
@@ -84,10 +80,7 @@ TEST_F(InstallationTest, StagesBundlePluginAndStoreDataThenInstallsWithTheMigrat
   bool storeData = false;
   installer_.installHandler = [&](const CVURL& staging, const CVDictionary&, CVError*,
                                   const platform::InstallProgressCallback& progress) {
-    const auto entries = CVFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
-        staging.URLByAppendingPathComponent("Payload", true), false, nullptr);
-    for (const CVURL& entry : entries.value_or(std::vector<CVURL>()))
-      payload.push_back(entry.lastPathComponent());
+    payload = entriesOf(staging.path() + "/Payload");
     storeData = pathExists(staging.path() + "/Payload/Maps.app/Maps") &&
                 readFile(staging.path() + "/SorvikMetadata.plist") == "metadata" &&
                 readFile(staging.path() + "/Manifest.plist") == "manifest";
@@ -95,7 +88,6 @@ TEST_F(InstallationTest, StagesBundlePluginAndStoreDataThenInstallsWithTheMigrat
     return true;
   };
   EXPECT_TRUE(stageAndInstall(directoryURL(container_ + "/Tunnel.vpnplugin")));
-  std::sort(payload.begin(), payload.end());
   EXPECT_EQ(payload, (std::vector<std::string>{"Maps.app", "Tunnel.vpnplugin"}));
   EXPECT_TRUE(storeData);
 
@@ -114,7 +106,6 @@ TEST_F(InstallationTest, StagesBundlePluginAndStoreDataThenInstallsWithTheMigrat
   EXPECT_FALSE(log_.containsFragment("CVAppMigrator: Installation of")) << log_.dump();
 
   // Without a plug-in only the application is staged.
-  payload.clear();
   unstage();
   EXPECT_TRUE(stageAndInstall());
   EXPECT_EQ(payload, std::vector<std::string>{"Maps.app"});
@@ -276,10 +267,8 @@ TEST_F(InstallationTest, IconIsWrittenAsPNGOrReportedMissing) {
       logged(kLogLevelError, "CVAppMigrator: Failed to create icon from bundle " + bundle_));
   EXPECT_FALSE(pathExists(iconURL.path()));
 
+  // A destination that cannot be written (a written icon is the placeholder tests' part).
   icons_.icon = opaqueSquare(120);
-  EXPECT_TRUE(migrator_->_writeIconForBundle(*bundle, iconURL));
-  EXPECT_TRUE(readFile(iconURL.path()).starts_with("\x89PNG"));
-  // A destination that cannot be written.
   const CVURL blocked = CVURL::fileURLWithPath(bundle_ + "/Maps/icon.png", false);
   EXPECT_FALSE(migrator_->_writeIconForBundle(*bundle, blocked));
   EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to write image data to file://" +
@@ -308,8 +297,12 @@ class ContainerMigrationTest : public MigratorTest {
                                                              {"BundleIdentifier", kIdentifier},
                                                              {"ContainerType", std::string(type)}});
   }
-  void registered() { installer_.records[kIdentifier] = record(kIdentifier, data_); }
   void accepted() { acceptInstalls(kIdentifier, data_); }
+  // Installs are accepted and the registry already knows the application.
+  void acceptedAndKnown() {
+    accepted();
+    installer_.records[kIdentifier] = record(kIdentifier, data_);
+  }
 
   const std::string container_ = container("C0FFEE");
   const std::string bundle_ = container_ + "/Notes.app";
@@ -330,8 +323,7 @@ TEST_F(ContainerMigrationTest, UnknownApplicationGetsPlaceholderDataInstallAndCo
 }
 
 TEST_F(ContainerMigrationTest, KnownApplicationSkipsThePlaceholder) {
-  accepted();
-  registered();
+  acceptedAndKnown();
   EXPECT_TRUE(migrate());
   EXPECT_EQ(installsOfType(platform::kPackageTypePlaceholder), 0u);
   EXPECT_TRUE(logged(kLogLevelNotice,
@@ -340,8 +332,7 @@ TEST_F(ContainerMigrationTest, KnownApplicationSkipsThePlaceholder) {
 }
 
 TEST_F(ContainerMigrationTest, VPNOnlyContainerNeverAsksForAPlaceholder) {
-  accepted();
-  registered();
+  acceptedAndKnown();
   EXPECT_TRUE(migrate("VPNBundle"));
   EXPECT_EQ(installsOfType(platform::kPackageTypePlaceholder), 0u);
   EXPECT_FALSE(log_.containsFragment("so not creating placeholder"));
@@ -370,8 +361,7 @@ TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
   EXPECT_TRUE(pathExists(container_ + "/com.zentrel.corvane.container_migrator.plist"));
 
   // A data container that is a file: nothing can be moved into it.
-  accepted();
-  registered();
+  acceptedAndKnown();
   removeItem(data_);
   writeFile(data_, "not a directory");
   EXPECT_FALSE(migrate());
@@ -381,8 +371,7 @@ TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
 }
 
 TEST_F(ContainerMigrationTest, PlaceholderBundleSkipsInstallGroupsAndMissedItems) {
-  accepted();
-  registered();
+  acceptedAndKnown();
   ASSERT_TRUE(
       CVFileManager::defaultManager().markBundleAsPlaceholder(directoryURL(bundle_), nullptr));
   writeFile(container_ + "/Unexpected.dat", "left over");
@@ -393,8 +382,7 @@ TEST_F(ContainerMigrationTest, PlaceholderBundleSkipsInstallGroupsAndMissedItems
 }
 
 TEST_F(ContainerMigrationTest, MissedItemsKeepTheContainerButMarkerFilesAreNoneOfThem) {
-  accepted();
-  registered();
+  acceptedAndKnown();
   writeFile(container_ + "/Unexpected.dat", "left over");
   writeFile(container_ + "/com.zentrel.corvane.placeholder", "");
   writeFile(container_ + "/com.zentrel.corvane.migration_marker", "");

@@ -1,18 +1,14 @@
-// Readers of shared state on several threads at once. These tests are meant
-// for the ThreadSanitizer build (`./run test` runs them there too), where an
-// unguarded access is reported as a data race; elsewhere they check that every
-// reader sees a whole, consistent value.
+// Readers of shared state on several threads at once: a data race under
+// ThreadSanitizer, a whole and consistent value everywhere.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
 #include <vector>
 
-#include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "shared/support/CVFileDigest.h"
-#include "shared/support/CVProcessGuards.h"
 #include "tests/support/ChildProgram.h"
 #include "tests/support/DeviceImage.h"
 
@@ -70,19 +66,6 @@ TEST(ConcurrentReadersTest, LogLinesFromManyThreadsAllArrive) {
     }
   });
   EXPECT_EQ(log.count(), static_cast<std::size_t>(kThreads * kRounds));
-}
-
-TEST(ConcurrentReadersTest, TransactionalTasksFromManyThreadsAllRunAndPair) {
-  std::atomic<int> ran{0};
-  {
-    platform::DispatchQueue queue("concurrency.transactions");
-    runOnThreads([&](int) {
-      for (int round = 0; round < kRounds; ++round) {
-        CVRunTransactionalTask(queue, [&ran] { ++ran; });
-      }
-    });
-  }
-  EXPECT_EQ(ran.load(), kThreads * kRounds);
 }
 
 TEST(ConcurrentReadersTest, ConcurrentDigestsDoNotInterfere) {

@@ -1,16 +1,13 @@
-// Replays every kept fuzz input through its target under the ordinary
-// sanitizer build: the corpus (inputs that cover the readers) and the
-// regression inputs (each once crashed or hung a reader). A target aborts on
-// a broken invariant and the sanitizers stop on a memory or undefined-
-// behaviour fault, so a reader that regresses fails this suite.
+// Replays every kept fuzz input (corpus and regressions) through its target
+// under the sanitizer build: a reader that regresses aborts or is stopped.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -70,12 +67,11 @@ const ReplayTarget kTargets[] = {
 // Replays the regular files directly inside `directory` (none when it is
 // absent) in name order; returns how many there were.
 std::size_t replayAll(const ReplayTarget& target, const fs::path& directory) {
-  std::vector<fs::path> inputs;
+  std::set<fs::path> inputs;
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
-    if (entry.is_regular_file()) inputs.push_back(entry.path());
+    if (entry.is_regular_file()) inputs.insert(entry.path());
   }
-  std::sort(inputs.begin(), inputs.end());
   for (const fs::path& input : inputs) {
     SCOPED_TRACE(input.string());
     std::ifstream in(input, std::ios::binary);

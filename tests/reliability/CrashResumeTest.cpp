@@ -1,15 +1,6 @@
-// The crash promise of `mavrel migrate`: the process killed before any call
-// that changes the disk, for every such call of a migration of a small
-// generated image, loses no user data, touches nothing outside the image and
-// leaves a state from which plain reruns finish the job; a run after a
-// successful one changes nothing.
-//
-// The kill comes from strace (SIGKILL on entry of the Nth call of one kind,
-// so the call itself never happens). Every call that changes the disk is the
-// Nth of its kind for one N, so walking each kind's N reaches them all. Calls
-// that only flush (fsync, fdatasync, syncfs) are not kill points: the state a
-// kill leaves before a flush is the state it leaves before the next call
-// that changes the disk.
+// The crash promise of `mavrel migrate` (docs/RELIABILITY.md): killed by
+// strace before any call that changes the disk, the run loses no user data,
+// touches nothing outside the image, and plain reruns finish the job.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,9 +13,6 @@
 
 namespace reliability {
 namespace {
-
-// Runs that may follow a kill before the migration must have finished.
-constexpr int kMaxReruns = 3;
 
 // One kill point: before the Nth call named `call` (counted per thread, as
 // strace counts).
@@ -79,9 +67,7 @@ class CrashResumeTest : public SweepTest {
       check.missingContainers.clear();
     }
     if (afterKill && check.listingError.find("(SQLite result 776)") != std::string::npos) {
-      count(
-          "listings refused after a kill: the registry's first "
-          "transaction interrupted");
+      count("listings refused after a kill: the registry's first transaction interrupted");
       check.listingError.clear();
     }
     countFiles(check);
@@ -92,10 +78,10 @@ class CrashResumeTest : public SweepTest {
   // the checks; then (with `idempotence`) one more, which must change nothing.
   void resumeAndCheck(SweepWorkspace& workspace, const std::string& trial, bool idempotence) {
     checkImage(workspace, trial + ", after the kill", true);
-    const int runs = rerunUntilSuccess(workspace, trial, kMaxReruns,
-                                       [&](const std::string& when, bool finished) {
-                                         checkImage(workspace, when, false, finished);
-                                       });
+    const int runs =
+        rerunUntilSuccess(workspace, trial, [&](const std::string& when, bool finished) {
+          checkImage(workspace, when, false, finished);
+        });
     if (runs == 0) return;
     count("runs to completion after the kill: " + std::to_string(runs));
     if (!idempotence) return;

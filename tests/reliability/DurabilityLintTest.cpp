@@ -1,17 +1,6 @@
-// Reads the trace of one migration and checks the order of its writes,
-// flushes and renames:
-//
-//  - a file written aside (created by this run, then renamed into place) is
-//    flushed (fsync or fdatasync) after its last write and before the rename;
-//  - the directory it was renamed into is flushed after the rename, before
-//    the run changes anything else;
-//  - the migration marker of a legacy container is durable (flushed, renamed,
-//    its directory flushed) before the first item leaves that container;
-//  - nothing outside the device root is created, written, renamed or
-//    removed (the run's own standard output and error excepted).
-//
-// The lint runs on a real migration's trace, and on small traces that break
-// each rule.
+// The order of a migration's writes, flushes and renames, checked on its
+// trace by the rules of docs/RELIABILITY.md ("Durability"), and on small
+// traces that break each rule.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,9 +11,12 @@
 
 #include "tests/reliability/StraceTrace.h"
 #include "tests/reliability/Sweep.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace reliability {
 namespace {
+
+using testing_support::listed;
 
 constexpr std::string_view kMarkerName = "com.zentrel.corvane.container_migrator.plist";
 
@@ -227,13 +219,6 @@ DurabilityFindings lintTrace(const Trace& trace, const std::string& root,
   return findings;
 }
 
-std::string joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines)
-    text += "  " + line + "\n";
-  return text;
-}
-
 TEST(DurabilityLintTest, AMigrationFlushesWhatItWritesAsideAndItsMarkersBeforeMoving) {
   const SweepSettings settings = sweepSettings();
   ASSERT_TRUE(settings.error.empty()) << settings.error;
@@ -253,8 +238,7 @@ TEST(DurabilityLintTest, AMigrationFlushesWhatItWritesAsideAndItsMarkersBeforeMo
                 {workspace.scratch() + "/migrate.out", workspace.scratch() + "/migrate.err"},
                 {workspace.root() + "/private/var/tmp/mavrel"});
   std::printf(
-      "Durability: %zu calls checked, %zu files written aside (%zu "
-      "more in the temporary "
+      "Durability: %zu calls checked, %zu files written aside (%zu more in the temporary "
       "directory), %zu markers\n",
       findings.callsChecked, findings.filesWrittenAside, findings.filesInScratch,
       findings.markersChecked);
@@ -262,54 +246,46 @@ TEST(DurabilityLintTest, AMigrationFlushesWhatItWritesAsideAndItsMarkersBeforeMo
   EXPECT_EQ(findings.markersChecked, workspace.manifest().containers.size());
   EXPECT_GT(findings.filesWrittenAside, findings.markersChecked);
   EXPECT_GT(findings.filesInScratch, 0u);
-  EXPECT_TRUE(findings.violations.empty()) << joined(findings.violations);
+  EXPECT_TRUE(findings.violations.empty()) << listed(findings.violations);
 }
 
 // Small traces in strace's own format ("-f -y"), each breaking a rule or
 // keeping it, and the violations the lint names (by their start).
 TEST(DurabilityLintTest, NamesEachBrokenRule) {
   const std::string aside =
-      "7 openat(AT_FDCWD</>, \"/img/d/.f.tmp\", O_WRONLY|O_CREAT|O_EXCL, 0644) "
-      "= 3</img/d/.f.tmp>\n"
+      "7 openat(AT_FDCWD</>, \"/img/d/.f.tmp\", O_WRONLY|O_CREAT|O_EXCL, 0644) = 3</img/d/.f.tmp>\n"
       "7 write(3</img/d/.f.tmp>, \"abc\", 3) = 3\n";
   const std::string scratch =
-      "7 openat(AT_FDCWD</>, \"/img/tmp/p.app/.f.tmp\", "
-      "O_WRONLY|O_CREAT|O_EXCL, 0644) = "
+      "7 openat(AT_FDCWD</>, \"/img/tmp/p.app/.f.tmp\", O_WRONLY|O_CREAT|O_EXCL, 0644) = "
       "3</img/tmp/p.app/.f.tmp>\n"
       "7 rename(\"/img/tmp/p.app/.f.tmp\", \"/img/tmp/p.app/f\") = 0\n";
+  const std::string marker =
+      "7 openat(AT_FDCWD</>, \"/img/c/.m.tmp\", O_WRONLY|O_CREAT|O_EXCL, 0644) = 3</img/c/.m.tmp>\n"
+      "7 write(3</img/c/.m.tmp>, \"<plist/>\", 8) = 8\n"
+      "7 rename(\"/img/c/.m.tmp\", \"/img/c/com.zentrel.corvane.container_migrator.plist\") = 0\n"
+      "7 renameat2(AT_FDCWD</>, \"/img/c/Documents\", AT_FDCWD</>, \"/img/data/Documents\", 0) = "
+      "0\n";
   struct Case {
     std::string trace;
     std::vector<std::string> scratch;
     std::vector<std::string> violations;
   };
   const Case cases[] = {
-      {aside + "7 rename(\"/img/d/.f.tmp\", \"/img/d/f\") = 0\n7 "
-               "mkdir(\"/img/e\", 0755) = 0\n",
+      {aside + "7 rename(\"/img/d/.f.tmp\", \"/img/d/f\") = 0\n7 mkdir(\"/img/e\", 0755) = 0\n",
        {},
-       {"/img/d/f (written aside as /img/d/.f.tmp) is renamed into place "
-        "without being flushed",
+       {"/img/d/f (written aside as /img/d/.f.tmp) is renamed into place without being flushed",
         "/img/d is not flushed after /img/d/f is renamed into it"}},
-      {aside + "7 fsync(3</img/d/.f.tmp>) = 0\n7 rename(\"/img/d/.f.tmp\", "
-               "\"/img/d/f\") = 0\n"
-               "7 fsync(4</img/d>) = 0\n",
+      {aside + "7 fsync(3</img/d/.f.tmp>) = 0\n7 rename(\"/img/d/.f.tmp\", \"/img/d/f\") = 0\n" +
+           "7 fsync(4</img/d>) = 0\n",
        {},
        {}},
       {scratch, {}, {"/img/tmp/p.app/f (written aside", "/img/tmp/p.app is not flushed"}},
       {scratch, {"/img/tmp"}, {}},
-      {"7 openat(AT_FDCWD</>, \"/img/c/.m.tmp\", O_WRONLY|O_CREAT|O_EXCL, "
-       "0644) = "
-       "3</img/c/.m.tmp>\n"
-       "7 write(3</img/c/.m.tmp>, \"<plist/>\", 8) = 8\n"
-       "7 rename(\"/img/c/.m.tmp\", "
-       "\"/img/c/com.zentrel.corvane.container_migrator.plist\") = 0\n"
-       "7 renameat2(AT_FDCWD</>, \"/img/c/Documents\", AT_FDCWD</>, "
-       "\"/img/data/Documents\", 0) = "
-       "0\n",
+      {marker,
        {},
        {"/img/c/com.zentrel.corvane.container_migrator.plist (written aside",
         "/img/c is not flushed after",
-        "the marker of /img/c is not durable before /img/c/Documents "
-        "leaves it"}},
+        "the marker of /img/c is not durable before /img/c/Documents leaves it"}},
       {"7 mkdirat(5</tmp>, \"stray\", 0700) = 0\n7 unlink(\"/img/x\") = 0\n"
        "7 write(1</scratch/out>, \"done\\n\", 5) = 5\n"
        "7 unlink(\"/elsewhere/y\") = -1 ENOENT (No such file or directory)\n",
@@ -320,7 +296,7 @@ TEST(DurabilityLintTest, NamesEachBrokenRule) {
     SCOPED_TRACE(c.trace);
     const DurabilityFindings findings =
         lintTrace(parseTrace(c.trace), "/img", {"/scratch/out"}, c.scratch);
-    ASSERT_EQ(findings.violations.size(), c.violations.size()) << joined(findings.violations);
+    ASSERT_EQ(findings.violations.size(), c.violations.size()) << listed(findings.violations);
     for (std::size_t i = 0; i < c.violations.size(); ++i)
       EXPECT_TRUE(findings.violations[i].starts_with(c.violations[i])) << findings.violations[i];
   }

@@ -1,14 +1,6 @@
-// Failing file-system calls during `mavrel migrate`: the Nth call of one kind
-// fails with EIO, ENOSPC or EACCES, once or from then on (strace's
-// `error=...:when=N` and `when=N+`). Whatever fails, the run ends by itself
-// (no crash, no sanitizer report, no hang), a failed run says so in its logs,
-// no user data is lost beyond what the migration's own rules give up, nothing
-// outside the image changes, and plain reruns finish the job.
-//
-// The trials are every N of every kind over the calls the migration makes
-// after the program has started (the dynamic loader's calls come first and
-// are not the migration's); ctest runs a seeded sample of them, the harness
-// (tests/reliability/run-sweeps) all of them.
+// Failing file-system calls during `mavrel migrate` (docs/RELIABILITY.md):
+// whatever fails, the run ends by itself and says so, no user data is lost
+// beyond the migration's own rules, nothing outside changes, reruns finish.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,8 +12,6 @@
 
 namespace reliability {
 namespace {
-
-constexpr int kMaxReruns = 3;
 
 // The kinds of call that fail, as the system calls strace knows them by.
 const std::map<std::string, std::vector<std::string>>& faultKinds() {
@@ -95,10 +85,7 @@ std::vector<FaultTrial> faultTrials(const Trace& trace, const std::string& root)
 
 class FaultInjectionTest : public SweepTest {
  protected:
-  // Registered containers missing after a failed install, and data left at
-  // its legacy place by a run that reported success, are findings of the
-  // platform and of the migration's rules (docs/RELIABILITY.md): counted and
-  // noted, and failures only with MAVREL_RELIABILITY_STRICT=1.
+  // Known findings (docs/RELIABILITY.md) fail only with MAVREL_RELIABILITY_STRICT.
   void checkImage(SweepWorkspace& workspace, const std::string& when, bool finished = false) {
     ImageCheck check = workspace.check(finished);
     countFiles(check);
@@ -134,10 +121,8 @@ class FaultInjectionTest : public SweepTest {
       count("trials whose call was not reached");
       return;
     }
-    // A write failing from N on also fails the sanitizer runtime's probe
-    // writes to its own pipe, and the runtime then stops the process in the
-    // middle of the migration, exit code and all. That is the test build, not
-    // the migration: the run is taken as unfinished and the reruns follow.
+    // A write failing from N on also fails the sanitizer runtime's own probe
+    // writes, which stops the process: unfinished, and the reruns follow.
     if (run.err.find("SanitizerTool: CHECK failed") != std::string::npos) {
       count("runs the sanitizer runtime stopped (its own probe write failed)");
       checkImage(workspace, name + ", after the run the runtime stopped");
@@ -159,7 +144,7 @@ class FaultInjectionTest : public SweepTest {
       }
     }
     const int runs = rerunUntilSuccess(
-        workspace, name, kMaxReruns,
+        workspace, name,
         [&](const std::string& when, bool finished) { checkImage(workspace, when, finished); },
         !strict_);
     if (runs > 0) count("reruns to completion: " + std::to_string(runs));

@@ -103,9 +103,6 @@ std::string unquote(const std::string& argument) {
     const std::size_t named = std::string_view("ntrvf").find(escaped);
     if (named != std::string_view::npos) {
       text += "\n\t\r\v\f"[named];
-    } else if (escaped == 'x') {
-      text += static_cast<char>(std::stoi(argument.substr(i + 1, 2), nullptr, 16));
-      i += 2;
     } else if (escaped >= '0' && escaped <= '7') {
       std::size_t length = 1;
       while (length < 3 && i + length < argument.size() && argument[i + length] >= '0' &&

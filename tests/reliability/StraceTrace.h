@@ -1,16 +1,8 @@
 // The strace lever of the reliability sweeps: command lines that trace the
 // mavrel program, kill it at the Nth call of one system call or make that call
-// fail, and a reader for the trace that strace writes ("-f -y -o FILE").
-//
-// strace counts the `when=` of an injection per system call and per thread,
-// not over the set named in `inject=`; a sweep therefore walks every system
-// call of its set separately (the Nth mkdir, the Nth renameat2, ...), which
-// reaches every call exactly once. A kill is delivered on entry: the Nth call
-// itself is not carried out. (strace 6.1 does not inject together with
-// --seccomp-bpf, so every call of the tracee stops in strace.)
-//
-// Error contract: parseTrace never fails; lines it cannot read are skipped
-// and counted in `unreadLines`.
+// fail (counted per call and per thread, docs/RELIABILITY.md), and a reader
+// for the trace that strace writes ("-f -y -o FILE"). parseTrace never fails:
+// lines it cannot read are counted in `unreadLines`.
 #pragma once
 
 #include <cstddef>
@@ -52,11 +44,8 @@ struct TracedCall {
 struct Trace {
   std::vector<TracedCall> calls;
   std::size_t unreadLines = 0;
-  // Whether `call` was made by the program's first thread. strace counts the
-  // calls of each thread apart and applies an injection's `when` to every
-  // thread, so only that thread's calls can be singled out by their
-  // ordinal (a kill or a fault there stops or fails the other threads' work
-  // all the same).
+  // Whether `call` was made by the program's first thread, the only one
+  // whose calls an injection's `when` singles out (strace counts per thread).
   bool byFirstThread(const TracedCall& call) const {
     return !calls.empty() && call.pid == calls.front().pid;
   }

@@ -34,15 +34,16 @@ using testing_support::runChild;
 const std::string kMavrel = MAVREL_BINARY_DIR "/bin/mavrel";
 constexpr const char* kUserDataItems[] = {"Documents", "Library", "tmp", "Pormex"};
 constexpr const char* kDataContainers = "/private/var/mobile/Containers/Data";
+// Runs that may follow a kill or a failed call before the migration must have finished.
+constexpr int kMaxReruns = 3;
 
 bool isRegularFile(const std::string& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// One line per item below `directory` (not following links), by relative
-// path; with `skipBookkeeping`, what every run writes whatever it does is left
-// out (logs, the host's temporary directory, the registry's files).
+// One line per item below `directory` by relative path; with
+// `skipBookkeeping`, what every run writes whatever it does is left out.
 TreeSnapshot snapshotBelow(const std::string& directory, bool withTimes, bool skipBookkeeping) {
   testing_support::TreeDescription how;
   how.times = withTimes;
@@ -126,10 +127,8 @@ bool readCount(const char* name, std::uint64_t& value, std::string& error) {
   return true;
 }
 
-// Whether the sweeps can run in `parent`: a directory with room for the
-// images and traces (a container's /dev/shm may be small) where a new
-// directory takes a "user." attribute (the platform keeps protection classes
-// and placeholder marks in them).
+// Whether the sweeps can run in `parent`: room for the images and traces, and
+// "user." attributes (protection classes and placeholder marks live there).
 bool suitsTheSweeps(const std::string& parent) {
   std::error_code error;
   if (!fs::is_directory(parent, error)) return false;
@@ -227,17 +226,11 @@ std::unique_ptr<SweepWorkspace> SweepWorkspace::create(const std::string& base,
   w.template_ = base + "/template";
   w.canary_ = base + "/canary";
   w.scratch_ = base + "/scratch";
-  std::error_code error;
-  fs::create_directories(w.scratch_, error);
-  fs::create_directories(w.canary_ + "/nested", error);
-  if (error) {
-    *reason = "cannot make " + base + ": " + error.message();
-    return nullptr;
-  }
+  testing_support::makeDirectories(w.scratch_);
   // The canary: what a stray write or removal outside the image would hit.
-  std::ofstream(w.canary_ + "/keep.txt") << "the migration must not touch this\n";
-  std::ofstream(w.canary_ + "/nested/Documents.dat") << "nor this\n";
-  fs::create_symlink(w.root_, w.canary_ + "/image-link", error);
+  testing_support::writeFile(w.canary_ + "/keep.txt", "the migration must not touch this\n");
+  testing_support::writeFile(w.canary_ + "/nested/Documents.dat", "nor this\n");
+  testing_support::makeSymlink(w.root_, w.canary_ + "/image-link");
 
   CVError generatorError;
   const auto root = samplegen::prepareImageRoot(w.root_, false, &generatorError);
@@ -573,10 +566,10 @@ void SweepTest::note(const std::string& trial, const std::string& what) {
 }
 
 int SweepTest::rerunUntilSuccess(
-    SweepWorkspace& workspace, const std::string& trial, int maxReruns,
+    SweepWorkspace& workspace, const std::string& trial,
     const std::function<void(const std::string& when, bool finished)>& check,
     bool unfinishedIsFinding) {
-  for (int rerun = 1; rerun <= maxReruns; ++rerun) {
+  for (int rerun = 1; rerun <= kMaxReruns; ++rerun) {
     const std::string logsBefore = workspace.logs();
     const ChildOutcome run = workspace.migrate();
     if (!endedByTheHost(run)) {
@@ -592,12 +585,10 @@ int SweepTest::rerunUntilSuccess(
     note(trial, "rerun " + std::to_string(rerun) + " failed: " + first);
   }
   if (workspace.onlyMarkersAndAsideFilesLeft()) {
-    count(
-        "trials ending with a container kept for an aside file left "
-        "by the interruption");
+    count("trials ending with a container kept for an aside file left by the interruption");
     return 0;
   }
-  const std::string what = "no success after " + std::to_string(maxReruns) + " reruns";
+  const std::string what = "no success after " + std::to_string(kMaxReruns) + " reruns";
   if (unfinishedIsFinding) {
     count("trials never finishing (the migration's rules keep a container)");
     note(trial, what);

@@ -1,40 +1,22 @@
-// The frame of the crash and fault sweeps: one workspace per worker, trials
-// run side by side, the findings with their report, and the fixture the sweeps
-// share.
+// The frame of the crash and fault sweeps (docs/RELIABILITY.md): one
+// workspace per worker (a generated image restored from its template before
+// every trial, a canary beside it, a scratch directory), trials run side by
+// side, the findings with their report, and the fixture the sweeps share.
 //
-// A workspace holds a generated legacy image kept as a template, the image
-// itself (restored from the template before every trial, at the same path,
-// because the image's maps hold absolute paths), a canary tree beside the
-// image that no run may touch, and a scratch directory for traces and output.
-// The user data of the template (every file under the containers' user-data
-// items, the group containers and the safe harbors, with its SHA-256) is
-// recorded once; `check` then tells, for the image as it stands, whether each
-// file is at its legacy place or at its new place with the same bytes, whether
-// every container the registry names exists, and whether anything beside the
-// image changed.
+// ctest runs the "ci" mode; tests/reliability/run-sweeps sets these for the
+// longer ones:
 //
-// ctest runs the "ci" mode: the exhaustive crash sweep and a sample of the
-// fault injections over a small image. tests/reliability/run-sweeps sets the
-// environment for the longer modes:
-//
-//   MAVREL_RELIABILITY_MODE     ci (default), sampled or exhaustive
-//   MAVREL_RELIABILITY_APPS     applications of the image
-//   MAVREL_RELIABILITY_VPN      VPN-only containers of the image
-//   MAVREL_RELIABILITY_SEED     the image's seed, and the sampling's
-//   MAVREL_RELIABILITY_POINTS   kill points (sampled) / fault trials (sampled,
-//   ci) MAVREL_RELIABILITY_RANDOM_KILLS  kills at random instants (sampled)
-//   MAVREL_RELIABILITY_WORKERS  trials run side by side (default 2)
-//   MAVREL_RELIABILITY_STRICT   set: the fault sweep's known findings fail too
-//   MAVREL_RELIABILITY_NOTES    a file every note of every sweep is added to
-//   MAVREL_RELIABILITY_DIR      where the workspaces go (default: /dev/shm when
-//                               it has 512 MiB free and takes user extended
-//                               attributes, else $TMPDIR)
-//
-// The workspaces go to memory by default: a trial restores its image and
-// migrates it several times, and creating a file on disk costs half a
-// millisecond, so a sweep on tmpfs runs about five times faster. What the
-// sweeps test (kills, failing calls, the order of calls) does not depend on
-// the file system.
+//   MAVREL_RELIABILITY_MODE          ci (default), sampled or exhaustive
+//   MAVREL_RELIABILITY_APPS          applications of the image
+//   MAVREL_RELIABILITY_VPN           VPN-only containers of the image
+//   MAVREL_RELIABILITY_SEED          the image's seed, and the sampling's
+//   MAVREL_RELIABILITY_POINTS        kill points (sampled) / fault trials
+//   MAVREL_RELIABILITY_RANDOM_KILLS  kills at random instants (sampled)
+//   MAVREL_RELIABILITY_WORKERS       trials run side by side (default 2)
+//   MAVREL_RELIABILITY_STRICT        set: the fault sweep's known findings fail too
+//   MAVREL_RELIABILITY_NOTES         a file every note of every sweep is added to
+//   MAVREL_RELIABILITY_DIR           where the workspaces go (default /dev/shm
+//                                    when it suits, else $TMPDIR)
 #pragma once
 
 #include <gtest/gtest.h>
@@ -62,16 +44,12 @@ enum class SweepMode { CI, Sampled, Exhaustive };
 
 struct SweepSettings {
   SweepMode mode = SweepMode::CI;
-  // Seed 1 with ten applications gives: one with a VPN plug-in beside it, two
-  // sharing a group container, one that duplicates a built-in application, a
-  // VPN-only container and a safe harbor.
   std::size_t applications = 10, vpnOnly = 1;
   std::uint64_t seed = 1;
   double dataScale = 0.05;
   std::size_t workers = 2;
   std::string workspaceParent;
-  // Sampled mode: kill points drawn from the strace sweep, and kills at
-  // random instants of plain runs.
+  // Sampled mode: kill points, and kills at random instants of plain runs.
   std::size_t sampledKillPoints = 600, randomInstantKills = 150;
   // Every how many kill points the run after a success is checked for
   // changing nothing (1: after every one).
@@ -85,10 +63,8 @@ struct SweepSettings {
 
 SweepSettings sweepSettings();
 
-// What `check` found. Losses that the migration's own rules produce (a
-// container removed because its bundle could not be read, a group item left
-// behind by a failed move and removed with its group) are counted apart, with
-// the log line that proves the rule applied.
+// What `check` found. Losses the migration's own rules produce are counted
+// apart, with the log line that proves the rule applied.
 struct ImageCheck {
   std::uint64_t filesVerified = 0;
   // Verified in a data container that `mavrel apps` does not name (the owner,
@@ -144,8 +120,10 @@ class SweepWorkspace {
   // `mavrel apps --root <image> --json`.
   ChildOutcome listApplications() const;
 
-  // `finished`: the last run succeeded, so user data must be at its new place
-  // (safe harbors stay where they are). Never fails: it reports.
+  // Whether every recorded user-data file is at its legacy or new place with
+  // its bytes, every registered container exists and nothing beside the image
+  // changed. `finished`: the last run succeeded, so user data must be at its
+  // new place (safe harbors stay). Never fails: it reports.
   ImageCheck check(bool finished = false) const;
   TreeSnapshot snapshot() const;
   // Every line of every migration and installer log written in the image.
@@ -200,25 +178,19 @@ class SweepTest : public ::testing::Test {
   // (each used by one thread at a time), each restored just before.
   void runTrials(std::size_t count,
                  const std::function<void(SweepWorkspace&, std::size_t index)>& trial);
-  // Figures, problems and notes of the sweep, from any worker. A note is worth
-  // reading but not a failure (a rerun that failed before one succeeded, say).
+  // Figures, problems and notes (worth reading, not failures), from any worker.
   void count(const std::string& figure, std::uint64_t amount = 1);
   void problem(const std::string& trial, const std::string& what);
   void note(const std::string& trial, const std::string& what);
-  // Plain runs of the migration until one succeeds, at most `maxReruns`, with
-  // `check(when, finished)` after each (`finished`: that run succeeded). A rerun
-  // that fails is counted under its first new error line (paths made generic).
-  // When none succeeds and the legacy containers left hold nothing but markers
-  // and aside files of interrupted atomic writes, that outcome is counted (the
-  // migration's rules keep a container with unknown items); anything else is a
-  // problem, or with `unfinishedIsFinding` counted and noted (the fault sweep's
-  // known outcomes). Returns the number of runs it took, or 0.
-  int rerunUntilSuccess(SweepWorkspace& workspace, const std::string& trial, int maxReruns,
+  // Plain runs of the migration until one succeeds, at most three, with
+  // `check(when, finished)` after each; a failed rerun is counted under its
+  // first new error line. When none succeeds, containers kept for aside files
+  // of interrupted writes are counted; anything else is a problem, or with
+  // `unfinishedIsFinding` a noted finding. Returns the runs it took, or 0.
+  int rerunUntilSuccess(SweepWorkspace& workspace, const std::string& trial,
                         const std::function<void(const std::string& when, bool finished)>& check,
                         bool unfinishedIsFinding = false);
-  // Counts what every check finds the same way in both sweeps: files
-  // verified, lost, lost under a rule of the migration, kept in a safety net,
-  // and verified where the listing names no owner.
+  // Counts the files of one check, the same way in both sweeps.
   void countFiles(const ImageCheck& check);
   // Prints the figures (with "seconds" since `start` when given) and notes
   // under `title`; a lost file or a problem fails the test.

@@ -80,15 +80,13 @@ std::vector<std::string> CapturedLog::messages() const {
 }
 
 bool CapturedLog::contains(int level, std::string_view message) const {
-  const std::vector<CapturedLine> all = lines();
-  return std::any_of(all.begin(), all.end(), [&](const CapturedLine& line) {
+  return std::ranges::any_of(lines(), [&](const CapturedLine& line) {
     return line.level == level && line.message == message;
   });
 }
 
 bool CapturedLog::containsFragment(std::string_view fragment) const {
-  const std::vector<CapturedLine> all = lines();
-  return std::any_of(all.begin(), all.end(), [&](const CapturedLine& line) {
+  return std::ranges::any_of(lines(), [&](const CapturedLine& line) {
     return line.message.find(fragment) != std::string::npos;
   });
 }
