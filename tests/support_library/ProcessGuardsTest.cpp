@@ -98,4 +98,29 @@ TEST(TransactionalTaskTest, EachTaskHasATransactionFromSubmissionUntilItHasRun) 
   EXPECT_EQ(transactionCount(), before);
 }
 
+// The only test that submits from many threads at once (run under
+// ThreadSanitizer too): each thread's tasks run in its order, every
+// transaction pairs.
+TEST(TransactionalTaskTest, SubmissionsFromManyThreadsKeepEachThreadsOrder) {
+  const std::int64_t before = transactionCount();
+  constexpr int kThreads = 4, kTasksPerThread = 200;
+  std::vector<std::pair<int, int>> ran;  // (thread, sequence), worker-only until joined
+  {
+    DispatchQueue queue("cv.test.many");
+    std::vector<std::jthread> submitters;
+    for (int t = 0; t < kThreads; ++t) {
+      submitters.emplace_back([&queue, &ran, t] {
+        for (int i = 0; i < kTasksPerThread; ++i)
+          CVRunTransactionalTask(queue, [&ran, t, i] { ran.emplace_back(t, i); });
+      });
+    }
+    submitters.clear();  // joins the submitters; the queue then drains
+  }
+  ASSERT_EQ(ran.size(), static_cast<std::size_t>(kThreads * kTasksPerThread));
+  std::vector<int> next(kThreads, 0);
+  for (const auto& [thread, sequence] : ran)
+    ASSERT_EQ(sequence, next[static_cast<std::size_t>(thread)]++) << "thread " << thread;
+  EXPECT_EQ(transactionCount(), before);
+}
+
 }  // namespace
