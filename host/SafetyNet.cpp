@@ -25,8 +25,8 @@
 #include "platform/JSONWriter.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
-#include "platform/linux/DirectoryRelative.h"
 #include "platform/linux/DirectoryStream.h"
+#include "platform/linux/DirectoryRelative.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 
 namespace mavrel_host {
@@ -134,7 +134,7 @@ std::pair<std::string_view, std::string_view> splitParent(std::string_view relat
 
 // What every layer of one run links into, shared by the threads that lay it.
 struct NetTarget {
-  const NetLinks* links = nullptr;
+  int links = -1;  // the links directory
   dev_t netDevice = 0;
   ino_t netInode = 0;                              // the run's directory, never netted itself
   std::atomic<std::uint64_t>* nextName = nullptr;  // the next link's name
@@ -145,9 +145,8 @@ struct NetTarget {
 // counts go into `result`, one manifest record per link into `manifest`.
 class NetLayer {
  public:
-  NetLayer(SafetyNetResult& result, std::string& manifest, const NetTarget& target,
-           std::size_t shard)
-      : result_(result), manifest_(manifest), target_(target), shard_(shard) {}
+  NetLayer(SafetyNetResult& result, std::string& manifest, const NetTarget& target)
+      : result_(result), manifest_(manifest), target_(target) {}
 
   // Links the item `name` of `sourceParent` (a file or a whole tree) of the
   // legacy container `container`; `inner` is its path inside the container.
@@ -227,10 +226,9 @@ class NetLayer {
     // A name in use is a link an interrupted laying made before its manifest
     // was written: the next name is taken, and settling clears such links.
     for (;;) {
-      const std::uint64_t number = target_.nextName->fetch_add(1);
-      if (platform::sys::linkAt(sourceParent, name.c_str(), target_.links->shard(shard_),
-                                std::to_string(number).c_str()) == 0) {
-        appendNetLinkRecord(manifest_, NetLinks::linkName(shard_, number), container, inner);
+      const std::string linkName = std::to_string(target_.nextName->fetch_add(1));
+      if (platform::sys::linkAt(sourceParent, name.c_str(), target_.links, linkName.c_str()) == 0) {
+        appendNetLinkRecord(manifest_, linkName, container, inner);
         ++result_.linked;
         return;
       }
@@ -241,7 +239,6 @@ class NetLayer {
   SafetyNetResult& result_;
   std::string& manifest_;
   const NetTarget& target_;
-  std::size_t shard_;
 };
 
 // The inodes of the regular files with more than one name below `fd`, on
@@ -378,8 +375,9 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
     return std::nullopt;
   }
   result.directory = basePath + "/" + result.runId;
-  const NetLinks links = NetLinks::open(run.get(), /*make=*/true);
-  if (!links.valid()) {
+  const UniqueFd links = platform::sys::openOrMakeDirectoryAt(
+      run.get(), std::string(kSafetyNetLinksDirectory).c_str(), kNetDirectoryMode);
+  if (!links) {
     *reason = "cannot make '" + result.directory + "/" + std::string(kSafetyNetLinksDirectory) +
               "': " + std::strerror(errno);
     return std::nullopt;
@@ -392,11 +390,9 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
   if (result.adopted) {
     net.manifestParts_.push_back(readNetManifest(result.directory));
     for (const NetLinkRecord& record : parseNetManifest(net.manifestParts_.front())) {
-      if (const auto number = NetLinks::linkNumber(record.linkName))
-        nextName = std::max(nextName, *number + 1);
-      const auto [directory, name] = links.locate(record.linkName);
+      nextName = std::max<std::uint64_t>(nextName, std::stoull(std::string(record.linkName)) + 1);
       struct stat status {};
-      if (directory >= 0 && platform::sys::statAt(directory, name.c_str(), &status) == 0)
+      if (platform::sys::statAt(links.get(), std::string(record.linkName).c_str(), &status) == 0)
         alreadyLinked.insert(status.st_ino);
     }
   }
@@ -434,12 +430,13 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
   }
   const std::vector<std::string> items = configuration.appUserDataItemNames();
   std::atomic<std::uint64_t> nextLinkName{nextName};
-  const NetTarget target{&links, runStatus.st_dev, runStatus.st_ino, &nextLinkName, &alreadyLinked};
+  const NetTarget target{links.get(), runStatus.st_dev, runStatus.st_ino, &nextLinkName,
+                         &alreadyLinked};
   const std::size_t tasks = containerNames.size() + net.groupRelatives_.size();
   std::vector<SafetyNetResult> counts(tasks);
   std::vector<std::string> records(tasks);
   parallelFor(tasks, defaultWorkerCount(), [&](std::size_t task) {
-    NetLayer layer(counts[task], records[task], target, NetLinks::shardFor(task));
+    NetLayer layer(counts[task], records[task], target);
     if (task < containerNames.size()) {
       const std::string& name = containerNames[task];
       const UniqueFd container = platform::sys::openDirectoryAt(legacyFd.get(), name.c_str());
@@ -467,7 +464,7 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
   // The links and the manifest are on the disk before the pass moves or
   // removes anything.
   CVError error;
-  if (!links.flush()) {
+  if (platform::sys::flushDirectory(links.get()) != 0) {
     *reason = "cannot flush '" + result.directory + "/" + std::string(kSafetyNetLinksDirectory) +
               "': " + std::strerror(errno);
     return std::nullopt;
@@ -493,8 +490,8 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
     return;
   }
   const std::string linksName(kSafetyNetLinksDirectory);
-  NetLinks links = NetLinks::open(run.get(), /*make=*/false);
-  if (!links.valid()) {
+  const UniqueFd links = platform::sys::openDirectoryAt(run.get(), linksName.c_str());
+  if (!links) {
     result_.problem = "cannot open '" + result_.directory + "/" + linksName +
                       "': " + std::strerror(errno) + "; the net is left as it is";
     return;
@@ -547,11 +544,9 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
     ParentDirectories newPlaceDirectories(rootFd.get(), ParentDirectories::Missing::Absent);
     for (const NetLinkRecord& record : parseNetManifest(manifestParts_[part])) {
       const std::string linkName(record.linkName);
-      const auto [linkDirectory, nameInDirectory] = links.locate(linkName);
       const std::string legacy = record.legacyRelative();
       struct stat status {};
-      if (linkDirectory < 0 ||
-          platform::sys::statAt(linkDirectory, nameInDirectory.c_str(), &status) != 0) {
+      if (platform::sys::statAt(links.get(), linkName.c_str(), &status) != 0) {
         // Moved to its legacy path by an interrupted settling, or gone.
         if (result_.adopted && platform::sys::statAt(run.get(), legacy.c_str(), &status) == 0 &&
             S_ISREG(status.st_mode))
@@ -566,8 +561,7 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
             (newPlace != newPlaces.end() &&
              sameFileBelow(newPlaceDirectories, newPlace->second + "/" + std::string(record.inner),
                            status));
-        if (safe && platform::sys::removeFileAt(linkDirectory, nameInDirectory.c_str()) == 0)
-          continue;
+        if (safe && platform::sys::removeFileAt(links.get(), linkName.c_str()) == 0) continue;
         unresolved.push_back(Unresolved{legacy, static_cast<std::uint64_t>(status.st_size),
                                         status.st_ino, linkName});
         continue;
@@ -600,9 +594,8 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
         collectLinkedInodes(fd.get(), runStatus.st_dev, elsewhere);
     }
     for (const Unresolved& file : unresolved) {
-      const auto [directory, name] = links.locate(file.linkName);
       if (elsewhere.count(file.inode) != 0 &&
-          platform::sys::removeFileAt(directory, name.c_str()) == 0)
+          platform::sys::removeFileAt(links.get(), file.linkName.c_str()) == 0)
         continue;
       kept.push_back(KeptFile{file.relative, file.size, file.linkName});
     }
@@ -614,9 +607,8 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
     if (file.linkName.empty()) continue;
     const auto [parent, name] = splitParent(file.relative);
     const int directory = layout.open(parent);
-    const auto [linkDirectory, nameInDirectory] = links.locate(file.linkName);
-    if (directory >= 0 && linkDirectory >= 0 &&
-        platform::sys::renameNoReplaceAt(linkDirectory, nameInDirectory.c_str(), directory,
+    if (directory >= 0 &&
+        platform::sys::renameNoReplaceAt(links.get(), file.linkName.c_str(), directory,
                                          std::string(name).c_str()) == 0)
       file.linkName.clear();
   }
@@ -627,13 +619,13 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
   for (const KeptFile& file : kept) {
     if (!file.linkName.empty()) keptHere.insert(file.linkName);
   }
-  links.forEachLink([&](int directory, const std::string& name, const std::string& linkName) {
+  forEachEntry(links.get(), [&](const std::string& name, platform::sys::EntryType) {
     struct stat status {};
-    if (platform::sys::statAt(directory, name.c_str(), &status) != 0 || status.st_nlink <= 1)
+    if (platform::sys::statAt(links.get(), name.c_str(), &status) != 0 || status.st_nlink <= 1)
       return;
-    if (!keptHere.contains(linkName)) platform::sys::removeFileAt(directory, name.c_str());
+    if (!keptHere.contains(name)) platform::sys::removeFileAt(links.get(), name.c_str());
   });
-  links.removeIfEmpty(run.get());
+  platform::sys::removeEmptyDirectoryAt(run.get(), linksName.c_str());
   result_.settled = true;
 
   // By legacy container or group container.

@@ -6,8 +6,8 @@
 // it.
 //
 // Where: <home>/Library/Mavrel/SafetyNet/<run id>/ inside the image. While
-// the run is in progress the links are named by a number in the shards of
-// "SafetyNet.links" (NetLinks), and "SafetyNet.manifest" says which legacy file each
+// the run is in progress the links are flat, named by a number, in
+// "SafetyNet.links", and "SafetyNet.manifest" says which legacy file each
 // stands for (SafetyNetManifest.h): one link per file and no directory made
 // per user-data directory. A settled net holds the legacy layout underneath
 // (the path relative to the device root:

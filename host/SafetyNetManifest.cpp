@@ -20,19 +20,11 @@ CVURL manifestURL(const std::string& runHostPath) {
   return CVURL::fileURLWithPath(runHostPath + "/" + std::string(kSafetyNetManifestFile), false);
 }
 
-bool isNumber(std::string_view text, std::size_t maximumDigits) {
-  return !text.empty() && text.size() <= maximumDigits &&
-         text.find_first_not_of("0123456789") == std::string_view::npos;
-}
-
-// A link's name is a number, after its shard's directory ("s3/1234"); the paths are
-// relative and never step out of their directory (the manifest is read from
-// an image, which may be crafted).
+// A link's name is a number; the paths are relative and never step out of
+// their directory (the manifest is read from an image, which may be crafted).
 bool isLinkName(std::string_view name) {
-  const std::size_t slash = name.find('/');
-  if (slash == std::string_view::npos) return isNumber(name, 18);
-  return name.starts_with('s') && isNumber(name.substr(1, slash - 1), 2) &&
-         isNumber(name.substr(slash + 1), 18);
+  return !name.empty() && name.size() <= 18 &&
+         name.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 bool isRelativeBelow(std::string_view path) {

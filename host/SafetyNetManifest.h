@@ -1,10 +1,9 @@
 // The manifest of a safety net while its run is in progress: which hard link
 // in the net's links directory stands for which user-data file.
 //
-// Laying the net makes one link per file, named by a number, in one of the
-// sixteen shards of the links directory ("SafetyNet.links" in the run's
-// directory, see NetLinks): no directory is made per user-data directory,
-// and a link is removed again in one call when its
+// Laying the net makes one link per file, named by a number, in one flat
+// directory ("SafetyNet.links" in the run's directory): no directory is made
+// per user-data directory, and a link is removed again in one call when its
 // file turns out to be safe. The legacy path of each link is kept in the
 // manifest file beside it, written aside, flushed and renamed into place
 // before the pass begins. Settling the net removes the links whose files

@@ -4,14 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 
 #include "host/SafetyNet.h"
 #include "host/SafetyNetManifest.h"
 #include "platform/PropertyList.h"
-#include "platform/linux/DirectoryRelative.h"
 #include "platform/linux/DirectoryStream.h"
 #include "platform/linux/FilesBeneath.h"
+#include "platform/linux/DirectoryRelative.h"
 
 namespace mavrel_host {
 namespace {
@@ -56,86 +55,6 @@ std::uint64_t unsignedValue(const CVDictionary& dictionary, std::string_view key
 
 }  // namespace
 
-NetLinks NetLinks::open(int run, bool make) {
-  NetLinks links;
-  const std::string name(kSafetyNetLinksDirectory);
-  links.top_ = make ? platform::sys::openOrMakeDirectoryAt(run, name.c_str(), kNetDirectoryMode)
-                    : platform::sys::openDirectoryAt(run, name.c_str());
-  if (!links.top_) return links;
-  for (std::size_t shard = 0; shard < kShards; ++shard) {
-    const std::string shardName = shardDirectoryName(shard);
-    UniqueFd fd = make ? platform::sys::openOrMakeDirectoryAt(links.top_.get(), shardName.c_str(),
-                                                              kNetDirectoryMode)
-                       : platform::sys::openDirectoryAt(links.top_.get(), shardName.c_str());
-    if (!fd && make) return links;
-    links.shards_.push_back(std::move(fd));
-  }
-  links.valid_ = true;
-  return links;
-}
-
-std::string NetLinks::shardDirectoryName(std::size_t shard) {
-  return "s" + std::to_string(shard);
-}
-
-std::string NetLinks::linkName(std::size_t shard, std::uint64_t number) {
-  return shardDirectoryName(shard) + "/" + std::to_string(number);
-}
-
-std::optional<std::uint64_t> NetLinks::linkNumber(std::string_view name) {
-  const std::string_view digits = name.substr(name.find('/') + 1);  // npos + 1 is 0
-  std::uint64_t number = 0;
-  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  if (error != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
-  return number;
-}
-
-std::pair<int, std::string> NetLinks::locate(std::string_view name) const {
-  const std::size_t slash = name.find('/');
-  if (slash == std::string_view::npos) return {top_.get(), std::string(name)};
-  std::size_t shard = kShards;
-  if (name.starts_with('s')) std::from_chars(name.data() + 1, name.data() + slash, shard);
-  if (shard >= shards_.size()) return {-1, std::string()};
-  return {shards_[shard].get(), std::string(name.substr(slash + 1))};
-}
-
-void NetLinks::forEachLink(
-    const std::function<void(int, const std::string&, const std::string&)>& visit) const {
-  const auto visitIn = [&](int directory, const std::string& prefix) {
-    if (directory < 0) return;
-    std::vector<std::string> names;
-    auto stream =
-        platform::sys::DirectoryStream::adopt(platform::sys::openDirectoryAt(directory, "."));
-    platform::sys::DirectoryEntry entry;
-    bool atEnd = false;
-    while (stream.valid() && stream.next(entry, atEnd) == 0 && !atEnd) {
-      if (entry.type != platform::sys::EntryType::Directory) names.emplace_back(entry.name);
-    }
-    for (const std::string& name : names)
-      visit(directory, name, prefix + name);
-  };
-  visitIn(top_.get(), "");
-  for (std::size_t shard = 0; shard < shards_.size(); ++shard)
-    visitIn(shards_[shard].get(), shardDirectoryName(shard) + "/");
-}
-
-bool NetLinks::flush() const {
-  for (const UniqueFd& shard : shards_) {
-    if (shard && platform::sys::flushDirectory(shard.get()) != 0) return false;
-  }
-  return platform::sys::flushDirectory(top_.get()) == 0;
-}
-
-void NetLinks::removeIfEmpty(int run) {
-  for (std::size_t shard = 0; shard < shards_.size(); ++shard) {
-    if (shards_[shard])
-      platform::sys::removeEmptyDirectoryAt(top_.get(), shardDirectoryName(shard).c_str());
-  }
-  shards_.clear();
-  top_.reset();
-  platform::sys::removeEmptyDirectoryAt(run, std::string(kSafetyNetLinksDirectory).c_str());
-}
-
 UniqueFd openBeneath(int fd, std::string_view relative) {
   return platform::sys::walkDirectoriesBeneath(fd, relative, [](int parent, const char* name) {
     return platform::sys::openDirectoryAt(parent, name);
@@ -173,11 +92,11 @@ std::vector<StoredNet> listStoredNets(int base, const std::string& baseHostPath,
     if (withContents && !net.complete && !baseHostPath.empty()) {
       // Its links, by the legacy paths its manifest gives them.
       const std::string manifest = readNetManifest(baseHostPath + "/" + name);
-      const NetLinks links = NetLinks::open(run.get(), /*make=*/false);
+      const UniqueFd links =
+          platform::sys::openDirectoryAt(run.get(), std::string(kSafetyNetLinksDirectory).c_str());
       for (const NetLinkRecord& record : parseNetManifest(manifest)) {
         const std::string linkName(record.linkName);
-        const auto [directory, inDirectory] = links.locate(linkName);
-        if (directory < 0 || platform::sys::statAt(directory, inDirectory.c_str(), &status) != 0 ||
+        if (!links || platform::sys::statAt(links.get(), linkName.c_str(), &status) != 0 ||
             !S_ISREG(status.st_mode))
           continue;
         net.files.push_back(StoredFile{record.legacyRelative(),
