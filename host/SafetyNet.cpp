@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <iterator>
@@ -25,8 +26,8 @@
 #include "platform/JSONWriter.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
-#include "platform/linux/DirectoryStream.h"
 #include "platform/linux/DirectoryRelative.h"
+#include "platform/linux/DirectoryStream.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 
 namespace mavrel_host {
@@ -45,6 +46,10 @@ std::string joinRelative(std::string_view parent, std::string_view name) {
 
 std::string hostPath(const std::string& root, std::string_view relative) {
   return root == "/" ? "/" + std::string(relative) : root + "/" + std::string(relative);
+}
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 std::string runIdForTime(std::time_t time) {
@@ -332,6 +337,7 @@ std::string safetyNetBaseRelative(const std::string& root,
 std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
                                         CVGlobalConfiguration& configuration, std::time_t runTime,
                                         std::string* reason) {
+  const auto start = std::chrono::steady_clock::now();
   SafetyNet net;
   net.root_ = root;
   net.baseRelative_ = safetyNetBaseRelative(root, configuration);
@@ -473,11 +479,18 @@ std::optional<SafetyNet> SafetyNet::lay(const std::string& root,
     *reason = "cannot write the safety net's manifest: " + error.localizedDescription();
     return std::nullopt;
   }
+  result.layDurationSeconds = secondsSince(start);
   return net;
 }
 
 void SafetyNet::settle(CVGlobalConfiguration& configuration,
                        const std::vector<RecordedEntry>& entries) {
+  // Timed however settling ends.
+  struct Timer {
+    std::chrono::steady_clock::time_point began;
+    double& seconds;
+    ~Timer() { seconds = secondsSince(began); }
+  } timer{std::chrono::steady_clock::now(), result_.settleDurationSeconds};
   const UniqueFd rootFd =
       platform::sys::openDirectory(root_.c_str(), platform::sys::FinalLink::NotFollowed);
   const UniqueFd base = rootFd ? openBeneath(rootFd.get(), baseRelative_) : UniqueFd();
@@ -736,6 +749,8 @@ void writeSafetyNetJSON(platform::JSONWriter& json, const SafetyNetResult& resul
   }
   json.endArray();
   json.key("problem").stringOrNull(result.problem);
+  json.member("layDurationSeconds", result.layDurationSeconds)
+      .member("settleDurationSeconds", result.settleDurationSeconds);
   json.endObject();
 }
 

@@ -92,7 +92,9 @@ struct SafetyNetResult {
   std::uint64_t keptFiles = 0;
   std::uint64_t keptBytes = 0;
   std::vector<SafetyNetEntry> kept;
-  std::string problem;  // why settling could not look everywhere, or ""
+  std::string problem;               // why settling could not look everywhere, or ""
+  double layDurationSeconds = 0;     // laying, the flushes included
+  double settleDurationSeconds = 0;  // settling, the net's removal or state file included
 };
 
 // The net's base directory relative to the root ("private/var/mobile/Library/Mavrel/SafetyNet").

@@ -188,6 +188,8 @@ TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrivesAsPlanned) {
   const JSONValue& net = report_["safetyNet"];
   EXPECT_EQ(net["linked"].count(), userDataFiles(manifest, false));
   EXPECT_EQ(net["notLinked"].count() + net["keptFiles"].count(), 0u);
+  EXPECT_GT(net["layDurationSeconds"].number, 0);
+  EXPECT_GT(net["settleDurationSeconds"].number, 0);
   EXPECT_FALSE(pathExists(manifest.root + "/private/var/mobile/Library/Mavrel"));
   const ProgramRun recover = mavrel({"recover", "--root", manifest.root});
   EXPECT_EQ(recover.exitCode, 0);
