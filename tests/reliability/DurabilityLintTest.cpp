@@ -279,6 +279,16 @@ TEST(DurabilityLintTest, NamesEachBrokenRule) {
            "7 fsync(4</img/d>) = 0\n",
        {},
        {}},
+      // A name's bytes are escaped alike in a quoted path and after a
+      // descriptor: a rule broken under such a name is still seen.
+      {"7 openat(AT_FDCWD</>, \"/img/caf\\303\\251/.f.tmp\", O_WRONLY|O_CREAT|O_EXCL, 0644) = "
+       "3</img/caf\\303\\251/.f.tmp>\n"
+       "7 write(3</img/caf\\303\\251/.f.tmp>, \"abc\", 3) = 3\n"
+       "7 rename(\"/img/caf\\303\\251/.f.tmp\", \"/img/caf\\303\\251/f\") = 0\n",
+       {},
+       {"/img/caf\303\251/f (written aside as /img/caf\303\251/.f.tmp) is renamed into place "
+        "without being flushed",
+        "/img/caf\303\251 is not flushed after /img/caf\303\251/f is renamed into it"}},
       {scratch, {}, {"/img/tmp/p.app/f (written aside", "/img/tmp/p.app is not flushed"}},
       {scratch, {"/img/tmp"}, {}},
       {marker,

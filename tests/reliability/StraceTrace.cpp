@@ -60,13 +60,6 @@ std::vector<std::string> splitArguments(const std::string& text, std::size_t beg
   return arguments;
 }
 
-std::string annotatedPath(const std::string& text) {
-  const std::size_t open = text.find('<');
-  const std::size_t close = text.rfind('>');
-  if (open == std::string::npos || close == std::string::npos || close < open) return {};
-  return text.substr(open + 1, close - open - 1);
-}
-
 // Reads one complete call line ("name(args) = result ..."); false when the
 // line is something else.
 bool parseCall(const std::string& line, TracedCall& call) {
@@ -115,6 +108,15 @@ std::string unquote(const std::string& argument) {
     }
   }
   return text;
+}
+
+// A descriptor's path as strace annotates it ("3</a/b>"), its escapes undone
+// as in a quoted argument, so that both spellings of a path compare equal.
+std::string annotatedPath(const std::string& text) {
+  const std::size_t open = text.find('<');
+  const std::size_t close = text.rfind('>');
+  if (open == std::string::npos || close == std::string::npos || close < open) return {};
+  return unquote(text.substr(open + 1, close - open - 1));
 }
 
 }  // namespace
