@@ -81,7 +81,6 @@ std::vector<Entry> listDirectory(const std::string& path) {
     if (const int failure = stream.next(entry, atEnd); failure != 0)
       bench::die("cannot read " + path + ": " + std::strerror(failure));
     if (atEnd) break;
-    if (entry.name == "." || entry.name == "..") continue;
     entries.push_back({std::string(entry.name), entry.type == EntryType::Directory});
   }
   return entries;

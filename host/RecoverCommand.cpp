@@ -138,8 +138,7 @@ bool copyNet(const ImageNets& image, const StoredNet& net, const std::string& de
   bool atEnd = false;
   std::vector<std::string> names;
   while (stream.valid() && stream.next(entry, atEnd) == 0 && !atEnd) {
-    if (entry.name != "." && entry.name != ".." && entry.name != kSafetyNetStateFile &&
-        entry.name != kSafetyNetManifestFile)
+    if (entry.name != kSafetyNetStateFile && entry.name != kSafetyNetManifestFile)
       names.emplace_back(entry.name);
   }
   for (const std::string& name : names) {

@@ -60,8 +60,8 @@ std::string runIdForTime(std::time_t time) {
   return text;
 }
 
-// Calls `visit(name, type)` for every entry of the open directory `fd` but
-// "." and "..", the type looked at without following a link when the file
+// Calls `visit(name, type)` for every entry of the open directory `fd`, the
+// type looked at without following a link when the file
 // system does not say. False when the directory cannot be read.
 template <typename Visit>
 bool forEachEntry(int fd, Visit&& visit) {
@@ -71,10 +71,8 @@ bool forEachEntry(int fd, Visit&& visit) {
   if (!stream.valid()) return false;
   platform::sys::DirectoryEntry entry;
   bool atEnd = false;
-  while (stream.next(entry, atEnd) == 0 && !atEnd) {
-    if (entry.name == "." || entry.name == "..") continue;
+  while (stream.next(entry, atEnd) == 0 && !atEnd)
     visit(std::string(entry.name), entry.type);
-  }
   return atEnd;
 }
 
@@ -201,7 +199,6 @@ class NetLayer {
     platform::sys::DirectoryEntry entry;
     bool atEnd = false;
     while (stream.valid() && stream.next(entry, atEnd) == 0 && !atEnd) {
-      if (entry.name == "." || entry.name == "..") continue;
       const std::string child(entry.name);
       linkItem(fd, container, child, inner.empty() ? child : inner + "/" + child, entry.type,
                entry.inode);

@@ -8,9 +8,9 @@
 #include "host/SafetyNet.h"
 #include "host/SafetyNetManifest.h"
 #include "platform/PropertyList.h"
+#include "platform/linux/DirectoryRelative.h"
 #include "platform/linux/DirectoryStream.h"
 #include "platform/linux/FilesBeneath.h"
-#include "platform/linux/DirectoryRelative.h"
 
 namespace mavrel_host {
 namespace {
@@ -27,9 +27,8 @@ void listFiles(int fd, const std::string& relative, StoredNet& net) {
   platform::sys::DirectoryEntry entry;
   bool atEnd = false;
   std::vector<std::string> names;
-  while (stream.next(entry, atEnd) == 0 && !atEnd) {
-    if (entry.name != "." && entry.name != "..") names.emplace_back(entry.name);
-  }
+  while (stream.next(entry, atEnd) == 0 && !atEnd)
+    names.emplace_back(entry.name);
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
     if (relative.empty() && (name == kSafetyNetStateFile || name == kSafetyNetManifestFile ||
@@ -76,9 +75,7 @@ std::vector<StoredNet> listStoredNets(int base, const std::string& baseHostPath,
   bool atEnd = false;
   std::vector<std::string> names;
   while (stream.next(entry, atEnd) == 0 && !atEnd) {
-    if (entry.name != "." && entry.name != ".." &&
-        entry.type == platform::sys::EntryType::Directory)
-      names.emplace_back(entry.name);
+    if (entry.type == platform::sys::EntryType::Directory) names.emplace_back(entry.name);
   }
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {

@@ -84,20 +84,22 @@ int DirectoryStream::next(DirectoryEntry& entry, bool& atEnd) {
   atEnd = false;
   if (!stream_) return EBADF;
   Stream& stream = *stream_;
-  if (stream.offset >= stream.filled) {
-    const ssize_t read = readDirents(stream.fd.get(), stream.buffer, sizeof stream.buffer);
-    if (read < 0) return errno;
-    if (read == 0) {
-      atEnd = true;
-      return 0;
-    }
-    stream.filled = static_cast<std::size_t>(read);
-    stream.offset = 0;
-  }
   DirentRecord record;
-  const std::size_t length = decodeDirent(stream.buffer + stream.offset, &record);
-  if (length == 0) return EIO;  // a record the kernel never writes
-  stream.offset += length;
+  do {
+    if (stream.offset >= stream.filled) {
+      const ssize_t read = readDirents(stream.fd.get(), stream.buffer, sizeof stream.buffer);
+      if (read < 0) return errno;
+      if (read == 0) {
+        atEnd = true;
+        return 0;
+      }
+      stream.filled = static_cast<std::size_t>(read);
+      stream.offset = 0;
+    }
+    const std::size_t length = decodeDirent(stream.buffer + stream.offset, &record);
+    if (length == 0) return EIO;  // a record the kernel never writes
+    stream.offset += length;
+  } while (isDotOrDotDot(record.name));
   entry.name = record.name;
   entry.inode = record.inode;
   entry.type = typeFromDirent(record.type);

@@ -58,7 +58,7 @@ class DirectoryStream {
   // calls relative to the directory while it is read.
   int descriptor() const;
 
-  // Reads the next entry into `entry` ("." and ".." included). Returns 0 and
+  // Reads the next entry into `entry` ("." and ".." are passed over). Returns 0 and
   // sets `atEnd` at the end of the directory. An entry whose type the file
   // system does not report is looked at without following a link; a
   // directory, link or regular file gets its type, anything else (and an

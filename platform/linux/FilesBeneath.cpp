@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/DirectoryStream.h"
 #include "platform/linux/DirectoryRelative.h"
+#include "platform/linux/DirectoryStream.h"
 #include "platform/linux/MountPoints.h"
 
 namespace platform::sys {
@@ -32,7 +32,6 @@ std::uint64_t walkDirectory(UniqueFd directory, const std::string& prefix,
       break;
     }
     if (atEnd) break;
-    if (entry.name == "." || entry.name == "..") continue;
     const std::string name(entry.name);
     if (entry.type == EntryType::Directory) {
       subdirectories.push_back(name);

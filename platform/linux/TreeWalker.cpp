@@ -56,8 +56,8 @@ void copyStatus(const struct statx& from, struct stat& to) {
   to.st_ctim = {from.stx_ctime.tv_sec, from.stx_ctime.tv_nsec};
 }
 
-// Reads the names of the directory at `path` (without "." and ".."); the
-// error number of the open or read that failed, or 0.
+// Reads the names of the directory at `path`; the error number of the open or read that failed, or
+// 0.
 int readNames(const std::string& path, std::vector<std::string>& names) {
   DirectoryStream stream =
       DirectoryStream::adopt(openDirectory(path.c_str(), FinalLink::NotFollowed));
@@ -67,7 +67,7 @@ int readNames(const std::string& path, std::vector<std::string>& names) {
   for (;;) {
     if (const int failure = stream.next(entry, atEnd); failure != 0) return failure;
     if (atEnd) return 0;
-    if (entry.name != "." && entry.name != "..") names.emplace_back(entry.name);
+    names.emplace_back(entry.name);
   }
 }
 

@@ -58,7 +58,6 @@ std::optional<std::vector<CVURL>> CVFileManager::urlsForItemsInDirectoryAtURL(co
 
   std::vector<CVURL> urls;
   const int result = IterateDirectory(url, [&](const sys::DirectoryEntry& entry) {
-    if (entry.name == "." || entry.name == "..") return true;
     if (entry.type == sys::EntryType::Symlink && ignoringSymlinks) {
       platform::logInstaller(platform::kLogLevelNotice, kBlockFunction, "Ignoring symlink at %s/%s",
                              url.path(), entry.name);

@@ -76,9 +76,8 @@ void snapshotInto(const std::string& path, const std::string& relative, TreeSnap
       ASSERT_TRUE(stream.valid()) << path;
       sys::DirectoryEntry entry;
       bool atEnd = false;
-      while (stream.next(entry, atEnd) == 0 && !atEnd) {
-        if (entry.name != "." && entry.name != "..") children.emplace_back(entry.name);
-      }
+      while (stream.next(entry, atEnd) == 0 && !atEnd)
+        children.emplace_back(entry.name);
     }
     for (const std::string& child : children)
       snapshotInto(path + "/" + child, relative.empty() ? child : relative + "/" + child, snapshot);
