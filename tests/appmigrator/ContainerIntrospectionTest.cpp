@@ -245,42 +245,4 @@ TEST_F(ContainerIntrospectionTest, MarkerPathsMustDescribeItsOwnContainer) {
   }
 }
 
-class WorkListOrderTest : public MigratorTest {};
-
-TEST_F(WorkListOrderTest, ApplicationsComeFirstInReverseListingOrder) {
-  image_.writeBundle(container("A") + "/A.app", "com.example.a");
-  image_.writeBundle(container("B") + "/B.app", "com.example.b");
-  image_.writeBundle(container("V") + "/V.vpnplugin", "com.example.v");
-  writeFile(container("WhereDidMyApplicationsGo.txt"), "");
-  makeDirectories(container("Empty"));
-
-  auto migrator = makeMigrator();
-  ASSERT_NE(migrator, nullptr);
-  const std::vector<CVURL> listing = *migrator->itemsToMigrate();
-  EXPECT_FALSE(migrator->performMigration());
-
-  // Applications in reverse listing order at the front, then VPN-only containers.
-  std::vector<std::string> expected = {"com.example.v"};
-  for (const CVURL& entry : listing) {
-    const std::string name = entry.lastPathComponent();
-    if (name == "A" || name == "B")
-      expected.insert(expected.begin(), name == "A" ? "com.example.a" : "com.example.b");
-  }
-  std::vector<std::string> migrated;
-  const std::string prefix = "CVAppMigrator: Migrating ";
-  for (const auto& line : log_.lines()) {
-    const std::size_t at = line.message.find(" at ");
-    if (line.message.starts_with(prefix) && at != std::string::npos &&
-        !line.message.starts_with(prefix + "safe"))
-      migrated.push_back(line.message.substr(prefix.size(), at - prefix.size()));
-  }
-  EXPECT_EQ(migrated, expected) << log_.dump();
-
-  // Every entry was counted once; the stray note and the empty container are gone.
-  EXPECT_EQ(migrator->countItemsMigrated(), listing.size());
-  EXPECT_FALSE(pathExists(container("WhereDidMyApplicationsGo.txt")));
-  EXPECT_FALSE(pathExists(container("Empty")));
-  EXPECT_TRUE(pathExists(container("A")));
-}
-
 }  // namespace

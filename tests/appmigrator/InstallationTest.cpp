@@ -331,13 +331,6 @@ TEST_F(ContainerMigrationTest, KnownApplicationSkipsThePlaceholder) {
                      "installed, so not creating placeholder."));
 }
 
-TEST_F(ContainerMigrationTest, VPNOnlyContainerNeverAsksForAPlaceholder) {
-  acceptedAndKnown();
-  EXPECT_TRUE(migrate("VPNBundle"));
-  EXPECT_EQ(installsOfType(platform::kPackageTypePlaceholder), 0u);
-  EXPECT_FALSE(log_.containsFragment("so not creating placeholder"));
-}
-
 TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
   // The placeholder install is refused.
   EXPECT_FALSE(migrate());

@@ -273,6 +273,7 @@ TEST_F(EntryObserverTest, EveryEntryIsFinishedOnceWithItsOutcome) {
       {refused, Outcome::Failed, Step::Install, true},
   };
   EXPECT_EQ(observer_.finishCount.size(), std::size(expected));
+  EXPECT_EQ(migrator->countItemsMigrated(), std::size(expected)) << "each entry counts once";
   for (const auto& [path, outcome, failedStep, removed] : expected) {
     SCOPED_TRACE(path);
     EXPECT_EQ(observer_.finishCount[path], 1);

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <set>
 
@@ -23,7 +22,6 @@
 #include "host/SafetyNetManifest.h"
 #include "installer/EmbeddedInstallerService.h"
 #include "platform/DeviceRoot.h"
-#include "platform/PropertyList.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "tests/host/GeneratedImage.h"
 
@@ -270,15 +268,13 @@ TEST_F(MigrationEndToEndTest, DamageAfterThePassIsCaught) {
   }
 }
 
-// A device writes its maps with "/private/var/..." or "/var/..." paths, images
-// made by earlier versions hold host paths inside the root, a device's "/var"
-// is a link into "/private", and an image may be copied elsewhere before it is
-// migrated: each gives the same outcome, entry by entry and file by file.
+// A device's "/var" is a link into "/private", and an image may be copied
+// elsewhere before it is migrated: each gives the same outcome, entry by entry
+// and file by file. (The forms the maps' paths take are DataMigrationTest's.)
 TEST_F(MigrationEndToEndTest, EveryFormOfDevicePathAndAMovedImageMigrateAlike) {
-  enum class Variant { AsMade, CopiedElsewhere, VarPaths, HostPaths, VarIsALink };
+  enum class Variant { AsMade, CopiedElsewhere, VarIsALink };
   std::map<std::string, std::string> firstOutcomes;
-  for (const Variant variant : {Variant::AsMade, Variant::CopiedElsewhere, Variant::VarPaths,
-                                Variant::HostPaths, Variant::VarIsALink}) {
+  for (const Variant variant : {Variant::AsMade, Variant::CopiedElsewhere, Variant::VarIsALink}) {
     SCOPED_TRACE(static_cast<int>(variant));
     const std::string made = directory_ / "made";
     fs::remove_all(made);
@@ -290,24 +286,6 @@ TEST_F(MigrationEndToEndTest, EveryFormOfDevicePathAndAMovedImageMigrateAlike) {
       ASSERT_EQ(runProgram("cp", {"-a", made, root}).exitCode, 0);
       fs::remove_all(made);
     }
-    // Rewrites every group container path of the install map.
-    const auto rewriteGroups = [&root](const std::function<std::string(std::string)>& rewrite) {
-      const CVURL map = CVURL::fileURLWithPath(
-          root + "/private/var/mobile/Library/Caches/com.zentrel.corvane.plist", false);
-      auto installMap = platform::readPropertyListDictionary(map, nullptr);
-      ASSERT_TRUE(installMap.has_value());
-      CVDictionary groups = *installMap->findDictionary("GroupContainers");
-      for (std::size_t i = 0; i < groups.count(); ++i) {
-        const std::string path = *groups.valueAt(i).asDictionary()->findString("Container");
-        groups.set(groups.keys()[i], CVDictionary{{"Container", rewrite(path)}});
-      }
-      installMap->set("GroupContainers", groups);
-      ASSERT_TRUE(platform::writePropertyListAtomically(CVValue(*installMap), map, nullptr));
-    };
-    if (variant == Variant::VarPaths)
-      rewriteGroups([](std::string path) { return path.substr(std::string("/private").size()); });
-    if (variant == Variant::HostPaths)
-      rewriteGroups([&root](std::string path) { return root + path; });
     if (variant == Variant::VarIsALink) fs::create_directory_symlink("private/var", root + "/var");
 
     const ProgramRun run = migrate(root);
