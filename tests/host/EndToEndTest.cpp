@@ -12,6 +12,8 @@
 #include "platform/PropertyList.h"
 #include "platform/linux/FileDescriptor.h"
 #include "tests/host/GeneratedImage.h"
+#include "tests/support/JSON.h"
+#include "tests/support/LegacyImage.h"
 
 namespace {
 

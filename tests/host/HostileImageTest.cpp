@@ -9,10 +9,10 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 
 #include "platform/PropertyList.h"
 #include "tests/host/GeneratedImage.h"
+#include "tests/support/LegacyImage.h"
 
 namespace {
 

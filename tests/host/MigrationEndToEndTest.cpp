@@ -26,6 +26,8 @@
 #include "platform/PropertyList.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "tests/host/GeneratedImage.h"
+#include "tests/support/JSON.h"
+#include "tests/support/LegacyImage.h"
 
 namespace {
 
