@@ -1,5 +1,4 @@
 // CVFileManager's smaller operations, one test each.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -12,6 +12,9 @@
 #include "platform/PropertyList.h"
 #include "platform/linux/FileDescriptor.h"
 #include "tests/host/GeneratedImage.h"
+#include "tests/support/JSON.h"
+#include "tests/support/LegacyImage.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace {
 
@@ -224,12 +227,13 @@ TEST_F(EndToEndTest, EveryRefusedCommandExitsTwoBeforeAnythingIsWritten) {
       {with({"--progress-fd", "97"}),
        "option '--progress-fd': descriptor 97 is not open for writing"},
   };
-  const auto before = describeTree(root_);
+  const TreeSnapshot before = snapshotTree(root_);
   for (const auto& [arguments, message] : cases) {
     const ProgramRun run = mavrel(arguments);
     EXPECT_EQ(run.exitCode, 2) << message << "\n" << run.err;
     expectContains(run.err, {message});
-    EXPECT_EQ(describeTree(root_), before) << message;
+    EXPECT_EQ(listed(differences(before, snapshotTree(root_), AccessTimes::Ignored)), "")
+        << message;
   }
   EXPECT_FALSE(pathExists(outside + "/absent"));
   EXPECT_TRUE(entriesOf(outside + "/typo-dir").empty());
@@ -249,7 +253,7 @@ TEST_F(EndToEndTest, EveryRefusedCommandExitsTwoBeforeAnythingIsWritten) {
   const ProgramRun run = mavrel(with({"--report", report}));
   EXPECT_EQ(run.exitCode, 2) << run.err;
   expectContains(run.err, {"is in use by another installer"});
-  EXPECT_EQ(describeTree(root_), before);
+  EXPECT_EQ(listed(differences(before, snapshotTree(root_), AccessTimes::Ignored)), "");
   const JSONValue document = parseJSON(readFile(report));
   EXPECT_FALSE(document["succeeded"].boolean);
   EXPECT_EQ(document["exitCode"].count(), 2u);
@@ -379,11 +383,15 @@ TEST_F(EndToEndTest, AppsListsWhatAMigrationInstalledWithoutChangingTheImage) {
 
   // The registry's SQLite companions, which a reader may create (and so the
   // time of the directory that holds them), are left out.
-  const TreeDescription withoutCompanions{.skipped = [](const std::string& path) {
-    return path.ends_with(".sqlite-wal") || path.ends_with(".sqlite-shm") ||
-           path.ends_with("/Library/Corvane");
-  }};
-  const auto before = describeTree(root_, withoutCompanions);
+  const auto withoutCompanions = [this] {
+    TreeSnapshot snapshot = snapshotTree(root_);
+    std::erase_if(snapshot, [](const auto& item) {
+      return item.first.ends_with(".sqlite-wal") || item.first.ends_with(".sqlite-shm") ||
+             item.first.ends_with("/Library/Corvane");
+    });
+    return snapshot;
+  };
+  const TreeSnapshot before = withoutCompanions();
   const ProgramRun text = mavrel({"apps", "--root", root_});
   ASSERT_EQ(text.exitCode, 0) << text.err;
   const std::string bundleContainer = valueAfter(text.out, "  bundle container");
@@ -415,7 +423,8 @@ TEST_F(EndToEndTest, AppsListsWhatAMigrationInstalledWithoutChangingTheImage) {
                 data + "\",\"groupContainers\":{\"group.example\":\"" + group +
                 "\"}}],\"safeHarbors\":[{\"identifier\":\"com.example.gone\",\"path\":\"" +
                 home("Harbors/Gone") + "\",\"containerType\":2}]}\n");
-  EXPECT_EQ(describeTree(root_, withoutCompanions), before) << "listing changed the image";
+  EXPECT_EQ(listed(differences(before, withoutCompanions(), AccessTimes::Ignored)), "")
+      << "listing changed the image";
 }
 
 TEST_F(EndToEndTest, AppsWithoutARegistryListsBuiltInsAndADamagedOneStopsBothCommands) {

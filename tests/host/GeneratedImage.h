@@ -12,8 +12,6 @@
 
 #include "samplegen/LegacyImageGenerator.h"
 #include "tests/support/ChildProgram.h"
-#include "tests/support/JSON.h"
-#include "tests/support/LegacyImage.h"
 #include "tests/support/TestSupport.h"
 
 namespace host_test {

@@ -93,7 +93,8 @@ class CrashResumeTest : public SweepTest {
       return;
     }
     std::string difference;
-    for (const std::string& change : changesBetween(before, workspace.snapshot()))
+    for (const std::string& change :
+         differences(before, workspace.snapshot(), AccessTimes::AndModificationTimesIgnored))
       difference += "  " + change + "\n";
     if (listedBefore.out != workspace.listApplications().out)
       difference += "  the registry's listing changed\n";

@@ -20,7 +20,6 @@
 #include "samplegen/LegacyImageGenerator.h"
 #include "shared/support/CVFileDigest.h"
 #include "tests/support/JSON.h"
-#include "tests/support/LegacyImage.h"
 #include "tests/support/TreeSnapshot.h"
 
 namespace reliability {
@@ -42,21 +41,19 @@ bool isRegularFile(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// One line per item below `directory` by relative path; with
-// `skipBookkeeping`, what every run writes whatever it does is left out.
-TreeSnapshot snapshotBelow(const std::string& directory, bool withTimes, bool skipBookkeeping) {
-  testing_support::TreeDescription how;
-  how.times = withTimes;
-  how.ownersAndAttributes = false;
-  how.relativeKeys = true;
-  how.skipped = [skipBookkeeping](const std::string& relative) {
+// Every item below `directory` (itself left out); with `skipBookkeeping`,
+// what every run writes whatever it does is left out too.
+TreeSnapshot snapshotBelow(const std::string& directory, bool skipBookkeeping) {
+  TreeSnapshot snapshot = testing_support::snapshotTree(directory);
+  std::erase_if(snapshot, [skipBookkeeping](const auto& item) {
+    const std::string& relative = item.first;
     return relative.empty() ||
            (skipBookkeeping &&
             (relative.starts_with("private/var/mobile/Library/Logs") ||
              relative.starts_with("private/var/tmp/mavrel") ||
              fs::path(relative).filename().string().starts_with("ApplicationRegistry")));
-  };
-  return testing_support::describeTree(directory, how);
+  });
+  return snapshot;
 }
 
 // ".<name>.<16 lowercase hex digits>.tmp", the name of an atomic write's
@@ -258,7 +255,7 @@ std::unique_ptr<SweepWorkspace> SweepWorkspace::create(const std::string& base,
     *reason = "cp -a of the image failed: " + copy.describe();
     return nullptr;
   }
-  w.canarySnapshot_ = snapshotBelow(w.canary_, true, false);
+  w.canarySnapshot_ = snapshotBelow(w.canary_, false);
   return workspace;
 }
 
@@ -382,28 +379,12 @@ bool SweepWorkspace::onlyMarkersAndAsideFilesLeft() const {
 }
 
 TreeSnapshot SweepWorkspace::snapshot() const {
-  return snapshotBelow(root_, false, true);
-}
-
-std::vector<std::string> changesBetween(const TreeSnapshot& before, const TreeSnapshot& after) {
-  std::vector<std::string> changes;
-  for (const auto& [path, line] : before) {
-    const auto found = after.find(path);
-    if (found == after.end()) {
-      changes.push_back(path + " removed");
-    } else if (found->second != line) {
-      changes.push_back(path + " changed: " + found->second);
-    }
-  }
-  for (const auto& [path, line] : after) {
-    if (!before.contains(path)) changes.push_back(path + " appeared");
-  }
-  return changes;
+  return snapshotBelow(root_, true);
 }
 
 void SweepWorkspace::checkOutside(ImageCheck& result) const {
   for (const std::string& change :
-       changesBetween(canarySnapshot_, snapshotBelow(canary_, true, false)))
+       differences(canarySnapshot_, snapshotBelow(canary_, false), AccessTimes::Ignored))
     result.outsideChanges.push_back("canary/" + change);
   const std::set<std::string> expected = {"image", "template", "canary", "scratch"};
   std::error_code error;

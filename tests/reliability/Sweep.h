@@ -35,6 +35,7 @@
 #include "tests/reliability/StraceTrace.h"
 #include "tests/support/ChildProgram.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace reliability {
 
@@ -88,9 +89,8 @@ struct ImageCheck {
   std::string describe() const;
 };
 
-// Path to (kind, mode, size, digest) of everything below a directory; the
-// logs, the registry's files and the host's temporary directory left out.
-using TreeSnapshot = std::map<std::string, std::string>;
+using testing_support::AccessTimes;
+using testing_support::TreeSnapshot;
 
 class SweepWorkspace {
  public:
@@ -155,9 +155,6 @@ class SweepWorkspace {
   std::vector<DataFile> data_;
   TreeSnapshot canarySnapshot_;
 };
-
-// One line per item removed, changed or new, "<path> removed" and so on.
-std::vector<std::string> changesBetween(const TreeSnapshot& before, const TreeSnapshot& after);
 
 // True when an outcome is one of the host's own: exit 0 to 3.
 bool endedByTheHost(const ChildOutcome& outcome);

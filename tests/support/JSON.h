@@ -1,5 +1,6 @@
-// The one JSON reader of the tests: the documents the programs print (plan,
-// report, progress events, `mavrel apps --json`) read back into a tree.
+// The documents the programs print (plan, report, progress events, `mavrel
+// apps --json`) read back by nlohmann-json, a strict reader, into a tree where
+// a missing member reads as null.
 #pragma once
 
 #include <cstdint>
@@ -12,23 +13,22 @@
 namespace testing_support {
 
 struct JSONValue {
-  enum class Type { Null, Boolean, Number, String, Array, Object };
-  Type type = Type::Null;
+  bool null = true;
   bool boolean = false;
   double number = 0;
   std::string string;
   std::vector<JSONValue> array;
   std::map<std::string, JSONValue> object;
 
-  bool isNull() const { return type == Type::Null; }
+  bool isNull() const { return null; }
   // The member `name` of an object; a null value when there is none.
   const JSONValue& operator[](const std::string& name) const;
   bool has(const std::string& name) const { return object.count(name) != 0; }
   std::uint64_t count() const { return static_cast<std::uint64_t>(number); }
 };
 
-// The value of the whole text, or nullopt and the offset where it stops being
-// JSON in `reason`.
+// The value of the whole text, or nullopt and where and why it is not JSON in
+// `reason`.
 std::optional<JSONValue> readJSON(std::string_view text, std::string* reason);
 // The same, failing the running test (and giving null) when it is not JSON.
 JSONValue parseJSON(std::string_view text);

@@ -5,8 +5,6 @@
 // remove). The canary is checked unchanged when the object goes away.
 #pragma once
 
-#include <functional>
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +12,7 @@
 #include "tests/support/ChildProgram.h"
 #include "tests/support/DeviceImage.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/TreeSnapshot.h"
 
 namespace testing_support {
 
@@ -45,21 +44,7 @@ class LegacyImage : public DeviceImage {
  private:
   TemporaryDirectory outside_;
   std::string outsidePath_;
-  std::map<std::string, std::string> canaryBefore_;
+  TreeSnapshot canaryBefore_;
 };
-
-// What describeTree says of each item.
-struct TreeDescription {
-  bool times = true;                // modification times
-  bool ownersAndAttributes = true;  // owner, group and extended attributes
-  bool relativeKeys = false;        // keys relative to the directory ("" for itself)
-  std::function<bool(const std::string& path)> skipped;  // items left out (by key)
-};
-
-// Every item below `directory`, the directory itself included, one line
-// each: kind and mode, a file's size and contents (by digest), a link's
-// target, and what `how` adds.
-std::map<std::string, std::string> describeTree(const std::string& directory,
-                                                const TreeDescription& how = {});
 
 }  // namespace testing_support

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <sstream>
 
 #include "platform/linux/DirectoryStream.h"

@@ -1,7 +1,6 @@
 // File digests: the chunks read, checked against sha256sum, and failed reads.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>

@@ -1,6 +1,5 @@
 // Reading bundles' Info.plist files: whole, filtered, and hostile.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <functional>
 
