@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include "host/EntryRecorder.h"
 #include "host/RunReport.h"
@@ -69,7 +70,7 @@ class MigrationEndToEndTest : public ::testing::Test {
   // container fate as planned, in the plan's work-list order.
   void comparePlanWithPass(const samplegen::ImageManifest& manifest) {
     plan_ = planWritingNothing(manifest.root);
-    ASSERT_NE(migrate(manifest.root).exitCode, 2) << migrated_.out << migrated_.err;
+    ASSERT_NE(migrate(manifest.root, {"--progress-fd", "1"}).exitCode, 2) << migrated_.err;
     const auto predicted = byPath(plan_["entries"]);
     happened_ = byPath(report_["entries"]);
     ASSERT_EQ(predicted.size(), happened_.size());
@@ -96,6 +97,25 @@ class MigrationEndToEndTest : public ::testing::Test {
       if (!entry["identifier"].isNull()) migratedInOrder.push_back(entry["path"].string);
     }
     EXPECT_EQ(planned, migratedInOrder);
+    // The progress stream on standard output tells the same: each migrated
+    // entry begins and takes steps, and every entry ends with the report's
+    // outcome, counted up to the total.
+    std::vector<std::string> began, finished;
+    std::size_t steps = 0;
+    std::istringstream events(migrated_.out);
+    for (std::string line; std::getline(events, line);) {
+      const JSONValue event = parseJSON(line);
+      if (event["event"].string == "entry-began") began.push_back(event["path"].string);
+      steps += event["event"].string == "entry-step" ? 1 : 0;
+      if (event["event"].string != "entry") continue;
+      finished.push_back(event["path"].string);
+      EXPECT_EQ(event["outcome"].string, entryOf(finished.back())["outcome"].string);
+      EXPECT_EQ(event["done"].count(), finished.size());
+      EXPECT_EQ(event["total"].count(), happened_.size());
+    }
+    EXPECT_EQ(began, migratedInOrder);
+    EXPECT_EQ(finished.size(), happened_.size());
+    EXPECT_GT(steps, began.size());
     EXPECT_EQ(plan_["predictedSuccess"].boolean, report_["succeeded"].boolean);
     EXPECT_EQ(plan_["totals"]["entries"].count(), report_["totals"]["entries"].count());
   }
@@ -235,12 +255,15 @@ TEST_F(MigrationEndToEndTest, EveryApplicationAndEveryFileArrivesAsPlanned) {
 TEST_F(MigrationEndToEndTest, DamageAfterThePassIsCaught) {
   const struct {
     std::string kind, summary, named;  // the file's line starts with `named`
+    std::string examples;              // the report's list that names it
   } cases[] = {
-      {"remove", "USER DATA LOST: 1 file(s) missing, 0 file(s) changed", "missing: "},
-      {"corrupt", "USER DATA LOST: 0 file(s) missing, 1 file(s) changed", "changed: "},
+      {"remove", "USER DATA LOST: 1 file(s) missing, 0 file(s) changed",
+       "missing: ", "missingExamples"},
+      {"corrupt", "USER DATA LOST: 0 file(s) missing, 1 file(s) changed",
+       "changed: ", "changedExamples"},
       // A file still at its old place while the run says it moved is out of
       // its application's reach: named, counted and never called safe.
-      {"unmove", "USER DATA LEFT BEHIND: 1 file(s)", "left behind: "},
+      {"unmove", "USER DATA LEFT BEHIND: 1 file(s)", "left behind: ", "leftBehindExamples"},
   };
   for (const auto& damage : cases) {
     SCOPED_TRACE(damage.kind);
@@ -269,6 +292,9 @@ TEST_F(MigrationEndToEndTest, DamageAfterThePassIsCaught) {
     expectContains(run.err, {damage.summary, damage.named,
                              damage.kind == "unmove" ? legacy + "/" + document : document});
     expectLacks(run.err, {"o user data was lost"});
+    const auto& examples = report_["verification"][damage.examples].array;
+    ASSERT_EQ(examples.size(), 1u);
+    expectContains(examples[0].string, {document});
   }
 }
 
