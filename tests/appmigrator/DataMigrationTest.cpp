@@ -109,8 +109,6 @@ TEST_F(DataMigrationTest, GroupContainersMoveIntoTheRegistrysPlacesOnce) {
   EXPECT_EQ(readFile(newGroup("group.a") + "/nested/x"), "x");
   EXPECT_EQ(std::filesystem::read_symlink(newGroup("group.a") + "/link"), "shared.db");
   EXPECT_EQ(readFile(newGroup("group.b") + "/b"), "b");
-  EXPECT_FALSE(pathExists(legacyGroup("group.a")));
-  EXPECT_FALSE(pathExists(legacyGroup("group.b")));
   EXPECT_TRUE(pathExists(legacyGroup("group.other")));
   EXPECT_EQ(migrator->groupContainerMap()->count(), 1u);
   EXPECT_TRUE(logged(kLogLevelNotice,
