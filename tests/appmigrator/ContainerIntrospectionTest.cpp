@@ -32,25 +32,11 @@ class ContainerIntrospectionTest : public MigratorTest {
   std::unique_ptr<CVAppMigrator> migrator_;
 };
 
-TEST_F(ContainerIntrospectionTest, ApplicationAndVPNPluginRecordsAndTheirOrder) {
-  // Directory order is the file system's, so both layouts are built.
-  for (const char* name : {"AppFirst", "PluginFirst"}) {
-    image_.writeBundle(container(name) + "/Foo.app", "com.example.foo");
-    image_.writeBundle(container(name) + "/Bar.vpnplugin", "com.example.bar");
-    bool early = false;
-    const auto record = introspect(name, &early);
-    ASSERT_TRUE(record.has_value()) << log_.dump();
-    EXPECT_TRUE(early);
-    CVDictionary expected = markerRecord(name, "Foo.app");
-    expected.set("SecondBundlePath", container(name) + "/Bar.vpnplugin");
-    EXPECT_EQ(*record, expected);
-  }
+// A plug-in alone is announced and is the only bundle of its record.
+TEST_F(ContainerIntrospectionTest, APluginAloneIsTheOnlyBundleOfItsRecord) {
   image_.writeBundle(container("V") + "/Bar.vpnplugin", "com.example.bar");
-  bool early = true;
-  const auto record = introspect("V", &early);
+  const auto record = introspect("V");
   ASSERT_TRUE(record.has_value());
-  EXPECT_FALSE(early);
-  EXPECT_EQ(*record->findString("ContainerType"), "VPNBundle");
   EXPECT_FALSE(record->contains("SecondBundlePath"));
   EXPECT_TRUE(logged(kLogLevelNotice,
                      "CVAppMigrator: Found vpn plugin " + container("V") + "/Bar.vpnplugin"));
