@@ -64,11 +64,13 @@ TEST_F(DataMigrationTest, OnlyUserDataItemsMoveAndNoneIsMadeWhereTheLegacyOneIsM
   EXPECT_EQ(readFile(legacy("NotUserData/secret")), "stays");
   EXPECT_FALSE(pathExists(data("NotUserData")));
 
-  // A container without user data moves nothing.
+  // A container without user data moves nothing, and takes nothing from the
+  // data container's own skeleton.
   removeItem(data());
-  makeDirectories(data());
+  makeDirectories(data("tmp"));
   EXPECT_TRUE(migrateData());
-  EXPECT_TRUE(std::filesystem::is_empty(data()));
+  EXPECT_TRUE(std::filesystem::is_directory(data("tmp")));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(data()), {}), 1);
 }
 
 TEST_F(DataMigrationTest, FirstFailedMoveStopsAndKeepsTheRest) {
