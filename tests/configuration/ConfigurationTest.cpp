@@ -70,10 +70,14 @@ TEST(ConfigurationPreferencesTest, OnlyValuesOfTheRightTypeCountAndEachIsAnnounc
 TEST(ConfigurationTest, FixedListsAndThePluginContainerFlag) {
   DeviceImage image;
   CVGlobalConfiguration configuration(image.root());
-  // Only this test notices a user data item gone missing; the other fixed
-  // locations, lists and owners fail the migration and installer tests.
+  // Only this test notices a user data item or a metadata item gone missing;
+  // the other fixed locations, lists and owners fail the migration and
+  // installer tests.
   EXPECT_EQ(configuration.appUserDataItemNames(),
             (std::vector<std::string>{"Documents", "Library", "tmp", "Pormex"}));
+  EXPECT_EQ(configuration.appBundleMetadataItemNames(),
+            (std::vector<std::string>{"Manifest.plist", "SorvikArtwork", "SorvikMetadata.plist",
+                                      "GeoJSON"}));
   // One set for the whole process.
   EXPECT_EQ(&configuration.installationBlacklist(),
             &CVGlobalConfiguration(image.root()).installationBlacklist());
