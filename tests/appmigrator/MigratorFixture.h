@@ -123,7 +123,14 @@ class MigratorTest : public ::testing::Test {
     return count;
   }
 
-  bool logged(int level, const std::string& message) const { return log_.contains(level, message); }
+  // Whether the migrator logged "CVAppMigrator: <message>" at `level`, or a
+  // line holding "CVAppMigrator: <fragment>".
+  bool logged(int level, const std::string& message) const {
+    return log_.contains(level, "CVAppMigrator: " + message);
+  }
+  bool loggedFragment(const std::string& fragment) const {
+    return log_.containsFragment("CVAppMigrator: " + fragment);
+  }
 
   testing_support::DeviceImage image_;
   testing_support::FakeInstallerService installer_;
