@@ -66,7 +66,6 @@ class InstallationTest : public MigratorTest {
     };
   }
 
-  // Puts the staged bundle back where it was and removes the staging directory.
   void unstage() {
     std::filesystem::rename(container_ + "/Staging/Payload/Maps.app", bundle_);
     removeItem(container_ + "/Staging");

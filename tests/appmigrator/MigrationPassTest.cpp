@@ -197,14 +197,12 @@ class RecordingObserver final : public MavrelMigrationObserver {
     steps[std::string(path)].push_back(step);
   }
   void migrationEntryFinished(std::string_view path, const MavrelEntryResult& result) override {
-    ++finishCount[std::string(path)];
-    finished[std::string(path)] = result;
+    finished[std::string(path)].push_back(result);
   }
 
   std::map<std::string, std::string> began;
   std::map<std::string, std::vector<MavrelEntryStep>> steps;
-  std::map<std::string, MavrelEntryResult> finished;
-  std::map<std::string, int> finishCount;
+  std::map<std::string, std::vector<MavrelEntryResult>> finished;
 };
 
 class EntryObserverTest : public MigratorTest {
@@ -243,12 +241,12 @@ TEST_F(EntryObserverTest, EveryEntryIsFinishedOnceWithItsOutcome) {
       // A failed install comes after the data moved: the container goes all the same.
       {refused, Outcome::Failed, Step::Install, true},
   };
-  EXPECT_EQ(observer_.finishCount.size(), std::size(expected));
+  EXPECT_EQ(observer_.finished.size(), std::size(expected));
   EXPECT_EQ(migrator->countItemsMigrated(), std::size(expected)) << "each entry counts once";
   for (const auto& [path, outcome, failedStep, removed] : expected) {
     SCOPED_TRACE(path);
-    EXPECT_EQ(observer_.finishCount[path], 1);
-    const MavrelEntryResult& result = observer_.finished[path];
+    ASSERT_EQ(observer_.finished[path].size(), 1u);
+    const MavrelEntryResult& result = observer_.finished[path][0];
     EXPECT_EQ(result.outcome, outcome);
     if (outcome == Outcome::Failed) {
       EXPECT_EQ(result.failedStep, failedStep);

@@ -101,15 +101,12 @@ TEST_F(InstallJournalTest, RecoveryReplaysEntriesKeepsWhatFailsAndSweepsTheRest)
   {
     mavrel_installer::WriteTransaction transaction(store->database());
     ASSERT_TRUE(transaction.begin(&error));
-    ASSERT_TRUE(store->addJournal(
-        "a", JournalPurpose::Restore,
-        std::vector{rename(staging + "/UNDO", "home/Applications/A/Staging")}, &error));
-    ASSERT_TRUE(store->addJournal("b", JournalPurpose::Finish,
-                                  std::vector{rename(staging + "/FINISH", "containers/B")},
-                                  &error));
-    ASSERT_TRUE(store->addJournal(
-        "c", JournalPurpose::Restore,
-        std::vector{rename(staging + "/STUCK", "home/Applications/C/Staging")}, &error));
+    for (const auto& [identifier, purpose, source, target] :
+         {std::tuple("a", JournalPurpose::Restore, "/UNDO", "home/Applications/A/Staging"),
+          std::tuple("b", JournalPurpose::Finish, "/FINISH", "containers/B"),
+          std::tuple("c", JournalPurpose::Restore, "/STUCK", "home/Applications/C/Staging")})
+      ASSERT_TRUE(store->addJournal(identifier, purpose,
+                                    std::vector{rename(staging + source, target)}, &error));
     ASSERT_TRUE(transaction.commit(&error)) << error.description();
   }
   makeDirectories(path("home/Applications/A"));

@@ -32,14 +32,7 @@ namespace {
 constexpr const char* kPlugin = "com.example.notes.vpn";
 const std::vector<std::string> kSkeleton{"Documents", "Library", "tmp"};
 
-class CustomerInstallTest : public InstallerFixture {
- protected:
-  std::string bundleVersion(const std::string& identifier) {
-    const std::string info = record(identifier)->bundleURL.path() + "/Info.plist";
-    return *platform::readPropertyListDictionary(CVURL::fileURLWithPath(info, false), nullptr)
-                ->findString("QXBundleVersion");
-  }
-};
+class CustomerInstallTest : public InstallerFixture {};
 
 // The tree the fault handler below makes immutable.
 std::string lockedTree;
@@ -302,7 +295,8 @@ TEST_F(CustomerInstallTest, StepsThatFailAfterRegistrationAreDoneAtTheNextOpenin
   reopen();
   EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
   EXPECT_EQ(record("com.example.game")->dataContainerURL, installed->dataContainerURL);
-  EXPECT_EQ(bundleVersion("com.example.game"), "2");
+  const std::string info = record("com.example.game")->bundleURL.path() + "/Info.plist";
+  EXPECT_EQ(*image_.readPlistDictionary(info).findString("QXBundleVersion"), "2");
 }
 
 // The install asked for again with an empty "Payload" after a crash between
