@@ -1,5 +1,7 @@
-// Staged and placeholder installs through the installer double, and one
-// legacy container carried into the current layout.
+// Staged and placeholder installs through the installer double, one legacy
+// container carried into the current layout, and its user data and group
+// containers: what arrives, what is replaced, what stays when a move cannot be
+// made.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -7,18 +9,11 @@
 
 #include "platform/Bundle.h"
 #include "tests/appmigrator/MigratorFixture.h"
+#include "tests/support/ChildProgram.h"
 
 namespace {
 
 using Handler = testing_support::FakeInstallerService::InstallHandler;
-
-platform::Image opaqueSquare(std::uint32_t side) {
-  platform::Image image;
-  image.width = side;
-  image.height = side;
-  image.pixels.assign(std::size_t{side} * side * 4, 0xFF);
-  return image;
-}
 
 // Refuses with the given progress report (none when empty) and error.
 Handler refusing(CVDictionary report, bool fromAnotherThread = false) {
@@ -51,16 +46,26 @@ class InstallationTest : public MigratorTest {
   std::string staged() const {
     return temporaryPath() + "/com.zentrel.corvane.migrator/com.example.maps.app";
   }
-  bool stageAndInstall(const CVURL& vpnPluginURL = CVURL()) {
+  bool stageAndInstall() {
     return migrator_->_stageAndInstallBundleAtURL(directoryURL(bundle_), "com.example.maps",
-                                                  vpnPluginURL, directoryURL(container_));
+                                                  CVURL(), directoryURL(container_));
   }
   bool installPlaceholder(const std::string& bundle) {
     return migrator_->_stageAndInstallPlaceholderForBundleAtURL(
         directoryURL(bundle), "com.example.maps", directoryURL(container_));
   }
 
-  // Puts the staged bundle back where it was and removes the staging directory.
+  // Accepts installs, keeping the Info.plist of the staged bundle and whether its icon is a PNG.
+  void acceptKeepingStagedInfo() {
+    installer_.installHandler = [this](const CVURL& staged, const CVDictionary&, CVError*,
+                                       const platform::InstallProgressCallback&) {
+      stagedInfo_ = image_.readPlistDictionary(staged.path() + "/Info.plist");
+      const std::string icon = staged.path() + "/Icon.png";
+      stagedIconIsPNG_ = pathExists(icon) && readFile(icon).starts_with("\x89PNG\r\n\x1a\n");
+      return true;
+    };
+  }
+
   void unstage() {
     std::filesystem::rename(container_ + "/Staging/Payload/Maps.app", bundle_);
     removeItem(container_ + "/Staging");
@@ -68,7 +73,10 @@ class InstallationTest : public MigratorTest {
 
   const std::string container_ = container("AB12");
   const std::string bundle_ = container_ + "/Maps.app";
+  const platform::Image opaqueSquare_{120, 120, std::vector<std::uint8_t>(120 * 120 * 4, 0xFF)};
   std::unique_ptr<CVAppMigrator> migrator_;
+  CVDictionary stagedInfo_;
+  bool stagedIconIsPNG_ = false;
 };
 
 // The installer's answers, and what each one becomes: result and log lines.
@@ -110,7 +118,7 @@ TEST_F(InstallationTest, InstallerAnswersBecomeResultsAndMessages) {
     installer_.installHandler = c.handler;
     EXPECT_EQ(stageAndInstall(), c.result);
     if (!c.present.empty()) {
-      EXPECT_TRUE(logged(c.level, "CVAppMigrator: " + c.present)) << log_.dump();
+      EXPECT_TRUE(logged(c.level, c.present)) << log_.dump();
     }
     EXPECT_FALSE(log_.containsFragment(c.absent)) << log_.dump();
     EXPECT_EQ(log_.containsFragment(failed), !c.result) << log_.dump();
@@ -124,8 +132,7 @@ TEST_F(InstallationTest, StagingFailuresStopBeforeTheInstallerAndAMissingBundleD
   // "Staging" is a file, so "Payload" cannot be made.
   writeFile(container_ + "/Staging", "in the way");
   EXPECT_FALSE(stageAndInstall());
-  EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to create file://" + container_ +
-                                    "/Staging/Payload/ : "));
+  EXPECT_TRUE(loggedFragment("Failed to create file://" + container_ + "/Staging/Payload/ : "));
   EXPECT_TRUE(installer_.installs.empty());
   EXPECT_TRUE(pathExists(bundle_));
 
@@ -140,16 +147,9 @@ TEST_F(InstallationTest, StagingFailuresStopBeforeTheInstallerAndAMissingBundleD
 // ---- Placeholders
 
 TEST_F(InstallationTest, PlaceholderCarriesIdentityIconAndStoreMetadata) {
-  icons_.icon = opaqueSquare(120);
+  icons_.icon = opaqueSquare_;
   writeFile(container_ + "/SorvikMetadata.plist", "raw metadata bytes");
-  CVDictionary stagedInfo;
-  bool iconWasPNG = false;
-  installer_.installHandler = [&](const CVURL& stagedURL, const CVDictionary&, CVError*,
-                                  const platform::InstallProgressCallback&) {
-    stagedInfo = image_.readPlistDictionary(stagedURL.path() + "/Info.plist");
-    iconWasPNG = readFile(stagedURL.path() + "/Icon.png").starts_with("\x89PNG\r\n\x1a\n");
-    return true;
-  };
+  acceptKeepingStagedInfo();
   EXPECT_TRUE(installPlaceholder(bundle_)) << log_.dump();
 
   ASSERT_EQ(installer_.installs.size(), 1u);
@@ -163,13 +163,12 @@ TEST_F(InstallationTest, PlaceholderCarriesIdentityIconAndStoreMetadata) {
                           {"QXBundleIdentifier", "com.example.maps"},
                           {std::string(platform::kStoreMetadataOptionKey),
                            CVData(metadata.begin(), metadata.end())}}));
-  EXPECT_EQ(stagedInfo.keys(),
+  EXPECT_EQ(stagedInfo_.keys(),
             (std::vector<std::string>{"QXBundleIdentifier", "QXBundleExecutable", "QXBundleVersion",
                                       "QXBundleShortVersionString", "QXBundleIconFile"}));
-  EXPECT_EQ(*stagedInfo.findString("QXBundleIconFile"), "Icon.png");
-  EXPECT_TRUE(iconWasPNG);
-  EXPECT_TRUE(
-      logged(kLogLevelNotice, "CVAppMigrator: Installing placeholder for com.example.maps"));
+  EXPECT_EQ(*stagedInfo_.findString("QXBundleIconFile"), "Icon.png");
+  EXPECT_TRUE(stagedIconIsPNG_);
+  EXPECT_TRUE(logged(kLogLevelNotice, "Installing placeholder for com.example.maps"));
   // The staged copy never outlives the call, and the legacy container is as it was.
   EXPECT_FALSE(pathExists(staged()));
   EXPECT_EQ(readFile(container_ + "/SorvikMetadata.plist"), metadata);
@@ -180,23 +179,17 @@ TEST_F(InstallationTest, PlaceholderCarriesIdentityIconAndStoreMetadata) {
 // with neither an icon nor store metadata to hand over.
 TEST_F(InstallationTest, RefusedPlaceholderIsCleanedUpAndOneWithoutIconOrMetadataInstalls) {
   EXPECT_FALSE(installPlaceholder(bundle_));
-  EXPECT_TRUE(
-      log_.containsFragment("CVAppMigrator: Failed to install placeholder for com.example.maps: "));
-  CVDictionary stagedInfo;
-  installer_.installHandler = [&](const CVURL& stagedURL, const CVDictionary&, CVError*,
-                                  const platform::InstallProgressCallback&) {
-    stagedInfo = image_.readPlistDictionary(stagedURL.path() + "/Info.plist");
-    return true;
-  };
+  EXPECT_TRUE(loggedFragment("Failed to install placeholder for com.example.maps: "));
+  acceptKeepingStagedInfo();
   EXPECT_TRUE(installPlaceholder(bundle_));
   ASSERT_EQ(installer_.installs.size(), 2u);
   EXPECT_EQ(installer_.installs[0].url, installer_.installs[1].url);
-  EXPECT_EQ(stagedInfo.find("QXBundleIconFile"), nullptr);
+  EXPECT_EQ(stagedInfo_.find("QXBundleIconFile"), nullptr);
+  EXPECT_FALSE(stagedIconIsPNG_);
   EXPECT_EQ(installer_.installs[1].options.find(platform::kStoreMetadataOptionKey), nullptr);
-  EXPECT_TRUE(logged(kLogLevelError,
-                     "CVAppMigrator: Writing placeholder icon for app "
-                     "com.example.maps to file://" +
-                         staged() + "/Icon.png failed"));
+  EXPECT_TRUE(
+      logged(kLogLevelError, "Writing placeholder icon for app com.example.maps to file://" +
+                                 staged() + "/Icon.png failed"));
   EXPECT_FALSE(log_.containsFragment("Failed to read"));
 }
 
@@ -204,17 +197,15 @@ TEST_F(InstallationTest, PlaceholderNeedsAStagingPlaceAndAReadableBundle) {
   // The staging parent is a file.
   writeFile(temporaryPath() + "/com.zentrel.corvane.migrator", "in the way");
   EXPECT_FALSE(installPlaceholder(bundle_));
-  EXPECT_TRUE(log_.containsFragment(
-      "CVAppMigrator: Failed to create staged placeholder directory at " + staged()));
+  EXPECT_TRUE(loggedFragment("Failed to create staged placeholder directory at " + staged()));
   removeItem(temporaryPath());
 
   const std::string missing = container_ + "/Gone.app";
   EXPECT_FALSE(installPlaceholder(missing));
-  EXPECT_TRUE(logged(kLogLevelError, "CVAppMigrator: Failed to create QXBundle for " + missing));
+  EXPECT_TRUE(logged(kLogLevelError, "Failed to create QXBundle for " + missing));
   writeFile(bundle_ + "/Info.plist", "not a property list");
   EXPECT_FALSE(installPlaceholder(bundle_));
-  EXPECT_TRUE(logged(kLogLevelError,
-                     "CVAppMigrator: Failed to get bundle info dictionary for bundle " + bundle_));
+  EXPECT_TRUE(logged(kLogLevelError, "Failed to get bundle info dictionary for bundle " + bundle_));
   EXPECT_TRUE(installer_.installs.empty());
   EXPECT_FALSE(pathExists(staged()));
 }
@@ -223,16 +214,15 @@ TEST_F(InstallationTest, IconIsWrittenAsPNGOrReportedMissing) {
   const auto bundle = platform::Bundle::create(directoryURL(bundle_));
   const CVURL iconURL = CVURL::fileURLWithPath(image_.rootPath() + "/icon.png", false);
   EXPECT_FALSE(migrator_->_writeIconForBundle(*bundle, iconURL));
-  EXPECT_TRUE(
-      logged(kLogLevelError, "CVAppMigrator: Failed to create icon from bundle " + bundle_));
+  EXPECT_TRUE(logged(kLogLevelError, "Failed to create icon from bundle " + bundle_));
   EXPECT_FALSE(pathExists(iconURL.path()));
 
   // A destination that cannot be written (a written icon is the placeholder tests' part).
-  icons_.icon = opaqueSquare(120);
+  icons_.icon = opaqueSquare_;
   const CVURL blocked = CVURL::fileURLWithPath(bundle_ + "/Maps/icon.png", false);
   EXPECT_FALSE(migrator_->_writeIconForBundle(*bundle, blocked));
-  EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to write image data to file://" +
-                                    bundle_ + "/Maps/icon.png : "));
+  EXPECT_TRUE(
+      loggedFragment("Failed to write image data to file://" + bundle_ + "/Maps/icon.png : "));
 }
 
 const std::string kIdentifier = "com.example.notes";
@@ -257,10 +247,9 @@ class ContainerMigrationTest : public MigratorTest {
                                                              {"BundleIdentifier", kIdentifier},
                                                              {"ContainerType", std::string(type)}});
   }
-  void accepted() { acceptInstalls(kIdentifier, data_); }
   // Installs are accepted and the registry already knows the application.
   void acceptedAndKnown() {
-    accepted();
+    acceptInstalls(kIdentifier, data_);
     installer_.records[kIdentifier] = record(kIdentifier, data_);
   }
 
@@ -275,8 +264,7 @@ TEST_F(ContainerMigrationTest, KnownApplicationSkipsThePlaceholder) {
   EXPECT_TRUE(migrate());
   EXPECT_EQ(installsOfType(platform::kPackageTypePlaceholder), 0u);
   EXPECT_TRUE(logged(kLogLevelNotice,
-                     "CVAppMigrator: App com.example.notes is already "
-                     "installed, so not creating placeholder."));
+                     "App com.example.notes is already installed, so not creating placeholder."));
 }
 
 TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
@@ -284,8 +272,7 @@ TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
   EXPECT_FALSE(migrate());
   // No bundle record at all.
   EXPECT_FALSE(migrate("VPNBundle"));
-  EXPECT_TRUE(logged(kLogLevelError,
-                     "CVAppMigrator: Failed to get bundle proxy for identifier " + kIdentifier));
+  EXPECT_TRUE(logged(kLogLevelError, "Failed to get bundle proxy for identifier " + kIdentifier));
   // A record without a data container: everything the registry knew is logged.
   platform::BundleRecord withoutData = record(kIdentifier, data_);
   withoutData.dataContainerURL = CVURL();
@@ -295,7 +282,7 @@ TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
   for (const std::string& message : {"Failed to get data container URL for " + kIdentifier,
                                      std::string("Proxy had bundle type User"),
                                      std::string("Proxy did not have backing bundle")})
-    EXPECT_TRUE(logged(kLogLevelError, "CVAppMigrator: " + message)) << message;
+    EXPECT_TRUE(logged(kLogLevelError, message)) << message;
   EXPECT_TRUE(pathExists(container_ + "/Documents/note.txt"));
   EXPECT_TRUE(pathExists(bundle_));
   // The marker was written each time, so a later pass resumes this container.
@@ -308,7 +295,7 @@ TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
   EXPECT_FALSE(migrate());
   EXPECT_EQ(installsOfType(platform::kPackageTypeCustomer), 0u);
   EXPECT_TRUE(pathExists(container_ + "/Documents/note.txt"));
-  EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to move "));
+  EXPECT_TRUE(loggedFragment("Failed to move "));
 }
 
 TEST_F(ContainerMigrationTest, PlaceholderBundleSkipsInstallGroupsAndMissedItems) {
@@ -329,8 +316,7 @@ TEST_F(ContainerMigrationTest, MissedItemsKeepTheContainerButMarkerFilesAreNoneO
   writeFile(container_ + "/com.zentrel.corvane.migration_marker", "");
   EXPECT_FALSE(migrate());
   EXPECT_EQ(readFile(container_ + "/Unexpected.dat"), "left over");
-  EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Found missed items in " + container_ +
-                                    " for com.example.notes:"));
+  EXPECT_TRUE(loggedFragment("Found missed items in " + container_ + " for com.example.notes:"));
   EXPECT_TRUE(log_.containsFragment("Unexpected.dat"));
   EXPECT_FALSE(log_.containsFragment("com.zentrel.corvane.placeholder\""));
 
@@ -338,8 +324,217 @@ TEST_F(ContainerMigrationTest, MissedItemsKeepTheContainerButMarkerFilesAreNoneO
   EXPECT_FALSE(migrator_->_containerHasMissedItems(directoryURL(container_), kIdentifier));
   // A container that cannot be listed counts as holding missed items.
   EXPECT_TRUE(migrator_->_containerHasMissedItems(directoryURL(container_ + "-gone"), kIdentifier));
-  EXPECT_TRUE(log_.containsFragment("CVAppMigrator: Failed to enumerate container " + container_ +
-                                    "-gone for com.example.notes : "));
+  EXPECT_TRUE(loggedFragment("Failed to enumerate container " + container_ +
+                             "-gone for com.example.notes : "));
+}
+
+class DataMigrationTest : public MigratorTest {
+ protected:
+  std::string legacy(std::string_view name) const { return container("L1/" + std::string(name)); }
+  std::string data(std::string_view name = "") const {
+    return image_.home("Containers/Data/D1") + (name.empty() ? "" : "/" + std::string(name));
+  }
+  bool migrateData() {
+    return makeMigrator()->_migrateDataContainerForIdentifier(
+        "com.example.app", directoryURL(container("L1")), directoryURL(data()));
+  }
+
+  // A legacy install map naming these groups, `Container` paths as given
+  // (their legacy places when empty).
+  void writeGroupMap(const std::vector<std::pair<std::string, CVValue>>& groups) {
+    CVDictionary map;
+    for (const auto& [group, path] : groups)
+      map.set(group, CVDictionary{{"Container", path}});
+    image_.writePlist(image_.installMapPath(), CVDictionary{{"GroupContainers", map}});
+    // Set-up reads the install map only when there is something to migrate.
+    makeDirectories(container("L1"));
+  }
+  std::string legacyGroup(const std::string& group) const {
+    return image_.home("Library/GroupContainers/" + group);
+  }
+  std::string newGroup(const std::string& group) const {
+    return image_.home("Containers/Shared/" + group);
+  }
+  // The registry gives the application these group containers.
+  void recordGroups(const std::vector<std::string>& groups) {
+    platform::BundleRecord record;
+    record.bundleIdentifier = "com.example.app";
+    CVDictionary urls;
+    for (const std::string& group : groups) {
+      makeDirectories(newGroup(group));
+      urls.set(group, CVValue(directoryURL(newGroup(group))));
+    }
+    record.groupContainerURLs = urls;
+    installer_.records["com.example.app"] = record;
+  }
+  bool migrateGroups(CVAppMigrator& migrator) {
+    return migrator._migrateGroupContainersForIdentifier("com.example.app");
+  }
+};
+
+TEST_F(DataMigrationTest, OnlyUserDataItemsMoveAndNoneIsMadeWhereTheLegacyOneIsMissing) {
+  writeFile(legacy("Documents/a/b/deep.txt"), "deep");
+  writeFile(legacy("Library/Preferences/app.plist"), "prefs");
+  writeFile(legacy("NotUserData/secret"), "stays");
+  makeDirectories(data());
+  EXPECT_TRUE(migrateData()) << log_.dump();
+  EXPECT_EQ(readFile(data("Documents/a/b/deep.txt")), "deep");
+  EXPECT_EQ(readFile(data("Library/Preferences/app.plist")), "prefs");
+  EXPECT_EQ(readFile(legacy("NotUserData/secret")), "stays");
+  EXPECT_FALSE(pathExists(data("NotUserData")));
+
+  // A container without user data moves nothing, and takes nothing from the
+  // data container's own skeleton.
+  removeItem(data());
+  makeDirectories(data("tmp"));
+  EXPECT_TRUE(migrateData());
+  EXPECT_TRUE(std::filesystem::is_directory(data("tmp")));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(data()), {}), 1);
+}
+
+TEST_F(DataMigrationTest, FirstFailedMoveStopsAndKeepsTheRest) {
+  const auto names = CVGlobalConfiguration(image_.root()).appUserDataItemNames();
+  ASSERT_GE(names.size(), 2u);
+  for (const std::string& name : names)
+    writeFile(legacy(name + "/f"), name);
+  // The destination of the first item cannot be made: its parent is a file.
+  writeFile(data(), "a file");
+  EXPECT_FALSE(migrateData());
+  EXPECT_TRUE(loggedFragment("Failed to move file://" + legacy(names[0]) + "/ to file://" +
+                             data(names[0]) + "/ migrating for com.example.app : "));
+  for (const std::string& name : names)
+    EXPECT_EQ(readFile(legacy(name + "/f")), name);
+}
+
+TEST_F(DataMigrationTest, GroupContainersMoveIntoTheRegistrysPlacesOnce) {
+  writeGroupMap({{"group.a", legacyGroup("group.a")},
+                 {"group.b", legacyGroup("group.b")},
+                 {"group.other", legacyGroup("group.other")}});
+  writeFile(legacyGroup("group.a") + "/shared.db", "rows");
+  writeFile(legacyGroup("group.a") + "/nested/x", "x");
+  makeSymlink("shared.db", legacyGroup("group.a") + "/link");
+  writeFile(legacyGroup("group.b") + "/b", "b");
+  makeDirectories(legacyGroup("group.other"));
+  recordGroups({"group.a", "group.b"});
+  auto migrator = makeMigrator();
+
+  EXPECT_TRUE(migrateGroups(*migrator)) << log_.dump();
+  EXPECT_EQ(readFile(newGroup("group.a") + "/shared.db"), "rows");
+  EXPECT_EQ(readFile(newGroup("group.a") + "/nested/x"), "x");
+  EXPECT_EQ(std::filesystem::read_symlink(newGroup("group.a") + "/link"), "shared.db");
+  EXPECT_EQ(readFile(newGroup("group.b") + "/b"), "b");
+  EXPECT_TRUE(pathExists(legacyGroup("group.other")));
+  EXPECT_EQ(migrator->groupContainerMap()->count(), 1u);
+  EXPECT_TRUE(logged(kLogLevelNotice, "Migrating group container group.a at file://" +
+                                          legacyGroup("group.a") + "/ to file://" +
+                                          newGroup("group.a") + "/"));
+
+  // A second application of the same group finds it already moved.
+  EXPECT_TRUE(migrateGroups(*migrator));
+  EXPECT_TRUE(
+      logged(kLogLevelNotice, "No group container entry to migrate for com.example.app[group.a]"));
+}
+
+TEST_F(DataMigrationTest, GroupMapProblemsAreSkippedWithoutFailing) {
+  writeGroupMap({{"group.missing", legacyGroup("group.missing")}, {"group.bad", 42}});
+  recordGroups({"group.missing", "group.bad", "group.unlisted"});
+  auto migrator = makeMigrator();
+  EXPECT_TRUE(migrateGroups(*migrator));
+  const std::pair<int, std::string> messages[] = {
+      {kLogLevelError, "Missing source group container at " + legacyGroup("group.missing")},
+      {kLogLevelNotice, "Failed to get path to group container for com.example.app[group.bad]"},
+      {kLogLevelNotice, "No group container entry to migrate for com.example.app[group.unlisted]"},
+  };
+  for (const auto& [level, message] : messages)
+    EXPECT_TRUE(logged(level, message)) << log_.dump();
+  EXPECT_EQ(migrator->groupContainerMap()->count(), 2u);
+}
+
+// The map's paths are device paths, read under the root in any of their
+// forms; a path that is not a group container of its own is left alone.
+TEST_F(DataMigrationTest, GroupPathsLeadIntoTheImageAndOnlyToGroupContainers) {
+  const std::string groups = "/private/var/mobile/Library/GroupContainers/";
+  const std::pair<std::string, std::string> cases[] = {
+      {groups + "G", ""},
+      {"/var/mobile/Library/GroupContainers/G", ""},
+      {image_.home("Library/GroupContainers/G"), ""},
+      {groups + "G/", ""},
+      {"/", "is /, not a group container"},
+      {"/private/var/mobile", "is /private/var/mobile, not a group container"},
+      {"/private/var/mobile/Library", "is /private/var/mobile/Library, not a group container"},
+      {"/private/var/mobile/Library/Corvane",
+       "is /private/var/mobile/Library/Corvane, not a group container"},
+      {"/private/var/mobile/Applications/L1", "lies inside /private/var/mobile/Applications"},
+      {"/private/var/mobile/Containers/Data/D1", "lies inside /private/var/mobile/Containers"},
+      {"/private/var/mobile/Library/GroupContainers", "holds the group container of group.other"},
+      {groups + "G/../G", "has a '..' component"},
+  };
+  for (const auto& [stored, problem] : cases) {
+    SCOPED_TRACE(stored);
+    writeFile(legacyGroup("G") + "/g.db", "rows");
+    writeFile(legacyGroup("group.other") + "/o", "o");
+    writeFile(legacy("Documents/d"), "d");
+    makeDirectories(data());
+    writeGroupMap({{"group.a", stored}, {"group.other", legacyGroup("group.other")}});
+    recordGroups({"group.a"});
+    log_.clear();
+    auto migrator = makeMigrator();
+    EXPECT_TRUE(migrateGroups(*migrator));
+    if (problem.empty()) {
+      EXPECT_EQ(readFile(newGroup("group.a") + "/g.db"), "rows") << log_.dump();
+      EXPECT_FALSE(pathExists(legacyGroup("G")));
+    } else {
+      EXPECT_TRUE(log_.containsFragment(problem + "; not migrating it")) << log_.dump();
+      EXPECT_EQ(readFile(legacyGroup("G") + "/g.db"), "rows");
+      EXPECT_EQ(readFile(legacy("Documents/d")), "d");
+      EXPECT_TRUE(pathExists(image_.installMapPath()));
+      EXPECT_TRUE(migrator->groupContainerMap()->contains("group.a"));
+    }
+    std::filesystem::remove_all(newGroup("group.a"));
+  }
+}
+
+TEST_F(DataMigrationTest, RegistryAnswersDecideTheResult) {
+  // Without a group map there is nothing to ask.
+  EXPECT_TRUE(migrateGroups(*makeMigrator()));
+  EXPECT_EQ(log_.count(), 0u);
+
+  writeGroupMap({{"group.a", legacyGroup("group.a")}});
+  makeDirectories(legacyGroup("group.a"));
+  auto migrator = makeMigrator();
+  EXPECT_FALSE(migrateGroups(*migrator));
+  EXPECT_TRUE(logged(kLogLevelError, "Failed to get bundle proxy for com.example.app"));
+  installer_.records["com.example.app"] = platform::BundleRecord{};
+  EXPECT_FALSE(migrateGroups(*migrator));
+  EXPECT_TRUE(
+      logged(kLogLevelError, "Failed to get group container URLs for installed com.example.app"));
+  recordGroups({});
+  EXPECT_TRUE(migrateGroups(*migrator));
+  EXPECT_TRUE(logged(kLogLevelNotice, "No group containers to migrate for com.example.app"));
+  EXPECT_TRUE(pathExists(legacyGroup("group.a")));
+}
+
+TEST_F(DataMigrationTest, MoveAllGoesOnPastItemsThatFail) {
+  const std::string source = image_.home("src"), destination = image_.home("dst");
+  writeFile(source + "/a", "a");
+  writeFile(source + "/b/inner", "b");
+  writeFile(source + "/c", "c");
+  // "b" cannot be replaced: the removal before it fails on an immutable directory.
+  writeFile(destination + "/b/kept", "old");
+  ASSERT_EQ(runProgram("chattr", {"+i", destination + "/b"}).exitCode, 0);
+  auto migrator = makeMigrator();
+  const bool result =
+      migrator->_moveAllItemsInGroupContainerURL(directoryURL(source), directoryURL(destination));
+  runProgram("chattr", {"-i", destination + "/b"});
+  EXPECT_TRUE(result);
+  EXPECT_EQ(readFile(destination + "/a"), "a");
+  EXPECT_EQ(readFile(destination + "/c"), "c");
+  EXPECT_TRUE(loggedFragment("Failed to move item " + source + "/b to " + destination + "/b : "));
+
+  EXPECT_FALSE(migrator->_moveAllItemsInGroupContainerURL(directoryURL(source + "-missing"),
+                                                          directoryURL(destination)));
+  EXPECT_TRUE(
+      loggedFragment("Failed to get all urls in source group container " + source + "-missing : "));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "AppMigrator/AppMigrator.h"
@@ -66,7 +67,6 @@ class MigratorTest : public ::testing::Test {
   }
   std::string harborMapPath() const { return image_.dataDirectory() + "/SafeHarbor.plist"; }
 
-  // A registry record whose data container is `dataPath`.
   static platform::BundleRecord record(const std::string& identifier, const std::string& dataPath) {
     platform::BundleRecord record;
     record.bundleIdentifier = identifier;
@@ -115,15 +115,20 @@ class MigratorTest : public ::testing::Test {
   }
 
   std::size_t installsOfType(std::string_view packageType) const {
-    std::size_t count = 0;
-    for (const auto& request : installer_.installs) {
+    return std::ranges::count_if(installer_.installs, [&](const InstallRequest& request) {
       const std::string* type = request.options.findString(platform::kPackageTypeOptionKey);
-      count += type && *type == packageType;
-    }
-    return count;
+      return type && *type == packageType;
+    });
   }
 
-  bool logged(int level, const std::string& message) const { return log_.contains(level, message); }
+  // Whether the migrator logged "CVAppMigrator: <message>" at `level`, or a
+  // line holding "CVAppMigrator: <fragment>".
+  bool logged(int level, const std::string& message) const {
+    return log_.contains(level, "CVAppMigrator: " + message);
+  }
+  bool loggedFragment(const std::string& fragment) const {
+    return log_.containsFragment("CVAppMigrator: " + fragment);
+  }
 
   testing_support::DeviceImage image_;
   testing_support::FakeInstallerService installer_;

@@ -1,17 +1,26 @@
 // Customer installs through the service's interface: where everything lands,
 // what the caller is told, group containers, VPN plug-ins known under their own
 // identifiers, that a refused package is given back intact, and the install
-// asked for again after a crash.
+// asked for again after a crash. Then placeholder installs: a copied, marked
+// bundle with its store metadata, a data container, and a customer install
+// taking its place later. Last the image's built-in applications: system
+// applications in the registry, with data containers made on first need; a
+// legacy copy of one is refused as "ApplicationAlreadyInstalled"; the
+// data-protection update.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <functional>
 
 #include "installer/FaultInjection.h"
 #include "installer/GroupContainers.h"
 #include "installer/RegistryDatabase.h"
+#include "platform/linux/ExtendedAttributes.h"
+#include "platform/linux/ProtectionClass.h"
 #include "shared/filemanager/CVErrors.h"
+#include "shared/filemanager/CVFileManager.h"
 #include "tests/installer/InstallerFixture.h"
 #include "tests/support/ChildProgram.h"
 #include "tests/support/TreeSnapshot.h"
@@ -23,20 +32,7 @@ namespace {
 constexpr const char* kPlugin = "com.example.notes.vpn";
 const std::vector<std::string> kSkeleton{"Documents", "Library", "tmp"};
 
-class CustomerInstallTest : public InstallerFixture {
- protected:
-  void installNotesWithPlugin() {
-    const InstallOutcome outcome =
-        installCustomer(stageCustomerPackage("C1", {"com.example.notes"}, /*withVPNPlugin=*/true),
-                        "com.example.notes");
-    ASSERT_TRUE(outcome.succeeded) << outcome.dump();
-  }
-  std::string bundleVersion(const std::string& identifier) {
-    const std::string info = record(identifier)->bundleURL.path() + "/Info.plist";
-    return *platform::readPropertyListDictionary(CVURL::fileURLWithPath(info, false), nullptr)
-                ->findString("QXBundleVersion");
-  }
-};
+class CustomerInstallTest : public InstallerFixture {};
 
 // The tree the fault handler below makes immutable.
 std::string lockedTree;
@@ -95,7 +91,7 @@ TEST_F(CustomerInstallTest, PutsBundleAndPluginInABundleContainerAndMakesTheData
 // A legacy package holding a plug-in alone: consumed when it is the known
 // plug-in (the installed copy stays), refused and kept otherwise.
 TEST_F(CustomerInstallTest, APackageHoldingAVPNPluginAlone) {
-  installNotesWithPlugin();
+  installStaged("C1", {"com.example.notes"}, true);
   const std::string installedBundle = record(kPlugin)->bundleURL.path();
   // (container, identifier in the bundle, identifier asked for, error or "")
   const std::vector<std::tuple<std::string, std::string, std::string, std::string>> cases = {
@@ -118,13 +114,10 @@ TEST_F(CustomerInstallTest, APackageHoldingAVPNPluginAlone) {
 }
 
 TEST_F(CustomerInstallTest, AVPNPluginIsForgottenByANewVersionWithoutItAndByAnOlderRegistry) {
-  installNotesWithPlugin();
-  ASSERT_TRUE(installCustomer(
-                  stageCustomerPackage("C2", {.identifier = "com.example.notes", .version = "2"}),
-                  "com.example.notes")
-                  .succeeded);
+  installStaged("C1", {"com.example.notes"}, true);
+  installStaged("C2", {.identifier = "com.example.notes", .version = "2"});
   EXPECT_FALSE(record(kPlugin));
-  installNotesWithPlugin();
+  installStaged("C1", {"com.example.notes"}, true);
   closeService();
   CVError error;
   ASSERT_TRUE(mavrel_installer::RegistryDatabase::open(
@@ -134,7 +127,7 @@ TEST_F(CustomerInstallTest, AVPNPluginIsForgottenByANewVersionWithoutItAndByAnOl
   openService();
   ASSERT_TRUE(record("com.example.notes"));
   EXPECT_FALSE(record(kPlugin));  // not known until its application is installed again
-  installNotesWithPlugin();
+  installStaged("C1", {"com.example.notes"}, true);
   EXPECT_TRUE(record(kPlugin));
 }
 
@@ -234,9 +227,7 @@ TEST_F(CustomerInstallTest, OptionsDecideWhatIsCheckedAndOnlyPackagesInTheImageA
       install(stageCustomerPackage("O1", {.identifier = "com.example.plain", .executable = ""}),
               options)
           .succeeded);
-  EXPECT_TRUE(installCustomer(stageCustomerPackage("O2", {"com.zentrel.Orvos6Updater"}),
-                              "com.zentrel.Orvos6Updater")
-                  .succeeded);
+  installStaged("O2", {"com.zentrel.Orvos6Updater"});
 
   const std::string staging = stageCustomerPackage("O3", {"com.example.opts"});
   CVDictionary noIdentifier = customerOptions("x");
@@ -304,7 +295,8 @@ TEST_F(CustomerInstallTest, StepsThatFailAfterRegistrationAreDoneAtTheNextOpenin
   reopen();
   EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
   EXPECT_EQ(record("com.example.game")->dataContainerURL, installed->dataContainerURL);
-  EXPECT_EQ(bundleVersion("com.example.game"), "2");
+  const std::string info = record("com.example.game")->bundleURL.path() + "/Info.plist";
+  EXPECT_EQ(*image_.readPlistDictionary(info).findString("QXBundleVersion"), "2");
 }
 
 // The install asked for again with an empty "Payload" after a crash between
@@ -313,11 +305,8 @@ TEST_F(CustomerInstallTest, StepsThatFailAfterRegistrationAreDoneAtTheNextOpenin
 TEST_F(CustomerInstallTest, AnEmptyPayloadGetsTheAnswerOfTheCompletedInstallOrIsRefused) {
   writeBuiltInApplication({"com.zentrel.weather"});
   reopenWithNewConfiguration();
-  ASSERT_TRUE(installCustomer(stageCustomerPackage("R1", {"com.example.todo"}), "com.example.todo")
-                  .succeeded);
-  ASSERT_TRUE(
-      installCustomer(stageCustomerPackage("R2", {"com.example.notes"}, true), "com.example.notes")
-          .succeeded);
+  installStaged("R1", {"com.example.todo"});
+  installStaged("R2", {"com.example.notes"}, true);
   TemporaryDirectory temporary;
   ASSERT_TRUE(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.example.held"}),
                                  "com.example.held")
@@ -358,6 +347,213 @@ TEST_F(CustomerInstallTest, AnEmptyPayloadGetsTheAnswerOfTheCompletedInstallOrIs
   EXPECT_EQ(record("com.example.notes.vpn")->bundleURL, plugin->bundleURL);
   EXPECT_TRUE(pathExists(plugin->bundleURL.path() + "/Info.plist"));
   EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
+}
+
+// ---- Placeholders
+
+class PlaceholderInstallTest : public InstallerFixture {
+ protected:
+  // Where the migrator stages placeholders: its temporary directory, which
+  // need not be inside the image.
+  TemporaryDirectory temporary_;
+};
+
+TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
+  const std::string package = makePlaceholderPackage(
+      temporary_.path(), {.identifier = "com.example.maps", .executable = ""});
+  writeFile(package + "/Icon.png", "png bytes");
+  const CVData metadata{'<', 'p', 'l', 'i', 's', 't', 0x00, 0xFF};
+  const InstallOutcome outcome = installPlaceholder(package, "com.example.maps", metadata);
+  ASSERT_TRUE(outcome.succeeded) << outcome.dump();
+
+  const auto placeholder = record("com.example.maps");
+  ASSERT_TRUE(placeholder);
+  EXPECT_EQ(placeholder->bundleType, "Placeholder");
+  EXPECT_TRUE(placeholder->foundBackingBundle);
+  const std::string container = placeholder->bundleContainerURL.path();
+  EXPECT_EQ(entriesOf(container),
+            (std::vector<std::string>{"SorvikMetadata.plist", "com.example.maps.app"}));
+  EXPECT_TRUE(CVFileManager::defaultManager().bundleAtURLIsPlaceholder(placeholder->bundleURL));
+  EXPECT_EQ(readFile(container + "/com.example.maps.app/Icon.png"), "png bytes");
+  const std::string stored = readFile(container + "/SorvikMetadata.plist");
+  EXPECT_EQ(CVData(stored.begin(), stored.end()), metadata);
+
+  // The caller's package is only read: it stays, unmarked.
+  EXPECT_TRUE(pathExists(package + "/Info.plist"));
+  EXPECT_FALSE(CVFileManager::defaultManager().bundleAtURLIsPlaceholder(
+      CVURL::fileURLWithPath(package, true)));
+  EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
+
+  // Installed again, a placeholder replaces the placeholder and keeps the data.
+  ASSERT_TRUE(installPlaceholder(package, "com.example.maps").succeeded);
+  EXPECT_EQ(record("com.example.maps")->dataContainerURL, placeholder->dataContainerURL);
+  EXPECT_FALSE(pathExists(container));
+}
+
+// A package in the device's temporary directory is taken, not copied, and
+// given back when the install fails; the skeleton entries the user data
+// leaves missing are made, and only those, when the placeholder is replaced
+// or the session ends without a replacement.
+TEST_F(PlaceholderInstallTest, TakesPackagesFromTheTemporaryDirectoryAndCompletesTheDataLater) {
+  const std::string temporary = root() + "/private/var/tmp/mavrel";
+  makeDirectories(temporary);
+  options_.temporaryDirectory = temporary;
+  reopen();
+  struct Case {
+    std::string identifier;
+    std::vector<std::string> userData;      // made in the data container before the end
+    bool replaced;                          // by a customer install, else by reopening
+    std::vector<std::string> libraryAfter;  // entries of "Library" at the end
+  };
+  const Case cases[] = {
+      {"com.example.one", {}, false, {"Caches", "Preferences"}},
+      {"com.example.two", {"Library/Cookies"}, true, {"Cookies"}},
+      {"com.example.three", {"Documents/a.txt"}, false, {"Caches", "Preferences"}},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.identifier);
+    const std::string package = makePlaceholderPackage(temporary, {test.identifier});
+    const InstallOutcome outcome = installPlaceholder(package, test.identifier);
+    ASSERT_TRUE(outcome.succeeded) << outcome.dump();
+    EXPECT_FALSE(pathExists(package));  // taken
+    const auto placeholder = record(test.identifier);
+    // Without metadata nothing is stored beside the bundle.
+    EXPECT_EQ(entriesOf(placeholder->bundleContainerURL.path()),
+              std::vector<std::string>{test.identifier + ".app"});
+    const std::string data = placeholder->dataContainerURL.path();
+    EXPECT_EQ(entriesOf(data), kNothing);
+    for (const std::string& item : test.userData)
+      writeFile(data + "/" + item, "user data");
+    if (test.replaced) {
+      installStaged(test.identifier, {test.identifier});
+    } else {
+      reopen();
+    }
+    EXPECT_EQ(pathExists(placeholder->bundleContainerURL.path()), !test.replaced);
+    EXPECT_EQ(record(test.identifier)->dataContainerURL.path(), data);
+    EXPECT_EQ(record(test.identifier)->bundleType, test.replaced ? "User" : "Placeholder");
+    EXPECT_EQ(entriesOf(data), kSkeleton);
+    EXPECT_EQ(entriesOf(data + "/Library"), test.libraryAfter);
+  }
+  // A refused package is given back; a placeholder never replaces an application.
+  const std::string other = makePlaceholderPackage(temporary, {"com.example.other"});
+  EXPECT_EQ(installPlaceholder(other, "com.example.four").errorName(), "BundleIdentifierMismatch");
+  const std::string late = makePlaceholderPackage(temporary, {"com.example.two"});
+  EXPECT_EQ(installPlaceholder(late, "com.example.two").errorName(), "ApplicationAlreadyInstalled");
+  EXPECT_TRUE(pathExists(other + "/Info.plist") && pathExists(late + "/Info.plist"));
+  EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
+}
+
+TEST_F(PlaceholderInstallTest, ChecksTheCopyItInstalls) {
+  const std::string escaping = makePlaceholderPackage(temporary_.path(), {"com.example.c"});
+  makeSymlink("/etc", escaping + "/etc");
+  CVDictionary blacklisted = placeholderOptions("com.zentrel.Orvos6Updater");
+  blacklisted.remove(platform::kSkipBlacklistOptionKey);
+  const std::vector<std::pair<InstallOutcome, std::string>> cases = {
+      {installPlaceholder(escaping, "com.example.c"), "InvalidSymlink"},
+      {install(makePlaceholderPackage(temporary_.path(), {"com.zentrel.Orvos6Updater"}),
+               blacklisted),
+       "ApplicationBlacklisted"},
+      {installPlaceholder(temporary_ / "missing.app", "com.example.d"), "InvalidInstallSource"},
+  };
+  for (const auto& [outcome, expected] : cases)
+    EXPECT_EQ(outcome.errorName(), expected) << outcome.dump();
+  // Nothing of the refused installs is left anywhere.
+  for (const std::string& place : {bundleContainers(), dataContainers(), stagingRoot()})
+    EXPECT_EQ(entriesOf(place), kNothing) << place;
+}
+
+// ---- Built-in applications
+
+std::optional<std::int32_t> protectionClassOf(const std::string& path) {
+  std::vector<char> value;
+  std::int32_t number = 0;
+  if (platform::sys::getAttribute(platform::sys::AttributeItem::link(path.c_str()),
+                                  platform::sys::kProtectionClassAttributeName, value) != 0 ||
+      value.size() != sizeof number)
+    return std::nullopt;
+  std::memcpy(&number, value.data(), sizeof number);
+  return number;
+}
+
+class BuiltInApplicationTest : public InstallerFixture {
+ protected:
+  void SetUp() override {
+    InstallerFixture::SetUp();
+    weatherBundle_ = writeBuiltInApplication({.identifier = "com.zentrel.weather",
+                                              .version = "500",
+                                              .groups = {"group.zentrel.weather"}});
+    writeBuiltInApplication({"com.zentrel.clock"});
+    reopenWithNewConfiguration();
+  }
+  bool updateProtection(bool withOption) {
+    return service_->CorvaneUpdateContainerDataProtectionForMigratorOnly(
+        withOption
+            ? CVDictionary{{std::string(platform::kCVUpdateSystemAppDataContainerDataProtection),
+                            CVValue(true)}}
+            : CVDictionary{});
+  }
+  std::string weatherBundle_;
+};
+
+// A built-in is a system application whose data container is made on first
+// need; a legacy copy of it gives its data and is refused, and not kept, so
+// that its container can go.
+TEST_F(BuiltInApplicationTest, ALegacyCopyGivesItsDataAndIsRefusedAsAlreadyInstalled) {
+  EXPECT_TRUE(service_->isApplicationInstalled("com.zentrel.weather"));
+  EXPECT_EQ(entriesOf(dataContainers()), kNothing);
+  const auto weather = record("com.zentrel.weather");
+  ASSERT_TRUE(weather && weather->groupContainerURLs);
+  EXPECT_EQ(std::tuple(weather->bundleType, weather->bundleURL.path(), weather->foundBackingBundle,
+                       weather->bundleContainerURL.isNil()),
+            std::tuple(std::string("System"), weatherBundle_, true, true));
+  EXPECT_EQ(entriesOf(weather->dataContainerURL.path()), kSkeleton);
+  EXPECT_EQ(weather->groupContainerURLs->keys(), std::vector<std::string>{"group.zentrel.weather"});
+  writeFile(weather->dataContainerURL.path() + "/Documents/cities.plist", "Oslo");
+
+  const std::string staging =
+      stageCustomerPackage("W1", {"com.zentrel.weather"}, false, {"Manifest.plist"});
+  EXPECT_EQ(installCustomer(staging, "com.zentrel.weather").errorName(),
+            "ApplicationAlreadyInstalled");
+  EXPECT_EQ(entriesOf(home("Applications/W1")), kNothing);
+  TemporaryDirectory temporary;
+  EXPECT_EQ(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.zentrel.clock"}),
+                               "com.zentrel.clock")
+                .errorName(),
+            "ApplicationAlreadyInstalled");
+  reopen();
+  const auto after = record("com.zentrel.weather");
+  EXPECT_EQ(after->bundleType, "System");
+  EXPECT_EQ(after->dataContainerURL, weather->dataContainerURL);
+  EXPECT_EQ(readFile(after->dataContainerURL.path() + "/Documents/cities.plist"), "Oslo");
+  EXPECT_EQ(entriesOf(bundleContainers()), kNothing);
+  EXPECT_EQ(entriesOf(dataContainers()).size(), 1u);
+}
+
+TEST_F(BuiltInApplicationTest, DataProtectionIsSetOnTheSystemDataContainersTheRegistryKnows) {
+  const auto weather = record("com.zentrel.weather");
+  installStaged("U1", {"com.example.user"});
+  const auto user = record("com.example.user");
+  EXPECT_TRUE(updateProtection(false));
+  EXPECT_EQ(protectionClassOf(weather->dataContainerURL.path()), std::nullopt)
+      << "without the option nothing is updated";
+  EXPECT_TRUE(updateProtection(true));
+  EXPECT_EQ(protectionClassOf(weather->dataContainerURL.path()),
+            mavrel_installer::kSystemDataContainerProtectionClass);
+  EXPECT_EQ(protectionClassOf(user->dataContainerURL.path()), std::nullopt);
+  // The clock never needed a container, so none was made for the update.
+  EXPECT_EQ(entriesOf(dataContainers()).size(), 2u);
+
+  // It fails only when the registry cannot be read: another connection takes
+  // the registry's tables away underneath the service.
+  CVError error;
+  ASSERT_TRUE(mavrel_installer::RegistryDatabase::open(
+                  registryPath(), mavrel_installer::RegistryDatabase::Access::ReadWrite, &error)
+                  ->execute("DROP TABLE application_groups; DROP TABLE applications;", &error))
+      << error.description();
+  CapturedLog log(platform::installerLog());
+  EXPECT_FALSE(updateProtection(true));
+  EXPECT_TRUE(log.containsFragment("Could not read the application registry")) << log.dump();
 }
 
 }  // namespace

@@ -159,6 +159,13 @@ class InstallerFixture : public ::testing::Test {
   InstallOutcome installCustomer(const std::string& staging, const std::string& identifier) {
     return install(staging, customerOptions(identifier));
   }
+  // Stages a customer package and installs it; fails the test when it is refused.
+  void installStaged(const std::string& container, const BundleSpec& spec,
+                     bool withVPNPlugin = false) {
+    const InstallOutcome outcome =
+        installCustomer(stageCustomerPackage(container, spec, withVPNPlugin), spec.identifier);
+    ASSERT_TRUE(outcome.succeeded) << outcome.dump();
+  }
   InstallOutcome installPlaceholder(const std::string& bundle, const std::string& identifier,
                                     const std::optional<CVData>& metadata = std::nullopt) {
     return install(bundle, placeholderOptions(identifier, metadata));

@@ -92,12 +92,10 @@ class CrashResumeTest : public SweepTest {
       problem(trial, "the run after a success " + again.describe());
       return;
     }
-    std::string difference;
-    for (const std::string& change :
-         differences(before, workspace.snapshot(), AccessTimes::AndModificationTimesIgnored))
-      difference += "  " + change + "\n";
+    std::string difference = testing_support::listed(
+        differences(before, workspace.snapshot(), AccessTimes::AndModificationTimesIgnored));
     if (listedBefore.out != workspace.listApplications().out)
-      difference += "  the registry's listing changed\n";
+      difference += "the registry's listing changed\n";
     if (!difference.empty())
       problem(trial, "the run after a success changed the image:\n" + difference);
   }
@@ -148,12 +146,10 @@ const std::vector<Family>& families() {
 }
 
 bool inFamily(const Family& family, const std::string& call) {
-  if (!family.calls.empty())
-    return std::find(family.calls.begin(), family.calls.end(), call) != family.calls.end();
-  for (const Family& other : families()) {
-    if (!other.calls.empty() && inFamily(other, call)) return false;
-  }
-  return true;
+  if (!family.calls.empty()) return std::ranges::find(family.calls, call) != family.calls.end();
+  return std::ranges::none_of(families(), [&call](const Family& other) {
+    return !other.calls.empty() && inFamily(other, call);
+  });
 }
 
 void PrintTo(const Family& family, std::ostream* stream) {

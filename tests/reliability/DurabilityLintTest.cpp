@@ -9,7 +9,6 @@
 #include <optional>
 #include <set>
 
-#include "tests/reliability/StraceTrace.h"
 #include "tests/reliability/Sweep.h"
 #include "tests/support/TreeSnapshot.h"
 
@@ -21,10 +20,7 @@ using testing_support::listed;
 constexpr std::string_view kMarkerName = "com.zentrel.corvane.container_migrator.plist";
 
 bool isOneOf(const std::string& name, std::initializer_list<std::string_view> names) {
-  for (std::string_view candidate : names) {
-    if (name == candidate) return true;
-  }
-  return false;
+  return std::ranges::find(names, name) != names.end();
 }
 
 bool isFileFlush(const std::string& name) {
@@ -184,7 +180,7 @@ DurabilityFindings lintTrace(const Trace& trace, const std::string& root,
       const auto origin = created.find(source);
       if (origin == created.end()) continue;  // a move of an existing item
       const bool inScratch =
-          std::any_of(scratch.begin(), scratch.end(), [&destination](const std::string& directory) {
+          std::ranges::any_of(scratch, [&destination](const std::string& directory) {
             return isInside(destination, directory);
           });
       if (inScratch) {
@@ -224,26 +220,25 @@ TEST(DurabilityLintTest, AMigrationFlushesWhatItWritesAsideAndItsMarkersBeforeMo
   ASSERT_TRUE(settings.error.empty()) << settings.error;
   testing_support::TemporaryDirectory base;
   std::string reason;
-  const auto created = SweepWorkspace::create(base.path() + "/worker", settings, &reason);
-  ASSERT_NE(created, nullptr) << reason;
-  SweepWorkspace& workspace = *created;
-  const Trace trace = traceMigration(workspace, mutatingSystemCalls(), &reason);
+  const auto workspace = SweepWorkspace::create(base.path() + "/worker", settings, &reason);
+  ASSERT_NE(workspace, nullptr) << reason;
+  const Trace trace = traceMigration(*workspace, mutatingSystemCalls(), &reason);
   ASSERT_FALSE(trace.calls.empty()) << reason;
   EXPECT_EQ(trace.unreadLines, 0u);
 
   // The host's temporary directory holds the staged placeholders, removed by
   // the call that fills them.
   const DurabilityFindings findings =
-      lintTrace(trace, workspace.root(),
-                {workspace.scratch() + "/migrate.out", workspace.scratch() + "/migrate.err"},
-                {workspace.root() + "/private/var/tmp/mavrel"});
+      lintTrace(trace, workspace->root(),
+                {workspace->scratch() + "/migrate.out", workspace->scratch() + "/migrate.err"},
+                {workspace->root() + "/private/var/tmp/mavrel"});
   std::printf(
       "Durability: %zu calls checked, %zu files written aside (%zu more in the temporary "
       "directory), %zu markers\n",
       findings.callsChecked, findings.filesWrittenAside, findings.filesInScratch,
       findings.markersChecked);
   // Every container of the image gets a marker before its data moves.
-  EXPECT_EQ(findings.markersChecked, workspace.manifest().containers.size());
+  EXPECT_EQ(findings.markersChecked, workspace->manifest().containers.size());
   EXPECT_GT(findings.filesWrittenAside, findings.markersChecked);
   EXPECT_GT(findings.filesInScratch, 0u);
   EXPECT_TRUE(findings.violations.empty()) << listed(findings.violations);

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <tuple>
 
 #include "tests/reliability/Sweep.h"
 
@@ -52,16 +53,13 @@ struct FaultTrial {
 std::vector<FaultTrial> faultTrials(const Trace& trace, const std::string& root) {
   // The migration starts with the first call that names the image (reads
   // of the command line by the sanitizer runtime aside).
-  std::size_t start = trace.calls.size();
-  for (std::size_t i = 0; i < trace.calls.size() && start == trace.calls.size(); ++i) {
-    if (trace.calls[i].name == "read" || trace.calls[i].name == "pread64") continue;
-    for (const std::string& argument : trace.calls[i].arguments) {
-      if (argument.find(root) != std::string::npos) {
-        start = i;
-        break;
-      }
-    }
-  }
+  const auto namesTheImage = [&root](const TracedCall& call) {
+    return call.name != "read" && call.name != "pread64" &&
+           std::ranges::any_of(call.arguments, [&root](const std::string& argument) {
+             return argument.find(root) != std::string::npos;
+           });
+  };
+  const std::size_t start = std::ranges::find_if(trace.calls, namesTheImage) - trace.calls.begin();
   std::map<std::pair<int, std::string>, std::size_t> ordinals;
   std::vector<FaultTrial> trials;
   for (std::size_t i = 0; i < trace.calls.size(); ++i) {
@@ -73,7 +71,7 @@ std::vector<FaultTrial> faultTrials(const Trace& trace, const std::string& root)
     if (!call.arguments.empty() && call.arguments[0].find("<pipe:") != std::string::npos) continue;
     std::string kind;
     for (const auto& [name, calls] : faultKinds()) {
-      if (std::find(calls.begin(), calls.end(), call.name) != calls.end()) kind = name;
+      if (std::ranges::find(calls, call.name) != calls.end()) kind = name;
     }
     for (const auto& [errorName, number] : kErrors) {
       for (const bool persistent : {false, true})
@@ -115,8 +113,8 @@ class FaultInjectionTest : public SweepTest {
       problem(name, "the run " + run.describe() + "\n" + lastLines(run.err, 40));
       return;
     }
-    const bool injected = std::any_of(trace.calls.begin(), trace.calls.end(),
-                                      [](const TracedCall& call) { return call.injected; });
+    const bool injected =
+        std::ranges::any_of(trace.calls, [](const TracedCall& call) { return call.injected; });
     if (!injected) {
       count("trials whose call was not reached");
       return;
@@ -167,20 +165,16 @@ TEST_F(FaultInjectionTest, FailedCallsAreReportedLoseNoDataAndAFaultFreeRerunFin
     // A sample that keeps every kind: a shuffled round robin over the kinds.
     std::mt19937_64 random(settings_.seed);
     std::shuffle(trials.begin(), trials.end(), random);
-    std::map<std::string, std::vector<FaultTrial>> byKind;
-    for (FaultTrial& trial : trials)
-      byKind[trial.kind].push_back(std::move(trial));
-    trials.clear();
-    for (std::size_t round = 0; trials.size() < settings_.faultTrials; ++round) {
-      bool any = false;
-      for (auto& [kind, list] : byKind) {
-        if (round < list.size() && trials.size() < settings_.faultTrials) {
-          trials.push_back(list[round]);
-          any = true;
-        }
-      }
-      if (!any) break;
-    }
+    // (round, kind, index): the order of the round robin.
+    std::map<std::string, std::size_t> rounds;
+    std::vector<std::tuple<std::size_t, std::string, std::size_t>> order;
+    for (std::size_t index = 0; index < trials.size(); ++index)
+      order.emplace_back(rounds[trials[index].kind]++, trials[index].kind, index);
+    std::sort(order.begin(), order.end());
+    std::vector<FaultTrial> sample;
+    for (std::size_t i = 0; i < settings_.faultTrials; ++i)
+      sample.push_back(trials[std::get<2>(order[i])]);
+    trials = std::move(sample);
   }
   const auto start = std::chrono::steady_clock::now();
   runTrials(trials.size(), [&](SweepWorkspace& workspace, std::size_t index) {
