@@ -116,9 +116,7 @@ TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
   };
   for (const auto& [words, message] : cases) {
     const ParsedCommand command = parseCommandLine(words);
-    std::string shown;
-    for (std::string_view word : words)
-      shown += std::string(word) + " ";
+    const std::string shown = ::testing::PrintToString(words);
     EXPECT_EQ(command.kind, ParsedCommand::Kind::Error) << shown;
     EXPECT_EQ(command.error, message) << shown;
     // The short usage of the command at fault, or the general one.

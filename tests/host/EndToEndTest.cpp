@@ -9,7 +9,6 @@
 #include <regex>
 
 #include "host/CommandLine.h"
-#include "platform/PropertyList.h"
 #include "platform/linux/FileDescriptor.h"
 #include "tests/host/GeneratedImage.h"
 #include "tests/support/JSON.h"
@@ -52,29 +51,8 @@ class EndToEndTest : public ::testing::Test {
         << names[0];
     return directory + "/" + names[0];
   }
-  // An application whose bundle lacks its executable: its entry fails.
-  void writeBrokenApplication(const std::string& container) {
-    image_.writeApplication(home("Applications/" + container + "/Example.app"), "com.example.app",
-                            {}, false);
-  }
 
   std::string registry() const { return home("Library/Corvane/ApplicationRegistry.sqlite"); }
-  // A legacy container with an application that can be installed, its user
-  // data and a group; and a safe harbor waiting to be registered.
-  void writeLegacyImage() {
-    const std::string bundle = home("Applications/0A1B2C3D/Example.app");
-    image_.writeApplication(bundle, "com.example.app", {"group.example"});
-    image_.writePlist(bundle + "/Info.plist",
-                      CVDictionary{{"QXBundleIdentifier", "com.example.app"},
-                                   {"QXBundleExecutable", "App"},
-                                   {"QXBundleVersion", "42"},
-                                   {"QXBundleShortVersionString", "4.2"}});
-    writeFile(home("Applications/0A1B2C3D/Documents/note.txt"), "from the old layout");
-    makeDirectories(home("Harbors/Gone"));
-    image_.writePlist(
-        home("Library/Corvane/SafeHarbor.plist"),
-        CVDictionary{{"com.example.gone", CVDictionary{{"HarborPathKey", home("Harbors/Gone")}}}});
-  }
   ProgramRun plan(const std::vector<std::string>& extra = {}) {
     std::vector<std::string> arguments{"plan", "--root", root_};
     arguments.insert(arguments.end(), extra.begin(), extra.end());
@@ -90,12 +68,8 @@ class EndToEndTest : public ::testing::Test {
 TEST_F(EndToEndTest, WithoutLegacyTreeRecordsTheSystemVersionAndWritesBothLogs) {
   const ProgramRun run = image_.migrate();
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
-  const auto read = [](const std::string& path) {
-    return platform::readPropertyListDictionary(CVURL::fileURLWithPath(path, false), nullptr);
-  };
-  const auto recorded = read(home() + "/Library/Corvane/AppMigratorLastSystemVersion.plist");
-  ASSERT_TRUE(recorded);
-  EXPECT_EQ(recorded, read(root_ + "/System/Library/CoreServices/SystemBuild.plist"));
+  EXPECT_EQ(image_.readPlistDictionary(home("Library/Corvane/AppMigratorLastSystemVersion.plist")),
+            image_.readPlistDictionary(root_ + "/System/Library/CoreServices/SystemBuild.plist"));
 
   // "2026-11-21 08:32:00.123 <5> MavrelHost AppMigrator.cpp:123 <function>: CVAppMigrator: ..."
   const std::regex textLine(
@@ -124,7 +98,7 @@ TEST_F(EndToEndTest, AFailedPassExitsOneAndSaysSo) {
   image_.writePlist(
       harborMap, CVDictionary{{"com.example.gone",
                                CVDictionary{{"HarborPathKey", image_.canary() + "/Documents"}}}});
-  writeBrokenApplication("0A1B2C3D");
+  image_.writeApplication(home("Applications/0A1B2C3D/Example.app"), "com.example.app", {}, false);
 
   const ProgramRun run = image_.migrate({"--log-level", "3", "--verify"});
   EXPECT_EQ(run.exitCode, 1) << run.err;
@@ -289,7 +263,9 @@ TEST_F(EndToEndTest, AnInterruptedRunSaysSoWritesItsReportAndResumes) {
   for (const auto& [signals, exitCode, name, where] :
        {std::tuple{"TERM", 143u, "SIGTERM", "(between two entries)"},
         std::tuple{"INT,INT", 130u, "SIGINT", "(in the middle of an entry)"}}) {
-    writeBrokenApplication(name);
+    // An application whose bundle lacks its executable: the pass has an entry.
+    image_.writeApplication(home("Applications/") + name + "/Example.app", "com.example.app", {},
+                            false);
     ::setenv("MAVREL_TEST_SIGNAL", signals, 1);
     const ProgramRun run =
         mavrel({"migrate", "--root", root_, "--plugin-dir", plugins, "--report", report});
@@ -370,8 +346,20 @@ TEST_F(EndToEndTest, PlanTheVerdictSaysWhenAMigrationIsRunningOrWasInterrupted) 
   }
 }
 
-TEST_F(EndToEndTest, AppsListsWhatAMigrationInstalledWithoutChangingTheImage) {
-  writeLegacyImage();
+TEST_F(EndToEndTest, AppsListsWhatAMigrationInstalledUnchangedAndExplainsAWriteCutOff) {
+  // A legacy container with an application that can be installed, its user
+  // data and a group; and a safe harbor waiting to be registered.
+  const std::string bundle = home("Applications/0A1B2C3D/Example.app");
+  image_.writeApplication(bundle, "com.example.app", {"group.example"});
+  image_.writePlist(bundle + "/Info.plist", CVDictionary{{"QXBundleIdentifier", "com.example.app"},
+                                                         {"QXBundleExecutable", "App"},
+                                                         {"QXBundleVersion", "42"},
+                                                         {"QXBundleShortVersionString", "4.2"}});
+  writeFile(home("Applications/0A1B2C3D/Documents/note.txt"), "from the old layout");
+  makeDirectories(home("Harbors/Gone"));
+  image_.writePlist(
+      home("Library/Corvane/SafeHarbor.plist"),
+      CVDictionary{{"com.example.gone", CVDictionary{{"HarborPathKey", home("Harbors/Gone")}}}});
   const ProgramRun migration = mavrel({"migrate", "--root", root_});
   ASSERT_EQ(migration.exitCode, 0) << migration.out << migration.err;
 
@@ -419,36 +407,7 @@ TEST_F(EndToEndTest, AppsListsWhatAMigrationInstalledWithoutChangingTheImage) {
                 home("Harbors/Gone") + "\",\"containerType\":2}]}\n");
   EXPECT_EQ(listed(differences(before, withoutCompanions(), AccessTimes::Ignored)), "")
       << "listing changed the image";
-}
 
-TEST_F(EndToEndTest, AppsWithoutARegistryListsBuiltInsAndADamagedOneStopsBothCommands) {
-  image_.writeBundle(
-      root_ + "/Applications/Weather.app",
-      CVDictionary{{"QXBundleIdentifier", "com.zentrel.weather"}, {"QXBundleVersion", "500"}});
-  const ProgramRun run = mavrel({"apps", "--root", root_});
-  ASSERT_EQ(run.exitCode, 0) << run.err;
-  expectContains(run.out, {"No application registry yet at " + registry(),
-                           "\ncom.zentrel.weather  system (500)\n  bundle: " + root_ +
-                               "/Applications/Weather.app\n  data container: (none yet)\n"});
-  EXPECT_FALSE(pathExists(home("Library/Corvane")));
-  const ProgramRun json = mavrel({"apps", "--root", root_, "--json"});
-  ASSERT_EQ(json.exitCode, 0) << json.err;
-  expectContains(json.out, {"\"registryExists\":false", "\"kind\":\"system\""});
-
-  const std::string damaged = "not a database at all, but long enough to look like a header....";
-  writeFile(registry(), damaged);
-  const ProgramRun list = mavrel({"apps", "--root", root_});
-  EXPECT_EQ(list.exitCode, 2);
-  expectContains(list.err, {registry(), "damaged or is not a database"});
-  const ProgramRun migration = mavrel({"migrate", "--root", root_});
-  EXPECT_EQ(migration.exitCode, 2) << migration.out << migration.err;
-  expectContains(migration.err, {"mavrel: cannot open the application registry: "});
-  EXPECT_EQ(readFile(registry()), damaged);
-}
-
-TEST_F(EndToEndTest, AppsAWriteCutOffBeforeItsCommitIsExplainedAndRolledBackByAMigration) {
-  writeLegacyImage();
-  ASSERT_EQ(mavrel({"migrate", "--root", root_}).exitCode, 0);
   // What a writer killed inside a commit in rollback-journal mode leaves: a
   // journal whose header was synced (no pages to put back here), naming the
   // size of the database before the write.
@@ -475,9 +434,34 @@ TEST_F(EndToEndTest, AppsAWriteCutOffBeforeItsCommitIsExplainedAndRolledBackByAM
   expectLacks(cut.err, {"readonly database"});
 
   ASSERT_EQ(mavrel({"migrate", "--root", root_}).exitCode, 0);
-  const ProgramRun listed = mavrel({"apps", "--root", root_});
-  EXPECT_EQ(listed.exitCode, 0) << listed.err;
-  expectContains(listed.out, {"com.example.app"});
+  const ProgramRun rolledBack = mavrel({"apps", "--root", root_});
+  EXPECT_EQ(rolledBack.exitCode, 0) << rolledBack.err;
+  expectContains(rolledBack.out, {"com.example.app"});
+}
+
+TEST_F(EndToEndTest, AppsWithoutARegistryListsBuiltInsAndADamagedOneStopsBothCommands) {
+  image_.writeBundle(
+      root_ + "/Applications/Weather.app",
+      CVDictionary{{"QXBundleIdentifier", "com.zentrel.weather"}, {"QXBundleVersion", "500"}});
+  const ProgramRun run = mavrel({"apps", "--root", root_});
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  expectContains(run.out, {"No application registry yet at " + registry(),
+                           "\ncom.zentrel.weather  system (500)\n  bundle: " + root_ +
+                               "/Applications/Weather.app\n  data container: (none yet)\n"});
+  EXPECT_FALSE(pathExists(home("Library/Corvane")));
+  const ProgramRun json = mavrel({"apps", "--root", root_, "--json"});
+  ASSERT_EQ(json.exitCode, 0) << json.err;
+  expectContains(json.out, {"\"registryExists\":false", "\"kind\":\"system\""});
+
+  const std::string damaged = "not a database at all, but long enough to look like a header....";
+  writeFile(registry(), damaged);
+  const ProgramRun list = mavrel({"apps", "--root", root_});
+  EXPECT_EQ(list.exitCode, 2);
+  expectContains(list.err, {registry(), "damaged or is not a database"});
+  const ProgramRun migration = mavrel({"migrate", "--root", root_});
+  EXPECT_EQ(migration.exitCode, 2) << migration.out << migration.err;
+  expectContains(migration.err, {"mavrel: cannot open the application registry: "});
+  EXPECT_EQ(readFile(registry()), damaged);
 }
 
 }  // namespace
