@@ -3,7 +3,6 @@
 // refusals), `plan`, and `apps` on a sound, missing, damaged or cut-off registry.
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <regex>
@@ -82,12 +81,10 @@ TEST_F(EndToEndTest, WithoutLegacyTreeRecordsTheSystemVersionAndWritesBothLogs) 
   expectContains(run.err, {"Migrating device image at " + root_, ": succeeded in "});
   expectLacks(run.err, {"failed"});
   // Log directories and the staging directory are made with fixed modes.
-  for (const auto& [path, mode] : {std::pair{home() + "/Library/Logs/Mavrel", 0755u},
-                                   std::pair{root_ + "/private/var/tmp/mavrel", 0700u}}) {
-    struct stat status {};
-    ASSERT_EQ(::stat(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, mode) << path;
-  }
+  EXPECT_EQ(std::filesystem::status(home("Library/Logs/Mavrel")).permissions(),
+            std::filesystem::perms(0755));
+  EXPECT_EQ(std::filesystem::status(root_ + "/private/var/tmp/mavrel").permissions(),
+            std::filesystem::perms(0700));
 }
 
 TEST_F(EndToEndTest, AFailedPassExitsOneAndSaysSo) {
