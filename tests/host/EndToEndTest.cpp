@@ -167,7 +167,6 @@ TEST_F(EndToEndTest, EveryRefusedCommandExitsTwoBeforeAnythingIsWritten) {
       {{"migrate"}, "usage: mavrel migrate --root DIR"},
       {{"migrate", "--root", outside + "/plain-file"},
        "option '--root': the root '" + outside + "/plain-file' is not a directory"},
-      {{"migrate", "--root", outside + "/absent"}, "does not exist"},
       {{"apps", "--root", outside + "/absent"}, "does not exist"},
       {{"migrate", "--root", outside + "/typo-dir"},
        "typo-dir' holds no device image: it has no private/var/mobile (the mobile user's home) and "
