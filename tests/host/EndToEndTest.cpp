@@ -28,14 +28,6 @@ std::vector<std::string> linesOf(const std::string& text) {
   return lines;
 }
 
-// The value after "<label>: " on the line that has it.
-std::string valueAfter(const std::string& text, const std::string& label) {
-  const std::size_t start = text.find(label + ": ");
-  if (start == std::string::npos) return std::string();
-  const std::size_t begin = start + label.size() + 2;
-  return text.substr(begin, text.find('\n', begin) - begin);
-}
-
 class EndToEndTest : public ::testing::Test {
  protected:
   std::string home(const std::string& relative = "") const { return image_.home(relative); }
@@ -366,25 +358,19 @@ TEST_F(EndToEndTest, AppsListsWhatAMigrationInstalledUnchangedAndExplainsAWriteC
     return snapshot;
   };
   const TreeSnapshot before = withoutCompanions();
-  const ProgramRun text = mavrel({"apps", "--root", root_});
-  ASSERT_EQ(text.exitCode, 0) << text.err;
-  const std::string bundleContainer = valueAfter(text.out, "  bundle container");
-  const std::string data = valueAfter(text.out, "  data container");
-  const std::string group = valueAfter(text.out, "  group container group.example");
-  EXPECT_TRUE(bundleContainer.starts_with(root_ + "/private/var/containers/Bundle/")) << text.out;
-  EXPECT_EQ(valueAfter(text.out, "  bundle"), bundleContainer + "/Example.app");
-  EXPECT_TRUE(pathExists(bundleContainer + "/Example.app/App"));
-  EXPECT_TRUE(data.starts_with(home("Containers/Data/"))) << text.out;
-  EXPECT_EQ(readFile(data + "/Documents/note.txt"), "from the old layout");
-  EXPECT_TRUE(group.starts_with(home("Containers/Shared/"))) << text.out;
-  expectContains(
-      text.out,
-      {"Application registry: " + registry(), "\ncom.example.app  application  4.2 (42)\n",
-       "Safe harbors:\n  com.example.gone  " + home("Harbors/Gone") + "  (container type 2)\n",
-       "1 application(s), 1 safe harbor(s)"});
-
   const ProgramRun json = mavrel({"apps", "--json", "--root=" + root_});
   ASSERT_EQ(json.exitCode, 0) << json.err;
+  const JSONValue document = parseJSON(json.out);
+  ASSERT_EQ(document["applications"].array.size(), 1u) << json.out;
+  const JSONValue& application = document["applications"].array[0];
+  const std::string bundleContainer = application["bundleContainer"].string;
+  const std::string data = application["dataContainer"].string;
+  const std::string group = application["groupContainers"]["group.example"].string;
+  EXPECT_TRUE(bundleContainer.starts_with(root_ + "/private/var/containers/Bundle/")) << json.out;
+  EXPECT_TRUE(pathExists(bundleContainer + "/Example.app/App"));
+  EXPECT_TRUE(data.starts_with(home("Containers/Data/"))) << json.out;
+  EXPECT_EQ(readFile(data + "/Documents/note.txt"), "from the old layout");
+  EXPECT_TRUE(group.starts_with(home("Containers/Shared/"))) << json.out;
   EXPECT_EQ(json.out,
             "{\"tool\":\"mavrel\",\"toolVersion\":\"" + std::string(mavrel_host::toolVersion()) +
                 "\",\"schemaVersion\":1,\"registry\":\"" + registry() +
@@ -397,6 +383,15 @@ TEST_F(EndToEndTest, AppsListsWhatAMigrationInstalledUnchangedAndExplainsAWriteC
                 data + "\",\"groupContainers\":{\"group.example\":\"" + group +
                 "\"}}],\"safeHarbors\":[{\"identifier\":\"com.example.gone\",\"path\":\"" +
                 home("Harbors/Gone") + "\",\"containerType\":2}]}\n");
+  const ProgramRun text = mavrel({"apps", "--root", root_});
+  ASSERT_EQ(text.exitCode, 0) << text.err;
+  EXPECT_EQ(text.out, "Application registry: " + registry() +
+                          "\n\ncom.example.app  application  4.2 (42)\n  bundle container: " +
+                          bundleContainer + "\n  bundle: " + bundleContainer +
+                          "/Example.app\n  data container: " + data +
+                          "\n  group container group.example: " + group +
+                          "\n\nSafe harbors:\n  com.example.gone  " + home("Harbors/Gone") +
+                          "  (container type 2)\n\n1 application(s), 1 safe harbor(s)\n");
   EXPECT_EQ(listed(differences(before, withoutCompanions(), AccessTimes::Ignored)), "")
       << "listing changed the image";
 
