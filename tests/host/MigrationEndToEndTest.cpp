@@ -1,8 +1,9 @@
 // The real `mavrel migrate --verify` on generated legacy images: every user
 // file arrives with its bytes; the plan (which writes nothing) foretells the
 // pass, its report and console; damage done after the pass exits 3; a moved
-// image migrates alike; the safety net keeps, recovers and purges what the
-// rules discard, is adopted after an interruption and cannot be led out of.
+// image or a "/var" link changes nothing; the safety net keeps, recovers and
+// purges what the rules discard, is adopted after an interruption and cannot
+// be led out of.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -144,8 +145,8 @@ class MigrationEndToEndTest : public ::testing::Test {
   static Files userData(const std::string& container, const std::string& prefix = "") {
     Files files;
     for (const char* item : {"Documents", "Library", "tmp", "Pormex"}) {
-      for (const auto& [path, contents] : digestsBelow(container + "/" + item))
-        files[prefix + item + "/" + path] = contents;
+      for (const auto& [path, digest] : digestsBelow(container + "/" + item))
+        files[prefix + item + "/" + path] = digest;
     }
     return files;
   }
