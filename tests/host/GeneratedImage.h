@@ -62,13 +62,12 @@ inline samplegen::ImageManifest generateImage(const std::string& directory,
     const auto root = samplegen::prepareImageRoot(templates / std::to_string(generated.size()),
                                                   /*replace=*/false, &error);
     EXPECT_TRUE(root.has_value()) << error.description();
-    samplegen::GeneratorOptions options;
-    options.root = root.value_or("");
-    options.applicationCount = applications;
-    options.seed = seed;
-    options.vpnOnlyCount = vpnOnly;
-    options.missingExecutable = missing;
-    options.extraItem = extra;
+    const samplegen::GeneratorOptions options{.root = root.value_or(""),
+                                              .applicationCount = applications,
+                                              .seed = seed,
+                                              .vpnOnlyCount = vpnOnly,
+                                              .missingExecutable = missing,
+                                              .extraItem = extra};
     auto manifest = samplegen::generateLegacyImage(options, &error);
     EXPECT_TRUE(manifest.has_value()) << error.description();
     if (!manifest) return samplegen::ImageManifest();

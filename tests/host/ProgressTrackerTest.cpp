@@ -32,6 +32,13 @@ platform::LogLine line(int level, std::string_view message) {
 void feed(ProgressTracker& tracker, std::string_view message, int level = 5) {
   tracker.write(line(level, message));
 }
+// Phase, total, examined, applications begun, count, current application, errors.
+using Figures = std::tuple<ProgressSnapshot::Phase, std::optional<std::uint64_t>, std::uint64_t,
+                           std::uint64_t, std::uint64_t, std::string, std::uint64_t>;
+Figures figures(const ProgressSnapshot& s) {
+  return {s.phase, s.total, s.examined, s.applicationsBegun, s.count(), s.currentApplication,
+          s.errors};
+}
 
 TEST(ProgressTrackerTest, ReadsOnlyTheNoticesItCounts) {
   const std::vector<std::pair<std::string, std::optional<std::string>>> identifiers = {
@@ -75,22 +82,18 @@ TEST(ProgressTrackerTest, CountsBothPhasesAndNeverMovesBack) {
     EXPECT_EQ(tracker.snapshot().applicationsBegun, snapshot.applicationsBegun);
     heard.push_back(std::to_string(snapshot.applicationsBegun) + " " + snapshot.currentApplication);
   });
-  EXPECT_EQ(tracker.snapshot().phase, ProgressSnapshot::Phase::Waiting);
+  using enum ProgressSnapshot::Phase;
+  EXPECT_EQ(figures(tracker.snapshot()), Figures(Waiting, std::nullopt, 0, 0, 0, "", 0));
   // Only notices move the figures; a failure counts as an error.
   feed(tracker, "CVAppMigrator: Introspecting /A", 3);
   feed(tracker, "CVAppMigrator: Migrating a.b at /x", 7);
-  EXPECT_EQ(tracker.snapshot().phase, ProgressSnapshot::Phase::Waiting);
-  EXPECT_EQ(tracker.snapshot().errors, 1u);
+  EXPECT_EQ(figures(tracker.snapshot()), Figures(Waiting, std::nullopt, 0, 0, 0, "", 1));
 
   feed(tracker, "CVAppMigrator: 3 items to migrate");
   feed(tracker, "CVAppMigrator: Introspecting /A");
   feed(tracker, "CVAppMigrator: Found app /A/X.app");
   feed(tracker, "CVAppMigrator: Introspecting /B");
-  ProgressSnapshot snapshot = tracker.snapshot();
-  EXPECT_EQ(snapshot.phase, ProgressSnapshot::Phase::Examining);
-  EXPECT_EQ(snapshot.total, 3u);
-  EXPECT_EQ(snapshot.examined, 2u);
-  EXPECT_EQ(snapshot.count(), 2u);
+  EXPECT_EQ(figures(tracker.snapshot()), Figures(Examining, 3, 2, 0, 2, "", 1));
 
   feed(tracker, "CVAppMigrator: Migrating com.example.b at /B/Y.app");
   feed(tracker, "CVAppMigrator: Migrating safe harbor for com.example.b at /h");
@@ -100,31 +103,20 @@ TEST(ProgressTrackerTest, CountsBothPhasesAndNeverMovesBack) {
   // and a smaller announcement must not lower the total.
   feed(tracker, "CVAppMigrator: Introspecting /late");
   feed(tracker, "CVAppMigrator: 2 items to migrate");
-  snapshot = tracker.snapshot();
-  EXPECT_EQ(snapshot.phase, ProgressSnapshot::Phase::Migrating);
-  EXPECT_EQ(snapshot.applicationsBegun, 2u);
-  EXPECT_EQ(snapshot.count(), 2u);
-  EXPECT_EQ(snapshot.total, 3u);
-  EXPECT_EQ(snapshot.currentApplication, "com.example.a");
-  EXPECT_EQ(snapshot.errors, 2u);
+  EXPECT_EQ(figures(tracker.snapshot()), Figures(Migrating, 3, 3, 2, 2, "com.example.a", 2));
   EXPECT_EQ(heard, (std::vector<std::string>{"1 com.example.b", "2 com.example.a"}));
   // Every line went on to the decorated sink, in order, counted or not.
   ASSERT_EQ(recorder->messages.size(), 12u);
   EXPECT_EQ(recorder->messages[4], "CVAppMigrator: Found app /A/X.app");
 
   tracker.reset();
-  snapshot = tracker.snapshot();
-  EXPECT_EQ(snapshot.phase, ProgressSnapshot::Phase::Waiting);
-  EXPECT_FALSE(snapshot.total);
-  EXPECT_EQ(snapshot.applicationsBegun, 0u);
-  EXPECT_TRUE(snapshot.currentApplication.empty());
+  EXPECT_EQ(figures(tracker.snapshot()), Figures(Waiting, std::nullopt, 0, 0, 0, "", 0));
 
   // Each pass takes the total its own migrator announced at set-up, not the next one's.
   feed(tracker, "CVAppMigrator: 9 items to migrate");
   tracker.beginPass(7);
   feed(tracker, "CVAppMigrator: Migrating a.b at /x");
-  EXPECT_EQ(tracker.snapshot().total, 7u);
-  EXPECT_EQ(tracker.snapshot().applicationsBegun, 1u);
+  EXPECT_EQ(figures(tracker.snapshot()), Figures(Migrating, 7, 0, 1, 1, "a.b", 0));
 }
 
 TEST(ProgressTrackerTest, SnapshotsFromAnotherThreadSeeMonotonicFigures) {

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -35,31 +36,28 @@ class DamagingMigrator final : public MavrelMigrator {
     if (const char* signal = std::getenv("MAVREL_TEST_SIGNAL")) interrupt(signal);
     const char* request = std::getenv("MAVREL_TEST_DAMAGE");
     if (request == nullptr) return true;
-    const std::string text(request);
-    const std::size_t first = text.find(':');
-    const std::size_t second = text.find(':', first + 1);
-    if (first == std::string::npos || second == std::string::npos) return true;
-    const std::string action = text.substr(0, first);
-    const std::string identifier = text.substr(first + 1, second - first - 1);
+    std::istringstream fields(request);
+    std::string action, identifier, relative;
+    if (!std::getline(fields, action, ':') || !std::getline(fields, identifier, ':') ||
+        !std::getline(fields, relative))
+      return true;
     const auto record = registry_.bundleRecordForIdentifier(identifier);
     if (!record || !record->dataContainerURL) return true;
     const std::filesystem::path file =
-        std::filesystem::path(record->dataContainerURL.path()) / text.substr(second + 1);
+        std::filesystem::path(record->dataContainerURL.path()) / relative;
     if (action == "remove") {
       std::filesystem::remove(file);
     } else if (action == "unmove") {
       const char* legacy = std::getenv("MAVREL_TEST_LEGACY_CONTAINER");
       if (legacy == nullptr) return true;
-      const std::filesystem::path back = std::filesystem::path(legacy) / text.substr(second + 1);
+      const std::filesystem::path back = std::filesystem::path(legacy) / relative;
       std::filesystem::create_directories(back.parent_path());
       std::filesystem::rename(file, back);
     } else if (action == "corrupt") {
       std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
-      char byte = 0;
-      stream.read(&byte, 1);
+      const char byte = static_cast<char>(stream.get() ^ 0x5A);
       stream.seekp(0);
-      byte = static_cast<char>(byte ^ 0x5A);
-      stream.write(&byte, 1);
+      stream.put(byte);
     }
     return true;
   }
