@@ -179,35 +179,29 @@ TEST_F(CopyMoveTest, FailuresAreRecordedWithTheCallThatFailed) {
   makeImmutable(temp_ / "locked/b");
   writeFile(temp_ / "occupied/other", "");
   enum Call { Copy, CopyIfExists, Move, MoveIfExists };
-  const struct {
-    Call call;
-    const char* source;
-    const char* destination;
-    int code;
-    std::string verb;
-    const char* text;
-  } cases[] = {
-      {Copy, "absent", "target", ENOENT, "mirrorit", "No such file or directory"},
-      {Move, "absent", "target", ENOENT, "rename", "No such file or directory"},
-      {CopyIfExists, "file/child", "x", ENOTDIR, "stat", "Not a directory"},
-      {MoveIfExists, "file/child", "x", ENOTDIR, "stat", "Not a directory"},
-      // What the copy made before the failure stays.
-      {Copy, "source/", "locked/", EPERM, "mirrorit", "Operation not permitted"},
-      {MoveIfExists, "source/", "occupied/", ENOTEMPTY, "rename", "Directory not empty"},
-  };
-  for (const auto& each : cases) {
-    SCOPED_TRACE(each.source + (" " + each.verb));
-    const CVURL source = url(each.source), destination = url(each.destination);
+  // (call, source, destination, code, failed step, text)
+  const std::vector<std::tuple<Call, const char*, const char*, int, std::string, const char*>>
+      cases = {
+          {Copy, "absent", "target", ENOENT, "mirrorit", "No such file or directory"},
+          {Move, "absent", "target", ENOENT, "rename", "No such file or directory"},
+          {CopyIfExists, "file/child", "x", ENOTDIR, "stat", "Not a directory"},
+          {MoveIfExists, "file/child", "x", ENOTDIR, "stat", "Not a directory"},
+          // What the copy made before the failure stays.
+          {Copy, "source/", "locked/", EPERM, "mirrorit", "Operation not permitted"},
+          {MoveIfExists, "source/", "occupied/", ENOTEMPTY, "rename", "Directory not empty"},
+      };
+  for (const auto& [call, from, to, code, verb, text] : cases) {
+    SCOPED_TRACE(from + (" " + verb));
+    const CVURL source = url(from), destination = url(to);
     error = CVError();
-    EXPECT_FALSE(each.call == Copy ? manager_.copyItemAtURL(source, destination, &error)
-                 : each.call == CopyIfExists
+    EXPECT_FALSE(call == Copy ? manager_.copyItemAtURL(source, destination, &error)
+                 : call == CopyIfExists
                      ? manager_.copyItemIfExistsAtURL(source, destination, &error)
-                 : each.call == Move ? manager_.moveItemAtURL(source, destination, &error)
-                                     : manager_.moveItemIfExistsAtURL(source, destination, &error));
-    const std::string to = each.verb == "stat" ? "" : " to " + destination.description();
-    expectPosixError(error, each.code,
-                     each.verb + " of " + source.description() + to + " failed: " + each.text,
-                     each.call <= CopyIfExists
+                 : call == Move ? manager_.moveItemAtURL(source, destination, &error)
+                                : manager_.moveItemIfExistsAtURL(source, destination, &error));
+    const std::string into = verb == "stat" ? "" : " to " + destination.description();
+    expectPosixError(error, code, verb + " of " + source.description() + into + " failed: " + text,
+                     call <= CopyIfExists
                          ? "-[CVFileManager _copyItemAtURL:toURL:failIfSrcMissing:error:]"
                          : "-[CVFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]");
   }
@@ -374,8 +368,7 @@ TEST_F(CopyMoveTest, MovesRenameOrFallBackToACopyAcrossDevices) {
     EXPECT_TRUE(manager_.moveItemAtURL(url("source/"), url("missing/destination/"), nullptr));
   }
   const std::string prefix = "Failed to remove source " + (temp_ / "source") + " : Error Domain=";
-  const auto lines = log.lines();
-  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const CapturedLine& line) {
+  EXPECT_TRUE(std::ranges::any_of(log.lines(), [&](const CapturedLine& line) {
     return line.level == 3 &&
            line.function == "-[CVFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]" &&
            line.message.starts_with(prefix) &&

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -157,9 +158,8 @@ TEST_F(FileManagerTest, TemporaryDirectoriesAreFreshPrivateAndNamedTemp) {
   EXPECT_EQ(
       std::tuple(error.domain(), error.code(), error.localizedDescription(), functionOf(error)),
       std::tuple(std::string("CVInstallerErrorDomain"), 4, description, function));
-  const CVValue* pathArgument = error.userInfo().find("PathArgument");
-  ASSERT_TRUE(pathArgument && pathArgument->asURL());
-  EXPECT_EQ(*pathArgument->asURL(), templateURL);
+  ASSERT_NE(error.userInfo().find("PathArgument"), nullptr);
+  EXPECT_EQ(*error.userInfo().find("PathArgument"), CVValue(templateURL));
   EXPECT_TRUE(error.underlyingError().isPOSIX(ENOENT)) << error.description();
   EXPECT_TRUE(manager_.createTemporaryDirectoryInDirectoryURL(parent, nullptr).isNil());
   ASSERT_EQ(log.count(), 2u) << log.dump();
@@ -386,15 +386,18 @@ TEST_F(FileManagerTest, DiskUsageMatchesAnIndependentCountAndTracesWhatItSkips) 
 // fatal; fatal, it is code 24 with the item's legacy name, and the later
 // items stay behind.
 TEST_F(FileManagerTest, StoreDataIsCarriedAndFailuresLoggedAndSkippedUnlessFatal) {
-  const auto capture = [&](bool doCopy, bool fatal, bool blocked, CVError* error) {
+  const auto capture = [&](bool doCopy, bool fatal, bool blocked, CVError* error,
+                           bool storeData = true) {
     std::filesystem::remove_all(temp_ / "src");
     std::filesystem::remove_all(temp_ / "dst");
     makeDirectories(temp_ / "dst");
-    writeFile(temp_ / "src/Manifest.plist", "manifest");
-    writeFile(temp_ / "src/SorvikArtwork/art.png", "art");
-    writeFile(temp_ / "src/SorvikMetadata.plist", "metadata");
-    writeFile(temp_ / "src/GeoJSON", "geo");
     writeFile(temp_ / "src/Other.plist", "not store data");
+    if (storeData) {
+      writeFile(temp_ / "src/Manifest.plist", "manifest");
+      writeFile(temp_ / "src/SorvikArtwork/art.png", "art");
+      writeFile(temp_ / "src/SorvikMetadata.plist", "metadata");
+      writeFile(temp_ / "src/GeoJSON", "geo");
+    }
     if (blocked) writeFile(temp_ / "dst/SorvikArtwork", "in the way");
     return manager_.captureStoreDataFromDirectory(temp_.directoryURL("src"),
                                                   temp_.directoryURL("dst"), doCopy, fatal, error);
@@ -437,16 +440,11 @@ TEST_F(FileManagerTest, StoreDataIsCarriedAndFailuresLoggedAndSkippedUnlessFatal
               (std::vector<std::string>{"Manifest.plist", "SorvikArtwork"}));
   }
   // A source without any of them: success, nothing made, nothing logged.
-  std::filesystem::remove_all(temp_ / "src");
-  makeDirectories(temp_ / "src");
-  std::filesystem::remove_all(temp_ / "dst");
-  makeDirectories(temp_ / "dst");
   CapturedLog log(platform::installerLog());
-  EXPECT_TRUE(manager_.captureStoreDataFromDirectory(
-      temp_.directoryURL("src"), temp_.directoryURL("dst"), true, true, nullptr));
-  EXPECT_TRUE(manager_.captureStoreDataFromDirectory(
-      temp_.directoryURL("src"), temp_.directoryURL("dst"), false, true, nullptr));
-  EXPECT_TRUE(entriesOf(temp_ / "dst").empty());
+  for (const bool doCopy : {true, false}) {
+    EXPECT_TRUE(capture(doCopy, true, false, nullptr, false));
+    EXPECT_TRUE(entriesOf(temp_ / "dst").empty());
+  }
   EXPECT_EQ(log.count(), 0u) << log.dump();
 }
 
@@ -525,11 +523,9 @@ TEST_F(FileManagerTest, PlaceholderMarkIsAFourByteAttribute) {
   EXPECT_TRUE(manager_.markBundleAsPlaceholder(temp_.directoryURL("App.app"), &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_TRUE(isPlaceholder("App.app"));
-  std::array<std::byte, 8> value{};
+  std::array<std::byte, 4> value{};
   ASSERT_EQ(sys::readPlaceholderAttribute((temp_ / "App.app").c_str(), value), 4);
-  std::uint32_t number = 0;
-  std::memcpy(&number, value.data(), sizeof number);
-  EXPECT_EQ(number, 1u);
+  EXPECT_EQ(std::bit_cast<std::uint32_t>(value), 1u);
 
   // Only the size counts, not what the attribute holds.
   makeDirectories(temp_ / "Long.app");

@@ -222,11 +222,9 @@ TEST(TreeWipeTest, DirectoryMovedOutOfTheTreeBelowClosedAncestorsIsNotFollowedOu
 // ENOENT as success.
 TEST(TreeWipeErrorCallbackTest, KeepsTheFirstNumberAndLogsAllButVanishedEntries) {
   const sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
-  const struct {
-    std::vector<std::pair<int, const char*>> reports;  // (error number or 0 for none, path)
-    int firstError;
-    std::vector<std::string> messages;
-  } cases[] = {
+  // ((error number or 0 for none, path) reported, first error kept, lines)
+  using Reports = std::vector<std::pair<int, const char*>>;
+  const std::vector<std::tuple<Reports, int, std::vector<std::string>>> cases = {
       {{{EACCES, "/r/a"}, {EPERM, "/r/b"}, {ENOENT, "/r/c"}},
        EACCES,
        {"treewipe hit error for /r/a : Permission denied",
@@ -239,10 +237,10 @@ TEST(TreeWipeErrorCallbackTest, KeepsTheFirstNumberAndLogsAllButVanishedEntries)
        {"treewipe hit error for /r/x but we failed to get the error number"}},
       {{{-EIO, "/r/y"}}, 0, {"treewipe hit error for /r/y : Input/output error"}},
   };
-  for (const auto& each : cases) {
+  for (const auto& [reports, expectedFirstError, messages] : cases) {
     CapturedLog log(platform::installerLog());
     int firstError = 0;
-    for (const auto& [number, path] : each.reports) {
+    for (const auto& [number, path] : reports) {
       // A negative number is reported without a context.
       if (number != 0) {
         EXPECT_EQ(sys::treeWipeStateSetErrorNumber(state.get(), std::abs(number)), 0);
@@ -251,8 +249,8 @@ TEST(TreeWipeErrorCallbackTest, KeepsTheFirstNumberAndLogsAllButVanishedEntries)
                                         number < 0 ? nullptr : &firstError),
                 sys::kTreeWipeProceed);
     }
-    EXPECT_EQ(firstError, each.firstError);
-    EXPECT_EQ(log.messages(), each.messages);
+    EXPECT_EQ(firstError, expectedFirstError);
+    EXPECT_EQ(log.messages(), messages);
     for (const auto& line : log.lines())
       EXPECT_EQ(std::tuple(line.level, line.function),
                 std::tuple(3, std::string(kCallbackFunction)));

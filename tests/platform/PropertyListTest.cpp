@@ -231,16 +231,11 @@ TEST(PropertyListReadTest, RefusedFilesAreNamedWithTheirReason) {
   // Sparse: the size is over the cap without the disk space.
   ASSERT_EQ(::truncate((directory / "huge.plist").c_str(), platform::kMaxPropertyListFileSize + 1),
             0);
-  struct Case {
-    const char* name;
-    bool dictionary;  // read with readPropertyListDictionary
-    long code;
-    int underlying;  // errno of the failed system call, or 0
-    std::string reason;
-  };
   const long corrupt = kPlatformPropertyListReadCorruptError;
   const long unknown = kPlatformFileReadUnknownError;
-  const std::vector<Case> cases = {
+  // (file, read with readPropertyListDictionary, code, errno of the failed
+  // system call or 0, reason)
+  const std::vector<std::tuple<const char*, bool, long, int, std::string>> cases = {
       {"absent.plist", false, kPlatformFileReadNoSuchFileError, ENOENT, "no such file"},
       {"array.plist", true, corrupt, 0, "not a dictionary (the root is array)"},
       {"bool.plist", true, corrupt, 0, "not a dictionary (the root is boolean)"},
@@ -253,21 +248,19 @@ TEST(PropertyListReadTest, RefusedFilesAreNamedWithTheirReason) {
       {"fifo.plist", false, unknown, EINVAL, "not a regular file"},
       {"huge.plist", false, unknown, EFBIG, "larger than 8388608 bytes"},
   };
-  for (const Case& each : cases) {
-    SCOPED_TRACE(each.name);
-    const CVURL url = directory.fileURL(each.name);
+  for (const auto& [name, dictionary, code, underlying, reason] : cases) {
+    SCOPED_TRACE(name);
+    const CVURL url = directory.fileURL(name);
     CVError error;
-    EXPECT_FALSE(each.dictionary ? platform::readPropertyListDictionary(url, &error).has_value()
-                                 : platform::readPropertyList(url, &error).has_value());
-    EXPECT_EQ(error.domain(), kPlatformErrorDomain);
-    EXPECT_EQ(error.code(), each.code) << error.description();
-    EXPECT_EQ(error.localizedDescription(), "The property list at " + (directory / each.name) +
-                                                " could not be read: " + each.reason);
-    if (each.underlying != 0) {
-      EXPECT_TRUE(error.underlyingError().isPOSIX(each.underlying)) << error.description();
-    } else {
-      EXPECT_TRUE(error.underlyingError().isNil()) << error.description();
-    }
+    EXPECT_FALSE(dictionary ? platform::readPropertyListDictionary(url, &error).has_value()
+                            : platform::readPropertyList(url, &error).has_value());
+    EXPECT_EQ(std::pair(error.domain(), error.code()),
+              std::pair(std::string(kPlatformErrorDomain), code));
+    EXPECT_EQ(error.localizedDescription(),
+              "The property list at " + (directory / name) + " could not be read: " + reason);
+    EXPECT_TRUE(underlying ? error.underlyingError().isPOSIX(underlying)
+                           : error.underlyingError().isNil())
+        << error.description();
   }
   // What is read: a dictionary file, and one behind a link earlier in the path.
   makeSymlink(directory.path(), directory / "alias");
