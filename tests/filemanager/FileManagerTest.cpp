@@ -149,7 +149,7 @@ TEST_F(FileManagerTest, TemporaryDirectoriesAreFreshPrivateAndNamedTemp) {
 
   // A missing parent: a record with the template, logged with or without a
   // place.
-  const CVURL parent = temp_.directoryURL("missing");
+  const CVURL parent = url("missing/");
   const CVURL templateURL = parent.URLByAppendingPathComponent("temp.XXXXXX", true);
   const std::string function = "-[CVFileManager createTemporaryDirectoryInDirectoryURL:error:]";
   const std::string description = "Failed to create temp dir at path " + templateURL.path();
@@ -171,12 +171,12 @@ TEST_F(FileManagerTest, TemporaryDirectoriesAreFreshPrivateAndNamedTemp) {
 
 TEST_F(FileManagerTest, LinksAreMadeAsGivenAndReadBackAsFileURLs) {
   CVError error = sentinelError();
-  const CVURL destination = temp_.directoryURL("not/there/yet");
-  EXPECT_TRUE(manager_.createSymbolicLinkAtURL(temp_.fileURL("link"), destination, &error));
+  const CVURL destination = url("not/there/yet/");
+  EXPECT_TRUE(manager_.createSymbolicLinkAtURL(url("link"), destination, &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(linkContent(temp_ / "link"), destination.path());
   writeFile(temp_ / "occupied", "kept");
-  EXPECT_FALSE(manager_.createSymbolicLinkAtURL(temp_.fileURL("occupied"), destination, &error));
+  EXPECT_FALSE(manager_.createSymbolicLinkAtURL(url("occupied"), destination, &error));
   expectPosixError(error, EEXIST,
                    "Could not create symlink containing " + destination.path() + " at " +
                        (temp_ / "occupied") + ": File exists",
@@ -188,16 +188,16 @@ TEST_F(FileManagerTest, LinksAreMadeAsGivenAndReadBackAsFileURLs) {
   const std::string longContent = "/" + std::string(1500, 'a') + "/tail";
   makeSymlink(longContent, temp_ / "long");
   error = sentinelError();
-  const CVURL absolute = manager_.destinationOfSymbolicLinkAtURL(temp_.fileURL("absolute"), &error);
+  const CVURL absolute = manager_.destinationOfSymbolicLinkAtURL(url("absolute"), &error);
   EXPECT_EQ(absolute, CVURL::fileURLWithPath("/some/absolute/place", false));
   EXPECT_FALSE(absolute.isDirectory());
   // Relative content is taken relative to the current directory, not the
   // link's.
-  EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(temp_.fileURL("relative"), &error).path(),
+  EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(url("relative"), &error).path(),
             std::filesystem::current_path().string() + "/relative/place");
   EXPECT_EQ(error, sentinelError());
   // Content is cut at 1024 bytes.
-  EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(temp_.fileURL("long"), nullptr).path(),
+  EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(url("long"), nullptr).path(),
             longContent.substr(0, 1024));
   for (const auto& [name, code, text] :
        {std::tuple{"occupied", EINVAL, "Invalid argument"},
@@ -224,9 +224,9 @@ std::optional<std::int32_t> protectionClassOf(const std::string& path) {
 
 TEST_F(FileManagerTest, CreateDirectoryMakesTheLastWithModeAndClassOrNamesTheFailedStep) {
   CVError error = sentinelError();
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.directoryURL("new"), false, 0700, &error));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("new/"), false, 0700, &error));
   EXPECT_EQ(permissionsOf(temp_ / "new"), 0700u);
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.directoryURL("a/b/c"), true, 0750, 4, &error));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("a/b/c/"), true, 0750, 4, &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(permissionsOf(temp_ / "a/b/c"), 0750u);
   EXPECT_EQ(permissionsOf(temp_ / "a/b") & 0700, 0700u);
@@ -237,20 +237,19 @@ TEST_F(FileManagerTest, CreateDirectoryMakesTheLastWithModeAndClassOrNamesTheFai
   makeDirectories(temp_ / "exists");
   ASSERT_EQ(::chmod((temp_ / "exists").c_str(), 0711), 0);
   for (const bool intermediates : {false, true}) {
-    EXPECT_TRUE(
-        manager_.createDirectoryAtURL(temp_.directoryURL("exists"), intermediates, 0700, &error));
+    EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), intermediates, 0700, &error));
   }
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(protectionClassOf(temp_ / "exists"), sys::kDefaultProtectionClass);
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.directoryURL("exists"), true, 0700, 2, nullptr));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), true, 0700, 2, nullptr));
   EXPECT_EQ(protectionClassOf(temp_ / "exists"), 2);
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.directoryURL("exists"), false, 0700, 1, nullptr));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), false, 0700, 1, nullptr));
   EXPECT_EQ(protectionClassOf(temp_ / "exists"), 1);
   EXPECT_EQ(permissionsOf(temp_ / "exists"), 0711u);
   // An existing file counts as success too, as long as no class is asked for.
   writeFile(temp_ / "file", "");
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.fileURL("file"), false, 0755, nullptr));
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.fileURL("file"), true, 0755, nullptr));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("file"), false, 0755, nullptr));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("file"), true, 0755, nullptr));
 
   // (path, intermediates, class or 0, code, description); nothing is logged.
   for (const auto& [path, intermediates, protectionClass, code, description] :
@@ -350,7 +349,7 @@ TEST_F(FileManagerTest, DiskUsageMatchesAnIndependentCountAndTracesWhatItSkips) 
   }
   CapturedLog log(platform::installerLog(), 7);
 
-  EXPECT_EQ(manager_.diskUsageForURL(temp_.directoryURL("root")), expected);
+  EXPECT_EQ(manager_.diskUsageForURL(url("root/")), expected);
   // Breadth-first, "a" and "c" are read in either order; the second name met is
   // skipped.
   const bool skippedSecond =
@@ -364,7 +363,7 @@ TEST_F(FileManagerTest, DiskUsageMatchesAnIndependentCountAndTracesWhatItSkips) 
     EXPECT_EQ(line.function, "-[CVFileManager diskUsageForURL:]");
   // An empty root counts zero and is not traced itself.
   log.clear();
-  EXPECT_EQ(manager_.diskUsageForURL(temp_.directoryURL("root/nested/empty")), 0u);
+  EXPECT_EQ(manager_.diskUsageForURL(url("root/nested/empty/")), 0u);
   EXPECT_EQ(log.count(), 0u) << log.dump();
 
   // What is not a directory counts zero with a line; a link is not followed.
@@ -399,8 +398,7 @@ TEST_F(FileManagerTest, StoreDataIsCarriedAndFailuresLoggedAndSkippedUnlessFatal
       writeFile(temp_ / "src/GeoJSON", "geo");
     }
     if (blocked) writeFile(temp_ / "dst/SorvikArtwork", "in the way");
-    return manager_.captureStoreDataFromDirectory(temp_.directoryURL("src"),
-                                                  temp_.directoryURL("dst"), doCopy, fatal, error);
+    return manager_.captureStoreDataFromDirectory(url("src/"), url("dst/"), doCopy, fatal, error);
   };
   const std::vector<std::string> items{"GeoJSON", "Manifest.plist", "SorvikArtwork",
                                        "SorvikMetadata.plist"};
@@ -483,8 +481,7 @@ TEST_F(FileManagerTest, ProtectionClassesAreSetWhenThePredicateAgrees) {
   makeSymlink(temp_ / "dir", temp_ / "link");
   CapturedLog log(platform::installerLog());
   std::int32_t protectionClass = -100;
-  EXPECT_FALSE(
-      manager_.dataProtectionClassOfItemAtURL(temp_.fileURL("link"), &protectionClass, &error));
+  EXPECT_FALSE(manager_.dataProtectionClassOfItemAtURL(url("link"), &protectionClass, &error));
   expectPosixError(error, ELOOP,
                    "Failed to open " + (temp_ / "link") + " : " + std::strerror(ELOOP),
                    "-[CVFileManager dataProtectionClassOfItemAtURL:class:error:]");
@@ -505,7 +502,7 @@ TEST_F(FileManagerTest, ProtectionClassesAreSetWhenThePredicateAgrees) {
   const platform::sys::ScopedProtectionClassFault unsupported(EOPNOTSUPP);
   const Predicate atDefault = [](std::int32_t current) { return current == 3; };
   EXPECT_TRUE(setClass("plain", 1, &atDefault, &error)) << error.description();
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.fileURL("dir/sub"), true, 0755, 4, &error))
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("dir/sub"), true, 0755, 4, &error))
       << error.description();
   EXPECT_EQ(classOf("plain"), 3);
   EXPECT_EQ(classOf("dir/sub"), 3);
@@ -519,8 +516,8 @@ TEST_F(FileManagerTest, PlaceholderMarkIsAFourByteAttribute) {
   makeDirectories(temp_ / "App.app");
   EXPECT_FALSE(isPlaceholder("App.app"));
   CVError error = sentinelError();
-  EXPECT_TRUE(manager_.markBundleAsPlaceholder(temp_.directoryURL("App.app"), &error));
-  EXPECT_TRUE(manager_.markBundleAsPlaceholder(temp_.directoryURL("App.app"), &error));
+  EXPECT_TRUE(manager_.markBundleAsPlaceholder(url("App.app/"), &error));
+  EXPECT_TRUE(manager_.markBundleAsPlaceholder(url("App.app/"), &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_TRUE(isPlaceholder("App.app"));
   std::array<std::byte, 4> value{};
@@ -543,7 +540,7 @@ TEST_F(FileManagerTest, PlaceholderMarkIsAFourByteAttribute) {
   makeDirectories(temp_ / "Target.app");
   makeSymlink(temp_ / "Target.app", temp_ / "Link.app");
   CapturedLog log(platform::installerLog());
-  EXPECT_FALSE(manager_.markBundleAsPlaceholder(temp_.directoryURL("Link.app"), &error));
+  EXPECT_FALSE(manager_.markBundleAsPlaceholder(url("Link.app/"), &error));
   const std::string description =
       "Could't set placeholder EA on \"" + (temp_ / "Link.app") + "\": " + std::strerror(EPERM);
   EXPECT_EQ(
@@ -554,7 +551,7 @@ TEST_F(FileManagerTest, PlaceholderMarkIsAFourByteAttribute) {
   ASSERT_EQ(log.count(), 1u) << log.dump();
   EXPECT_TRUE(log.containsFragment(": " + description)) << log.dump();
   EXPECT_FALSE(isPlaceholder("Target.app"));
-  EXPECT_FALSE(manager_.markBundleAsPlaceholder(temp_.directoryURL("Missing.app"), nullptr));
+  EXPECT_FALSE(manager_.markBundleAsPlaceholder(url("Missing.app/"), nullptr));
 }
 
 }  // namespace

@@ -36,10 +36,10 @@ TEST_F(RemoveItemTest, FilesLinksAndMissingPathsGoWithoutTouchingWhatLinksPointT
   makeSymlink(temp_ / "target", temp_ / "link");
   CapturedLog log(platform::installerLog());
   CVError error = sentinelError();
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("absent"), &error));
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.fileURL("file"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(url("absent/"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(url("file"), &error));
   // Marked as a directory URL, as a caller who trusts the link might pass it.
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("link"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(url("link/"), &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(entriesOf(temp_.path()), std::vector<std::string>{"target"});
   EXPECT_EQ(readFile(temp_ / "target/keep"), "kept");
@@ -48,7 +48,7 @@ TEST_F(RemoveItemTest, FilesLinksAndMissingPathsGoWithoutTouchingWhatLinksPointT
   EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), &error));
   expectPosixError(error, EFAULT, "nil url passed to -removeItemAtURL:error:", kRemoveFunction);
   EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), nullptr));
-  const CVURL below = temp_.fileURL("target/keep/below");
+  const CVURL below = url("target/keep/below");
   EXPECT_FALSE(manager_.removeItemAtURL(below, &error));
   expectPosixError(error, ENOTDIR,
                    "treewipe of " + below.description() + " failed: Not a directory",
@@ -80,10 +80,10 @@ TEST_F(RemoveItemTest, RemovesAWholeTreeWithoutFollowingLinksOutOfIt) {
   }
   CapturedLog log(platform::installerLog());
   CVError error = sentinelError();
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("root"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(url("root/"), &error));
   {
     ScopedDescriptorLimit limit(32);
-    EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("deep"), &error));
+    EXPECT_TRUE(manager_.removeItemAtURL(url("deep/"), &error));
   }
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(log.count(), 0u) << log.dump().substr(0, 1000);

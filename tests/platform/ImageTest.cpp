@@ -120,29 +120,27 @@ TEST(PNGDecodeTest, FormsBecomePremultipliedRGBA) {
 TEST(PNGDecodeTest, CorruptAndHostileFilesAreRefusedByKind) {
   const Bytes whole = readBytes(kSuite + "basn2c08.png");
   const PNGDecodeLimits narrow{.maxWidth = 16, .maxHeight = 64};
-  struct Case {
-    const char* name;
-    Bytes bytes;
-    long code;
-    PNGDecodeLimits limits = {};
-  };
-  const std::vector<Case> cases = {
-      {"empty", Bytes{}, kPNGNotPNGError},
-      {"signature cut", Bytes{0x89, 'P', 'N', 'G'}, kPNGNotPNGError},
-      {"text", Bytes(100, 'a'), kPNGNotPNGError},
-      {"cut in the data", Bytes(whole.begin(), whole.begin() + whole.size() / 2), kPNGCorruptError},
-      {"cut before the end", Bytes(whole.begin(), whole.end() - 1), kPNGCorruptError},
+  const std::vector<std::tuple<const char*, Bytes, long, PNGDecodeLimits>> cases = {
+      {"empty", Bytes{}, kPNGNotPNGError, {}},
+      {"signature cut", Bytes{0x89, 'P', 'N', 'G'}, kPNGNotPNGError, {}},
+      {"text", Bytes(100, 'a'), kPNGNotPNGError, {}},
+      {"cut in the data",
+       Bytes(whole.begin(), whole.begin() + whole.size() / 2),
+       kPNGCorruptError,
+       {}},
+      {"cut before the end", Bytes(whole.begin(), whole.end() - 1), kPNGCorruptError, {}},
       {"beyond the limits", readBytes(kSuite + "basn6a08.png"), kPNGTooLargeError, narrow},
-      {"largest legal size", buildPNG(0x7fffffff, 0x7fffffff, 8, 6, Bytes{0, 1, 2, 3}),
-       kPNGTooLargeError},
-      {"too little data", buildPNG(4096, 4096, 8, 6, Bytes{0, 1, 2, 3}), kPNGCorruptError},
+      {"largest legal size",
+       buildPNG(0x7fffffff, 0x7fffffff, 8, 6, Bytes{0, 1, 2, 3}),
+       kPNGTooLargeError,
+       {}},
+      {"too little data", buildPNG(4096, 4096, 8, 6, Bytes{0, 1, 2, 3}), kPNGCorruptError, {}},
   };
-  for (const Case& each : cases) {
+  for (const auto& [name, bytes, code, limits] : cases) {
     CVError error;
-    EXPECT_FALSE(decode(each.bytes, &error, each.limits)) << each.name;
-    EXPECT_EQ(std::pair(error.domain(), error.code()),
-              std::pair(std::string(kPNGErrorDomain), each.code))
-        << each.name;
+    EXPECT_FALSE(decode(bytes, &error, limits)) << name;
+    EXPECT_EQ(error.domain(), kPNGErrorDomain) << name;
+    EXPECT_EQ(error.code(), code) << name;
     // The description gives the reason after the kind, libpng's words included.
     EXPECT_FALSE(error.localizedDescription().ends_with(": ")) << error.localizedDescription();
   }
