@@ -259,11 +259,7 @@ TEST(ImageScalingTest, ScaledImagesKeepWhatTheGeometrySays) {
   EXPECT_TRUE(scaleImageByAreaAveraging(source, 60, 60)->pixels == source.pixels);
   // Red, blue, red to four: pixel 1 spans source [0.75, 1.5), a third red.
   const auto four = scaleImageByAreaAveraging(
-      patterned(3, 1,
-                [](auto x, auto) {
-                  return x == 1 ? Bytes{0, 0, 255, 255} : Bytes{255, 0, 0, 255};
-                }),
-      4, 1);
+      Image{3, 1, {255, 0, 0, 255, 0, 0, 255, 255, 255, 0, 0, 255}}, 4, 1);
   ASSERT_TRUE(four);
   EXPECT_EQ(four->pixels,
             (Bytes{255, 0, 0, 255, 85, 0, 170, 255, 85, 0, 170, 255, 255, 0, 0, 255}));
@@ -325,43 +321,37 @@ TEST_F(IconServiceTest, EachBundleGetsTheIconItNamesOrTheFallback) {
   const auto file = [](CVValue name) { return CVDictionary{{"QXBundleIconFile", name}}; };
   const auto files = [](CVArray names) { return CVDictionary{{"QXBundleIconFiles", names}}; };
   // (case, Info.plist, files, the grey level of the icon chosen or 0 for none)
-  const std::vector<
-      std::tuple<const char*, CVDictionary, std::vector<std::pair<std::string, Bytes>>, int>>
-      cases = {
-          {"string key",
-           file("AppIcon"),
-           {{"AppIcon.png", grey(120, 1)}, {"Icon.png", grey(120, 2)}},
-           1},
-          {"name with a suffix the file lacks", file("Plain.png"), {{"Plain", grey(120, 3)}}, 3},
-          {"array key", files({"Missing", 42, "Second"}), {{"Second.png", grey(120, 4)}}, 4},
-          {"largest named icon",
-           CVDictionary{{"QXBundleIconFile", "Small"},
-                        {"QXBundleIconFiles", CVArray{"Medium.png", "Large", "Small.png"}}},
-           {{"Small.png", grey(57, 5)},
-            {"Medium.png", grey(120, 6)},
-            {"Large.png", grey(180, 7)},
-            {"Icon.png", grey(512, 8)}},  // not named: not a candidate
-           7},
-          {"largest header that does not decode",
-           files({"Broken", "Good"}),
-           {{"Broken.png", headerOnlyPNG(1024)}, {"Good.png", grey(60, 9)}},
-           9},
-          {"fallback without Info.plist", none, {{"Icon.png", grey(120, 10)}}, 10},
-          {"fallback when the named icons are missing",
-           file("Gone"),
-           {{"Icon.png", grey(120, 11)}},
-           11},
-          {"fallback when the named icon does not decode",
-           file("Broken"),
-           {{"Broken.png", headerOnlyPNG(120)}, {"Icon.png", grey(120, 12)}},
-           12},
-          {"scaled down", file("Big"), {{"Big.png", grey(300, 13, 200)}}, 13},
-          {"no icon", none, {}, 0},
-          {"not a PNG", none, {{"Icon.png", Bytes(500, 'x')}}, 0},
-          {"corrupt PNG", none, {{"Icon.png", readBytes(kSuite + "xcsn0g01.png")}}, 0},
-          {"oversized file", file("Padded.png"), {{"Padded.png", padded}}, 0},
-          {"dimensions beyond the icon limit", none, {{"Icon.png", headerOnlyPNG(5000)}}, 0},
-      };
+  using Case =
+      std::tuple<const char*, CVDictionary, std::vector<std::pair<std::string, Bytes>>, int>;
+  const std::vector<Case> cases = {
+      {"string key", file("App"), {{"App.png", grey(120, 1)}, {"Icon.png", grey(120, 2)}}, 1},
+      {"name with a suffix the file lacks", file("Plain.png"), {{"Plain", grey(120, 3)}}, 3},
+      {"array key", files({"Missing", 42, "Second"}), {{"Second.png", grey(120, 4)}}, 4},
+      {"largest named icon",
+       CVDictionary{{"QXBundleIconFile", "Small"},
+                    {"QXBundleIconFiles", CVArray{"Medium.png", "Large", "Small.png"}}},
+       {{"Small.png", grey(57, 5)},
+        {"Medium.png", grey(120, 6)},
+        {"Large.png", grey(180, 7)},
+        {"Icon.png", grey(512, 8)}},  // not named: not a candidate
+       7},
+      {"largest header that does not decode",
+       files({"Broken", "Good"}),
+       {{"Broken.png", headerOnlyPNG(1024)}, {"Good.png", grey(60, 9)}},
+       9},
+      {"fallback without Info.plist", none, {{"Icon.png", grey(120, 10)}}, 10},
+      {"fallback for missing named icons", file("Gone"), {{"Icon.png", grey(120, 11)}}, 11},
+      {"fallback when the named icon does not decode",
+       file("Broken"),
+       {{"Broken.png", headerOnlyPNG(120)}, {"Icon.png", grey(120, 12)}},
+       12},
+      {"scaled down", file("Big"), {{"Big.png", grey(300, 13, 200)}}, 13},
+      {"no icon", none, {}, 0},
+      {"not a PNG", none, {{"Icon.png", Bytes(500, 'x')}}, 0},
+      {"corrupt PNG", none, {{"Icon.png", readBytes(kSuite + "xcsn0g01.png")}}, 0},
+      {"oversized file", file("Padded.png"), {{"Padded.png", padded}}, 0},
+      {"dimensions beyond the icon limit", none, {{"Icon.png", headerOnlyPNG(5000)}}, 0},
+  };
   for (const auto& [name, info, icons, level] : cases) {
     SCOPED_TRACE(name);
     std::filesystem::remove_all(bundlePath_);
