@@ -80,15 +80,14 @@ TEST_F(FileManagerTest, ListingHasEveryItemOnceMarksDirectoriesAndSkipsIgnoredLi
     many.push_back("file://" + (temp_ / name));
   }
   std::sort(many.begin(), many.end());
-  // The listing's absolute strings in order, or {"(failed)"}.
+  // The listing's absolute strings in order; a failed one lists the nil URL.
   const auto listing = [&](const char* directory, bool ignoringLinks, CVError* listError) {
-    const auto urls =
-        manager_.urlsForItemsInDirectoryAtURL(url(directory), ignoringLinks, listError);
-    std::vector<std::string> strings{"(failed)"};
-    if (urls) strings.clear();
-    for (const CVURL& each : urls.value_or(std::vector<CVURL>{}))
+    std::vector<std::string> strings;
+    for (const CVURL& each :
+         manager_.urlsForItemsInDirectoryAtURL(url(directory), ignoringLinks, listError)
+             .value_or(std::vector<CVURL>{CVURL()}))
       strings.push_back(each.absoluteString());
-    std::sort(strings.begin(), strings.end());
+    std::ranges::sort(strings);
     return strings;
   };
   const std::string base = "file://" + (temp_ / "dir/");
@@ -131,6 +130,13 @@ TEST_F(FileManagerTest, ListingHasEveryItemOnceMarksDirectoriesAndSkipsIgnoredLi
   }
 }
 
+mode_t permissionsOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+  EXPECT_TRUE(S_ISDIR(status.st_mode)) << path;
+  return status.st_mode & 07777;
+}
+
 TEST_F(FileManagerTest, TemporaryDirectoriesAreFreshPrivateAndNamedTemp) {
   CVError error = sentinelError();
   const CVURL first = manager_.createTemporaryDirectoryInDirectoryURL(temp_.url(), &error);
@@ -142,9 +148,7 @@ TEST_F(FileManagerTest, TemporaryDirectoriesAreFreshPrivateAndNamedTemp) {
     EXPECT_EQ(url.URLByDeletingLastPathComponent().path(), temp_.path());
     const std::string name = url.lastPathComponent();
     EXPECT_TRUE(name.starts_with("temp.") && name.size() == 11u && name != "temp.XXXXXX") << name;
-    struct stat status {};
-    ASSERT_EQ(::lstat(url.fileSystemRepresentation(), &status), 0);
-    EXPECT_EQ(status.st_mode & (S_IFMT | 0777), S_IFDIR | 0700u);
+    EXPECT_EQ(permissionsOf(url.path()), 0700u);
   }
 
   // A missing parent: a record with the template, logged with or without a
@@ -208,13 +212,6 @@ TEST_F(FileManagerTest, LinksAreMadeAsGivenAndReadBackAsFileURLs) {
   }
 }
 
-mode_t permissionsOf(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
-  EXPECT_TRUE(S_ISDIR(status.st_mode)) << path;
-  return status.st_mode & 07777;
-}
-
 std::optional<std::int32_t> protectionClassOf(const std::string& path) {
   const sys::UniqueFd fd = sys::openDirectory(path.c_str(), sys::FinalLink::NotFollowed);
   std::int32_t protectionClass = 0;
@@ -236,9 +233,8 @@ TEST_F(FileManagerTest, CreateDirectoryMakesTheLastWithModeAndClassOrNamesTheFai
   // An existing directory is success, keeps its mode and gets the class.
   makeDirectories(temp_ / "exists");
   ASSERT_EQ(::chmod((temp_ / "exists").c_str(), 0711), 0);
-  for (const bool intermediates : {false, true}) {
+  for (const bool intermediates : {false, true})
     EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), intermediates, 0700, &error));
-  }
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(protectionClassOf(temp_ / "exists"), sys::kDefaultProtectionClass);
   EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), true, 0700, 2, nullptr));
