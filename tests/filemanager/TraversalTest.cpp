@@ -97,29 +97,24 @@ TEST_F(TraversalTest, HandsOnEveryEntryWithDirectoriesBeforeAndAfterTheirContent
 TEST_F(TraversalTest, FailedWalksNameTheRoot) {
   makeDirectories(temp_ / "deep");
   makeDeepTree(temp_ / "deep", 400, "directory-with-a-long-name");
-  const struct {
-    CVURL url;
-    int code;
-    std::string description;
-    bool entriesSeen;
-  } cases[] = {
+  // (root, code, description, whether the walk met entries before failing)
+  const std::vector<std::tuple<CVURL, int, std::string, bool>> cases = {
       {url("absent/"), ENOENT,
        "Error for path " + (temp_ / "absent") + ": No such file or directory", false},
       {url("deep/"), ENAMETOOLONG, "Error for path " + (temp_ / "deep") + ": File name too long",
        true},
       {CVURL(), ENOENT, "fts_open failed for  with error No such file or directory", false},
   };
-  for (const auto& each : cases) {
+  for (const auto& [root, code, description, entriesSeen] : cases) {
     int calls = 0;
     CVError error;
-    EXPECT_FALSE(manager_._traverseDirectory(each.url, &error, [&](const WalkEntry&, CVError*) {
+    EXPECT_FALSE(manager_._traverseDirectory(root, &error, [&](const WalkEntry&, CVError*) {
       ++calls;
       return true;
     }));
-    EXPECT_EQ(calls > 10, each.entriesSeen) << calls;
-    expectPosixError(
-        error, each.code, each.description,
-        each.url.isNil() ? "" : "-[CVFileManager _traverseDirectory:error:withBlock:]");
+    EXPECT_EQ(calls > 10, entriesSeen) << calls;
+    expectPosixError(error, code, description,
+                     root.isNil() ? "" : "-[CVFileManager _traverseDirectory:error:withBlock:]");
   }
 
   // The ownership walk of a missing root reports the failed stat over the walk
@@ -264,20 +259,13 @@ TEST(RealPathTest, DepthWalkCountsComponentsAndRefusesToClimbBelowTheStart) {
   EXPECT_TRUE(manager._validateSymlink(&plain, 0, nullptr));
 }
 
-// In the table, "{T}" is the temporary directory as given, "{R}" its real
-// path; a link is made as "target > link path below {T}". A result of "" is
-// a refusal (a nil URL).
-struct RealPathCase {
-  const char* name;
-  const char* link;  // "target > relative link path", or "" for none
-  const char* path;
-  const char* base;
-  const char* result;
-  const char* message;  // the level-3 line, or "" for none at all
-};
-
+// In the table of (case, link, path, base, result, the level-3 line or "" for
+// no line at all), "{T}" is the temporary directory as given, "{R}" its real
+// path; a link is made as "target > link path below {T}" ("" for none). A
+// result of "" is a refusal (a nil URL).
 TEST(RealPathTest, EveryCaseResolvesOrIsRefusedWithItsLine) {
-  const std::vector<RealPathCase> cases = {
+  using Text = const char*;
+  const std::vector<std::tuple<Text, Text, Text, Text, Text, Text>> cases = {
       {"inside", "", "{T}/c/file", "{T}/c", "{R}/c/file", ""},
       {"the base itself", "", "{T}/c", "{T}/c", "{R}/c", ""},
       {"missing trailing components", "", "{T}/c/a/new", "{T}/c", "{R}/c/a/new", ""},
@@ -313,8 +301,8 @@ TEST(RealPathTest, EveryCaseResolvesOrIsRefusedWithItsLine) {
        "Failed to realpath {T}/c/a/dangling : No such file or directory at {R}/c/a/missing"},
   };
   CVFileManager& manager = CVFileManager::defaultManager();
-  for (const RealPathCase& each : cases) {
-    SCOPED_TRACE(each.name);
+  for (const auto& [name, link, path, base, result, message] : cases) {
+    SCOPED_TRACE(name);
     TemporaryDirectory temp;
     makeDirectories(temp / "c/a/b");
     makeDirectories(temp / "c/b");
@@ -329,20 +317,16 @@ TEST(RealPathTest, EveryCaseResolvesOrIsRefusedWithItsLine) {
       }
       return text;
     };
-    if (const std::string link = each.link; !link.empty())
-      makeSymlink(expand(link.substr(0, link.find(" > "))),
-                  temp / link.substr(link.find(" > ") + 3));
+    if (const std::string made = link; !made.empty())
+      makeSymlink(expand(made.substr(0, made.find(" > "))),
+                  temp / made.substr(made.find(" > ") + 3));
     CapturedLog log(platform::installerLog());
-    const CVURL resolved =
-        manager.realPathForURL(fileURL(expand(each.path)), fileURL(expand(each.base)));
-    if (*each.result) {
-      EXPECT_EQ(resolved, fileURL(expand(each.result)));
-    } else {
-      EXPECT_TRUE(resolved.isNil()) << resolved.path();
-    }
-    if (*each.message) {
-      EXPECT_TRUE(log.contains(3, expand(each.message))) << log.dump();
-      if (std::string_view(each.message).starts_with("Rejecting")) {
+    const CVURL resolved = manager.realPathForURL(fileURL(expand(path)), fileURL(expand(base)));
+    // A result of "" makes the nil URL.
+    EXPECT_EQ(resolved, fileURL(expand(result))) << resolved.description();
+    if (*message) {
+      EXPECT_TRUE(log.contains(3, expand(message))) << log.dump();
+      if (std::string_view(message).starts_with("Rejecting")) {
         EXPECT_EQ(log.lines().at(0).function, "-[CVFileManager realPathForURL:ifChildOfURL:]");
       }
     } else {
