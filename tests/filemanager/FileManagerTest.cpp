@@ -122,11 +122,9 @@ TEST_F(FileManagerTest, ListingHasEveryItemOnceMarksDirectoriesAndSkipsIgnoredLi
     EXPECT_FALSE(manager_.urlsForItemsInDirectoryAtURL(temp_.directoryURL(name), ignoring, &error));
     expectPosixError(error, code, "_IterateDirectory for " + (temp_ / name) + " returned " + text,
                      "-[CVFileManager urlsForItemsInDirectoryAtURL:ignoringSymlinks:error:]");
-    std::vector<Line> expected;
-    if (code != ENOENT)
-      expected = {
-          {3, "open of " + (temp_ / name) + " failed: Not a directory", "_IterateDirectory"}};
-    EXPECT_EQ(logged(failures), expected) << name;
+    const Line opened{3, "open of " + (temp_ / name) + " failed: Not a directory",
+                      "_IterateDirectory"};
+    EXPECT_EQ(logged(failures), code == ENOENT ? std::vector<Line>{} : std::vector{opened}) << name;
   }
 }
 
