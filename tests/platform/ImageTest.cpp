@@ -369,13 +369,11 @@ TEST_F(IconServiceTest, EachBundleGetsTheIconItNamesOrTheFallback) {
 }
 
 TEST_F(IconServiceTest, UndecodableIconsAreLoggedAndNothingOutsideTheBundleIsRead) {
-  {
-    CapturedLog log(installerLog(), kLogLevelDebug);
-    writeBytes(bundlePath_ + "/Icon.png", headerOnlyPNG(120));
-    EXPECT_FALSE(icon());
-    EXPECT_TRUE(log.containsFragment(bundlePath_ + "/Icon.png not decoded: corrupt PNG"))
-        << log.dump();
-  }
+  CapturedLog log(installerLog(), kLogLevelDebug);
+  writeBytes(bundlePath_ + "/Icon.png", headerOnlyPNG(120));
+  EXPECT_FALSE(icon());
+  EXPECT_TRUE(log.containsFragment(bundlePath_ + "/Icon.png not decoded: corrupt PNG"))
+      << log.dump();
   std::filesystem::remove(bundlePath_ + "/Icon.png");
   makeDirectories(bundlePath_ + "/Icon.png");
   EXPECT_FALSE(icon()) << "directory";

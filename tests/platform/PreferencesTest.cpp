@@ -44,13 +44,11 @@ class PreferencesTest : public ::testing::Test {
 
 TEST_F(PreferencesTest, ValuesKeepTheirTypesInAPlainFileOfTheDomain) {
   EXPECT_EQ(store_.fileURLForDomain(kDomain), CVURL::fileURLWithPath(domainPath(), false));
-  {
-    CapturedLog log(platform::installerLog());
-    EXPECT_FALSE(copy(store_, "absent"));
-    EXPECT_TRUE(set("absent", std::nullopt));
-    EXPECT_FALSE(pathExists(home_ / "Library"));  // reading and removing create nothing
-    EXPECT_EQ(log.count(), 0u) << log.dump();
-  }
+  CapturedLog log(platform::installerLog());
+  EXPECT_FALSE(copy(store_, "absent"));
+  EXPECT_TRUE(set("absent", std::nullopt));
+  EXPECT_FALSE(pathExists(home_ / "Library"));  // reading and removing create nothing
+  EXPECT_EQ(log.count(), 0u) << log.dump();
   const CVDictionary values{{"false", false},
                             {"one", 1},
                             {"real", 2.5},
