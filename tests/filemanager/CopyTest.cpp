@@ -413,37 +413,33 @@ TEST(CopyOracleTest, CopyEqualsTheSourceItemByItemOnThisAndAnotherFileSystem) {
 TEST(MountPointTest, TheMountIsNotCrossedAndStaysInPlace) {
   constexpr std::uint32_t kNewOwner = 501;
   CVFileManager& manager = CVFileManager::defaultManager();
-  const auto crossing = [](bool done, const CVError& failure) {
-    return !done && failure.code() == EXDEV;
-  };
   CVError error;
-  const std::vector<std::pair<const char*, std::function<bool(const TemporaryDirectory&)>>>
-      operations = {
-          {"removal",
-           [&](const TemporaryDirectory& place) {
-             return crossing(manager.removeItemAtURL(place.directoryURL("tree"), &error), error) &&
-                    !pathExists(place / "tree/file.txt");
-           }},
-          {"copy",
-           [&](const TemporaryDirectory& place) {
-             return crossing(manager.copyItemAtURL(place.directoryURL("tree"),
-                                                   place.directoryURL("copy"), &error),
-                             error) &&
-                    !pathExists(place / "copy/sub/mounted");
-           }},
-          {"ownership",
-           [&](const TemporaryDirectory& place) {
-             return crossing(manager.standardizeOwnershipAndValidateSymlinksAtURL(
-                                 place.directoryURL("tree"), kNewOwner, kNewOwner, &error),
-                             error);
-           }},
-          {"disk usage",
-           [&](const TemporaryDirectory& place) {
-             // The canary is far larger than the tree's own file.
-             writeFile(place / "outside/large.bin", std::string(1 << 20, 'x'));
-             return manager.diskUsageForURL(place.directoryURL("tree")) < (1 << 20);
-           }},
-      };
+  const auto crossing = [&error](bool done) { return !done && error.code() == EXDEV; };
+  using Operation = std::function<bool(const TemporaryDirectory&)>;
+  const std::vector<std::pair<const char*, Operation>> operations = {
+      {"removal",
+       [&](const TemporaryDirectory& place) {
+         return crossing(manager.removeItemAtURL(place.directoryURL("tree"), &error)) &&
+                !pathExists(place / "tree/file.txt");
+       }},
+      {"copy",
+       [&](const TemporaryDirectory& place) {
+         return crossing(manager.copyItemAtURL(place.directoryURL("tree"),
+                                               place.directoryURL("copy"), &error)) &&
+                !pathExists(place / "copy/sub/mounted");
+       }},
+      {"ownership",
+       [&](const TemporaryDirectory& place) {
+         return crossing(manager.standardizeOwnershipAndValidateSymlinksAtURL(
+             place.directoryURL("tree"), kNewOwner, kNewOwner, &error));
+       }},
+      {"disk usage",
+       [&](const TemporaryDirectory& place) {
+         // The canary is far larger than the tree's own file.
+         writeFile(place / "outside/large.bin", std::string(1 << 20, 'x'));
+         return manager.diskUsageForURL(place.directoryURL("tree")) < (1 << 20);
+       }},
+  };
   for (const auto& [name, run] : operations) {
     SCOPED_TRACE(name);
     error = CVError();
