@@ -204,7 +204,7 @@ TEST_F(FileManagerTest, LinksAreMadeAsGivenAndReadBackAsFileURLs) {
   for (const auto& [name, code, text] :
        {std::tuple{"occupied", EINVAL, "Invalid argument"},
         std::tuple{"absent", ENOENT, "No such file or directory"}}) {
-    EXPECT_TRUE(manager_.destinationOfSymbolicLinkAtURL(temp_.fileURL(name), &error).isNil());
+    EXPECT_TRUE(manager_.destinationOfSymbolicLinkAtURL(url(name), &error).isNil());
     expectPosixError(error, code, "Could not readlink " + (temp_ / name) + " : " + text,
                      "-[CVFileManager destinationOfSymbolicLinkAtURL:error:]");
   }
@@ -364,7 +364,7 @@ TEST_F(FileManagerTest, DiskUsageMatchesAnIndependentCountAndTracesWhatItSkips) 
   log.clear();
   makeSymlink(root, temp_ / "link");
   for (const char* name : {"outside", "link", "absent"})
-    EXPECT_EQ(manager_.diskUsageForURL(temp_.fileURL(name)), 0u);
+    EXPECT_EQ(manager_.diskUsageForURL(url(name)), 0u);
   EXPECT_EQ(manager_.diskUsageForURL(CVURL()), 0u);
   EXPECT_EQ(log.messages(),
             (std::vector<std::string>{
@@ -446,14 +446,13 @@ TEST_F(FileManagerTest, ProtectionClassesAreSetWhenThePredicateAgrees) {
   const auto classOf = [&](const std::string& relative) {
     std::int32_t protectionClass = -100;
     CVError error;
-    EXPECT_TRUE(
-        manager_.dataProtectionClassOfItemAtURL(temp_.fileURL(relative), &protectionClass, &error))
+    EXPECT_TRUE(manager_.dataProtectionClassOfItemAtURL(url(relative), &protectionClass, &error))
         << error.description();
     return protectionClass;
   };
   const auto setClass = [&](const char* name, std::int32_t value,
                             const std::function<bool(std::int32_t)>* predicate, CVError* error) {
-    return manager_.setDataProtectionClassOfItemAtURL(temp_.fileURL(name), value, predicate, error);
+    return manager_.setDataProtectionClassOfItemAtURL(url(name), value, predicate, error);
   };
   EXPECT_EQ(classOf("file"), 3);  // the default class of an item never set
   CVError error = sentinelError();

@@ -293,8 +293,7 @@ class IconServiceTest : public ::testing::Test {
     writeFile(bundlePath_ + "/Info.plist", encodeXMLPropertyList(CVValue(info)));
   }
   std::optional<Image> icon() {
-    const std::unique_ptr<Bundle> bundle =
-        Bundle::create(CVURL::fileURLWithPath(bundlePath_, true));
+    const auto bundle = Bundle::create(CVURL::fileURLWithPath(bundlePath_, true));
     EXPECT_TRUE(bundle);
     if (!bundle) return std::nullopt;
     std::optional<Image> image = defaultIconService().homeScreenIconForBundle(*bundle);
