@@ -148,9 +148,8 @@ TEST_F(TraversalTest, EveryItemGetsTheOwnerLinksThemselvesIncluded) {
   const std::string chown =
       "Could not chown " + (temp_ / "root/stuck") + ": Operation not permitted";
   EXPECT_TRUE(log.contains(3, chown)) << log.dump();
-  for (const auto& line : log.lines()) {
+  for (const auto& line : log.lines())
     EXPECT_TRUE(line.message != chown || line.function == kBlockFunction) << line.function;
-  }
   EXPECT_FALSE(log.containsFragment("Rejecting")) << log.dump();
 }
 
