@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -79,15 +80,14 @@ TEST_F(FileManagerTest, ListingHasEveryItemOnceMarksDirectoriesAndSkipsIgnoredLi
     many.push_back("file://" + (temp_ / name));
   }
   std::sort(many.begin(), many.end());
-  // The listing's absolute strings in order, or {"(failed)"}.
+  // The listing's absolute strings in order; a failed one lists the nil URL.
   const auto listing = [&](const char* directory, bool ignoringLinks, CVError* listError) {
-    const auto urls =
-        manager_.urlsForItemsInDirectoryAtURL(url(directory), ignoringLinks, listError);
-    std::vector<std::string> strings{"(failed)"};
-    if (urls) strings.clear();
-    for (const CVURL& each : urls.value_or(std::vector<CVURL>{}))
+    std::vector<std::string> strings;
+    for (const CVURL& each :
+         manager_.urlsForItemsInDirectoryAtURL(url(directory), ignoringLinks, listError)
+             .value_or(std::vector<CVURL>{CVURL()}))
       strings.push_back(each.absoluteString());
-    std::sort(strings.begin(), strings.end());
+    std::ranges::sort(strings);
     return strings;
   };
   const std::string base = "file://" + (temp_ / "dir/");
@@ -122,12 +122,17 @@ TEST_F(FileManagerTest, ListingHasEveryItemOnceMarksDirectoriesAndSkipsIgnoredLi
     EXPECT_FALSE(manager_.urlsForItemsInDirectoryAtURL(temp_.directoryURL(name), ignoring, &error));
     expectPosixError(error, code, "_IterateDirectory for " + (temp_ / name) + " returned " + text,
                      "-[CVFileManager urlsForItemsInDirectoryAtURL:ignoringSymlinks:error:]");
-    std::vector<Line> expected;
-    if (code != ENOENT)
-      expected = {
-          {3, "open of " + (temp_ / name) + " failed: Not a directory", "_IterateDirectory"}};
-    EXPECT_EQ(logged(failures), expected) << name;
+    const Line opened{3, "open of " + (temp_ / name) + " failed: Not a directory",
+                      "_IterateDirectory"};
+    EXPECT_EQ(logged(failures), code == ENOENT ? std::vector<Line>{} : std::vector{opened}) << name;
   }
+}
+
+mode_t permissionsOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+  EXPECT_TRUE(S_ISDIR(status.st_mode)) << path;
+  return status.st_mode & 07777;
 }
 
 TEST_F(FileManagerTest, TemporaryDirectoriesAreFreshPrivateAndNamedTemp) {
@@ -141,14 +146,12 @@ TEST_F(FileManagerTest, TemporaryDirectoriesAreFreshPrivateAndNamedTemp) {
     EXPECT_EQ(url.URLByDeletingLastPathComponent().path(), temp_.path());
     const std::string name = url.lastPathComponent();
     EXPECT_TRUE(name.starts_with("temp.") && name.size() == 11u && name != "temp.XXXXXX") << name;
-    struct stat status {};
-    ASSERT_EQ(::lstat(url.fileSystemRepresentation(), &status), 0);
-    EXPECT_EQ(status.st_mode & (S_IFMT | 0777), S_IFDIR | 0700u);
+    EXPECT_EQ(permissionsOf(url.path()), 0700u);
   }
 
   // A missing parent: a record with the template, logged with or without a
   // place.
-  const CVURL parent = temp_.directoryURL("missing");
+  const CVURL parent = url("missing/");
   const CVURL templateURL = parent.URLByAppendingPathComponent("temp.XXXXXX", true);
   const std::string function = "-[CVFileManager createTemporaryDirectoryInDirectoryURL:error:]";
   const std::string description = "Failed to create temp dir at path " + templateURL.path();
@@ -157,9 +160,8 @@ TEST_F(FileManagerTest, TemporaryDirectoriesAreFreshPrivateAndNamedTemp) {
   EXPECT_EQ(
       std::tuple(error.domain(), error.code(), error.localizedDescription(), functionOf(error)),
       std::tuple(std::string("CVInstallerErrorDomain"), 4, description, function));
-  const CVValue* pathArgument = error.userInfo().find("PathArgument");
-  ASSERT_TRUE(pathArgument && pathArgument->asURL());
-  EXPECT_EQ(*pathArgument->asURL(), templateURL);
+  ASSERT_NE(error.userInfo().find("PathArgument"), nullptr);
+  EXPECT_EQ(*error.userInfo().find("PathArgument"), CVValue(templateURL));
   EXPECT_TRUE(error.underlyingError().isPOSIX(ENOENT)) << error.description();
   EXPECT_TRUE(manager_.createTemporaryDirectoryInDirectoryURL(parent, nullptr).isNil());
   ASSERT_EQ(log.count(), 2u) << log.dump();
@@ -171,12 +173,12 @@ TEST_F(FileManagerTest, TemporaryDirectoriesAreFreshPrivateAndNamedTemp) {
 
 TEST_F(FileManagerTest, LinksAreMadeAsGivenAndReadBackAsFileURLs) {
   CVError error = sentinelError();
-  const CVURL destination = temp_.directoryURL("not/there/yet");
-  EXPECT_TRUE(manager_.createSymbolicLinkAtURL(temp_.fileURL("link"), destination, &error));
+  const CVURL destination = url("not/there/yet/");
+  EXPECT_TRUE(manager_.createSymbolicLinkAtURL(url("link"), destination, &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(linkContent(temp_ / "link"), destination.path());
   writeFile(temp_ / "occupied", "kept");
-  EXPECT_FALSE(manager_.createSymbolicLinkAtURL(temp_.fileURL("occupied"), destination, &error));
+  EXPECT_FALSE(manager_.createSymbolicLinkAtURL(url("occupied"), destination, &error));
   expectPosixError(error, EEXIST,
                    "Could not create symlink containing " + destination.path() + " at " +
                        (temp_ / "occupied") + ": File exists",
@@ -188,31 +190,24 @@ TEST_F(FileManagerTest, LinksAreMadeAsGivenAndReadBackAsFileURLs) {
   const std::string longContent = "/" + std::string(1500, 'a') + "/tail";
   makeSymlink(longContent, temp_ / "long");
   error = sentinelError();
-  const CVURL absolute = manager_.destinationOfSymbolicLinkAtURL(temp_.fileURL("absolute"), &error);
+  const CVURL absolute = manager_.destinationOfSymbolicLinkAtURL(url("absolute"), &error);
   EXPECT_EQ(absolute, CVURL::fileURLWithPath("/some/absolute/place", false));
   EXPECT_FALSE(absolute.isDirectory());
   // Relative content is taken relative to the current directory, not the
   // link's.
-  EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(temp_.fileURL("relative"), &error).path(),
+  EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(url("relative"), &error).path(),
             std::filesystem::current_path().string() + "/relative/place");
   EXPECT_EQ(error, sentinelError());
   // Content is cut at 1024 bytes.
-  EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(temp_.fileURL("long"), nullptr).path(),
+  EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(url("long"), nullptr).path(),
             longContent.substr(0, 1024));
   for (const auto& [name, code, text] :
        {std::tuple{"occupied", EINVAL, "Invalid argument"},
         std::tuple{"absent", ENOENT, "No such file or directory"}}) {
-    EXPECT_TRUE(manager_.destinationOfSymbolicLinkAtURL(temp_.fileURL(name), &error).isNil());
+    EXPECT_TRUE(manager_.destinationOfSymbolicLinkAtURL(url(name), &error).isNil());
     expectPosixError(error, code, "Could not readlink " + (temp_ / name) + " : " + text,
                      "-[CVFileManager destinationOfSymbolicLinkAtURL:error:]");
   }
-}
-
-mode_t permissionsOf(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
-  EXPECT_TRUE(S_ISDIR(status.st_mode)) << path;
-  return status.st_mode & 07777;
 }
 
 std::optional<std::int32_t> protectionClassOf(const std::string& path) {
@@ -224,9 +219,9 @@ std::optional<std::int32_t> protectionClassOf(const std::string& path) {
 
 TEST_F(FileManagerTest, CreateDirectoryMakesTheLastWithModeAndClassOrNamesTheFailedStep) {
   CVError error = sentinelError();
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.directoryURL("new"), false, 0700, &error));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("new/"), false, 0700, &error));
   EXPECT_EQ(permissionsOf(temp_ / "new"), 0700u);
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.directoryURL("a/b/c"), true, 0750, 4, &error));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("a/b/c/"), true, 0750, 4, &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(permissionsOf(temp_ / "a/b/c"), 0750u);
   EXPECT_EQ(permissionsOf(temp_ / "a/b") & 0700, 0700u);
@@ -236,21 +231,19 @@ TEST_F(FileManagerTest, CreateDirectoryMakesTheLastWithModeAndClassOrNamesTheFai
   // An existing directory is success, keeps its mode and gets the class.
   makeDirectories(temp_ / "exists");
   ASSERT_EQ(::chmod((temp_ / "exists").c_str(), 0711), 0);
-  for (const bool intermediates : {false, true}) {
-    EXPECT_TRUE(
-        manager_.createDirectoryAtURL(temp_.directoryURL("exists"), intermediates, 0700, &error));
-  }
+  for (const bool intermediates : {false, true})
+    EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), intermediates, 0700, &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(protectionClassOf(temp_ / "exists"), sys::kDefaultProtectionClass);
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.directoryURL("exists"), true, 0700, 2, nullptr));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), true, 0700, 2, nullptr));
   EXPECT_EQ(protectionClassOf(temp_ / "exists"), 2);
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.directoryURL("exists"), false, 0700, 1, nullptr));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), false, 0700, 1, nullptr));
   EXPECT_EQ(protectionClassOf(temp_ / "exists"), 1);
   EXPECT_EQ(permissionsOf(temp_ / "exists"), 0711u);
   // An existing file counts as success too, as long as no class is asked for.
   writeFile(temp_ / "file", "");
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.fileURL("file"), false, 0755, nullptr));
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.fileURL("file"), true, 0755, nullptr));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("file"), false, 0755, nullptr));
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("file"), true, 0755, nullptr));
 
   // (path, intermediates, class or 0, code, description); nothing is logged.
   for (const auto& [path, intermediates, protectionClass, code, description] :
@@ -350,7 +343,7 @@ TEST_F(FileManagerTest, DiskUsageMatchesAnIndependentCountAndTracesWhatItSkips) 
   }
   CapturedLog log(platform::installerLog(), 7);
 
-  EXPECT_EQ(manager_.diskUsageForURL(temp_.directoryURL("root")), expected);
+  EXPECT_EQ(manager_.diskUsageForURL(url("root/")), expected);
   // Breadth-first, "a" and "c" are read in either order; the second name met is
   // skipped.
   const bool skippedSecond =
@@ -364,14 +357,14 @@ TEST_F(FileManagerTest, DiskUsageMatchesAnIndependentCountAndTracesWhatItSkips) 
     EXPECT_EQ(line.function, "-[CVFileManager diskUsageForURL:]");
   // An empty root counts zero and is not traced itself.
   log.clear();
-  EXPECT_EQ(manager_.diskUsageForURL(temp_.directoryURL("root/nested/empty")), 0u);
+  EXPECT_EQ(manager_.diskUsageForURL(url("root/nested/empty/")), 0u);
   EXPECT_EQ(log.count(), 0u) << log.dump();
 
   // What is not a directory counts zero with a line; a link is not followed.
   log.clear();
   makeSymlink(root, temp_ / "link");
   for (const char* name : {"outside", "link", "absent"})
-    EXPECT_EQ(manager_.diskUsageForURL(temp_.fileURL(name)), 0u);
+    EXPECT_EQ(manager_.diskUsageForURL(url(name)), 0u);
   EXPECT_EQ(manager_.diskUsageForURL(CVURL()), 0u);
   EXPECT_EQ(log.messages(),
             (std::vector<std::string>{
@@ -386,18 +379,20 @@ TEST_F(FileManagerTest, DiskUsageMatchesAnIndependentCountAndTracesWhatItSkips) 
 // fatal; fatal, it is code 24 with the item's legacy name, and the later
 // items stay behind.
 TEST_F(FileManagerTest, StoreDataIsCarriedAndFailuresLoggedAndSkippedUnlessFatal) {
-  const auto capture = [&](bool doCopy, bool fatal, bool blocked, CVError* error) {
+  const auto capture = [&](bool doCopy, bool fatal, bool blocked, CVError* error,
+                           bool storeData = true) {
     std::filesystem::remove_all(temp_ / "src");
     std::filesystem::remove_all(temp_ / "dst");
     makeDirectories(temp_ / "dst");
-    writeFile(temp_ / "src/Manifest.plist", "manifest");
-    writeFile(temp_ / "src/SorvikArtwork/art.png", "art");
-    writeFile(temp_ / "src/SorvikMetadata.plist", "metadata");
-    writeFile(temp_ / "src/GeoJSON", "geo");
     writeFile(temp_ / "src/Other.plist", "not store data");
+    if (storeData) {
+      writeFile(temp_ / "src/Manifest.plist", "manifest");
+      writeFile(temp_ / "src/SorvikArtwork/art.png", "art");
+      writeFile(temp_ / "src/SorvikMetadata.plist", "metadata");
+      writeFile(temp_ / "src/GeoJSON", "geo");
+    }
     if (blocked) writeFile(temp_ / "dst/SorvikArtwork", "in the way");
-    return manager_.captureStoreDataFromDirectory(temp_.directoryURL("src"),
-                                                  temp_.directoryURL("dst"), doCopy, fatal, error);
+    return manager_.captureStoreDataFromDirectory(url("src/"), url("dst/"), doCopy, fatal, error);
   };
   const std::vector<std::string> items{"GeoJSON", "Manifest.plist", "SorvikArtwork",
                                        "SorvikMetadata.plist"};
@@ -437,16 +432,11 @@ TEST_F(FileManagerTest, StoreDataIsCarriedAndFailuresLoggedAndSkippedUnlessFatal
               (std::vector<std::string>{"Manifest.plist", "SorvikArtwork"}));
   }
   // A source without any of them: success, nothing made, nothing logged.
-  std::filesystem::remove_all(temp_ / "src");
-  makeDirectories(temp_ / "src");
-  std::filesystem::remove_all(temp_ / "dst");
-  makeDirectories(temp_ / "dst");
   CapturedLog log(platform::installerLog());
-  EXPECT_TRUE(manager_.captureStoreDataFromDirectory(
-      temp_.directoryURL("src"), temp_.directoryURL("dst"), true, true, nullptr));
-  EXPECT_TRUE(manager_.captureStoreDataFromDirectory(
-      temp_.directoryURL("src"), temp_.directoryURL("dst"), false, true, nullptr));
-  EXPECT_TRUE(entriesOf(temp_ / "dst").empty());
+  for (const bool doCopy : {true, false}) {
+    EXPECT_TRUE(capture(doCopy, true, false, nullptr, false));
+    EXPECT_TRUE(entriesOf(temp_ / "dst").empty());
+  }
   EXPECT_EQ(log.count(), 0u) << log.dump();
 }
 
@@ -456,14 +446,13 @@ TEST_F(FileManagerTest, ProtectionClassesAreSetWhenThePredicateAgrees) {
   const auto classOf = [&](const std::string& relative) {
     std::int32_t protectionClass = -100;
     CVError error;
-    EXPECT_TRUE(
-        manager_.dataProtectionClassOfItemAtURL(temp_.fileURL(relative), &protectionClass, &error))
+    EXPECT_TRUE(manager_.dataProtectionClassOfItemAtURL(url(relative), &protectionClass, &error))
         << error.description();
     return protectionClass;
   };
   const auto setClass = [&](const char* name, std::int32_t value,
                             const std::function<bool(std::int32_t)>* predicate, CVError* error) {
-    return manager_.setDataProtectionClassOfItemAtURL(temp_.fileURL(name), value, predicate, error);
+    return manager_.setDataProtectionClassOfItemAtURL(url(name), value, predicate, error);
   };
   EXPECT_EQ(classOf("file"), 3);  // the default class of an item never set
   CVError error = sentinelError();
@@ -485,8 +474,7 @@ TEST_F(FileManagerTest, ProtectionClassesAreSetWhenThePredicateAgrees) {
   makeSymlink(temp_ / "dir", temp_ / "link");
   CapturedLog log(platform::installerLog());
   std::int32_t protectionClass = -100;
-  EXPECT_FALSE(
-      manager_.dataProtectionClassOfItemAtURL(temp_.fileURL("link"), &protectionClass, &error));
+  EXPECT_FALSE(manager_.dataProtectionClassOfItemAtURL(url("link"), &protectionClass, &error));
   expectPosixError(error, ELOOP,
                    "Failed to open " + (temp_ / "link") + " : " + std::strerror(ELOOP),
                    "-[CVFileManager dataProtectionClassOfItemAtURL:class:error:]");
@@ -507,7 +495,7 @@ TEST_F(FileManagerTest, ProtectionClassesAreSetWhenThePredicateAgrees) {
   const platform::sys::ScopedProtectionClassFault unsupported(EOPNOTSUPP);
   const Predicate atDefault = [](std::int32_t current) { return current == 3; };
   EXPECT_TRUE(setClass("plain", 1, &atDefault, &error)) << error.description();
-  EXPECT_TRUE(manager_.createDirectoryAtURL(temp_.fileURL("dir/sub"), true, 0755, 4, &error))
+  EXPECT_TRUE(manager_.createDirectoryAtURL(url("dir/sub"), true, 0755, 4, &error))
       << error.description();
   EXPECT_EQ(classOf("plain"), 3);
   EXPECT_EQ(classOf("dir/sub"), 3);
@@ -521,15 +509,13 @@ TEST_F(FileManagerTest, PlaceholderMarkIsAFourByteAttribute) {
   makeDirectories(temp_ / "App.app");
   EXPECT_FALSE(isPlaceholder("App.app"));
   CVError error = sentinelError();
-  EXPECT_TRUE(manager_.markBundleAsPlaceholder(temp_.directoryURL("App.app"), &error));
-  EXPECT_TRUE(manager_.markBundleAsPlaceholder(temp_.directoryURL("App.app"), &error));
+  EXPECT_TRUE(manager_.markBundleAsPlaceholder(url("App.app/"), &error));
+  EXPECT_TRUE(manager_.markBundleAsPlaceholder(url("App.app/"), &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_TRUE(isPlaceholder("App.app"));
-  std::array<std::byte, 8> value{};
+  std::array<std::byte, 4> value{};
   ASSERT_EQ(sys::readPlaceholderAttribute((temp_ / "App.app").c_str(), value), 4);
-  std::uint32_t number = 0;
-  std::memcpy(&number, value.data(), sizeof number);
-  EXPECT_EQ(number, 1u);
+  EXPECT_EQ(std::bit_cast<std::uint32_t>(value), 1u);
 
   // Only the size counts, not what the attribute holds.
   makeDirectories(temp_ / "Long.app");
@@ -547,7 +533,7 @@ TEST_F(FileManagerTest, PlaceholderMarkIsAFourByteAttribute) {
   makeDirectories(temp_ / "Target.app");
   makeSymlink(temp_ / "Target.app", temp_ / "Link.app");
   CapturedLog log(platform::installerLog());
-  EXPECT_FALSE(manager_.markBundleAsPlaceholder(temp_.directoryURL("Link.app"), &error));
+  EXPECT_FALSE(manager_.markBundleAsPlaceholder(url("Link.app/"), &error));
   const std::string description =
       "Could't set placeholder EA on \"" + (temp_ / "Link.app") + "\": " + std::strerror(EPERM);
   EXPECT_EQ(
@@ -558,7 +544,7 @@ TEST_F(FileManagerTest, PlaceholderMarkIsAFourByteAttribute) {
   ASSERT_EQ(log.count(), 1u) << log.dump();
   EXPECT_TRUE(log.containsFragment(": " + description)) << log.dump();
   EXPECT_FALSE(isPlaceholder("Target.app"));
-  EXPECT_FALSE(manager_.markBundleAsPlaceholder(temp_.directoryURL("Missing.app"), nullptr));
+  EXPECT_FALSE(manager_.markBundleAsPlaceholder(url("Missing.app/"), nullptr));
 }
 
 }  // namespace

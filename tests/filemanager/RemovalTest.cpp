@@ -36,10 +36,10 @@ TEST_F(RemoveItemTest, FilesLinksAndMissingPathsGoWithoutTouchingWhatLinksPointT
   makeSymlink(temp_ / "target", temp_ / "link");
   CapturedLog log(platform::installerLog());
   CVError error = sentinelError();
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("absent"), &error));
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.fileURL("file"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(url("absent/"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(url("file"), &error));
   // Marked as a directory URL, as a caller who trusts the link might pass it.
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("link"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(url("link/"), &error));
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(entriesOf(temp_.path()), std::vector<std::string>{"target"});
   EXPECT_EQ(readFile(temp_ / "target/keep"), "kept");
@@ -48,7 +48,7 @@ TEST_F(RemoveItemTest, FilesLinksAndMissingPathsGoWithoutTouchingWhatLinksPointT
   EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), &error));
   expectPosixError(error, EFAULT, "nil url passed to -removeItemAtURL:error:", kRemoveFunction);
   EXPECT_FALSE(manager_.removeItemAtURL(CVURL(), nullptr));
-  const CVURL below = temp_.fileURL("target/keep/below");
+  const CVURL below = url("target/keep/below");
   EXPECT_FALSE(manager_.removeItemAtURL(below, &error));
   expectPosixError(error, ENOTDIR,
                    "treewipe of " + below.description() + " failed: Not a directory",
@@ -61,7 +61,6 @@ TEST_F(RemoveItemTest, FilesLinksAndMissingPathsGoWithoutTouchingWhatLinksPointT
 // walk may hold with the limit lowered.
 TEST_F(RemoveItemTest, RemovesAWholeTreeWithoutFollowingLinksOutOfIt) {
   writeFile(temp_ / "outside/file", "outside");
-  makeDirectories(temp_ / "root/a/b/c");
   makeDirectories(temp_ / "root/a/empty");
   writeFile(temp_ / "root/a/b/c/file", "x");
   for (int i = 0; i < 500; ++i)
@@ -80,10 +79,10 @@ TEST_F(RemoveItemTest, RemovesAWholeTreeWithoutFollowingLinksOutOfIt) {
   }
   CapturedLog log(platform::installerLog());
   CVError error = sentinelError();
-  EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("root"), &error));
+  EXPECT_TRUE(manager_.removeItemAtURL(url("root/"), &error));
   {
     ScopedDescriptorLimit limit(32);
-    EXPECT_TRUE(manager_.removeItemAtURL(temp_.directoryURL("deep"), &error));
+    EXPECT_TRUE(manager_.removeItemAtURL(url("deep/"), &error));
   }
   EXPECT_EQ(error, sentinelError());
   EXPECT_EQ(log.count(), 0u) << log.dump().substr(0, 1000);
@@ -153,9 +152,6 @@ struct Recorder {
   int wipe(const std::string& path) {
     return sys::treeWipe(path.c_str(), state.get(), sys::kTreeWipeRecursive);
   }
-  bool reported(const std::string& path, int errorNumber) const {
-    return std::find(reports.begin(), reports.end(), Report(path, errorNumber)) != reports.end();
-  }
 };
 
 // The locked file is reported while "root" is being read, after "sub" has
@@ -214,7 +210,7 @@ TEST(TreeWipeTest, DirectoryMovedOutOfTheTreeBelowClosedAncestorsIsNotFollowedOu
   EXPECT_EQ(entriesOf(temp / "outside"), (std::vector<std::string>{"keep", "moved"}));
   EXPECT_EQ(readFile(temp / "outside/keep"), "kept");
   EXPECT_TRUE(pathExists(temp / "outside/moved" + repeat("/d", 290) + "/leaf"));
-  EXPECT_TRUE(recorder.reported(level9 + "/d", ENOENT));
+  EXPECT_TRUE(std::ranges::count(recorder.reports, Report(level9 + "/d", ENOENT)));
 }
 
 // Keeps the first error number, logs every report but a vanished entry, and
@@ -222,11 +218,9 @@ TEST(TreeWipeTest, DirectoryMovedOutOfTheTreeBelowClosedAncestorsIsNotFollowedOu
 // ENOENT as success.
 TEST(TreeWipeErrorCallbackTest, KeepsTheFirstNumberAndLogsAllButVanishedEntries) {
   const sys::TreeWipeStatePtr state = sys::treeWipeStateAlloc();
-  const struct {
-    std::vector<std::pair<int, const char*>> reports;  // (error number or 0 for none, path)
-    int firstError;
-    std::vector<std::string> messages;
-  } cases[] = {
+  // ((error number or 0 for none, path) reported, first error kept, lines)
+  using Reports = std::vector<std::pair<int, const char*>>;
+  const std::vector<std::tuple<Reports, int, std::vector<std::string>>> cases = {
       {{{EACCES, "/r/a"}, {EPERM, "/r/b"}, {ENOENT, "/r/c"}},
        EACCES,
        {"treewipe hit error for /r/a : Permission denied",
@@ -239,10 +233,10 @@ TEST(TreeWipeErrorCallbackTest, KeepsTheFirstNumberAndLogsAllButVanishedEntries)
        {"treewipe hit error for /r/x but we failed to get the error number"}},
       {{{-EIO, "/r/y"}}, 0, {"treewipe hit error for /r/y : Input/output error"}},
   };
-  for (const auto& each : cases) {
+  for (const auto& [reports, expectedFirstError, messages] : cases) {
     CapturedLog log(platform::installerLog());
     int firstError = 0;
-    for (const auto& [number, path] : each.reports) {
+    for (const auto& [number, path] : reports) {
       // A negative number is reported without a context.
       if (number != 0) {
         EXPECT_EQ(sys::treeWipeStateSetErrorNumber(state.get(), std::abs(number)), 0);
@@ -251,8 +245,8 @@ TEST(TreeWipeErrorCallbackTest, KeepsTheFirstNumberAndLogsAllButVanishedEntries)
                                         number < 0 ? nullptr : &firstError),
                 sys::kTreeWipeProceed);
     }
-    EXPECT_EQ(firstError, each.firstError);
-    EXPECT_EQ(log.messages(), each.messages);
+    EXPECT_EQ(firstError, expectedFirstError);
+    EXPECT_EQ(log.messages(), messages);
     for (const auto& line : log.lines())
       EXPECT_EQ(std::tuple(line.level, line.function),
                 std::tuple(3, std::string(kCallbackFunction)));

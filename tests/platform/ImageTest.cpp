@@ -80,12 +80,6 @@ Image uniformImage(std::uint32_t width, std::uint32_t height, std::uint8_t red, 
   return image;
 }
 
-std::vector<int> pixelAt(const Image& image, std::uint32_t x, std::uint32_t y) {
-  const std::size_t offset = (std::size_t{y} * image.width + x) * 4;
-  return {image.pixels[offset], image.pixels[offset + 1], image.pixels[offset + 2],
-          image.pixels[offset + 3]};
-}
-
 bool isUniform(const Image& image, std::uint8_t red, std::uint8_t green, std::uint8_t blue,
                std::uint8_t alpha) {
   return image.pixels == uniformImage(image.width, image.height, red, green, blue, alpha).pixels;
@@ -119,35 +113,34 @@ TEST(PNGDecodeTest, FormsBecomePremultipliedRGBA) {
     clear += pixel[3] == 0;
   }
   EXPECT_GT(clear, 0u);
-  EXPECT_EQ(pixelAt(*wide, 0, 0), (std::vector<int>{255, 128, 1, 255}));
-  EXPECT_EQ(pixelAt(*half, 0, 0), (std::vector<int>{128, 0, 0, 128}));
+  EXPECT_EQ(wide->pixels, (Bytes{255, 128, 1, 255}));
+  EXPECT_EQ(half->pixels, (Bytes{128, 0, 0, 128}));
 }
 
 TEST(PNGDecodeTest, CorruptAndHostileFilesAreRefusedByKind) {
   const Bytes whole = readBytes(kSuite + "basn2c08.png");
   const PNGDecodeLimits narrow{.maxWidth = 16, .maxHeight = 64};
-  struct Case {
-    const char* name;
-    Bytes bytes;
-    long code;
-    PNGDecodeLimits limits = {};
-  };
-  const std::vector<Case> cases = {
-      {"empty", Bytes{}, kPNGNotPNGError},
-      {"signature cut", Bytes{0x89, 'P', 'N', 'G'}, kPNGNotPNGError},
-      {"text", Bytes(100, 'a'), kPNGNotPNGError},
-      {"cut in the data", Bytes(whole.begin(), whole.begin() + whole.size() / 2), kPNGCorruptError},
-      {"cut before the end", Bytes(whole.begin(), whole.end() - 1), kPNGCorruptError},
+  const std::vector<std::tuple<const char*, Bytes, long, PNGDecodeLimits>> cases = {
+      {"empty", Bytes{}, kPNGNotPNGError, {}},
+      {"signature cut", Bytes{0x89, 'P', 'N', 'G'}, kPNGNotPNGError, {}},
+      {"text", Bytes(100, 'a'), kPNGNotPNGError, {}},
+      {"cut in the data",
+       Bytes(whole.begin(), whole.begin() + whole.size() / 2),
+       kPNGCorruptError,
+       {}},
+      {"cut before the end", Bytes(whole.begin(), whole.end() - 1), kPNGCorruptError, {}},
       {"beyond the limits", readBytes(kSuite + "basn6a08.png"), kPNGTooLargeError, narrow},
-      {"largest legal size", buildPNG(0x7fffffff, 0x7fffffff, 8, 6, Bytes{0, 1, 2, 3}),
-       kPNGTooLargeError},
-      {"too little data", buildPNG(4096, 4096, 8, 6, Bytes{0, 1, 2, 3}), kPNGCorruptError},
+      {"largest legal size",
+       buildPNG(0x7fffffff, 0x7fffffff, 8, 6, Bytes{0, 1, 2, 3}),
+       kPNGTooLargeError,
+       {}},
+      {"too little data", buildPNG(4096, 4096, 8, 6, Bytes{0, 1, 2, 3}), kPNGCorruptError, {}},
   };
-  for (const Case& each : cases) {
+  for (const auto& [name, bytes, code, limits] : cases) {
     CVError error;
-    EXPECT_FALSE(decode(each.bytes, &error, each.limits)) << each.name;
-    EXPECT_EQ(error.domain(), kPNGErrorDomain) << each.name;
-    EXPECT_EQ(error.code(), each.code) << each.name;
+    EXPECT_FALSE(decode(bytes, &error, limits)) << name;
+    EXPECT_EQ(error.domain(), kPNGErrorDomain) << name;
+    EXPECT_EQ(error.code(), code) << name;
     // The description gives the reason after the kind, libpng's words included.
     EXPECT_FALSE(error.localizedDescription().ends_with(": ")) << error.localizedDescription();
   }
@@ -158,7 +151,7 @@ TEST(PNGDecodeTest, CorruptAndHostileFilesAreRefusedByKind) {
   chunks.resize(chunks.size() + 500, {"tEXt", Bytes{'k', 0, 'v'}});
   const auto image = decode(buildPNG(1, 1, 8, 6, {0, 10, 20, 30, 255}, chunks));
   ASSERT_TRUE(image);
-  EXPECT_EQ(pixelAt(*image, 0, 0), (std::vector<int>{10, 20, 30, 255}));
+  EXPECT_EQ(image->pixels, (Bytes{10, 20, 30, 255}));
 
   // The header peek reads the header alone and refuses illegal ones.
   Bytes headerOnly = readBytes(kSuite + "basi4a16.png");
@@ -266,11 +259,7 @@ TEST(ImageScalingTest, ScaledImagesKeepWhatTheGeometrySays) {
   EXPECT_TRUE(scaleImageByAreaAveraging(source, 60, 60)->pixels == source.pixels);
   // Red, blue, red to four: pixel 1 spans source [0.75, 1.5), a third red.
   const auto four = scaleImageByAreaAveraging(
-      patterned(3, 1,
-                [](auto x, auto) {
-                  return x == 1 ? Bytes{0, 0, 255, 255} : Bytes{255, 0, 0, 255};
-                }),
-      4, 1);
+      Image{3, 1, {255, 0, 0, 255, 0, 0, 255, 255, 255, 0, 0, 255}}, 4, 1);
   ASSERT_TRUE(four);
   EXPECT_EQ(four->pixels,
             (Bytes{255, 0, 0, 255, 85, 0, 170, 255, 85, 0, 170, 255, 255, 0, 0, 255}));
@@ -304,8 +293,7 @@ class IconServiceTest : public ::testing::Test {
     writeFile(bundlePath_ + "/Info.plist", encodeXMLPropertyList(CVValue(info)));
   }
   std::optional<Image> icon() {
-    const std::unique_ptr<Bundle> bundle =
-        Bundle::create(CVURL::fileURLWithPath(bundlePath_, true));
+    const auto bundle = Bundle::create(CVURL::fileURLWithPath(bundlePath_, true));
     EXPECT_TRUE(bundle);
     if (!bundle) return std::nullopt;
     std::optional<Image> image = defaultIconService().homeScreenIconForBundle(*bundle);
@@ -332,43 +320,37 @@ TEST_F(IconServiceTest, EachBundleGetsTheIconItNamesOrTheFallback) {
   const auto file = [](CVValue name) { return CVDictionary{{"QXBundleIconFile", name}}; };
   const auto files = [](CVArray names) { return CVDictionary{{"QXBundleIconFiles", names}}; };
   // (case, Info.plist, files, the grey level of the icon chosen or 0 for none)
-  const std::vector<
-      std::tuple<const char*, CVDictionary, std::vector<std::pair<std::string, Bytes>>, int>>
-      cases = {
-          {"string key",
-           file("AppIcon"),
-           {{"AppIcon.png", grey(120, 1)}, {"Icon.png", grey(120, 2)}},
-           1},
-          {"name with a suffix the file lacks", file("Plain.png"), {{"Plain", grey(120, 3)}}, 3},
-          {"array key", files({"Missing", 42, "Second"}), {{"Second.png", grey(120, 4)}}, 4},
-          {"largest named icon",
-           CVDictionary{{"QXBundleIconFile", "Small"},
-                        {"QXBundleIconFiles", CVArray{"Medium.png", "Large", "Small.png"}}},
-           {{"Small.png", grey(57, 5)},
-            {"Medium.png", grey(120, 6)},
-            {"Large.png", grey(180, 7)},
-            {"Icon.png", grey(512, 8)}},  // not named: not a candidate
-           7},
-          {"largest header that does not decode",
-           files({"Broken", "Good"}),
-           {{"Broken.png", headerOnlyPNG(1024)}, {"Good.png", grey(60, 9)}},
-           9},
-          {"fallback without Info.plist", none, {{"Icon.png", grey(120, 10)}}, 10},
-          {"fallback when the named icons are missing",
-           file("Gone"),
-           {{"Icon.png", grey(120, 11)}},
-           11},
-          {"fallback when the named icon does not decode",
-           file("Broken"),
-           {{"Broken.png", headerOnlyPNG(120)}, {"Icon.png", grey(120, 12)}},
-           12},
-          {"scaled down", file("Big"), {{"Big.png", grey(300, 13, 200)}}, 13},
-          {"no icon", none, {}, 0},
-          {"not a PNG", none, {{"Icon.png", Bytes(500, 'x')}}, 0},
-          {"corrupt PNG", none, {{"Icon.png", readBytes(kSuite + "xcsn0g01.png")}}, 0},
-          {"oversized file", file("Padded.png"), {{"Padded.png", padded}}, 0},
-          {"dimensions beyond the icon limit", none, {{"Icon.png", headerOnlyPNG(5000)}}, 0},
-      };
+  using Case =
+      std::tuple<const char*, CVDictionary, std::vector<std::pair<std::string, Bytes>>, int>;
+  const std::vector<Case> cases = {
+      {"string key", file("App"), {{"App.png", grey(120, 1)}, {"Icon.png", grey(120, 2)}}, 1},
+      {"name with a suffix the file lacks", file("Plain.png"), {{"Plain", grey(120, 3)}}, 3},
+      {"array key", files({"Missing", 42, "Second"}), {{"Second.png", grey(120, 4)}}, 4},
+      {"largest named icon",
+       CVDictionary{{"QXBundleIconFile", "Small"},
+                    {"QXBundleIconFiles", CVArray{"Medium.png", "Large", "Small.png"}}},
+       {{"Small.png", grey(57, 5)},
+        {"Medium.png", grey(120, 6)},
+        {"Large.png", grey(180, 7)},
+        {"Icon.png", grey(512, 8)}},  // not named: not a candidate
+       7},
+      {"largest header that does not decode",
+       files({"Broken", "Good"}),
+       {{"Broken.png", headerOnlyPNG(1024)}, {"Good.png", grey(60, 9)}},
+       9},
+      {"fallback without Info.plist", none, {{"Icon.png", grey(120, 10)}}, 10},
+      {"fallback for missing named icons", file("Gone"), {{"Icon.png", grey(120, 11)}}, 11},
+      {"fallback when the named icon does not decode",
+       file("Broken"),
+       {{"Broken.png", headerOnlyPNG(120)}, {"Icon.png", grey(120, 12)}},
+       12},
+      {"scaled down", file("Big"), {{"Big.png", grey(300, 13, 200)}}, 13},
+      {"no icon", none, {}, 0},
+      {"not a PNG", none, {{"Icon.png", Bytes(500, 'x')}}, 0},
+      {"corrupt PNG", none, {{"Icon.png", readBytes(kSuite + "xcsn0g01.png")}}, 0},
+      {"oversized file", file("Padded.png"), {{"Padded.png", padded}}, 0},
+      {"dimensions beyond the icon limit", none, {{"Icon.png", headerOnlyPNG(5000)}}, 0},
+  };
   for (const auto& [name, info, icons, level] : cases) {
     SCOPED_TRACE(name);
     std::filesystem::remove_all(bundlePath_);
@@ -386,13 +368,11 @@ TEST_F(IconServiceTest, EachBundleGetsTheIconItNamesOrTheFallback) {
 }
 
 TEST_F(IconServiceTest, UndecodableIconsAreLoggedAndNothingOutsideTheBundleIsRead) {
-  {
-    CapturedLog log(installerLog(), kLogLevelDebug);
-    writeBytes(bundlePath_ + "/Icon.png", headerOnlyPNG(120));
-    EXPECT_FALSE(icon());
-    EXPECT_TRUE(log.containsFragment(bundlePath_ + "/Icon.png not decoded: corrupt PNG"))
-        << log.dump();
-  }
+  CapturedLog log(installerLog(), kLogLevelDebug);
+  writeBytes(bundlePath_ + "/Icon.png", headerOnlyPNG(120));
+  EXPECT_FALSE(icon());
+  EXPECT_TRUE(log.containsFragment(bundlePath_ + "/Icon.png not decoded: corrupt PNG"))
+      << log.dump();
   std::filesystem::remove(bundlePath_ + "/Icon.png");
   makeDirectories(bundlePath_ + "/Icon.png");
   EXPECT_FALSE(icon()) << "directory";

@@ -44,13 +44,11 @@ class PreferencesTest : public ::testing::Test {
 
 TEST_F(PreferencesTest, ValuesKeepTheirTypesInAPlainFileOfTheDomain) {
   EXPECT_EQ(store_.fileURLForDomain(kDomain), CVURL::fileURLWithPath(domainPath(), false));
-  {
-    CapturedLog log(platform::installerLog());
-    EXPECT_FALSE(copy(store_, "absent"));
-    EXPECT_TRUE(set("absent", std::nullopt));
-    EXPECT_FALSE(pathExists(home_ / "Library"));  // reading and removing create nothing
-    EXPECT_EQ(log.count(), 0u) << log.dump();
-  }
+  CapturedLog log(platform::installerLog());
+  EXPECT_FALSE(copy(store_, "absent"));
+  EXPECT_TRUE(set("absent", std::nullopt));
+  EXPECT_FALSE(pathExists(home_ / "Library"));  // reading and removing create nothing
+  EXPECT_EQ(log.count(), 0u) << log.dump();
   const CVDictionary values{{"false", false},
                             {"one", 1},
                             {"real", 2.5},
@@ -101,12 +99,11 @@ TEST_F(PreferencesTest, FilesItCannotReadAreNeverReplaced) {
 TEST_F(PreferencesTest, OtherUsersHostsAndDomainsThatNameOtherFilesAreRefused) {
   ASSERT_TRUE(set("key", CVValue(1)));
   CapturedLog log(platform::installerLog());
-  EXPECT_FALSE(store_.copyValue("key", kDomain, kPreferencesAnyUser, kPreferencesCurrentHost));
-  EXPECT_FALSE(store_.copyValue("key", kDomain, kPreferencesCurrentUser, kPreferencesAnyHost));
-  EXPECT_FALSE(
-      store_.setValue("key", CVValue(2), kDomain, kPreferencesCurrentUser, kPreferencesAnyHost));
-  EXPECT_FALSE(
-      store_.setValue("key", CVValue(2), kDomain, kPreferencesAnyUser, kPreferencesCurrentHost));
+  for (const auto& [user, host] : {std::pair{kPreferencesAnyUser, kPreferencesCurrentHost},
+                                   std::pair{kPreferencesCurrentUser, kPreferencesAnyHost}}) {
+    EXPECT_FALSE(store_.copyValue("key", kDomain, user, host));
+    EXPECT_FALSE(store_.setValue("key", CVValue(2), kDomain, user, host));
+  }
   EXPECT_EQ(log.count(), 2u) << log.dump();
   EXPECT_EQ(copy(store_, "key"), CVValue(1));
   for (const char* domain : {"../escape", "a/b", "", ".."}) {
@@ -130,9 +127,7 @@ TEST_F(PreferencesTest, ADirectoryThatCannotBeMadeFailsWithALogLine) {
   if (runProgram("chattr", {"+i", home_ / "Library"}).exitCode != 0)
     GTEST_SKIP() << "chattr +i unsupported here";
   log.clear();
-  const bool written = set("key", CVValue(1));
-  runProgram("chattr", {"-i", home_ / "Library"});
-  EXPECT_FALSE(written);
+  EXPECT_FALSE(set("key", CVValue(1)));
   ASSERT_EQ(log.count(), 1u) << log.dump();
   EXPECT_EQ(log.lines()[0].level, platform::kLogLevelError);
   EXPECT_TRUE(log.containsFragment("Failed to create preferences directory " +
@@ -144,15 +139,14 @@ TEST_F(PreferencesTest, ConcurrentSettersLoseNoUpdate) {
   const auto key = [](int thread, int i) {
     return "thread" + std::to_string(thread) + "-" + std::to_string(i);
   };
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int t = 0; t < 2; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 25; ++i)
         set(key(t, i), CVValue(i));
     });
   }
-  for (std::thread& thread : threads)
-    thread.join();
+  threads.clear();  // joins both
   const PreferencesStore fresh(home_.url());
   for (int t = 0; t < 2; ++t) {
     for (int i = 0; i < 25; ++i)
