@@ -44,10 +44,9 @@ TEST(ConcurrentReadersTest, CachedBundleMapsAreWholeWhileOtherThreadsRescan) {
       if (!system || system->count() != 2) ++incomplete;
       const auto frameworks = configuration.builtInFrameworkBundleIDs();
       if (!frameworks || !frameworks->contains("com.example.kit")) ++incomplete;
-      const CVSet builtIn = configuration.builtInApplicationBundleIDs();
-      if (!builtIn.contains("com.example.mail") || !builtIn.contains("com.example.clock")) {
+      if (configuration.builtInApplicationBundleIDs() !=
+          CVSet{"com.example.mail", "com.example.clock"})
         ++incomplete;
-      }
       const auto coreServices = configuration.coreServicesAppBundleIDToInfoMap();
       if (!coreServices || !coreServices->contains("com.example.setup")) ++incomplete;
       configuration.dataDirectory();

@@ -1,8 +1,6 @@
 // Reading bundles' Info.plist files: whole, filtered, and hostile.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "platform/Bundle.h"
 #include "platform/Log.h"
 #include "shared/support/CVInfoPlist.h"
@@ -62,33 +60,23 @@ TEST_F(InfoPlistTest, MissingInfoPlistIsOnlyATrace) {
 
 TEST_F(InfoPlistTest, HostileInfoPlistsYieldNothingWithAReason) {
   const std::string base = image_.rootPath();
-  const std::vector<std::pair<std::string, std::function<void(const std::string&)>>> cases = {
-      {"Garbage.app", [](const std::string& p) { writeFile(p, "\x01\x02 not a plist"); }},
-      {"Truncated.app",
-       [](const std::string& p) { writeFile(p, "<?xml version=\"1.0\"?><plist><dict><key>"); }},
-      {"BadOffsets.app",
-       [](const std::string& p) {
-         std::string bytes = "bplist00";
-         bytes += std::string("\x51\x61", 2);
-         bytes += std::string(26, '\xff');
-         writeFile(p, bytes);
-       }},
-      {"Directory.app", [](const std::string& p) { makeDirectories(p); }},
-      {"Link.app",
-       [&base](const std::string& p) {
-         writeFile(base + "/outside.plist",
-                   "<?xml version=\"1.0\"?><plist><dict><key>QXBundleIdentifier</key>"
-                   "<string>com.example.linked</string></dict></plist>");
-         makeSymlink(base + "/outside.plist", p);
-       }},
-      {"ArrayRoot.app",
-       [](const std::string& p) {
-         writeFile(p, "<?xml version=\"1.0\"?><plist><array><string>x</string></array></plist>");
-       }},
+  // In place of the file: a directory, and a link out of the bundle.
+  makeDirectories(base + "/Directory.app/Info.plist");
+  writeFile(base + "/outside.plist",
+            "<?xml version=\"1.0\"?><plist><dict><key>QXBundleIdentifier</key>"
+            "<string>com.example.linked</string></dict></plist>");
+  makeDirectories(base + "/Link.app");
+  makeSymlink(base + "/outside.plist", base + "/Link.app/Info.plist");
+  const std::pair<const char*, std::string> cases[] = {
+      {"Garbage.app", "\x01\x02 not a plist"},
+      {"Truncated.app", "<?xml version=\"1.0\"?><plist><dict><key>"},
+      {"BadOffsets.app", "bplist00\x51\x61" + std::string(26, '\xff')},
+      {"ArrayRoot.app", "<?xml version=\"1.0\"?><plist><array><string>x</string></array></plist>"},
+      {"Directory.app", ""},
+      {"Link.app", ""},
   };
-  for (const auto& [name, make] : cases) {
-    makeDirectories(base + "/" + name);
-    make(base + "/" + name + "/Info.plist");
+  for (const auto& [name, contents] : cases) {
+    if (!contents.empty()) writeFile(base + "/" + name + "/Info.plist", contents);
     CapturedLog log(platform::installerLog());
     EXPECT_FALSE(CVLoadInfoPlist(bundleURL(name), nullptr).has_value()) << name;
     // Only the message of the listed failure, nothing besides it.

@@ -40,16 +40,14 @@ TEST(ValueHelpersTest, ArrayContainsOnlyClassCountsBooleansAsNumbers) {
 // Only numbers are read as booleans; strings never are, whatever they say.
 TEST(ValueHelpersTest, BooleanValueReadsNumbersAndGivesTheDefaultOtherwise) {
   for (const bool fallback : {false, true}) {
-    EXPECT_TRUE(CVBooleanValue(CVValue(true), fallback));
-    EXPECT_FALSE(CVBooleanValue(CVValue(false), fallback));
-    EXPECT_TRUE(CVBooleanValue(CVValue(7), fallback));
-    EXPECT_FALSE(CVBooleanValue(CVValue(0), fallback));
-    EXPECT_TRUE(CVBooleanValue(CVValue(0.5), fallback));
+    for (const CVValue& truthy : {CVValue(true), CVValue(7), CVValue(0.5)})
+      EXPECT_TRUE(CVBooleanValue(truthy, fallback)) << truthy.description();
+    for (const CVValue& falsy : {CVValue(false), CVValue(0)})
+      EXPECT_FALSE(CVBooleanValue(falsy, fallback)) << falsy.description();
     EXPECT_EQ(CVBooleanValue(nullptr, fallback), fallback);
     for (const CVValue& other : {CVValue(), CVValue("true"), CVValue("NO"), CVValue(CVArray{true}),
-                                 CVValue(CVDictionary{{"a", true}})}) {
+                                 CVValue(CVDictionary{{"a", true}})})
       EXPECT_EQ(CVBooleanValue(other, fallback), fallback) << other.description();
-    }
   }
 }
 
