@@ -257,8 +257,8 @@ TEST_F(WellKnownDirectoriesTest, ALinkOutOfTheImageOnTheWayIsRefusedBeforeAnythi
 
 class BuiltInBundleMapsTest : public WellKnownDirectoriesTest {
  protected:
-  void app(const std::string& directory, const std::string& name, const std::string& identifier,
-           std::optional<std::string> version = std::nullopt) {
+  void bundle(const std::string& directory, const std::string& name, const std::string& identifier,
+              std::optional<std::string> version = std::nullopt) {
     CVDictionary info{{"QXBundleIdentifier", identifier}, {"QXBundleName", name}};
     if (version) info.set("QXBundleVersion", *version);
     image_.writeBundle(image_.rootPath() + "/" + directory + "/" + name, info);
@@ -267,8 +267,8 @@ class BuiltInBundleMapsTest : public WellKnownDirectoriesTest {
 
 TEST_F(BuiltInBundleMapsTest, SystemMapHoldsIdentifierVersionAndURL) {
   const std::string apps = image_.rootPath() + "/Applications";
-  app("Applications", "Clock.app", "com.zentrel.clock", "3");
-  app("Applications", "Notes.App", "com.zentrel.upper");  // not "app": left out
+  bundle("Applications", "Clock.app", "com.zentrel.clock", "3");
+  bundle("Applications", "Notes.App", "com.zentrel.upper");  // not "app": left out
   image_.writePlist(apps + "/NoId.app/Info.plist", CVDictionary{{"QXBundleName", "x"}});
   makeSymlink(apps + "/Clock.app", apps + "/Linked.app");
 
@@ -286,8 +286,8 @@ TEST_F(BuiltInBundleMapsTest, SystemMapHoldsIdentifierVersionAndURL) {
 }
 
 TEST_F(BuiltInBundleMapsTest, LaterBundleWithTheSameIdentifierWins) {
-  app("Developer/Applications", "A.app", "com.example.same", "1");
-  app("Developer/Applications", "B.app", "com.example.same", "2");
+  bundle("Developer/Applications", "A.app", "com.example.same", "1");
+  bundle("Developer/Applications", "B.app", "com.example.same", "2");
   const auto listing = CVFileManager::defaultManager().urlsForItemsInDirectoryAtURL(
       configuration_.developerAppsDirectory(), /*ignoringSymlinks=*/true, nullptr);
   ASSERT_TRUE(listing.has_value());
@@ -310,22 +310,20 @@ TEST_F(BuiltInBundleMapsTest, MissingDirectoryIsSilentUnreadableOneIsLogged) {
       << log.dump();
   // A failed scan is retried at the next call.
   ASSERT_EQ(::unlink((image_.rootPath() + "/Applications").c_str()), 0);
-  app("Applications", "Clock.app", "com.zentrel.clock");
+  bundle("Applications", "Clock.app", "com.zentrel.clock");
   ASSERT_NE(configuration_.systemAppBundleIDToInfoMap(), nullptr);
 }
 
 // Maps are kept until a rescan; the framework set survives only a rescan of
 // the core services; built-in applications leave out the core services.
 TEST_F(BuiltInBundleMapsTest, MapsAreCachedUntilARescan) {
-  app("Applications", "Clock.app", "com.zentrel.clock");
-  app("ZentrelInternal/Applications", "Probe.app", "com.zentrel.probe");
-  app("Developer/Applications", "Tool.app", "com.zentrel.tool");
-  app("System/Library/CoreServices", "Springboard.app", "com.zentrel.springboard");
-  image_.writeBundle(image_.rootPath() + "/System/Library/Frameworks/Kit.framework",
-                     "com.zentrel.kit");
-  image_.writeBundle(image_.rootPath() + "/ZentrelInternal/PrivateFrameworks/Debug.framework",
-                     "com.zentrel.debug");
-  image_.writeBundle(image_.rootPath() + "/Developer/Frameworks/Dev.framework", "com.zentrel.dev");
+  bundle("Applications", "Clock.app", "com.zentrel.clock");
+  bundle("ZentrelInternal/Applications", "Probe.app", "com.zentrel.probe");
+  bundle("Developer/Applications", "Tool.app", "com.zentrel.tool");
+  bundle("System/Library/CoreServices", "Springboard.app", "com.zentrel.springboard");
+  bundle("System/Library/Frameworks", "Kit.framework", "com.zentrel.kit");
+  bundle("ZentrelInternal/PrivateFrameworks", "Debug.framework", "com.zentrel.debug");
+  bundle("Developer/Frameworks", "Dev.framework", "com.zentrel.dev");
   EXPECT_NE(
       configuration_.coreServicesAppBundleIDToInfoMap()->findDictionary("com.zentrel.springboard"),
       nullptr);
@@ -335,7 +333,7 @@ TEST_F(BuiltInBundleMapsTest, MapsAreCachedUntilARescan) {
   const auto frameworks = configuration_.builtInFrameworkBundleIDs();
   EXPECT_EQ(*frameworks, (CVSet{"com.zentrel.kit", "com.zentrel.debug"}));
 
-  app("Applications", "Maps.app", "com.zentrel.maps");
+  bundle("Applications", "Maps.app", "com.zentrel.maps");
   EXPECT_EQ(configuration_.systemAppBundleIDToInfoMap(), before);
   configuration_.reScanCoreServicesApps();
   EXPECT_EQ(configuration_.builtInFrameworkBundleIDs(), frameworks);
