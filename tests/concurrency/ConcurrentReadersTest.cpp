@@ -18,11 +18,9 @@ constexpr int kThreads = 6;
 constexpr int kRounds = 40;
 
 void runOnThreads(const std::function<void(int thread)>& body) {
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;  // joined when they go
   for (int i = 0; i < kThreads; ++i)
     threads.emplace_back(body, i);
-  for (std::thread& thread : threads)
-    thread.join();
 }
 
 TEST(ConcurrentReadersTest, CachedBundleMapsAreWholeWhileOtherThreadsRescan) {

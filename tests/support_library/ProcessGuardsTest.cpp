@@ -181,20 +181,17 @@ TEST(CrashOnExceptionTest, WritesTheFullMessageAndAborts) {
 }
 
 TEST(ExceptionRecordTest, CapturesTheExceptionBeingHandled) {
-  try {
-    throw std::runtime_error("disk on fire");
-  } catch (...) {
-    const ExceptionRecord record = ExceptionRecord::fromCurrentException();
-    EXPECT_EQ(std::tuple(record.name, record.reason),
-              std::tuple("std::runtime_error", "disk on fire"));
-    EXPECT_FALSE(record.callStackSymbols.value_or(std::vector<std::string>{}).empty());
-  }
-  try {
-    throw 7;
-  } catch (...) {
-    const ExceptionRecord record = ExceptionRecord::fromCurrentException();
-    EXPECT_EQ(std::tuple(record.name, record.reason), std::tuple("int", std::nullopt));
-  }
+  const auto recordOf = [](auto thrown) {
+    try {
+      throw thrown;
+    } catch (...) {
+      return ExceptionRecord::fromCurrentException();
+    }
+  };
+  const ExceptionRecord error = recordOf(std::runtime_error("disk on fire")), number = recordOf(7);
+  EXPECT_EQ(std::tuple(error.name, error.reason), std::tuple("std::runtime_error", "disk on fire"));
+  EXPECT_FALSE(error.callStackSymbols.value_or(std::vector<std::string>{}).empty());
+  EXPECT_EQ(std::tuple(number.name, number.reason), std::tuple("int", std::nullopt));
   const ExceptionRecord none = ExceptionRecord::fromCurrentException();
   EXPECT_EQ(std::tuple(none.name, none.reason), std::tuple(std::nullopt, std::nullopt));
 }

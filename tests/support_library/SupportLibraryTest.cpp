@@ -170,7 +170,6 @@ std::string randomBytes(std::size_t size, unsigned seed) {
   return bytes;
 }
 
-// The digest as the system's own tool computes it.
 std::string sha256sum(const std::string& path, const std::string& scratch) {
   return runProgram("sha256sum", {path}, scratch).out.substr(0, 64);
 }
@@ -215,7 +214,6 @@ TEST(FileDigestTest, ReadsInChunksOfAtMost64KiBAndLeavesAnOpenFileToTheCaller) {
     CapturedLog log(platform::installerLog());
     EXPECT_EQ(CVCreateSHA256Digest(path), sha256sum(path, directory.path())) << size;
     EXPECT_EQ(observer.requested, reads) << size;
-    EXPECT_EQ(std::vector<std::size_t>(observer.received.begin(), observer.received.end()), reads);
     EXPECT_EQ(log.count(), 0U) << log.dump();
   }
   const platform::sys::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -352,7 +350,6 @@ TEST_F(InfoPlistTest, HostileInfoPlistsYieldNothingWithAReason) {
     if (!contents.empty()) writeFile(base + "/" + name + "/Info.plist", contents);
     CapturedLog log(platform::installerLog());
     EXPECT_FALSE(CVLoadInfoPlist(bundleURL(name), nullptr).has_value()) << name;
-    // Only the message of the listed failure, nothing besides it.
     ASSERT_EQ(log.count(), 1u) << name << log.dump();
     EXPECT_TRUE(log.containsFragment("QXBundleGetInfoDictionary failed for bundle"))
         << name << log.dump();
