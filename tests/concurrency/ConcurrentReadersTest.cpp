@@ -57,10 +57,9 @@ TEST(ConcurrentReadersTest, CachedBundleMapsAreWholeWhileOtherThreadsRescan) {
 TEST(ConcurrentReadersTest, LogLinesFromManyThreadsAllArrive) {
   testing_support::CapturedLog log(platform::migrationLog());
   runOnThreads([](int thread) {
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < kRounds; ++round)
       platform::logMigration(platform::kLogLevelNotice, "reader", "thread %d round %d", thread,
                              round);
-    }
   });
   EXPECT_EQ(log.count(), static_cast<std::size_t>(kThreads * kRounds));
 }

@@ -35,10 +35,6 @@ void storePreference(const DeviceImage& image, std::string_view key, const CVVal
 // not true), the number of installations any number. The other settings keep
 // their defaults, which are silent.
 TEST(ConfigurationPreferencesTest, OnlyValuesOfTheRightTypeCountAndEachIsAnnounced) {
-  const auto settings = [](const CVGlobalConfiguration& c) {
-    return std::vector<long>{c.lowerInstallPriority(), c.skipDeviceFamilyCheck(),
-                             c.skipThinningCheck(), c.nSimultaneousInstallations()};
-  };
   const struct {
     const char* key;
     CVValue value;
@@ -65,9 +61,12 @@ TEST(ConfigurationPreferencesTest, OnlyValuesOfTheRightTypeCountAndEachIsAnnounc
     DeviceImage image;
     if (*each.key) storePreference(image, each.key, each.value);
     CapturedLog log(platform::installerLog());
+    const CVGlobalConfiguration c(image.root());
     std::vector<long> expected{1, 0, 0, 4};
     expected[each.setting] = each.expected;
-    EXPECT_EQ(settings(CVGlobalConfiguration(image.root())), expected);
+    EXPECT_EQ((std::vector<long>{c.lowerInstallPriority(), c.skipDeviceFamilyCheck(),
+                                 c.skipThinningCheck(), c.nSimultaneousInstallations()}),
+              expected);
     std::vector<std::tuple<int, std::string, std::string>> lines, got;
     if (*each.notice)
       lines.emplace_back(kLogLevelNotice, each.notice, "-[CVGlobalConfiguration init]");
@@ -290,9 +289,8 @@ TEST_F(BuiltInBundleMapsTest, LaterBundleWithTheSameIdentifierWins) {
   const auto map =
       configuration_._bundleIDMapForAppsInDirectory(configuration_.developerAppsDirectory());
   ASSERT_TRUE(map.has_value());
-  const std::string expectedVersion = listing->back().lastPathComponent() == "A.app" ? "1" : "2";
   EXPECT_EQ(*map->findDictionary("com.example.same")->findString("QXBundleVersion"),
-            expectedVersion);
+            listing->back().lastPathComponent() == "A.app" ? "1" : "2");
 }
 
 TEST_F(BuiltInBundleMapsTest, MissingDirectoryIsSilentUnreadableOneIsLogged) {
@@ -355,12 +353,10 @@ class DiskImageDiscoveryTest : public ::testing::Test {
   }
 
   // A drive directly under `parent` whose media is named `bsdName` (none: no name).
-  IORegistryTree::NodeId drive(IORegistryTree::NodeId parent, std::optional<std::string> bsdName) {
-    const auto node = registry_->addNode(parent, {"HWVDSKHDDrive"});
+  void drive(IORegistryTree::NodeId parent, std::optional<std::string> bsdName) {
     CVDictionary properties;
     if (bsdName) properties.set("BSD Name", *bsdName);
-    registry_->addNode(node, {"HWMedia"}, properties);
-    return node;
+    registry_->addNode(registry_->addNode(parent, {"HWVDSKHDDrive"}), {"HWMedia"}, properties);
   }
 
   CVURL applications(const std::string& mountPoint) const {

@@ -25,7 +25,6 @@ using platform::cpuUsageMonitorRecord;
 using platform::DispatchQueue;
 using platform::ExceptionRecord;
 using platform::transactionCount;
-using testing_support::ChildOutcome;
 using testing_support::runCapturedInChild;
 
 TEST(ResourceAssertionTest, AssertionsNestAndAnUnmatchedClearGoesNegative) {
@@ -166,7 +165,7 @@ TEST(CrashOnExceptionTest, WritesTheFullMessageAndAborts) {
   for (const auto& each : cases) {
     // The child's report (written by the abort hook) comes back as its standard
     // output, the crash handler's message as its standard error.
-    const ChildOutcome outcome = runCapturedInChild([&each]() -> int {
+    const auto outcome = runCapturedInChild([&each]() -> int {
       CVSetCrashAbortHookForTesting(reportAnnotationAndExit);
       if (each.thread) platform::setCurrentThreadName(each.thread);
       CVCrashOnException(each.record);
@@ -200,13 +199,11 @@ TEST(ThreadNameTest, LongNamesAreCutAtACharacterBoundary) {
   std::vector<std::string> names;
   std::thread([&names] {
     names.push_back(platform::currentThreadName());
-    platform::setCurrentThreadName("abcdefghijklmnopqrstuvwxyz");
-    names.push_back(platform::currentThreadName());
     // "é" would straddle the 15-byte limit: it goes as a whole.
-    platform::setCurrentThreadName("abcdefghijklmn\xC3\xA9z");
-    names.push_back(platform::currentThreadName());
-    platform::setCurrentThreadName("");
-    names.push_back(platform::currentThreadName());
+    for (const char* name : {"abcdefghijklmnopqrstuvwxyz", "abcdefghijklmn\xC3\xA9z", ""}) {
+      platform::setCurrentThreadName(name);
+      names.push_back(platform::currentThreadName());
+    }
   }).join();
   // The first: the kernel's inherited name is not the thread's.
   EXPECT_EQ(names, (std::vector<std::string>{"", "abcdefghijklmno", "abcdefghijklmn", ""}));
