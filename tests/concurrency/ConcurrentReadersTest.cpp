@@ -18,11 +18,9 @@ constexpr int kThreads = 6;
 constexpr int kRounds = 40;
 
 void runOnThreads(const std::function<void(int thread)>& body) {
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;  // joined when they go
   for (int i = 0; i < kThreads; ++i)
     threads.emplace_back(body, i);
-  for (std::thread& thread : threads)
-    thread.join();
 }
 
 TEST(ConcurrentReadersTest, CachedBundleMapsAreWholeWhileOtherThreadsRescan) {
@@ -44,10 +42,9 @@ TEST(ConcurrentReadersTest, CachedBundleMapsAreWholeWhileOtherThreadsRescan) {
       if (!system || system->count() != 2) ++incomplete;
       const auto frameworks = configuration.builtInFrameworkBundleIDs();
       if (!frameworks || !frameworks->contains("com.example.kit")) ++incomplete;
-      const CVSet builtIn = configuration.builtInApplicationBundleIDs();
-      if (!builtIn.contains("com.example.mail") || !builtIn.contains("com.example.clock")) {
+      if (configuration.builtInApplicationBundleIDs() !=
+          CVSet{"com.example.mail", "com.example.clock"})
         ++incomplete;
-      }
       const auto coreServices = configuration.coreServicesAppBundleIDToInfoMap();
       if (!coreServices || !coreServices->contains("com.example.setup")) ++incomplete;
       configuration.dataDirectory();
@@ -60,10 +57,9 @@ TEST(ConcurrentReadersTest, CachedBundleMapsAreWholeWhileOtherThreadsRescan) {
 TEST(ConcurrentReadersTest, LogLinesFromManyThreadsAllArrive) {
   testing_support::CapturedLog log(platform::migrationLog());
   runOnThreads([](int thread) {
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < kRounds; ++round)
       platform::logMigration(platform::kLogLevelNotice, "reader", "thread %d round %d", thread,
                              round);
-    }
   });
   EXPECT_EQ(log.count(), static_cast<std::size_t>(kThreads * kRounds));
 }

@@ -69,9 +69,8 @@ const ReplayTarget kTargets[] = {
 std::size_t replayAll(const ReplayTarget& target, const fs::path& directory) {
   std::set<fs::path> inputs;
   std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory, error))
     if (entry.is_regular_file()) inputs.insert(entry.path());
-  }
   for (const fs::path& input : inputs) {
     SCOPED_TRACE(input.string());
     std::ifstream in(input, std::ios::binary);

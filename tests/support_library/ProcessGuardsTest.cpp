@@ -1,21 +1,31 @@
-// The process guards: counted high-usage assertions and transactional tasks.
+// The process guards: counted high-usage assertions, transactional tasks and
+// the last-resort crash path (run in child processes: message, annotation, abort).
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <future>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/DispatchQueue.h"
+#include "platform/ExceptionRecord.h"
 #include "platform/ProcessServices.h"
+#include "platform/ThreadName.h"
+#include "shared/support/CVCrashTesting.h"
 #include "shared/support/CVProcessGuards.h"
+#include "tests/support/ChildProgram.h"
 
 namespace {
 
 using platform::cpuUsageMonitorRecord;
 using platform::DispatchQueue;
+using platform::ExceptionRecord;
 using platform::transactionCount;
+using testing_support::runCapturedInChild;
 
 TEST(ResourceAssertionTest, AssertionsNestAndAnUnmatchedClearGoesNegative) {
   const auto before = cpuUsageMonitorRecord();
@@ -121,6 +131,82 @@ TEST(TransactionalTaskTest, SubmissionsFromManyThreadsKeepEachThreadsOrder) {
   for (const auto& [thread, sequence] : ran)
     ASSERT_EQ(sequence, next[static_cast<std::size_t>(thread)]++) << "thread " << thread;
   EXPECT_EQ(transactionCount(), before);
+}
+
+// In place of the abort: report the annotation's contents, then leave.
+constexpr int kHookExitCode = 42;
+void reportAnnotationAndExit() {
+  const platform::CrashAnnotation record = platform::crashAnnotationSnapshot();
+  std::string report = "version=" + std::to_string(record.version) + "\n";
+  report += record.message != 0 ? "message=" + *platform::crashAnnotationMessage() : "no message";
+  [[maybe_unused]] const ssize_t ignored = ::write(STDOUT_FILENO, report.data(), report.size());
+  ::_exit(kHookExitCode);
+}
+
+// The message reaches the standard error and the annotation before the
+// abort; missing parts leave no punctuation behind, and a thread never named
+// by the program (the kernel reports the program's name) has no name in it.
+TEST(CrashOnExceptionTest, WritesTheFullMessageAndAborts) {
+  EXPECT_EQ(platform::crashAnnotationMessage(), std::nullopt) << "empty until a crash";
+  const struct {
+    const char* thread;  // nullptr: never named
+    ExceptionRecord record;
+    const char* message;
+  } cases[] = {
+      {"worker", ExceptionRecord{"BadThing", "it broke", std::vector<std::string>{"a", "b"}},
+       "Exception: <worker> BadThing: it broke\nStack:\na\nb"},
+      {"", ExceptionRecord{std::nullopt, "just why", std::nullopt},
+       "Exception: just why\nStack:\n"},
+      {"t", ExceptionRecord{"Name", std::nullopt, std::vector<std::string>{}},
+       "Exception: <t> Name: \nStack:\n"},
+      {nullptr, ExceptionRecord{}, "Exception: \nStack:\n"},
+  };
+  const std::string header = "** INTERNAL ERROR: Uncaught Exception **\n";
+  for (const auto& each : cases) {
+    // The child's report (written by the abort hook) comes back as its standard
+    // output, the crash handler's message as its standard error.
+    const auto outcome = runCapturedInChild([&each]() -> int {
+      CVSetCrashAbortHookForTesting(reportAnnotationAndExit);
+      if (each.thread) platform::setCurrentThreadName(each.thread);
+      CVCrashOnException(each.record);
+    });
+    EXPECT_EQ(std::tuple(outcome.exitCode, outcome.err, outcome.out),
+              std::tuple(kHookExitCode, header + each.message + "\n",
+                         "version=5\nmessage=" + header + each.message));
+  }
+  EXPECT_EQ(runCapturedInChild([]() -> int { CVCrashOnException(ExceptionRecord{}); }).signal,
+            SIGABRT);
+  EXPECT_EQ(platform::crashAnnotationSnapshot().version, platform::kCrashAnnotationVersion);
+}
+
+TEST(ExceptionRecordTest, CapturesTheExceptionBeingHandled) {
+  const auto recordOf = [](auto thrown) {
+    try {
+      throw thrown;
+    } catch (...) {
+      return ExceptionRecord::fromCurrentException();
+    }
+  };
+  const ExceptionRecord error = recordOf(std::runtime_error("disk on fire")), number = recordOf(7);
+  EXPECT_EQ(std::tuple(error.name, error.reason), std::tuple("std::runtime_error", "disk on fire"));
+  EXPECT_FALSE(error.callStackSymbols.value_or(std::vector<std::string>{}).empty());
+  EXPECT_EQ(std::tuple(number.name, number.reason), std::tuple("int", std::nullopt));
+  const ExceptionRecord none = ExceptionRecord::fromCurrentException();
+  EXPECT_EQ(std::tuple(none.name, none.reason), std::tuple(std::nullopt, std::nullopt));
+}
+
+TEST(ThreadNameTest, LongNamesAreCutAtACharacterBoundary) {
+  std::vector<std::string> names;
+  std::thread([&names] {
+    names.push_back(platform::currentThreadName());
+    // "é" would straddle the 15-byte limit: it goes as a whole.
+    for (const char* name : {"abcdefghijklmnopqrstuvwxyz", "abcdefghijklmn\xC3\xA9z", ""}) {
+      platform::setCurrentThreadName(name);
+      names.push_back(platform::currentThreadName());
+    }
+  }).join();
+  // The first: the kernel's inherited name is not the thread's.
+  EXPECT_EQ(names, (std::vector<std::string>{"", "abcdefghijklmno", "abcdefghijklmn", ""}));
 }
 
 }  // namespace
