@@ -1,7 +1,5 @@
-// The whole pass over legacy trees that need no container migration, safe
-// harbors, what the migrator tells the host's observer of each entry, the
-// classification of legacy entries and the migration marker, whose type
-// decides the order of the work list.
+// The whole pass over legacy trees that need no container migration, safe harbors, what the
+// host's observer is told of each entry, the classification of entries and the migration marker.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -41,10 +39,8 @@ TEST_F(MigrationPassTest, NoOrEmptyLegacyTreeRunsToTheEndAndRecordsTheVersion) {
   EXPECT_EQ(image_.readPlistDictionary(versionRecordPath()),
             systemVersion_.copySystemVersionDictionary());
   EXPECT_TRUE(logged(kLogLevelNotice, "Recorded current system version as 21B80"));
-  ASSERT_EQ(installer_.dataProtectionRequests.size(), 2u);
-  EXPECT_TRUE(installer_.dataProtectionRequests[0]
-                  .find(platform::kCVUpdateSystemAppDataContainerDataProtection)
-                  ->isBooleanTrue());
+  const std::string protect(platform::kCVUpdateSystemAppDataContainerDataProtection);
+  EXPECT_EQ(installer_.dataProtectionRequests, std::vector(2, CVDictionary{{protect, true}}));
 }
 
 TEST_F(MigrationPassTest, StrayNoteIsRemovedCountedAndTheTreeRetired) {
@@ -90,7 +86,6 @@ TEST_F(MigrationPassTest, AnInstallMapWithoutAGroupMapUnreadableOrMissingSaysWhy
 }
 
 TEST_F(MigrationPassTest, UnlistableLegacyDirectoryFailsSetUp) {
-  // A regular file where the legacy directory should be cannot be listed.
   writeFile(image_.legacyDirectory(), "not a directory");
   EXPECT_EQ(makeMigrator(), nullptr);
   EXPECT_TRUE(loggedFragment("Failed to get items at " + image_.legacyDirectory() + " : "))
@@ -128,7 +123,6 @@ TEST_F(MigrationPassTest, FailedDataProtectionUpdateFailsThePassButRetiresTheTre
 class SafeHarborTest : public MigrationPassTest {};
 
 TEST_F(SafeHarborTest, MalformedEntriesAreSkippedAndGoodOnesRegistered) {
-  // An empty map is deleted without registrations.
   image_.writePlist(harborMapPath(), CVDictionary());
   EXPECT_TRUE(migrator()->_migrateSafeHarbors());
   EXPECT_TRUE(installer_.harbors.empty());
@@ -205,10 +199,7 @@ class RecordingObserver final : public MavrelMigrationObserver {
   std::map<std::string, std::vector<MavrelEntryResult>> finished;
 };
 
-class EntryObserverTest : public MigratorTest {
- protected:
-  RecordingObserver observer_;
-};
+using EntryObserverTest = MigratorTest;
 
 TEST_F(EntryObserverTest, EveryEntryIsFinishedOnceWithItsOutcome) {
   using Outcome = MavrelEntryOutcome;
@@ -225,11 +216,12 @@ TEST_F(EntryObserverTest, EveryEntryIsFinishedOnceWithItsOutcome) {
   const std::string refused = knownApplication("Refused", "com.example.refused");
   acceptInstalls("", "", "com.example.builtin", "com.example.refused");
 
-  const auto migrator = makeMigrator(&observer_);
+  RecordingObserver observer;
+  const auto migrator = makeMigrator(&observer);
   ASSERT_NE(migrator, nullptr);
   EXPECT_FALSE(migrator->performMigration());
 
-  // Path, outcome, the step that failed (of a failure), whether the container went.
+  // Path, outcome, the step that failed (Examining unless failed), whether the container went.
   const std::tuple<std::string, Outcome, Step, bool> expected[] = {
       {container("WhereDidMyApplicationsGo.txt"), Outcome::Removed, Step::Examining, true},
       {container("Empty"), Outcome::Removed, Step::Examining, true},
@@ -241,24 +233,21 @@ TEST_F(EntryObserverTest, EveryEntryIsFinishedOnceWithItsOutcome) {
       // A failed install comes after the data moved: the container goes all the same.
       {refused, Outcome::Failed, Step::Install, true},
   };
-  EXPECT_EQ(observer_.finished.size(), std::size(expected));
+  EXPECT_EQ(observer.finished.size(), std::size(expected));
   EXPECT_EQ(migrator->countItemsMigrated(), std::size(expected)) << "each entry counts once";
   for (const auto& [path, outcome, failedStep, removed] : expected) {
     SCOPED_TRACE(path);
-    ASSERT_EQ(observer_.finished[path].size(), 1u);
-    const MavrelEntryResult& result = observer_.finished[path][0];
-    EXPECT_EQ(result.outcome, outcome);
-    if (outcome == Outcome::Failed) {
-      EXPECT_EQ(result.failedStep, failedStep);
-    }
-    EXPECT_EQ(result.containerRemoved, removed);
-    EXPECT_EQ(pathExists(path), !removed);
+    ASSERT_EQ(observer.finished[path].size(), 1u);
+    const MavrelEntryResult& result = observer.finished[path][0];
+    EXPECT_EQ(
+        std::tuple(result.outcome, result.failedStep, result.containerRemoved, pathExists(path)),
+        std::tuple(outcome, failedStep, removed, !removed));
   }
   // The refused application's data had moved before its install.
   EXPECT_EQ(readFile(image_.home("Containers/Data/Refused/Documents/d.txt")), "data");
-  EXPECT_EQ(observer_.began.count(container("Linked")), 0u);
-  EXPECT_EQ(observer_.began.at(migrated), "com.example.good");
-  EXPECT_EQ(observer_.steps.at(migrated),
+  EXPECT_EQ(observer.began.count(container("Linked")), 0u);
+  EXPECT_EQ(observer.began.at(migrated), "com.example.good");
+  EXPECT_EQ(observer.steps.at(migrated),
             (std::vector<Step>{Step::Marker, Step::BundleRecord, Step::DataMove, Step::Install,
                                Step::GroupContainers, Step::MissedItems, Step::Removal}));
 }
@@ -289,11 +278,8 @@ class ContainerIntrospectionTest : public MigratorTest {
                         {"BundleIdentifier", "com.example.foo"},
                         {"ContainerType", std::string(type)}};
   }
-
-  std::unique_ptr<CVAppMigrator> migrator_;
 };
 
-// A plug-in alone is announced and is the only bundle of its record.
 TEST_F(ContainerIntrospectionTest, APluginAloneIsTheOnlyBundleOfItsRecord) {
   image_.writeBundle(container("V") + "/Bar.vpnplugin", "com.example.bar");
   const auto record = introspect("V");
@@ -303,138 +289,84 @@ TEST_F(ContainerIntrospectionTest, APluginAloneIsTheOnlyBundleOfItsRecord) {
 }
 
 // Entries that give no record: removed when nothing in them can be migrated,
-// left when a link makes them suspect; each says why.
+// left when a link makes them suspect; each says why ("@" is the entry's path).
 TEST_F(ContainerIntrospectionTest, EntriesWithoutARecordAreRemovedOrLeftWithTheirMessage) {
   const std::string real = image_.rootPath() + "/Real.app";
   image_.writeBundle(real, "com.example.real");
   const std::string marker = "/com.zentrel.corvane.container_migrator.plist";
   struct Case {
     std::string name;
-    std::function<void(const std::string& path)> make;
     bool stays;
-    int level;
-    std::string message;  // "" when none is checked
+    std::function<void(const std::string& path)> make;
+    int level = 0;
+    std::string message = "";  // none checked when empty
   };
   const std::vector<Case> cases = {
       // The extension test is case-sensitive.
-      {"Upper", [&](auto& p) { image_.writeBundle(p + "/Foo.APP", "com.example.upper"); }, false, 0,
-       ""},
-      {"NoId",
+      {"Upper", false, [&](auto& p) { image_.writeBundle(p + "/Foo.APP", "com.example.upper"); }},
+      {"NoId", false,
        [&](auto& p) {
          image_.writeBundle(p + "/Foo.app", CVDictionary{{"QXBundleName", "Foo"}});
        },
-       false, kLogLevelError,
-       "Could not get identifier for bundle at " + container("NoId") + "/Foo.app"},
-      {"NoId2", [&](auto& p) { image_.writeBundle(p + "/Foo.app", CVDictionary{}); }, false,
-       kLogLevelError,
-       "No app or vpn bundle found in container " + container("NoId2") + " ; removing it"},
-      {"Bad",
+       kLogLevelError, "Could not get identifier for bundle at @/Foo.app"},
+      {"NoId2", false, [&](auto& p) { image_.writeBundle(p + "/Foo.app", CVDictionary{}); },
+       kLogLevelError, "No app or vpn bundle found in container @ ; removing it"},
+      {"Bad", false,
        [](auto& p) {
          writeFile(p + "/Foo.app/Info.plist", "bplist00\xff\xff garbage");
          makeDirectories(p + "/Documents");
-       },
-       false, 0, ""},
-      {"stray.bin", [](auto& p) { writeFile(p, "x"); }, false, kLogLevelError,
-       "Found regular file at " + container("stray.bin") + " ; removing"},
-      {"Gone", [](auto&) {}, false, kLogLevelNotice,
-       "Got ENOENT when introspecting " + container("Gone") +
-           " ; ignoring (likely raced with corvaned)"},
-      {"LinkedApp",
+       }},
+      {"stray.bin", false, [](auto& p) { writeFile(p, "x"); }, kLogLevelError,
+       "Found regular file at @ ; removing"},
+      {"Gone", false, [](auto&) {}, kLogLevelNotice,
+       "Got ENOENT when introspecting @ ; ignoring (likely raced with corvaned)"},
+      {"LinkedApp", true,
        [&](auto& p) {
          makeDirectories(p + "/Documents");
          makeSymlink(real, p + "/Foo.app");
        },
-       true, kLogLevelError,
-       "Skipping container with app symlink at " + container("LinkedApp") + "/Foo.app"},
-      {"LinkedPlugin",
+       kLogLevelError, "Skipping container with app symlink at @/Foo.app"},
+      {"LinkedPlugin", true,
        [&](auto& p) {
          image_.writeBundle(p + "/Foo.app", "com.example.foo");
          makeSymlink(real, p + "/Bar.vpnplugin");
        },
-       true, kLogLevelError,
-       "VPN plugin was symlink; skipping container " + container("LinkedPlugin") +
-           "/Bar.vpnplugin"},
-      {"LinkedMarker",
+       kLogLevelError, "VPN plugin was symlink; skipping container @/Bar.vpnplugin"},
+      {"LinkedMarker", true,
        [&](auto& p) {
          makeDirectories(p);
          makeSymlink(real + "/Info.plist", p + marker);
        },
-       true, kLogLevelError,
-       "Migration marker was symlink; skipping container " + container("LinkedMarker") + marker},
-      {"Unloadable",
+       kLogLevelError, "Migration marker was symlink; skipping container @" + marker},
+      {"Unloadable", true,
        [&](auto& p) {
          image_.writeBundle(p + "/Foo.app", "com.example.foo");
          image_.writePlist(p + marker, CVArray{"not", "a", "dictionary"});
        },
-       true, kLogLevelError,
-       "Failed to load migration marker file from file://" + container("Unloadable") + marker},
+       kLogLevelError, "Failed to load migration marker file from file://@" + marker},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    c.make(container(c.name));
+    const std::string path = container(c.name);
+    c.make(path);
     EXPECT_FALSE(introspect(c.name).has_value());
-    EXPECT_EQ(pathExists(container(c.name)), c.stays);
-    if (!c.message.empty()) {
-      EXPECT_TRUE(logged(c.level, c.message)) << log_.dump();
-    }
+    EXPECT_EQ(pathExists(path), c.stays);
+    const std::size_t at = c.message.find('@');
+    EXPECT_TRUE(c.message.empty() || logged(c.level, std::string(c.message).replace(at, 1, path)))
+        << log_.dump();
   }
   // The target of the linked bundle was never touched.
   EXPECT_TRUE(pathExists(real + "/Info.plist"));
   EXPECT_TRUE(pathExists(container("Unloadable") + "/Foo.app"));
 }
 
-TEST_F(ContainerIntrospectionTest, MarkerWinsOverTheScanAndItsTypeDecidesTheOrder) {
-  CVDictionary saved = markerRecord("M", "Gone.app");
-  saved.set("Extra", 42);
-  makeDirectories(container("M"));
-  migrator_->_writeMigrationMarker(saved, directoryURL(container("M")));
-  image_.writeBundle(container("M") + "/Other.app", "com.example.other");
-  bool early = false;
-  // Returned as read, extra keys included, though its bundle is gone.
-  EXPECT_EQ(introspect("M", &early), saved) << log_.dump();
-  EXPECT_TRUE(early);
-
-  image_.writePlist(markerPath("M"), markerRecord("M", "b.app", "Whatever"));
-  ASSERT_TRUE(introspect("M", &early).has_value());
-  EXPECT_FALSE(early);
-}
-
-// Each malformed marker reports the first check it fails, and only that one.
-TEST_F(ContainerIntrospectionTest, MarkerChecksRunInOrder) {
-  const std::string marker = image_.rootPath() + "/marker.plist";
-  const std::string from = " from migration marker file " + marker;
-  const std::pair<CVDictionary, std::string> cases[] = {
-      {{{"ContainerPath", "/c"}, {"BundleIdentifier", "x"}}, "Failed to get bundle path" + from},
-      {{{"BundlePath", "/b"}, {"ContainerPath", "/c"}, {"BundleIdentifier", "x"}},
-       "Failed to get container type" + from},
-      {{{"BundlePath", "/b"}, {"ContainerType", "App"}, {"BundleIdentifier", "x"}},
-       "Failed to get container path" + from},
-      {{{"BundlePath", "/b"}, {"ContainerType", "App"}, {"ContainerPath", 3}},
-       "Failed to get container path" + from},
-      {{{"BundlePath", "/b"}, {"ContainerType", "App"}, {"ContainerPath", "/c"}},
-       "Failed to get container bundle ID" + from},
-      {{{"BundlePath", "/b"},
-        {"ContainerType", "App"},
-        {"ContainerPath", "/c"},
-        {"BundleIdentifier", "x"},
-        {"SecondBundlePath", 7}},
-       "Second bundle path was not a string: 7"},
-  };
-  for (const auto& [content, message] : cases) {
-    image_.writePlist(marker, content);
-    log_.clear();
-    const CVURL url = CVURL::fileURLWithPath(marker, false);
-    EXPECT_FALSE(migrator_->_loadAndValidateMigrationMarkerAtURL(url).has_value());
-    ASSERT_EQ(log_.count(), 1u) << log_.dump();
-    EXPECT_TRUE(logged(kLogLevelError, message)) << log_.dump();
-  }
-}
-
-// The marker stores device paths, so a copied or moved image resumes; it is
-// read back as the record stood.
-TEST_F(ContainerIntrospectionTest, MarkerIsWrittenWithDevicePathsAndReadBackAsTheRecordStood) {
+// The marker stores device paths, so a copied or moved image resumes. It
+// wins over the scan and is read back as the record stood, extra keys
+// included, though its bundle is gone; its type decides the order.
+TEST_F(ContainerIntrospectionTest, MarkerIsWrittenWithDevicePathsAndWinsOverTheScan) {
   CVDictionary info = markerRecord("W", "Foo.app");
   info.set("SecondBundlePath", container("W") + "/Bar.vpnplugin");
+  info.set("Extra", 42);
   makeDirectories(container("W"));
   migrator_->_writeMigrationMarker(info, directoryURL(container("W")));
   const std::string device = "/private/var/mobile/Applications/W";
@@ -443,11 +375,18 @@ TEST_F(ContainerIntrospectionTest, MarkerIsWrittenWithDevicePathsAndReadBackAsTh
                           {"BundlePath", device + "/Foo.app"},
                           {"SecondBundlePath", device + "/Bar.vpnplugin"},
                           {"BundleIdentifier", "com.example.foo"},
-                          {"ContainerType", "App"}}));
-  // Nothing is left aside.
+                          {"ContainerType", "App"},
+                          {"Extra", 42}}));
+  // No temporary file is left beside it.
   EXPECT_EQ(entriesOf(container("W")),
             std::vector<std::string>{"com.zentrel.corvane.container_migrator.plist"});
-  EXPECT_EQ(introspect("W"), info);
+  image_.writeBundle(container("W") + "/Other.app", "com.example.other");
+  bool early = false;
+  EXPECT_EQ(introspect("W", &early), info) << log_.dump();
+  EXPECT_TRUE(early);
+  image_.writePlist(markerPath("W"), markerRecord("W", "b.app", "Whatever"));
+  ASSERT_TRUE(introspect("W", &early).has_value());
+  EXPECT_FALSE(early);
 
   migrator_->_writeMigrationMarker(info, directoryURL(container("Missing")));
   EXPECT_TRUE(logged(
@@ -480,14 +419,10 @@ TEST_F(ContainerIntrospectionTest, MarkerPathsMustDescribeItsOwnContainer) {
                                                     {"BundleIdentifier", "com.example.foo"},
                                                     {"ContainerType", "App"}});
     log_.clear();
-    const auto record = introspect("M");
-    ASSERT_EQ(record.has_value(), loaded) << log_.dump();
-    if (loaded) {
-      EXPECT_EQ(*record, markerRecord("M", "Foo.app"));
-    } else {
-      EXPECT_TRUE(log_.containsFragment("does not describe its container")) << log_.dump();
-      EXPECT_TRUE(pathExists(container("M") + "/Foo.app"));
-    }
+    EXPECT_EQ(introspect("M").value_or(CVDictionary()),
+              loaded ? markerRecord("M", "Foo.app") : CVDictionary());
+    EXPECT_EQ(log_.containsFragment("does not describe its container"), !loaded) << log_.dump();
+    EXPECT_TRUE(pathExists(container("M") + "/Foo.app"));
   }
 }
 

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
 
 #include "AppMigrator/AppMigrator.h"
@@ -18,7 +17,6 @@ using platform::kLogLevelError;
 using platform::kLogLevelNotice;
 using namespace testing_support;
 
-// An icon service that answers with a fixed image, or with nothing.
 class FixedIconService final : public platform::IconService {
  public:
   std::optional<platform::Image> homeScreenIconForBundle(const platform::Bundle&) override {
@@ -77,9 +75,10 @@ class MigratorTest : public ::testing::Test {
     return record;
   }
 
-  // An application container (bundle, executable, a document) whose
-  // application the registry already knows, with its data container.
-  std::string knownApplication(const std::string& name, const std::string& identifier) {
+  // An application container (bundle, executable, a document) and its data
+  // container; the registry already knows the application when `known`.
+  std::string knownApplication(const std::string& name, const std::string& identifier,
+                               bool known = true) {
     const std::string path = container(name);
     image_.writeBundle(path + "/" + name + ".app", CVDictionary{{"QXBundleIdentifier", identifier},
                                                                 {"QXBundleExecutable", name}});
@@ -87,7 +86,7 @@ class MigratorTest : public ::testing::Test {
     writeFile(path + "/Documents/d.txt", "data");
     const std::string data = image_.home("Containers/Data/" + name);
     makeDirectories(data);
-    installer_.records[identifier] = record(identifier, data);
+    if (known) installer_.records[identifier] = record(identifier, data);
     return path;
   }
 
@@ -114,13 +113,6 @@ class MigratorTest : public ::testing::Test {
     };
   }
 
-  std::size_t installsOfType(std::string_view packageType) const {
-    return std::ranges::count_if(installer_.installs, [&](const InstallRequest& request) {
-      const std::string* type = request.options.findString(platform::kPackageTypeOptionKey);
-      return type && *type == packageType;
-    });
-  }
-
   // Whether the migrator logged "CVAppMigrator: <message>" at `level`, or a
   // line holding "CVAppMigrator: <fragment>".
   bool logged(int level, const std::string& message) const {
@@ -137,4 +129,5 @@ class MigratorTest : public ::testing::Test {
   FixedIconService icons_;
   testing_support::CapturedLog log_{platform::migrationLog()};
   std::unique_ptr<CVGlobalConfiguration> configuration_;
+  std::unique_ptr<CVAppMigrator> migrator_;  // for the fixtures that make one at set-up
 };

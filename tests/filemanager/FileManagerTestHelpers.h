@@ -22,9 +22,8 @@ inline void makeImmutable(const std::string& path) {
   ASSERT_EQ(testing_support::runProgram("chattr", {"+i", path}).exitCode, 0) << path;
 }
 
-// Makes `levels` nested directories named `name` below `root` and an empty
-// file "leaf" in the deepest, through descriptors: the path may exceed
-// PATH_MAX.
+// Makes `levels` nested directories named `name` below `root` and an empty file "leaf" in the
+// deepest, through descriptors: the path may exceed PATH_MAX.
 inline void makeDeepTree(const std::string& root, int levels, const std::string& name = "d") {
   platform::sys::UniqueFd current(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   for (int level = 0; level < levels && current; ++level) {
@@ -53,9 +52,7 @@ inline void expectPosixError(const CVError& error, int code, const std::string& 
                              const std::string& function = "") {
   EXPECT_TRUE(error.isPOSIX(code)) << error.description();
   EXPECT_EQ(error.localizedDescription(), description);
-  if (!function.empty()) {
-    EXPECT_EQ(functionOf(error), function);
-  }
+  EXPECT_TRUE(function.empty() || functionOf(error) == function) << functionOf(error);
 }
 
 // A record that no operation makes, to check that an out-error is untouched.

@@ -2,14 +2,15 @@
 // (its level filter is EndToEndTest's) and the log files of a run.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 
 #include "host/FileLogSink.h"
 #include "host/HostLogs.h"
 #include "host/LogFormat.h"
+#include "tests/host/GeneratedImage.h"
 #include "tests/support/TestSupport.h"
 
 namespace mavrel_host {
@@ -33,18 +34,11 @@ platform::LogLine notice(std::string_view message) {
 }
 
 TEST(LogFormatTest, EachLayoutOfALine) {
-  const platform::LogLine migration{5,
-                                    "-[CVAppMigrator performMigration]",
-                                    "CVAppMigrator: Introspecting /var/a",
-                                    "MavrelHost",
-                                    "AppMigrator.cpp",
-                                    123};
-  const platform::LogLine installer{3,
-                                    "-[CVFileManager removeItemAtURL:error:]",
-                                    "Failed to remove /x: Permission denied",
-                                    {},
-                                    {},
-                                    0};
+  const platform::LogLine migration(5, "-[CVAppMigrator performMigration]",
+                                    "CVAppMigrator: Introspecting /var/a", "MavrelHost",
+                                    "AppMigrator.cpp", 123);
+  const platform::LogLine installer(3, "-[CVFileManager removeItemAtURL:error:]",
+                                    "Failed to remove /x: Permission denied", "", "", 0);
   const platform::LogLine quoted{4, "f\"n\"", "tab\there C:\\x", "Cat\\", "a\"b.cpp", 7};
   const platform::LogLine invalid{5, "f", "Failed to remove /var/\xFF\nname", {}, {}, 0};
   const std::vector<std::pair<std::string, std::string>> cases = {
@@ -93,7 +87,6 @@ TEST(LogFormatTest, TimestampsAreLocalTime) {
     ::setenv("TZ", zone, 1);
     ::tzset();
     EXPECT_EQ(formatLineTimestamp(timespec{when, nanoseconds}), line) << zone;
-    // JSON lines carry ISO 8601 times with the zone.
     EXPECT_EQ(formatISOLineTimestamp(timespec{when, nanoseconds}), iso) << zone;
     EXPECT_EQ(formatLineTimestamp(timespec{when + 9, 999999999}), lastMillisecond) << zone;
     EXPECT_EQ(formatFileTimestamp(when), file) << zone;
@@ -130,34 +123,28 @@ TEST(FileLogSinkTest, FailuresToOpenOrWriteNameTheFile) {
   TemporaryDirectory directory;
   std::string reason;
   EXPECT_FALSE(AppendOnlyFile::open(directory / "missing/dir/x.log", &reason));
-  EXPECT_NE(reason.find(directory / "missing/dir/x.log"), std::string::npos) << reason;
-  EXPECT_NE(reason.find("No such file or directory"), std::string::npos) << reason;
+  host_test::expectContains(reason, {directory / "missing/dir/x.log", "No such file or directory"});
 
   // Every write to /dev/full fails with ENOSPC; the text file still gets its line.
   FileLogSink sink(LogFlavor::Migration, openOrFail(directory / "text.log"),
                    openOrFail("/dev/full"), std::nullopt, fixedClock);
   sink.write(notice("lost"));
   EXPECT_FALSE(sink.finish(&reason));
-  EXPECT_NE(reason.find("/dev/full"), std::string::npos) << reason;
-  EXPECT_NE(reason.find("No space left on device"), std::string::npos) << reason;
-  EXPECT_NE(readFile(directory / "text.log").find("lost"), std::string::npos);
+  host_test::expectContains(reason, {"/dev/full", "No space left on device"});
+  host_test::expectContains(readFile(directory / "text.log"), {"lost"});
 
-  // The descriptor is not known here: look for any open descriptor on the
-  // file, which a child process must not inherit.
+  // The descriptor is not known here: every open descriptor on the file (one)
+  // must be for appending and not inherited by a child process.
   AppendOnlyFile file = openOrFail(directory / "x.log");
-  struct stat byPath {};
-  ASSERT_EQ(::stat((directory / "x.log").c_str(), &byPath), 0);
-  int found = 0;
-  for (int fd = 0; fd < 1024; ++fd) {
-    struct stat byDescriptor {};
-    if (::fstat(fd, &byDescriptor) != 0 || byDescriptor.st_ino != byPath.st_ino ||
-        byDescriptor.st_dev != byPath.st_dev)
-      continue;
-    ++found;
-    EXPECT_TRUE(::fcntl(fd, F_GETFD) & FD_CLOEXEC);
-    EXPECT_TRUE(::fcntl(fd, F_GETFL) & O_APPEND);
+  std::vector<std::pair<bool, bool>> closeOnExecAndAppend;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const int fd = std::stoi(entry.path().filename());
+    if (std::filesystem::equivalent(entry.path(), directory / "x.log", error))
+      closeOnExecAndAppend.emplace_back(::fcntl(fd, F_GETFD) & FD_CLOEXEC,
+                                        ::fcntl(fd, F_GETFL) & O_APPEND);
   }
-  EXPECT_EQ(found, 1);
+  EXPECT_EQ(closeOnExecAndAppend, (std::vector<std::pair<bool, bool>>{{true, true}}));
 }
 
 TEST(HostLogsTest, LogLevelKeepsNoticesForProgressButOutOfTheFile) {

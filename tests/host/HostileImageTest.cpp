@@ -17,7 +17,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace testing_support;
 
 constexpr std::string_view kMarkerName = "com.zentrel.corvane.container_migrator.plist";
@@ -49,13 +48,11 @@ class HostileImageTest : public ::testing::Test {
   // Migrates; expects `exitCode` (unless -1) and each fragment in the migration log.
   void expectRun(int exitCode, const std::vector<std::string>& logged,
                  const std::vector<std::string>& extra = {}) {
-    const ProgramRun run = image_.migrate(extra);
-    if (exitCode >= 0) {
-      EXPECT_EQ(run.exitCode, exitCode) << run.out << run.err;
-    }
+    last_ = image_.migrate(extra);
+    EXPECT_TRUE(exitCode < 0 || last_.exitCode == exitCode) << last_.describe() << "\n"
+                                                            << last_.out << last_.err;
     for (const std::string& fragment : logged)
       EXPECT_TRUE(image_.logged(fragment)) << fragment << "\n" << image_.migrationLog();
-    last_ = run;
   }
 
   LegacyImage image_;
@@ -162,8 +159,7 @@ TEST_F(HostileImageTest, TwoContainersWithOneIdentifierAreAConflict) {
     image_.writeApplication(legacy(name + "/Foo.app"), "com.example.foo");
     writeFile(legacy(name + "/Documents/" + name + ".txt"), name);
   }
-  const ProgramRun plan = image_.mavrel({"plan", "--root", image_.rootPath()});
-  host_test::expectContains(plan.out,
+  host_test::expectContains(image_.mavrel({"plan", "--root", image_.rootPath()}).out,
                             {"the same identifier is in " + legacy("First"), "predicted to FAIL"});
   expectRun(1, {});
   host_test::expectContains(last_.err, {"conflict: com.example.foo was in "});
@@ -213,9 +209,7 @@ TEST_F(HostileImageTest, ATreeDeeperThanPathMaxIsMovedVerifiedAndRemoved) {
     chain += "/" + std::string(60, 'd');
   makeDirectories(container + "/Documents" + chain);
   writeFile(legacy("Lower") + chain + "/bottom.txt", "bottom");
-  std::error_code error;
-  fs::rename(legacy("Lower"), container + "/Documents" + chain + "/Lower", error);
-  ASSERT_FALSE(error) << error.message();
+  std::filesystem::rename(legacy("Lower"), container + "/Documents" + chain + "/Lower");
   expectRun(0, {"CVAppMigrator: Removing container for com.example.deep"}, {"--verify"});
   // The file deeper than a path can name is recorded, found and verified.
   host_test::expectContains(last_.err, {"Verified 1 of 1 user-data files"});
@@ -234,11 +228,9 @@ TEST_F(HostileImageTest, AnInfoPlistPastTheSizeCapIsRefusedUnread) {
       "<dict><key>QXBundleIdentifier</key><string>com.example.huge</string>"
       "<key>Padding</key><string>";
   const std::string tail = "</string></dict></plist>\n";
-  writeFile(
-      container + "/Foo.app/Info.plist",
-      head +
-          std::string(platform::kInfoPlistLimits.maxFileSize + 1 - head.size() - tail.size(), 'p') +
-          tail);
+  const std::size_t padding =
+      platform::kInfoPlistLimits.maxFileSize + 1 - head.size() - tail.size();
+  writeFile(container + "/Foo.app/Info.plist", head + std::string(padding, 'p') + tail);
   expectRun(-1,
             {"CVAppMigrator: Could not get identifier for bundle at " + container + "/Foo.app"});
 }

@@ -21,9 +21,8 @@ namespace {
 
 using namespace testing_support;
 
-// Confines a child (the confinement cannot be undone) to `writable`, runs
-// the steps and returns one line per step whose result (0 for success, else
-// errno) is not among those wanted, or "" when all held.
+// Confines a child to `writable`, runs the steps and returns one line per step
+// whose result (0 for success, else errno) is not among those wanted, or "".
 using Step = std::tuple<std::string, std::function<int()>, std::vector<int>>;
 std::string inConfinedChild(const std::vector<std::string>& writable,
                             const std::vector<Step>& steps, bool expectConfined = true) {
