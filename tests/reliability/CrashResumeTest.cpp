@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <random>
+#include <ranges>
 #include <set>
 
 #include "tests/reliability/Sweep.h"
@@ -162,15 +163,11 @@ TEST_P(CrashResumeSweep, EveryKillPointResumesWithoutLossOrOutsideWrites) {
   std::string reason;
   const Trace reference = traceMigration(*workspaces_.front(), mutatingSystemCalls(), &reason);
   ASSERT_FALSE(reference.calls.empty()) << reason;
-  std::vector<KillPoint> points;
-  for (KillPoint& point : killPoints(reference, workspaces_.front()->root())) {
-    if (inFamily(GetParam(), point.call)) points.push_back(std::move(point));
-  }
+  std::vector<KillPoint> points = killPoints(reference, workspaces_.front()->root());
+  std::erase_if(points, [](const KillPoint& point) { return !inFamily(GetParam(), point.call); });
   ASSERT_FALSE(points.empty());
-  std::set<int> threads;
-  for (const TracedCall& call : reference.calls)
-    threads.insert(call.pid);
-  count("threads making traced calls", threads.size());
+  const auto pids = reference.calls | std::views::transform(&TracedCall::pid);
+  count("threads making traced calls", std::set<int>(pids.begin(), pids.end()).size());
   count("kill points of the migration in this family", points.size());
   if (settings_.mode == SweepMode::Sampled) {
     // The family's share of the sample.

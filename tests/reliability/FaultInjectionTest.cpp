@@ -70,13 +70,11 @@ std::vector<FaultTrial> faultTrials(const Trace& trace, const std::string& root)
     // failing that write stops the runtime, not the migration.
     if (!call.arguments.empty() && call.arguments[0].find("<pipe:") != std::string::npos) continue;
     std::string kind;
-    for (const auto& [name, calls] : faultKinds()) {
+    for (const auto& [name, calls] : faultKinds())
       if (std::ranges::find(calls, call.name) != calls.end()) kind = name;
-    }
-    for (const auto& [errorName, number] : kErrors) {
+    for (const auto& [errorName, number] : kErrors)
       for (const bool persistent : {false, true})
         trials.push_back({kind, call.name, errorName, number, persistent, ordinal});
-    }
   }
   return trials;
 }

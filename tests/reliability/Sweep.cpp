@@ -209,17 +209,15 @@ bool keptInSafetyNet(const std::string& root, const std::string& legacy,
   const auto holds = [&](const std::string& path) {
     return isRegularFile(path) && CVCreateSHA256Digest(path).value_or("") == digest;
   };
-  std::error_code error;
-  for (fs::directory_iterator it(nets, error), end; !error && it != end; it.increment(error)) {
-    const std::string run = it->path().string();
+  for (const std::string& name : testing_support::entriesOf(nets)) {
+    const std::string run = nets + "/" + name;
     if (holds(run + "/" + below)) return true;
     const std::string manifest = mavrel_host::readNetManifest(run);
-    for (const mavrel_host::NetLinkRecord& record : mavrel_host::parseNetManifest(manifest)) {
+    for (const mavrel_host::NetLinkRecord& record : mavrel_host::parseNetManifest(manifest))
       if (record.legacyRelative() == below &&
           holds(run + "/" + std::string(mavrel_host::kSafetyNetLinksDirectory) + "/" +
                 std::string(record.linkName)))
         return true;
-    }
   }
   return false;
 }
@@ -572,9 +570,8 @@ std::string SweepWorkspace::logs() const {
        {"/private/var/mobile/Library/Logs/Mavrel", "/private/var/mobile/Library/Logs/Corvane"}) {
     std::error_code error;
     for (fs::directory_iterator it(root_ + directory, error), end; !error && it != end;
-         it.increment(error)) {
+         it.increment(error))
       if (it->path().extension() == ".log") text += testing_support::readFile(it->path().string());
-    }
   }
   return text;
 }
@@ -584,14 +581,10 @@ bool SweepWorkspace::onlyMarkersAndAsideFilesLeft() const {
                                          "com.zentrel.corvane.migration_marker",
                                          "com.zentrel.corvane.placeholder"};
   bool asideFile = false;
-  std::error_code error;
-  for (fs::directory_iterator container(manifest_.legacyDirectory, error), end;
-       !error && container != end; container.increment(error)) {
-    if (!container->is_directory()) return false;
-    std::error_code inner;
-    for (fs::directory_iterator it(container->path(), inner); !inner && it != end;
-         it.increment(inner)) {
-      const std::string name = it->path().filename().string();
+  for (const std::string& container : testing_support::entriesOf(manifest_.legacyDirectory)) {
+    const std::string path = manifest_.legacyDirectory + "/" + container;
+    if (!fs::is_directory(path)) return false;
+    for (const std::string& name : testing_support::entriesOf(path)) {
       asideFile = asideFile || isAsideName(name);
       if (!markers.contains(name) && !isAsideName(name)) return false;
     }
@@ -608,11 +601,8 @@ void SweepWorkspace::checkOutside(ImageCheck& result) const {
        differences(canarySnapshot_, snapshotBelow(canary_, false), AccessTimes::Ignored))
     result.outsideChanges.push_back("canary/" + change);
   const std::set<std::string> expected = {"image", "template", "canary", "scratch"};
-  std::error_code error;
-  for (fs::directory_iterator it(base_, error), end; !error && it != end; it.increment(error)) {
-    const std::string name = it->path().filename().string();
+  for (const std::string& name : testing_support::entriesOf(base_))
     if (!expected.contains(name)) result.outsideChanges.push_back(base_ + "/" + name + " appeared");
-  }
 }
 
 ImageCheck SweepWorkspace::check(bool finished) const {
@@ -633,9 +623,8 @@ ImageCheck SweepWorkspace::check(bool finished) const {
   }
   const JSONValue& applications = listing ? (*listing)["applications"] : JSONValue();
   const auto application = [&](const std::string& identifier) -> const JSONValue* {
-    for (const JSONValue& entry : applications.array) {
+    for (const JSONValue& entry : applications.array)
       if (entry["identifier"].string == identifier) return &entry;
-    }
     return nullptr;
   };
   if (listing) {
@@ -646,16 +635,14 @@ ImageCheck SweepWorkspace::check(bool finished) const {
         paths.push_back(entry[key].string);
       for (const auto& [group, path] : entry["groupContainers"].object)
         paths.push_back(path.string);
-      for (const std::string& path : paths) {
+      for (const std::string& path : paths)
         if (!path.empty() && !testing_support::pathExists(path))
           result.missingContainers.push_back(entry["identifier"].string + ": " + path);
-      }
     }
-    for (const JSONValue& harbor : (*listing)["safeHarbors"].array) {
+    for (const JSONValue& harbor : (*listing)["safeHarbors"].array)
       if (!testing_support::pathExists(harbor["path"].string))
         result.missingContainers.push_back("harbor of " + harbor["identifier"].string + ": " +
                                            harbor["path"].string);
-    }
   }
 
   std::optional<std::string> logText;
@@ -671,10 +658,8 @@ ImageCheck SweepWorkspace::check(bool finished) const {
         // container of the image will do. Other owners' files of the same
         // name live there too, so a copy with other bytes proves nothing.
         unlisted = true;
-        std::error_code error;
-        for (fs::directory_iterator it(root_ + kDataContainers, error), end; !error && it != end;
-             it.increment(error))
-          places.push_back(it->path().string() + "/" + file.relative);
+        for (const std::string& container : testing_support::entriesOf(root_ + kDataContainers))
+          places.push_back(root_ + kDataContainers + "/" + container + "/" + file.relative);
       }
     }
     if (listing && file.kind == "group") {
@@ -757,14 +742,10 @@ void SweepTest::count(const std::string& figure, std::uint64_t amount) {
   figures_[figure] += amount;
 }
 
-void SweepTest::problem(const std::string& trial, const std::string& what) {
+void SweepTest::add(std::vector<std::string>& lines, const std::string& trial,
+                    const std::string& what) {
   std::lock_guard lock(mutex_);
-  problems_.push_back(trial + ": " + what);
-}
-
-void SweepTest::note(const std::string& trial, const std::string& what) {
-  std::lock_guard lock(mutex_);
-  notes_.push_back(trial + ": " + what);
+  lines.push_back(trial + ": " + what);
 }
 
 int SweepTest::rerunUntilSuccess(
@@ -816,7 +797,7 @@ void SweepTest::SetUp() {
 void SweepTest::runTrials(std::size_t count,
                           const std::function<void(SweepWorkspace&, std::size_t index)>& trial) {
   std::atomic<std::size_t> next{0};
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;  // joined when they go
   for (const auto& workspace : workspaces_) {
     threads.emplace_back([this, &next, &trial, count, &workspace] {
       for (std::size_t index = next++; index < count; index = next++) {
@@ -829,8 +810,6 @@ void SweepTest::runTrials(std::size_t count,
       }
     });
   }
-  for (std::thread& thread : threads)
-    thread.join();
 }
 
 void SweepTest::countFiles(const ImageCheck& check) {
@@ -852,13 +831,12 @@ void SweepTest::report(const std::string& title,
   std::string figures;
   for (const auto& [name, value] : figures_)
     figures += "  " + name + ": " + std::to_string(value) + "\n";
-  const std::vector<std::string>& notes = notes_;
   std::printf("%s (%s)\n%sNotes:\n%s", title.c_str(), settings_.describe().c_str(), figures.c_str(),
-              listed(notes, 12).c_str());
+              listed(notes_, 12).c_str());
   // Every note, for reading the long runs' findings one by one.
   if (const char* path = std::getenv("MAVREL_RELIABILITY_NOTES"); path && *path) {
     std::ofstream file(path, std::ios::app);
-    file << "# " << title << " (" << settings_.describe() << ")\n" << listed(notes, notes.size());
+    file << "# " << title << " (" << settings_.describe() << ")\n" << listed(notes_, notes_.size());
   }
   const auto lost = figures_.find("files lost");
   EXPECT_EQ(lost == figures_.end() ? 0u : lost->second, 0u);

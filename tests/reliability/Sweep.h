@@ -233,8 +233,8 @@ class SweepTest : public ::testing::Test {
                  const std::function<void(SweepWorkspace&, std::size_t index)>& trial);
   // Figures, problems and notes (worth reading, not failures), from any worker.
   void count(const std::string& figure, std::uint64_t amount = 1);
-  void problem(const std::string& trial, const std::string& what);
-  void note(const std::string& trial, const std::string& what);
+  void problem(const std::string& trial, const std::string& what) { add(problems_, trial, what); }
+  void note(const std::string& trial, const std::string& what) { add(notes_, trial, what); }
   // Plain runs of the migration until one succeeds, at most three, with
   // `check(when, finished)` after each; a failed rerun is counted under its
   // first new error line. When none succeeds, containers kept for aside files
@@ -255,6 +255,8 @@ class SweepTest : public ::testing::Test {
   std::vector<std::unique_ptr<SweepWorkspace>> workspaces_;
 
  private:
+  void add(std::vector<std::string>& lines, const std::string& trial, const std::string& what);
+
   std::mutex mutex_;
   std::map<std::string, std::uint64_t> figures_;
   std::vector<std::string> problems_, notes_;
