@@ -2,7 +2,6 @@
 // maps of built-in bundles and the applications on mounted disk images (over
 // registry and mount-table doubles).
 #include <gtest/gtest.h>
-#include <sys/xattr.h>
 
 #include <filesystem>
 #include <functional>
@@ -144,14 +143,6 @@ TEST(SharedConfigurationTest, ConcurrentFirstCallsGetOneInstance) {
   for (auto& thread : threads)
     thread.join();
   EXPECT_EQ(std::set<CVGlobalConfiguration*>(seen.begin(), seen.end()).size(), 1u);
-}
-
-std::optional<std::int32_t> protectionClassOf(const std::string& path) {
-  std::int32_t value = 0;
-  if (::getxattr(path.c_str(), "user.mavrel.protection-class", &value, sizeof value) !=
-      static_cast<ssize_t>(sizeof value))
-    return std::nullopt;
-  return value;
 }
 
 class WellKnownDirectoriesTest : public ::testing::Test {

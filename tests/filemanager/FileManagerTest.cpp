@@ -15,9 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/DirectoryStream.h"
 #include "platform/linux/PlaceholderAttribute.h"
-#include "platform/linux/ProtectionClass.h"
 #include "platform/linux/ProtectionClassTesting.h"
 #include "shared/filemanager/CVErrors.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -210,13 +208,6 @@ TEST_F(FileManagerTest, LinksAreMadeAsGivenAndReadBackAsFileURLs) {
   }
 }
 
-std::optional<std::int32_t> protectionClassOf(const std::string& path) {
-  const sys::UniqueFd fd = sys::openDirectory(path.c_str(), sys::FinalLink::NotFollowed);
-  std::int32_t protectionClass = 0;
-  if (!fd || sys::getProtectionClass(fd.get(), &protectionClass) != 0) return std::nullopt;
-  return protectionClass;
-}
-
 TEST_F(FileManagerTest, CreateDirectoryMakesTheLastWithModeAndClassOrNamesTheFailedStep) {
   CVError error = sentinelError();
   EXPECT_TRUE(manager_.createDirectoryAtURL(url("new/"), false, 0700, &error));
@@ -226,7 +217,7 @@ TEST_F(FileManagerTest, CreateDirectoryMakesTheLastWithModeAndClassOrNamesTheFai
   EXPECT_EQ(permissionsOf(temp_ / "a/b/c"), 0750u);
   EXPECT_EQ(permissionsOf(temp_ / "a/b") & 0700, 0700u);
   EXPECT_EQ(protectionClassOf(temp_ / "a/b/c"), 4);
-  EXPECT_EQ(protectionClassOf(temp_ / "a/b"), sys::kDefaultProtectionClass);
+  EXPECT_EQ(protectionClassOf(temp_ / "a/b"), std::nullopt);
 
   // An existing directory is success, keeps its mode and gets the class.
   makeDirectories(temp_ / "exists");
@@ -234,7 +225,7 @@ TEST_F(FileManagerTest, CreateDirectoryMakesTheLastWithModeAndClassOrNamesTheFai
   for (const bool intermediates : {false, true})
     EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), intermediates, 0700, &error));
   EXPECT_EQ(error, sentinelError());
-  EXPECT_EQ(protectionClassOf(temp_ / "exists"), sys::kDefaultProtectionClass);
+  EXPECT_EQ(protectionClassOf(temp_ / "exists"), std::nullopt);
   EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), true, 0700, 2, nullptr));
   EXPECT_EQ(protectionClassOf(temp_ / "exists"), 2);
   EXPECT_TRUE(manager_.createDirectoryAtURL(url("exists/"), false, 0700, 1, nullptr));

@@ -10,8 +10,8 @@
 #include "host/CommandLine.h"
 #include "platform/linux/FileDescriptor.h"
 #include "tests/host/GeneratedImage.h"
+#include "tests/support/DeviceImage.h"
 #include "tests/support/JSON.h"
-#include "tests/support/LegacyImage.h"
 #include "tests/support/TreeSnapshot.h"
 
 namespace {

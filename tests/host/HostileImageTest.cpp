@@ -12,7 +12,7 @@
 
 #include "platform/PropertyList.h"
 #include "tests/host/GeneratedImage.h"
-#include "tests/support/LegacyImage.h"
+#include "tests/support/DeviceImage.h"
 #include "tests/support/TreeSnapshot.h"
 
 namespace {

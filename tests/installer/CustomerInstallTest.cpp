@@ -5,13 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <functional>
 
 #include "installer/FaultInjection.h"
 #include "installer/GroupContainers.h"
-#include "platform/linux/ExtendedAttributes.h"
-#include "platform/linux/ProtectionClass.h"
 #include "shared/filemanager/CVErrors.h"
 #include "shared/filemanager/CVFileManager.h"
 #include "tests/installer/InstallerFixture.h"
@@ -428,17 +425,6 @@ TEST_F(PlaceholderInstallTest, ChecksTheCopyItInstalls) {
 }
 
 // ---- Built-in applications
-
-std::optional<std::int32_t> protectionClassOf(const std::string& path) {
-  std::vector<char> value;
-  std::int32_t number = 0;
-  if (platform::sys::getAttribute(platform::sys::AttributeItem::link(path.c_str()),
-                                  platform::sys::kProtectionClassAttributeName, value) != 0 ||
-      value.size() != sizeof number)
-    return std::nullopt;
-  std::memcpy(&number, value.data(), sizeof number);
-  return number;
-}
 
 class BuiltInApplicationTest : public InstallerFixture {
  protected:

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -151,6 +152,14 @@ void makeSymlink(const std::string& target, const std::string& linkPath) {
 bool pathExists(const std::string& path) {
   struct stat status;
   return ::lstat(path.c_str(), &status) == 0;
+}
+
+std::optional<std::int32_t> protectionClassOf(const std::string& path) {
+  std::int32_t value = 0;
+  if (::lgetxattr(path.c_str(), "user.mavrel.protection-class", &value, sizeof value) !=
+      static_cast<ssize_t>(sizeof value))
+    return std::nullopt;
+  return value;
 }
 
 }  // namespace testing_support

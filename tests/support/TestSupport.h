@@ -77,6 +77,9 @@ std::string readFile(const std::string& path);
 void makeDirectories(const std::string& path);
 void makeSymlink(const std::string& target, const std::string& linkPath);
 bool pathExists(const std::string& path);  // lstat-based
+// The data-protection class kept on `path` (not followed), read straight from
+// its extended attribute; none when it has none.
+std::optional<std::int32_t> protectionClassOf(const std::string& path);
 // The names in a directory, sorted; empty when it does not exist.
 std::vector<std::string> entriesOf(const std::string& directory);
 
