@@ -141,6 +141,7 @@ std::string annotatedPath(const std::string& text) {
 namespace fs = std::filesystem;
 using testing_support::ChildOptions;
 using testing_support::JSONValue;
+using testing_support::listed;
 using testing_support::runChild;
 
 const std::string kMavrel = MAVREL_BINARY_DIR "/bin/mavrel";
@@ -245,15 +246,6 @@ bool suitsTheSweeps(const std::string& parent) {
   testing_support::TemporaryDirectory probe(parent);
   return platform::sys::setAttribute(platform::sys::AttributeItem::link(probe.path().c_str()),
                                      "user.mavrel.probe", "1") == 0;
-}
-
-// At most `limit` lines, then how many more there are.
-std::string listed(const std::vector<std::string>& lines, std::size_t limit) {
-  std::string text;
-  for (std::size_t i = 0; i < lines.size() && i < limit; ++i)
-    text += "  " + lines[i] + "\n";
-  if (lines.size() > limit) text += "  ... and " + std::to_string(lines.size() - limit) + " more\n";
-  return text;
 }
 
 }  // namespace
@@ -836,7 +828,7 @@ void SweepTest::report(const std::string& title,
   // Every note, for reading the long runs' findings one by one.
   if (const char* path = std::getenv("MAVREL_RELIABILITY_NOTES"); path && *path) {
     std::ofstream file(path, std::ios::app);
-    file << "# " << title << " (" << settings_.describe() << ")\n" << listed(notes_, notes_.size());
+    file << "# " << title << " (" << settings_.describe() << ")\n" << listed(notes_);
   }
   const auto lost = figures_.find("files lost");
   EXPECT_EQ(lost == figures_.end() ? 0u : lost->second, 0u);

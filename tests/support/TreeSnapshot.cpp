@@ -188,10 +188,11 @@ OtherDeviceDirectory::~OtherDeviceDirectory() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-std::string listed(const std::vector<std::string>& lines) {
+std::string listed(const std::vector<std::string>& lines, std::size_t limit) {
   std::string text;
-  for (const std::string& line : lines)
-    text += line + "\n";
+  for (std::size_t i = 0; i < lines.size() && i < limit; ++i)
+    text += "  " + lines[i] + "\n";
+  if (lines.size() > limit) text += "  ... and " + std::to_string(lines.size() - limit) + " more\n";
   return text;
 }
 

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -62,8 +63,9 @@ class OtherDeviceDirectory {
   std::string path_;
 };
 
-// The lines of `differences`, one per row ("" when there are none).
-std::string listed(const std::vector<std::string>& lines);
+// The lines of `differences`, one per indented row ("" when there are none): at most
+// `limit` of them, then how many more there are.
+std::string listed(const std::vector<std::string>& lines, std::size_t limit = SIZE_MAX);
 
 // Relative path to SHA-256 of every regular file below `directory` (none when
 // it does not exist).
