@@ -18,9 +18,9 @@
 #include "host/SafetyNetManifest.h"
 #include "installer/EmbeddedInstallerService.h"
 #include "platform/DeviceRoot.h"
-#include "platform/PropertyList.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "tests/host/GeneratedImage.h"
+#include "tests/support/DeviceImage.h"
 #include "tests/support/JSON.h"
 #include "tests/support/TreeSnapshot.h"
 
@@ -318,22 +318,17 @@ TEST_F(MigrationEndToEndTest, PlanAgainstPassOnEveryKindOfEntry) {
   // Entries the classification sorts out (the table below names each kind);
   // the marker of "Resumed" names an application that is gone.
   const std::string legacy = manifest.legacyDirectory;
-  const auto writePlist = [](const std::string& path, const CVDictionary& value) {
-    makeDirectories(fs::path(path).parent_path());
-    ASSERT_TRUE(
-        platform::writePropertyListAtomically(value, CVURL::fileURLWithPath(path, false), nullptr));
-  };
   writeFile(legacy + "/NoBundle/Documents/orphan.txt", "orphan");
   makeDirectories(legacy + "/Linked");
   makeSymlink("/nowhere/Linked.app", legacy + "/Linked/Linked.app");
   writeFile(legacy + "/AFile", "a file where a container should be");
-  writePlist(legacy + "/Tunnel/Tunnel.vpnplugin/Info.plist",
-             CVDictionary{{"QXBundleIdentifier", "com.example.tunnel"}});
-  writePlist(legacy + "/Resumed/com.zentrel.corvane.container_migrator.plist",
-             CVDictionary{{"ContainerPath", legacy + "/Resumed"},
-                          {"BundlePath", legacy + "/Resumed/Gone.app"},
-                          {"BundleIdentifier", "com.example.gone"},
-                          {"ContainerType", "App"}});
+  DeviceImage::writePlist(legacy + "/Tunnel/Tunnel.vpnplugin/Info.plist",
+                          CVDictionary{{"QXBundleIdentifier", "com.example.tunnel"}});
+  DeviceImage::writePlist(legacy + "/Resumed/com.zentrel.corvane.container_migrator.plist",
+                          CVDictionary{{"ContainerPath", legacy + "/Resumed"},
+                                       {"BundlePath", legacy + "/Resumed/Gone.app"},
+                                       {"BundleIdentifier", "com.example.gone"},
+                                       {"ContainerType", "App"}});
   comparePlanWithPass(manifest);
   ASSERT_EQ(migrated_.exitCode, 1) << migrated_.out << migrated_.err;
   planWritingNothing(manifest.root);

@@ -18,7 +18,7 @@ std::string DeviceImage::home(std::string_view relative) const {
   return path;
 }
 
-void DeviceImage::writePlist(const std::string& path, const CVValue& value) const {
+void DeviceImage::writePlist(const std::string& path, const CVValue& value) {
   makeDirectories(path.substr(0, path.find_last_of('/')));
   CVError error;
   ASSERT_TRUE(

@@ -28,7 +28,7 @@ class DeviceImage {
   std::string dataDirectory() const { return home("Library/Corvane"); }
 
   // Writes `value` as an XML property list at `path`, creating parent directories.
-  void writePlist(const std::string& path, const CVValue& value) const;
+  static void writePlist(const std::string& path, const CVValue& value);
   // Makes a bundle directory at `path` whose Info.plist holds `info`.
   void writeBundle(const std::string& path, const CVDictionary& info) const;
   // Makes a bundle whose Info.plist names `identifier` (and nothing else).
