@@ -374,6 +374,11 @@ int migrateWithLogs(MigrationRun& run, const std::string& root,
     run.report.migrators.push_back(std::move(pass));
   }
   run.passUnderWay.clear();
+  // The migrators go before their modules are closed, and both before the
+  // services they were given: here, as soon as the passes are over, so that
+  // what they hold (a migrator keeps the whole install map) is given back
+  // before the checks and the net's settling take theirs.
+  migrators->clear();
   if (manifest) {
     const VerificationResult result = verifyUserData(
         *manifest, *installer, whatTheRunSays(run.recorder->entries()), defaultWorkerCount());
@@ -386,9 +391,6 @@ int migrateWithLogs(MigrationRun& run, const std::string& root,
     run.console.text(formatSafetyNetSettled(net->result(), root));
     run.report.safetyNet = net->result();
   }
-  // The migrators go before their modules are closed, and both before the
-  // services they were given.
-  migrators->clear();
   return exitCode;
 }
 

@@ -93,6 +93,7 @@ std::optional<CVValue> convert(plist_t node, std::size_t depth, std::size_t maxD
 std::optional<CVValue> convertArray(plist_t node, std::size_t depth, std::size_t maxDepth,
                                     std::string& reason) {
   CVArray array;
+  array.reserve(plist_array_get_size(node));
   plist_array_iter iterator = nullptr;
   plist_array_new_iter(node, &iterator);
   const MallocPointer iteratorOwner(iterator);
@@ -110,6 +111,7 @@ std::optional<CVValue> convertArray(plist_t node, std::size_t depth, std::size_t
 std::optional<CVValue> convertDictionary(plist_t node, std::size_t depth, std::size_t maxDepth,
                                          std::string& reason) {
   CVDictionary dictionary;
+  dictionary.reserve(plist_dict_get_size(node));
   plist_dict_iter iterator = nullptr;
   plist_dict_new_iter(node, &iterator);
   const MallocPointer iteratorOwner(iterator);

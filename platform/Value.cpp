@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 #include <limits>
+#include <unordered_map>
 
 namespace {
 
@@ -153,25 +154,100 @@ std::string CVArray::description(int indent) const {
 
 // ---- CVDictionary
 
+namespace {
+
+// Up to this many keys a lookup compares them in order, which costs less than
+// hashing and keeps no second copy of the keys; past it the dictionary keeps
+// an index.
+constexpr std::size_t kSearchedInOrderUpTo = 16;
+
+struct KeyHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view key) const noexcept {
+    return std::hash<std::string_view>()(key);
+  }
+};
+
+}  // namespace
+
+struct CVDictionary::Entries {
+  std::vector<std::string> keys;
+  std::vector<CVValue> values;
+  // Key to position, kept only while there are more keys than are searched
+  // in order.
+  std::unordered_map<std::string, std::size_t, KeyHash, std::equal_to<>> index;
+  std::vector<CVValue> otherKeys;
+  std::vector<CVValue> otherValues;
+  std::vector<std::size_t> otherPositions;  // string keys before each
+
+  bool indexed() const { return keys.size() > kSearchedInOrderUpTo; }
+
+  std::optional<std::size_t> positionOf(std::string_view key) const {
+    if (indexed()) {
+      const auto found = index.find(key);
+      if (found == index.end()) return std::nullopt;
+      return found->second;
+    }
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      if (keys[i] == key) return i;
+    }
+    return std::nullopt;
+  }
+
+  // Brings the index in line with the keys from `position` on.
+  void reindexFrom(std::size_t position) {
+    if (!indexed()) {
+      index.clear();
+      return;
+    }
+    if (index.empty()) position = 0;
+    for (std::size_t i = position; i < keys.size(); ++i)
+      index.insert_or_assign(keys[i], i);
+  }
+};
+
+CVDictionary::CVDictionary() = default;
+
 CVDictionary::CVDictionary(std::initializer_list<std::pair<std::string, CVValue>> entries) {
   for (const auto& [key, value] : entries)
     set(key, value);
 }
 
-CVDictionary::CVDictionary(const CVDictionary&) = default;
+CVDictionary::CVDictionary(const CVDictionary& other)
+    : entries_(other.entries_ ? std::make_unique<Entries>(*other.entries_) : nullptr) {}
 CVDictionary::CVDictionary(CVDictionary&&) noexcept = default;
-CVDictionary& CVDictionary::operator=(const CVDictionary&) = default;
+CVDictionary& CVDictionary::operator=(const CVDictionary& other) {
+  if (this != &other)
+    entries_ = other.entries_ ? std::make_unique<Entries>(*other.entries_) : nullptr;
+  return *this;
+}
 CVDictionary& CVDictionary::operator=(CVDictionary&&) noexcept = default;
 CVDictionary::~CVDictionary() = default;
 
+CVDictionary::Entries& CVDictionary::entries() {
+  if (!entries_) entries_ = std::make_unique<Entries>();
+  return *entries_;
+}
+
+std::size_t CVDictionary::count() const {
+  return entries_ ? entries_->keys.size() : 0;
+}
+
+const std::vector<std::string>& CVDictionary::keys() const {
+  static const std::vector<std::string> none;
+  return entries_ ? entries_->keys : none;
+}
+
 const CVValue* CVDictionary::find(std::string_view key) const {
-  const auto it = index_.find(std::string(key));
-  return it == index_.end() ? nullptr : &values_[it->second];
+  if (!entries_) return nullptr;
+  const auto position = entries_->positionOf(key);
+  return position ? &entries_->values[*position] : nullptr;
 }
 
 CVValue* CVDictionary::find(std::string_view key) {
-  const auto it = index_.find(std::string(key));
-  return it == index_.end() ? nullptr : &values_[it->second];
+  if (!entries_) return nullptr;
+  const auto position = entries_->positionOf(key);
+  return position ? &entries_->values[*position] : nullptr;
 }
 
 const std::string* CVDictionary::findString(std::string_view key) const {
@@ -199,61 +275,76 @@ void CVDictionary::set(std::string key, CVValue value) {
     *existing = std::move(value);
     return;
   }
-  index_.emplace(key, keys_.size());
-  keys_.push_back(std::move(key));
-  values_.push_back(std::move(value));
+  Entries& stored = entries();
+  stored.keys.push_back(std::move(key));
+  stored.values.push_back(std::move(value));
+  stored.reindexFrom(stored.keys.size() - 1);
 }
 
 bool CVDictionary::remove(std::string_view key) {
-  const auto it = index_.find(std::string(key));
-  if (it == index_.end()) return false;
-  const std::size_t position = it->second;
-  index_.erase(it);
-  keys_.erase(keys_.begin() + static_cast<std::ptrdiff_t>(position));
-  values_.erase(values_.begin() + static_cast<std::ptrdiff_t>(position));
-  reindexFrom(position);
-  for (std::size_t& before : otherPositions_) {
-    if (before > position) --before;
+  if (!entries_) return false;
+  Entries& stored = *entries_;
+  const auto position = stored.positionOf(key);
+  if (!position) return false;
+  if (stored.indexed()) stored.index.erase(stored.index.find(key));
+  stored.keys.erase(stored.keys.begin() + static_cast<std::ptrdiff_t>(*position));
+  stored.values.erase(stored.values.begin() + static_cast<std::ptrdiff_t>(*position));
+  stored.reindexFrom(*position);
+  for (std::size_t& before : stored.otherPositions) {
+    if (before > *position) --before;
   }
   return true;
 }
 
+void CVDictionary::reserve(std::size_t count) {
+  if (count == 0) return;
+  Entries& stored = entries();
+  stored.keys.reserve(count);
+  stored.values.reserve(count);
+}
+
 void CVDictionary::addEntryWithNonStringKey(CVValue key, CVValue value) {
-  otherKeys_.push_back(std::move(key));
-  otherValues_.push_back(std::move(value));
-  otherPositions_.push_back(keys_.size());
+  Entries& stored = entries();
+  stored.otherKeys.push_back(std::move(key));
+  stored.otherValues.push_back(std::move(value));
+  stored.otherPositions.push_back(stored.keys.size());
+}
+
+std::size_t CVDictionary::nonStringKeyCount() const {
+  return entries_ ? entries_->otherKeys.size() : 0;
 }
 
 const CVValue& CVDictionary::nonStringKeyAt(std::size_t index) const {
-  return otherKeys_[index];
+  return entries_->otherKeys[index];
 }
 
 const CVValue& CVDictionary::nonStringKeyValueAt(std::size_t index) const {
-  return otherValues_[index];
+  return entries_->otherValues[index];
 }
 
-void CVDictionary::reindexFrom(std::size_t position) {
-  for (std::size_t i = position; i < keys_.size(); ++i)
-    index_[keys_[i]] = i;
+std::size_t CVDictionary::stringKeysBeforeNonStringKey(std::size_t index) const {
+  return entries_->otherPositions[index];
 }
 
 const CVValue& CVDictionary::valueAt(std::size_t index) const {
-  return values_[index];
+  return entries_->values[index];
 }
 
 bool CVDictionary::operator==(const CVDictionary& other) const {
-  if (count() != other.count() || otherKeys_ != other.otherKeys_ ||
-      otherValues_ != other.otherValues_)
+  if (count() != other.count() || nonStringKeyCount() != other.nonStringKeyCount()) return false;
+  if (nonStringKeyCount() != 0 && (entries_->otherKeys != other.entries_->otherKeys ||
+                                   entries_->otherValues != other.entries_->otherValues))
     return false;
-  for (std::size_t i = 0; i < keys_.size(); ++i) {
-    const CVValue* theirs = other.find(keys_[i]);
-    if (theirs == nullptr || !(*theirs == values_[i])) return false;
+  const std::vector<std::string>& names = keys();
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const CVValue* theirs = other.find(names[i]);
+    if (theirs == nullptr || !(*theirs == entries_->values[i])) return false;
   }
   return true;
 }
 
 std::string CVDictionary::description(int indent) const {
-  if (keys_.empty() && otherKeys_.empty()) return "{\n" + indentation(indent) + "}";
+  if (count() == 0 && nonStringKeyCount() == 0) return "{\n" + indentation(indent) + "}";
   std::string text = "{\n";
   forEachEntry([&](const CVValue& key, const CVValue& value) {
     const std::string* name = key.asString();

@@ -17,7 +17,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -78,6 +77,7 @@ class CVArray {
   const CVValue& operator[](std::size_t index) const;
   void append(CVValue value);
   void insertAtFront(CVValue value);
+  void reserve(std::size_t count);  // makes room (a parser knows how many come)
   auto begin() const { return items_.begin(); }
   auto end() const { return items_.end(); }
   bool operator==(const CVArray& other) const;
@@ -87,10 +87,14 @@ class CVArray {
   std::vector<CVValue> items_;
 };
 
-// String-keyed, insertion-ordered dictionary with constant-time lookup.
+// String-keyed, insertion-ordered dictionary. A small dictionary is
+// searched in order; a larger one keeps a hash index, so lookups stay
+// constant-time. The entries live behind one pointer (none while the
+// dictionary is empty), so that a value of any kind stays small: a parsed
+// property list is mostly values.
 class CVDictionary {
  public:
-  CVDictionary() = default;
+  CVDictionary();
   CVDictionary(std::initializer_list<std::pair<std::string, CVValue>> entries);
   CVDictionary(const CVDictionary&);
   CVDictionary(CVDictionary&&) noexcept;
@@ -98,8 +102,8 @@ class CVDictionary {
   CVDictionary& operator=(CVDictionary&&) noexcept;
   ~CVDictionary();
 
-  std::size_t count() const { return keys_.size(); }
-  bool empty() const { return keys_.empty(); }
+  std::size_t count() const;
+  bool empty() const { return count() == 0; }
   // The value stored under `key`, or null when there is none.
   const CVValue* find(std::string_view key) const;
   CVValue* find(std::string_view key);
@@ -114,8 +118,10 @@ class CVDictionary {
   void set(std::string key, CVValue value);
   // Removes `key`; returns whether it was there.
   bool remove(std::string_view key);
+  // Makes room for `count` string keys (a parser knows how many come).
+  void reserve(std::size_t count);
 
-  const std::vector<std::string>& keys() const { return keys_; }
+  const std::vector<std::string>& keys() const;
   const CVValue& valueAt(std::size_t index) const;
 
   // Entries under a key that is not a string, which binary property lists can
@@ -124,7 +130,7 @@ class CVDictionary {
   // order of all keys can be followed (see forEachEntry). Property lists the
   // system writes leave them out.
   void addEntryWithNonStringKey(CVValue key, CVValue value);
-  std::size_t nonStringKeyCount() const { return otherPositions_.size(); }
+  std::size_t nonStringKeyCount() const;
   const CVValue& nonStringKeyAt(std::size_t index) const;
   const CVValue& nonStringKeyValueAt(std::size_t index) const;
   // Visits every entry in key order, string keys and others alike.
@@ -135,13 +141,11 @@ class CVDictionary {
   std::string description(int indent = 0) const;
 
  private:
-  void reindexFrom(std::size_t position);
-  std::vector<std::string> keys_;
-  std::vector<CVValue> values_;
-  std::unordered_map<std::string, std::size_t> index_;
-  std::vector<CVValue> otherKeys_;
-  std::vector<CVValue> otherValues_;
-  std::vector<std::size_t> otherPositions_;  // string keys before each
+  struct Entries;
+  Entries& entries();  // made on the first write
+  // How many string keys come before the non-string key `index`.
+  std::size_t stringKeysBeforeNonStringKey(std::size_t index) const;
+  std::unique_ptr<Entries> entries_;
 };
 
 // An unordered collection of distinct values that remembers insertion order.
@@ -226,16 +230,21 @@ inline std::size_t CVArray::count() const {
 inline const CVValue& CVArray::operator[](std::size_t index) const {
   return items_[index];
 }
+inline void CVArray::reserve(std::size_t count) {
+  items_.reserve(count);
+}
 inline std::size_t CVSet::count() const {
   return items_.size();
 }
 
 template <typename Visitor>
 void CVDictionary::forEachEntry(Visitor&& visit) const {
+  const std::vector<std::string>& names = keys();
+  const std::size_t others = nonStringKeyCount();
   std::size_t other = 0;
-  for (std::size_t i = 0; i <= keys_.size(); ++i) {
-    for (; other < otherPositions_.size() && otherPositions_[other] == i; ++other)
-      visit(otherKeys_[other], otherValues_[other]);
-    if (i < keys_.size()) visit(CVValue(keys_[i]), values_[i]);
+  for (std::size_t i = 0; i <= names.size(); ++i) {
+    for (; other < others && stringKeysBeforeNonStringKey(other) == i; ++other)
+      visit(nonStringKeyAt(other), nonStringKeyValueAt(other));
+    if (i < names.size()) visit(CVValue(names[i]), valueAt(i));
   }
 }

@@ -49,6 +49,16 @@ TEST(ValueDictionaryTest, KeepsOrderThroughEditsAndFindsAfterRemoval) {
   dictionary.set("b", 5);  // comes back at the end
   EXPECT_EQ(dictionary.keys(), (Keys{"zulu", "c", "d", "b"}));
   EXPECT_EQ(dictionary.valueAt(3), CVValue(5));
+  // A large dictionary answers from an index, down through the size searched in order.
+  CVDictionary large;
+  for (int i = 0; i < 40; ++i)
+    large.set("key" + std::to_string(i), i);
+  for (int gone = 0; gone < 40; ++gone) {
+    ASSERT_TRUE(large.remove("key" + std::to_string(gone)));
+    ASSERT_EQ(large.find("key" + std::to_string(gone)), nullptr);
+    for (int i = gone + 1; i < 40; ++i)
+      ASSERT_EQ(*large.find("key" + std::to_string(i)), CVValue(i));
+  }
   // Equality ignores order, not contents; copies are independent.
   EXPECT_EQ((CVDictionary{{"a", 1}, {"b", 2}}), (CVDictionary{{"b", 2}, {"a", 1}}));
   EXPECT_NE((CVDictionary{{"a", 1}, {"b", 2}}), (CVDictionary{{"a", 1}, {"b", 3}}));
