@@ -5,6 +5,7 @@
 #include <ctime>
 #include <limits>
 #include <unordered_map>
+#include <utility>
 
 namespace {
 
@@ -245,9 +246,7 @@ const CVValue* CVDictionary::find(std::string_view key) const {
 }
 
 CVValue* CVDictionary::find(std::string_view key) {
-  if (!entries_) return nullptr;
-  const auto position = entries_->positionOf(key);
-  return position ? &entries_->values[*position] : nullptr;
+  return const_cast<CVValue*>(std::as_const(*this).find(key));
 }
 
 const std::string* CVDictionary::findString(std::string_view key) const {
