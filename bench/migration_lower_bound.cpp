@@ -1,7 +1,7 @@
 // The least work that carries a legacy device image into the current layout:
 // the yardstick of the whole-migration benchmark (migration_bench).
 //
-//   migration_lower_bound --root DIR
+//   migration_lower_bound [--placeholders] --root DIR
 //
 // For every legacy application container below
 // <root>/private/var/mobile/Applications it does only what the change of
@@ -20,6 +20,16 @@
 // No property list is read, no registry written, no icon made, nothing
 // chowned or checked. Prints what it did; exit status 0, or 2 with a message
 // when a step fails.
+//
+// With --placeholders it also does, with the same plain calls, the file work
+// that the migrator's own steps fix for an application with a bundle, so
+// that the distance between the two modes is what those steps cost and the
+// rest of the distance to `mavrel migrate` is the services': the marker's
+// directory flushed after its rename; a placeholder staged (a directory, an
+// icon and an Info.plist of about the real sizes) and renamed into a bundle
+// container of its own; the bundles and store metadata moved through
+// "Staging/Payload", which becomes the bundle container; "Payload" and the
+// placeholder's container removed.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -66,6 +76,8 @@ struct Counts {
   std::size_t flushes = 0;
 };
 
+constexpr std::size_t kIconBytes = 6000;
+
 struct Entry {
   std::string name;
   bool directory = false;
@@ -99,17 +111,23 @@ bool isOneOf(std::string_view name, const std::string_view (&names)[N]) {
 
 class LowerBound {
  public:
-  explicit LowerBound(std::string root) : root_(std::move(root)) {
+  LowerBound(std::string root, bool placeholders)
+      : root_(std::move(root)), placeholders_(placeholders) {
     home_ = root_ + "/private/var/mobile";
     bundles_ = root_ + "/private/var/containers/Bundle";
     data_ = home_ + "/Containers/Data";
     shared_ = home_ + "/Containers/Shared";
+    staged_ = root_ + "/private/var/tmp/migration_lower_bound";
   }
 
   Counts run() {
     for (const std::string& directory :
          {root_ + "/private/var/containers", bundles_, home_ + "/Containers", data_, shared_})
       makeDirectory(directory, true);
+    if (placeholders_) {
+      makeDirectory(root_ + "/private/var/tmp", true);
+      makeDirectory(staged_, true);
+    }
 
     const std::string legacy = home_ + "/Applications";
     for (const Entry& entry : listDirectory(legacy)) {
@@ -149,6 +167,10 @@ class LowerBound {
     }
     const std::string bundle = bundles_ + "/" + name;
     const std::string data = data_ + "/" + name;
+    if (placeholders_ && hasBundle) {
+      migrateWithPlaceholder(container, name, entries, hasData);
+      return;
+    }
     if (hasBundle) makeDirectory(bundle, false);
     if (hasData) makeDirectory(data, false);
     for (const Entry& entry : entries) {
@@ -160,6 +182,45 @@ class LowerBound {
         move(from, data + "/" + entry.name);
       }
     }
+    removeTree(container);
+  }
+
+  // The same moves, the way the migrator's steps make them.
+  void migrateWithPlaceholder(const std::string& container, const std::string& name,
+                              const std::vector<Entry>& entries, bool hasData) {
+    const std::string staged = staged_ + "/" + name + ".app";
+    const std::string placeholder = bundles_ + "/placeholder-" + name;
+    makeDirectory(staged, false);
+    writeFile(staged + "/Icon.png", std::string(kIconBytes, 'i'));
+    writeFile(staged + "/Info.plist", kMarkerText);
+    makeDirectory(placeholder, false);
+    move(staged, placeholder + "/Placeholder.app");
+
+    const std::string data = data_ + "/" + name;
+    if (hasData) makeDirectory(data, false);
+    for (const Entry& entry : entries) {
+      if (isOneOf(entry.name, kUserDataNames))
+        move(container + "/" + entry.name, data + "/" + entry.name);
+    }
+    const std::string staging = container + "/Staging";
+    const std::string payload = staging + "/Payload";
+    makeDirectory(staging, false);
+    makeDirectory(payload, false);
+    std::vector<std::string> bundles;
+    for (const Entry& entry : entries) {
+      if (endsWith(entry.name, ".app") || endsWith(entry.name, ".vpnplugin")) {
+        move(container + "/" + entry.name, payload + "/" + entry.name);
+        bundles.push_back(entry.name);
+      } else if (isOneOf(entry.name, kMetadataNames)) {
+        move(container + "/" + entry.name, staging + "/" + entry.name);
+      }
+    }
+    for (const std::string& bundle : bundles)
+      move(payload + "/" + bundle, staging + "/" + bundle);
+    const std::string bundleContainer = bundles_ + "/" + name;
+    move(staging, bundleContainer);
+    removeDirectory(bundleContainer + "/Payload");
+    removeTree(placeholder);
     removeTree(container);
   }
 
@@ -186,6 +247,19 @@ class LowerBound {
     }
     ++counts_.flushes;
     move(aside, marker);
+    if (placeholders_) {
+      const UniqueFd directory(::open(container.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      if (!directory || ::fsync(directory.get()) != 0)
+        bench::die("cannot flush " + container + ": " + std::strerror(errno));
+      ++counts_.flushes;
+    }
+  }
+
+  // A new file holding `text`, not flushed.
+  void writeFile(const std::string& path, std::string_view text) {
+    const UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    if (!fd || ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+      bench::die("cannot write " + path + ": " + std::strerror(errno));
   }
 
   void makeDirectory(const std::string& path, bool mayExist) {
@@ -230,17 +304,20 @@ class LowerBound {
   std::string bundles_;
   std::string data_;
   std::string shared_;
+  std::string staged_;  // where placeholders are staged
+  bool placeholders_ = false;
   Counts counts_;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3 || std::string_view(argv[1]) != "--root") {
-    std::fprintf(stderr, "usage: %s --root DIR\n", argv[0]);
+  const bool placeholders = argc == 4 && std::string_view(argv[1]) == "--placeholders";
+  if (argc != 3 + (placeholders ? 1 : 0) || std::string_view(argv[argc - 2]) != "--root") {
+    std::fprintf(stderr, "usage: %s [--placeholders] --root DIR\n", argv[0]);
     return 2;
   }
-  const Counts counts = LowerBound(argv[2]).run();
+  const Counts counts = LowerBound(argv[argc - 1], placeholders).run();
   std::printf("containers: %zu, groups: %zu, renames: %zu, directories made: %zu, flushes: %zu\n",
               counts.containers, counts.groups, counts.renames, counts.directoriesMade,
               counts.flushes);

@@ -56,10 +56,13 @@ std::string CVURL::pathExtension() const {
 
 CVURL CVURL::URLByAppendingPathComponent(std::string_view component, bool isDirectory) const {
   if (isNil()) return CVURL();
-  std::string path = path_;
-  if (path.back() != '/') path += '/';
   while (!component.empty() && component.front() == '/')
     component.remove_prefix(1);
+  // One allocation: listings make a URL per entry.
+  std::string path;
+  path.reserve(path_.size() + 1 + component.size());
+  path += path_;
+  if (path.back() != '/') path += '/';
   path += component;
   return CVURL(withoutTrailingSeparators(std::move(path)), isDirectory);
 }

@@ -95,7 +95,10 @@ CVURL CVFileManager::_realPathForURL(const CVURL& url, bool allowNonExistentPath
       "-[CVFileManager _realPathForURL:allowNonExistentPathComponents:]";
   const char* path = url.fileSystemRepresentation();
   std::string resolved;
-  if (sys::resolveRealPath(path, &resolved) == 0) return CVURL::fileURLWithPath(resolved, false);
+  // One open names an existing item; realpath, a lookup per component, is
+  // left for what does not exist, whose resolved prefix the message shows.
+  if (sys::resolveExistingPath(path, &resolved) == 0 || sys::resolveRealPath(path, &resolved) == 0)
+    return CVURL::fileURLWithPath(resolved, false);
   const int code = errno;
   if (code == ENOENT && allowNonExistentPathComponents)
     return _realPathWhatExistsInPath(url.path());
