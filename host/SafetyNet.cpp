@@ -38,6 +38,9 @@ using platform::sys::UniqueFd;
 constexpr mode_t kNetDirectoryMode = 0700;
 constexpr std::size_t kExamplesKept = 20;
 constexpr int kRunIdAttempts = 100;
+// Runs of consecutive manifest parts per worker when settling: enough for
+// uneven runs to even out, few enough to share the directories above them.
+constexpr std::size_t kSettlingRunsPerWorker = 8;
 
 std::string joinRelative(std::string_view parent, std::string_view name) {
   if (parent.empty()) return std::string(name);
@@ -543,15 +546,16 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
   // A link whose file is at its old place or at its new place goes; a file
   // with no other name is kept; the rest is looked for below. The parts of
   // the manifest (one per container laid, whose records share their
-  // directories) are settled on every core, joined back in order.
+  // directories) are settled on every core, joined back in order. Each task
+  // takes a run of consecutive parts, whose containers lie side by side, so
+  // that the directories above them are opened once per run.
   const std::size_t parts = manifestParts_.size();
   std::vector<std::vector<KeptFile>> keptByPart(parts);
   std::vector<std::vector<Unresolved>> unresolvedByPart(parts);
-  parallelFor(parts, defaultWorkerCount(), [&](std::size_t part) {
+  const auto settlePart = [&](std::size_t part, ParentDirectories& oldPlaces,
+                              ParentDirectories& newPlaceDirectories) {
     std::vector<KeptFile>& kept = keptByPart[part];
     std::vector<Unresolved>& unresolved = unresolvedByPart[part];
-    ParentDirectories oldPlaces(rootFd.get(), ParentDirectories::Missing::Absent);
-    ParentDirectories newPlaceDirectories(rootFd.get(), ParentDirectories::Missing::Absent);
     for (const NetLinkRecord& record : parseNetManifest(manifestParts_[part])) {
       const std::string linkName(record.linkName);
       const std::string legacy = record.legacyRelative();
@@ -578,6 +582,14 @@ void SafetyNet::settle(CVGlobalConfiguration& configuration,
       }
       kept.push_back(KeptFile{legacy, static_cast<std::uint64_t>(status.st_size), linkName});
     }
+  };
+  const std::size_t tasks =
+      std::min<std::size_t>(parts, kSettlingRunsPerWorker * defaultWorkerCount());
+  parallelFor(tasks, defaultWorkerCount(), [&](std::size_t task) {
+    ParentDirectories oldPlaces(rootFd.get(), ParentDirectories::Missing::Absent);
+    ParentDirectories newPlaceDirectories(rootFd.get(), ParentDirectories::Missing::Absent);
+    for (std::size_t part = task * parts / tasks; part < (task + 1) * parts / tasks; ++part)
+      settlePart(part, oldPlaces, newPlaceDirectories);
   });
   std::vector<KeptFile> kept;
   std::vector<Unresolved> unresolved;
