@@ -89,7 +89,6 @@ namespace mavrel_installer {
 
 inline constexpr std::string_view kRegistryFileName = "ApplicationRegistry.sqlite";
 inline constexpr std::string_view kRegistryLockFileName = "ApplicationRegistry.lock";
-inline constexpr std::string_view kStoreMetadataFileName = "SorvikMetadata.plist";
 // The key of a bundle's URL in the configuration's built-in bundle maps.
 inline constexpr std::string_view kBuiltInBundleURLKey = "com.zentrel.Corvane.bundleURL";
 // Code of CVInstallerErrorDomain for a service that cannot be opened.

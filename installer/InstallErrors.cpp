@@ -7,7 +7,7 @@ namespace mavrel_installer {
 namespace {
 
 // In the order of the enumeration.
-constexpr std::array<InstallErrorInfo, 19> kInstallErrors{{
+constexpr std::array<InstallErrorInfo, 18> kInstallErrors{{
     {"InvalidInstallOptions", 120, "The install options are missing or malformed"},
     {"InvalidInstallSource", 121,
      "The package to install is not a directory the installer may use"},
@@ -27,7 +27,6 @@ constexpr std::array<InstallErrorInfo, 19> kInstallErrors{{
     {"ContainerCreationFailed", 132, "A container for the application could not be made"},
     {"BundleCopyFailed", 133, "The placeholder bundle could not be copied"},
     {"PlaceholderMarkFailed", 134, "The placeholder bundle could not be marked as a placeholder"},
-    {"MetadataWriteFailed", 135, "The store metadata could not be written"},
     {"RegistryFailure", 136, "The application registry could not be read or written"},
     {"InstallFinishFailed", 137,
      "The installed items could not all be put in place; they will be on the next start"},

@@ -30,7 +30,6 @@ enum class InstallError {
   ContainerCreationFailed,
   BundleCopyFailed,
   PlaceholderMarkFailed,
-  MetadataWriteFailed,
   RegistryFailure,
   InstallFinishFailed,
   TooManyApplicationGroups,

@@ -95,27 +95,6 @@ bool makeDirectoriesBelow(const std::string& base, const std::string& path, mode
   return true;
 }
 
-bool writeNewFile(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode,
-                  const ItemOwner& owner, CVError* error) {
-  const platform::sys::UniqueFd fd(
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
-  if (!fd) return failWith(errno, "open", path, error);
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t count = ::write(fd.get(), bytes.data() + written, bytes.size() - written);
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      return failWith(errno, "write", path, error);
-    }
-    written += static_cast<std::size_t>(count);
-  }
-  if (::fchmod(fd.get(), mode) != 0) return failWith(errno, "fchmod", path, error);
-  if (owner.apply && ::fchown(fd.get(), owner.uid, owner.gid) != 0) {
-    return failWith(errno, "fchown", path, error);
-  }
-  return true;
-}
-
 std::optional<std::string> canonicalPath(const std::string& path) {
   std::string resolved;
   if (platform::sys::resolveExistingPath(path.c_str(), &resolved) != 0) return std::nullopt;

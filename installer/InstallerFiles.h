@@ -1,6 +1,6 @@
 // The few file-system calls the installer makes itself: looking at a path
 // without following a final link, renaming, making directories with an owner,
-// writing a new small file, and resolving a path.
+// and resolving a path.
 //
 // Error contract: functions returning bool give false on failure and store a
 // POSIX-domain record (code errno, the call and the path in the description)
@@ -10,9 +10,7 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 
 #include "platform/Error.h"
@@ -54,11 +52,6 @@ bool setModeAndOwner(const std::string& path, mode_t mode, const ItemOwner& owne
 // ENOTDIR, so nothing is ever made outside `base` through a link.
 bool makeDirectoriesBelow(const std::string& base, const std::string& path, mode_t mode,
                           CVError* error);
-
-// Creates a new file (never replacing one) holding `bytes`, with `mode` and
-// the owner. Not flushed: see the durability notes of the installer service.
-bool writeNewFile(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode,
-                  const ItemOwner& owner, CVError* error);
 
 // realpath(3): the absolute path with every link resolved; nullopt (errno
 // set) when the path does not exist.

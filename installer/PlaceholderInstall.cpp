@@ -3,8 +3,8 @@
 //
 // The bundle is moved (from the device's temporary directory) or copied
 // (from anywhere else) into a bundle container prepared in the staging root,
-// checked, marked as a placeholder and given its store metadata; a bare data
-// container is prepared beside it. Until the one commit that registers it,
+// checked and marked as a placeholder; a bare data container is prepared
+// beside it. Its store metadata is registered with it. Until the one commit that registers it,
 // everything lives in the staging root, which the next opening sweeps after a
 // crash; after the commit the journal's finish steps rename it into place.
 #include "installer/EmbeddedInstallerService.h"
@@ -16,7 +16,6 @@ namespace mavrel_installer {
 namespace {
 
 constexpr std::string_view kFunction = "-[EmbeddedInstallerService installApplication]";
-constexpr mode_t kMetadataFileMode = 0644;
 
 }  // namespace
 
@@ -103,13 +102,6 @@ bool EmbeddedInstallerService::installPlaceholder(const std::string& url,
       !fileManager.markBundleAsPlaceholder(CVURL::fileURLWithPath(copy, true), &markError)) {
     return discardAndFail({InstallError::PlaceholderMarkFailed, copy, markError});
   }
-  if (request.storeMetadata) {
-    const std::string metadata = *prepared + "/" + std::string(kStoreMetadataFileName);
-    if (CVError writeError;
-        !writeNewFile(metadata, *request.storeMetadata, kMetadataFileMode, owner_, &writeError)) {
-      return discardAndFail({InstallError::MetadataWriteFailed, metadata, writeError});
-    }
-  }
   faultPoint("placeholder prepared");
 
   progress.report(kStatusCreatingContainers);
@@ -137,7 +129,12 @@ bool EmbeddedInstallerService::installPlaceholder(const std::string& url,
   // Remembered before registering: an install registered whose finish fails
   // still has its data container completed when the session ends.
   if (newDataContainer) barePlaceholders_.insert(request.identifier);
-  if (!registerAndFinish(preparation, std::nullopt, &failure)) {
+  // The store metadata is registered with the placeholder: no file of its own.
+  const auto record = [&](CVError* writeError) {
+    return store_->putApplication(preparation.entry, writeError) &&
+           store_->putPlaceholderMetadata(request.identifier, request.storeMetadata, writeError);
+  };
+  if (!commitAndFinish(preparation, std::nullopt, record, &failure)) {
     if (failure.error == InstallError::RegistryFailure) return discardAndFail(failure);
     return progress.fail(kFunction, failure, error);
   }

@@ -110,7 +110,10 @@ Statement::Use& Statement::Use::bindNull(int index) {
 }
 
 Statement::Use& Statement::Use::bindBlob(int index, std::span<const std::uint8_t> bytes) {
-  if (sqlite3_bind_blob(statement_.statement_, index, bytes.data(), static_cast<int>(bytes.size()),
+  // SQLite binds a null pointer as NULL: an empty blob needs a pointer.
+  static constexpr std::uint8_t kNoBytes = 0;
+  const std::uint8_t* data = bytes.empty() ? &kNoBytes : bytes.data();
+  if (sqlite3_bind_blob(statement_.statement_, index, data, static_cast<int>(bytes.size()),
                         SQLITE_TRANSIENT) != SQLITE_OK)
     failed_ = true;
   return *this;

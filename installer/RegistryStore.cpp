@@ -68,6 +68,16 @@ CREATE TABLE plugins (
 PRAGMA user_version = 2;
 )sql";
 
+// Version 3 keeps a placeholder's store metadata with its entry, so that
+// installing a placeholder makes no file for it.
+constexpr const char* kUpgradeFromVersion2 = R"sql(
+CREATE TABLE placeholder_metadata (
+  identifier TEXT PRIMARY KEY NOT NULL REFERENCES applications (identifier) ON DELETE CASCADE,
+  bytes BLOB NOT NULL
+) WITHOUT ROWID;
+PRAGMA user_version = 3;
+)sql";
+
 const char* const kStatementText[] = {
     // kFindApplication
     "SELECT identifier, kind, version, short_version, bundle_container, bundle_path, "
@@ -137,8 +147,15 @@ const char* const kStatementText[] = {
     "UPDATE plugins SET data_container = ?2 WHERE identifier = ?1",
     // kPluginOfApplication
     "SELECT identifier FROM plugins WHERE application = ?1",
+    // kPutPlaceholderMetadata
+    "INSERT INTO placeholder_metadata (identifier, bytes) VALUES (?1, ?2) ON CONFLICT "
+    "(identifier) DO UPDATE SET bytes = excluded.bytes",
+    // kClearPlaceholderMetadata
+    "DELETE FROM placeholder_metadata WHERE identifier = ?1",
+    // kFindPlaceholderMetadata
+    "SELECT bytes FROM placeholder_metadata WHERE identifier = ?1",
 };
-static_assert(std::size(kStatementText) == 24);
+static_assert(std::size(kStatementText) == 27);
 
 std::string_view purposeName(JournalPurpose purpose) {
   return purpose == JournalPurpose::Finish ? "finish" : "restore";
@@ -210,20 +227,25 @@ bool RegistryStore::prepareSchema(CVError* error) {
     }
     WriteTransaction transaction(database);
     return transaction.begin(error) && database.execute(kCreateSchemaVersion1, error) &&
-           database.execute(kUpgradeFromVersion1, error) && transaction.commit(error);
+           database.execute(kUpgradeFromVersion1, error) &&
+           database.execute(kUpgradeFromVersion2, error) && transaction.commit(error);
   }
   if (*applicationId != std::to_string(kRegistryApplicationId)) {
     CVSetError(error, database.refusal("it is not an application registry (application id " +
                                        *applicationId + ")"));
     return false;
   }
-  if (*version == "1" && database.access() == RegistryDatabase::Access::ReadWrite) {
+  if ((*version == "1" || *version == "2") &&
+      database.access() == RegistryDatabase::Access::ReadWrite) {
     WriteTransaction transaction(database);
-    return transaction.begin(error) && database.execute(kUpgradeFromVersion1, error) &&
-           transaction.commit(error);
+    return transaction.begin(error) &&
+           (*version != "1" || database.execute(kUpgradeFromVersion1, error)) &&
+           database.execute(kUpgradeFromVersion2, error) && transaction.commit(error);
   }
-  if (*version == "1") {
-    withoutPlugins_ = true;  // read as it is; the next writer upgrades it
+  if (*version == "1" || *version == "2") {
+    // Read as it is; the next writer upgrades it.
+    withoutPlugins_ = *version == "1";
+    withoutPlaceholderMetadata_ = true;
     return true;
   }
   if (*version != std::to_string(kRegistrySchemaVersion)) {
@@ -390,7 +412,38 @@ bool RegistryStore::putApplication(const ApplicationEntry& entry, CVError* error
              .run(error))
       return false;
   }
+  if (entry.kind != ApplicationKind::Placeholder &&
+      !putPlaceholderMetadata(entry.identifier, std::nullopt, error))
+    return false;
   return putPlugins(entry, error);
+}
+
+bool RegistryStore::putPlaceholderMetadata(std::string_view identifier,
+                                           const std::optional<CVData>& bytes, CVError* error) {
+  Statement* write = statement(bytes ? kPutPlaceholderMetadata : kClearPlaceholderMetadata, error);
+  if (write == nullptr) return false;
+  Statement::Use use(*write);
+  use.bind(1, identifier);
+  if (bytes) use.bindBlob(2, *bytes);
+  return use.run(error);
+}
+
+bool RegistryStore::findPlaceholderMetadata(std::string_view identifier,
+                                            std::optional<CVData>& bytes, CVError* error) {
+  bytes.reset();
+  if (empty_ || withoutPlaceholderMetadata_) return true;
+  Statement* find = statement(kFindPlaceholderMetadata, error);
+  if (find == nullptr) return false;
+  Statement::Use use(*find);
+  use.bind(1, identifier);
+  CVError stepError;
+  if (use.next(&stepError)) {
+    bytes = use.blob(0);
+    return true;
+  }
+  if (!stepError) return true;
+  CVSetError(error, std::move(stepError));
+  return false;
 }
 
 bool RegistryStore::putPlugins(const ApplicationEntry& entry, CVError* error) {

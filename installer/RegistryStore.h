@@ -24,7 +24,7 @@
 
 namespace mavrel_installer {
 
-inline constexpr int kRegistrySchemaVersion = 2;
+inline constexpr int kRegistrySchemaVersion = 3;
 
 enum class ApplicationKind { User, Placeholder, System };
 // "User", "Placeholder", "System": the bundle types of bundle records.
@@ -104,7 +104,15 @@ class RegistryStore {
   // plug-in is recorded too (keeping its data container); without a plug-in
   // path the application's plug-ins are forgotten; a plug-in path without an
   // identifier leaves them as they are.
+  // Any kind but a placeholder forgets the placeholder's store metadata.
   bool putApplication(const ApplicationEntry& entry, CVError* error);
+  // A placeholder's store metadata, kept with its entry rather than in its
+  // bundle container (putting no bytes forgets them). The application must be
+  // registered; a store over a schema older than version 3 has none.
+  bool putPlaceholderMetadata(std::string_view identifier, const std::optional<CVData>& bytes,
+                              CVError* error);
+  bool findPlaceholderMetadata(std::string_view identifier, std::optional<CVData>& bytes,
+                               CVError* error);
   bool findPlugin(std::string_view identifier, std::optional<PluginEntry>& entry, CVError* error);
   bool listPlugins(std::vector<PluginEntry>& entries, CVError* error);
   bool setPluginDataContainer(std::string_view identifier, std::string_view dataContainer,
@@ -149,6 +157,9 @@ class RegistryStore {
     kDropOtherPlugins,
     kSetPluginDataContainer,
     kPluginOfApplication,
+    kPutPlaceholderMetadata,
+    kClearPlaceholderMetadata,
+    kFindPlaceholderMetadata,
     kSlotCount
   };
   explicit RegistryStore(std::unique_ptr<RegistryDatabase> database)
@@ -177,8 +188,9 @@ class RegistryStore {
   std::vector<Lookup> lookups_;
   std::uint64_t lookupsRollbacks_ = 0;  // the database's rollbacks when they were taken
   bool remembersLookups_ = false;
-  bool empty_ = false;           // a ReadOnly store over a file without schema
-  bool withoutPlugins_ = false;  // a ReadOnly store over a version 1 schema
+  bool empty_ = false;                       // a ReadOnly store over a file without schema
+  bool withoutPlugins_ = false;              // a ReadOnly store over a version 1 schema
+  bool withoutPlaceholderMetadata_ = false;  // a ReadOnly store over a version 1 or 2 schema
   bool putPlugins(const ApplicationEntry& entry, CVError* error);
 };
 

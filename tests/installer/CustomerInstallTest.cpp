@@ -106,7 +106,8 @@ TEST_F(CustomerInstallTest, AVPNPluginIsForgottenByANewVersionWithoutItAndByAnOl
   EXPECT_FALSE(record(kPlugin));
   installStaged("C1", {"com.example.notes"}, true);
   closeService();
-  ASSERT_TRUE(executeOnRegistry("DROP TABLE plugins; PRAGMA user_version = 1"));
+  ASSERT_TRUE(executeOnRegistry(
+      "DROP TABLE plugins; DROP TABLE placeholder_metadata; PRAGMA user_version = 1"));
   openService();
   ASSERT_TRUE(record("com.example.notes"));
   EXPECT_FALSE(record(kPlugin));  // not known until its application is installed again
@@ -320,7 +321,7 @@ TEST_F(CustomerInstallTest, AnEmptyPayloadGetsTheAnswerOfTheCompletedInstallOrIs
 
 using PlaceholderInstallTest = InstallerFixture;
 
-TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
+TEST_F(PlaceholderInstallTest, CopiesMarksAndRegistersTheMetadataWithTheBundle) {
   const std::string package = makePlaceholderPackage(
       temporary_.path(), {.identifier = "com.example.maps", .executable = ""});
   writeFile(package + "/Icon.png", "png bytes");
@@ -332,12 +333,10 @@ TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
   ASSERT_TRUE(placeholder);
   EXPECT_TRUE(placeholder->foundBackingBundle);
   const std::string container = placeholder->bundleContainerURL.path();
-  EXPECT_EQ(entriesOf(container),
-            (std::vector<std::string>{"SorvikMetadata.plist", "com.example.maps.app"}));
+  EXPECT_EQ(entriesOf(container), (std::vector<std::string>{"com.example.maps.app"}));
   EXPECT_TRUE(CVFileManager::defaultManager().bundleAtURLIsPlaceholder(placeholder->bundleURL));
   EXPECT_EQ(readFile(container + "/com.example.maps.app/Icon.png"), "png bytes");
-  const std::string stored = readFile(container + "/SorvikMetadata.plist");
-  EXPECT_EQ(CVData(stored.begin(), stored.end()), metadata);
+  EXPECT_EQ(placeholderMetadata("com.example.maps"), metadata);
 
   // The caller's package is only read: it stays, unmarked.
   EXPECT_TRUE(pathExists(package + "/Info.plist"));
@@ -345,10 +344,14 @@ TEST_F(PlaceholderInstallTest, CopiesMarksAndStoresTheMetadataBesideTheBundle) {
       CVURL::fileURLWithPath(package, true)));
   EXPECT_EQ(entriesOf(stagingRoot()), kNothing);
 
-  // Installed again, a placeholder replaces the placeholder and keeps the data.
-  ASSERT_TRUE(installPlaceholder(package, "com.example.maps").succeeded);
+  // Installed again, a placeholder replaces the placeholder and keeps the
+  // data; its own metadata (empty, then none) replaces the first one's.
+  ASSERT_TRUE(installPlaceholder(package, "com.example.maps", CVData()).succeeded);
   EXPECT_EQ(record("com.example.maps")->dataContainerURL, placeholder->dataContainerURL);
   EXPECT_FALSE(pathExists(container));
+  EXPECT_EQ(placeholderMetadata("com.example.maps"), CVData());
+  ASSERT_TRUE(installPlaceholder(package, "com.example.maps").succeeded);
+  EXPECT_EQ(placeholderMetadata("com.example.maps"), std::nullopt);
 }
 
 // A package in the device's temporary directory is taken, not copied, and
@@ -374,11 +377,12 @@ TEST_F(PlaceholderInstallTest, TakesPackagesFromTheTemporaryDirectoryAndComplete
   for (const Case& test : cases) {
     SCOPED_TRACE(test.identifier);
     const std::string package = makePlaceholderPackage(temporary, {test.identifier});
-    const InstallOutcome outcome = installPlaceholder(package, test.identifier);
+    const InstallOutcome outcome =
+        installPlaceholder(package, test.identifier, CVData{'m', 'e', 't', 'a'});
     ASSERT_TRUE(outcome.succeeded) << outcome.dump();
     EXPECT_FALSE(pathExists(package));  // taken
     const auto placeholder = record(test.identifier);
-    // Without metadata nothing is stored beside the bundle.
+    // Nothing is stored beside the bundle.
     EXPECT_EQ(entriesOf(placeholder->bundleContainerURL.path()),
               std::vector<std::string>{test.identifier + ".app"});
     const std::string data = placeholder->dataContainerURL.path();
@@ -393,6 +397,8 @@ TEST_F(PlaceholderInstallTest, TakesPackagesFromTheTemporaryDirectoryAndComplete
     EXPECT_EQ(pathExists(placeholder->bundleContainerURL.path()), !test.replaced);
     EXPECT_EQ(record(test.identifier)->dataContainerURL.path(), data);
     EXPECT_EQ(record(test.identifier)->bundleType, test.replaced ? "User" : "Placeholder");
+    // The application that replaces a placeholder takes none of its metadata.
+    EXPECT_EQ(placeholderMetadata(test.identifier).has_value(), !test.replaced);
     EXPECT_EQ(entriesOf(data), kSkeleton);
     EXPECT_EQ(entriesOf(data + "/Library"), test.libraryAfter);
   }

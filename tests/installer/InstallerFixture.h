@@ -12,6 +12,7 @@
 
 #include "installer/EmbeddedInstallerService.h"
 #include "installer/RegistryDatabase.h"
+#include "installer/RegistryStore.h"
 #include "platform/Bundle.h"
 #include "platform/InstallOptions.h"
 #include "platform/PropertyList.h"
@@ -143,6 +144,16 @@ class InstallerFixture : public ::testing::Test {
         registryPath(), mavrel_installer::RegistryDatabase::Access::ReadWrite, &error);
     EXPECT_TRUE(opened) << error.description();
     return opened;
+  }
+  // The store metadata registered with a placeholder, read beside the service.
+  std::optional<CVData> placeholderMetadata(const std::string& identifier) {
+    CVError error;
+    const auto store = mavrel_installer::RegistryStore::open(
+        registryPath(), mavrel_installer::RegistryDatabase::Access::ReadOnly, &error);
+    std::optional<CVData> bytes;
+    EXPECT_TRUE(store && store->findPlaceholderMetadata(identifier, bytes, &error))
+        << error.description();
+    return bytes;
   }
   // Runs `sql` through such a connection; fails the test when it cannot.
   bool executeOnRegistry(const char* sql) {
