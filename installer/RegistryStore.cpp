@@ -273,6 +273,22 @@ void RegistryStore::rememberLookup(std::string_view identifier,
   lookups_.push_back(Lookup{std::string(identifier), entry});
 }
 
+bool RegistryStore::findRow(Slot slot, std::string_view key, CVError* error,
+                            const std::function<void(const Statement::Use& row)>& read) {
+  Statement* find = statement(slot, error);
+  if (find == nullptr) return false;
+  Statement::Use use(*find);
+  use.bind(1, key);
+  CVError stepError;
+  if (use.next(&stepError)) {
+    read(use);
+    return true;
+  }
+  if (!stepError) return true;
+  CVSetError(error, std::move(stepError));
+  return false;
+}
+
 bool RegistryStore::findApplication(std::string_view identifier,
                                     std::optional<ApplicationEntry>& entry, CVError* error) {
   entry.reset();
@@ -432,18 +448,8 @@ bool RegistryStore::findPlaceholderMetadata(std::string_view identifier,
                                             std::optional<CVData>& bytes, CVError* error) {
   bytes.reset();
   if (empty_ || withoutPlaceholderMetadata_) return true;
-  Statement* find = statement(kFindPlaceholderMetadata, error);
-  if (find == nullptr) return false;
-  Statement::Use use(*find);
-  use.bind(1, identifier);
-  CVError stepError;
-  if (use.next(&stepError)) {
-    bytes = use.blob(0);
-    return true;
-  }
-  if (!stepError) return true;
-  CVSetError(error, std::move(stepError));
-  return false;
+  return findRow(kFindPlaceholderMetadata, identifier, error,
+                 [&](const Statement::Use& row) { bytes = row.blob(0); });
 }
 
 bool RegistryStore::putPlugins(const ApplicationEntry& entry, CVError* error) {
@@ -468,18 +474,8 @@ bool RegistryStore::findPlugin(std::string_view identifier, std::optional<Plugin
                                CVError* error) {
   entry.reset();
   if (empty_ || withoutPlugins_) return true;
-  Statement* find = statement(kFindPlugin, error);
-  if (find == nullptr) return false;
-  Statement::Use use(*find);
-  use.bind(1, identifier);
-  CVError stepError;
-  if (use.next(&stepError)) {
-    entry = readPlugin(use);
-    return true;
-  }
-  if (!stepError) return true;
-  CVSetError(error, std::move(stepError));
-  return false;
+  return findRow(kFindPlugin, identifier, error,
+                 [&](const Statement::Use& row) { entry = readPlugin(row); });
 }
 
 bool RegistryStore::listPlugins(std::vector<PluginEntry>& entries, CVError* error) {
@@ -510,18 +506,8 @@ bool RegistryStore::findGroupContainer(std::string_view groupIdentifier,
                                        std::optional<std::string>& container, CVError* error) {
   container.reset();
   if (empty_) return true;
-  Statement* find = statement(kFindGroup, error);
-  if (find == nullptr) return false;
-  Statement::Use use(*find);
-  use.bind(1, groupIdentifier);
-  CVError stepError;
-  if (use.next(&stepError)) {
-    container = use.text(0);
-    return true;
-  }
-  if (!stepError) return true;
-  CVSetError(error, std::move(stepError));
-  return false;
+  return findRow(kFindGroup, groupIdentifier, error,
+                 [&](const Statement::Use& row) { container = row.text(0); });
 }
 
 bool RegistryStore::putHarbor(const HarborEntry& entry, CVError* error) {

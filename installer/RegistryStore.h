@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -166,6 +167,10 @@ class RegistryStore {
       : database_(std::move(database)) {}
   bool prepareSchema(CVError* error);
   Statement* statement(Slot slot, CVError* error);
+  // Runs the lookup of `slot` by one key; `read` takes the row when there is
+  // one. Finding none is no failure.
+  bool findRow(Slot slot, std::string_view key, CVError* error,
+               const std::function<void(const Statement::Use& row)>& read);
   bool addJournalSteps(std::int64_t id, std::span<const JournalStep> steps, CVError* error);
 
   bool findApplicationInDatabase(std::string_view identifier,
