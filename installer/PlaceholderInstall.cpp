@@ -4,9 +4,10 @@
 // The bundle is moved (from the device's temporary directory) or copied
 // (from anywhere else) into a bundle container prepared in the staging root,
 // checked and marked as a placeholder; a bare data container is prepared
-// beside it. Its store metadata is registered with it. Until the one commit that registers it,
-// everything lives in the staging root, which the next opening sweeps after a
-// crash; after the commit the journal's finish steps rename it into place.
+// beside it, and its store metadata goes into the registry with it. Until the
+// one commit that registers it, everything lives in the staging root, which
+// the next opening sweeps after a crash; after the commit the journal's finish
+// steps rename it into place.
 #include "installer/EmbeddedInstallerService.h"
 #include "installer/FaultInjection.h"
 #include "platform/Log.h"
