@@ -108,6 +108,7 @@ TEST_F(CustomerInstallTest, AVPNPluginIsForgottenByANewVersionWithoutItAndByAnOl
   closeService();
   ASSERT_TRUE(executeOnRegistry(
       "DROP TABLE plugins; DROP TABLE placeholder_metadata; PRAGMA user_version = 1"));
+  EXPECT_EQ(placeholderMetadata("com.example.notes"), std::nullopt);  // read as it is
   openService();
   ASSERT_TRUE(record("com.example.notes"));
   EXPECT_FALSE(record(kPlugin));  // not known until its application is installed again
