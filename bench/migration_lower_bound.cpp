@@ -168,7 +168,7 @@ class LowerBound {
     const std::string bundle = bundles_ + "/" + name;
     const std::string data = data_ + "/" + name;
     if (placeholders_ && hasBundle) {
-      migrateWithPlaceholder(container, name, entries, hasData);
+      migrateWithPlaceholder(container, name, entries, hasData ? data : std::string(), bundle);
       return;
     }
     if (hasBundle) makeDirectory(bundle, false);
@@ -185,19 +185,20 @@ class LowerBound {
     removeTree(container);
   }
 
-  // The same moves, the way the migrator's steps make them.
+  // The same moves, the way the migrator's steps make them; `data` is "" when
+  // the container holds no user data.
   void migrateWithPlaceholder(const std::string& container, const std::string& name,
-                              const std::vector<Entry>& entries, bool hasData) {
+                              const std::vector<Entry>& entries, const std::string& data,
+                              const std::string& bundleContainer) {
     const std::string staged = staged_ + "/" + name + ".app";
     const std::string placeholder = bundles_ + "/placeholder-" + name;
     makeDirectory(staged, false);
-    writeFile(staged + "/Icon.png", std::string(kIconBytes, 'i'));
-    writeFile(staged + "/Info.plist", kMarkerText);
+    writeFile(staged + "/Icon.png", std::string(kIconBytes, 'i'), /*flush=*/false);
+    writeFile(staged + "/Info.plist", kMarkerText, /*flush=*/false);
     makeDirectory(placeholder, false);
     move(staged, placeholder + "/Placeholder.app");
 
-    const std::string data = data_ + "/" + name;
-    if (hasData) makeDirectory(data, false);
+    if (!data.empty()) makeDirectory(data, false);
     for (const Entry& entry : entries) {
       if (isOneOf(entry.name, kUserDataNames))
         move(container + "/" + entry.name, data + "/" + entry.name);
@@ -217,7 +218,6 @@ class LowerBound {
     }
     for (const std::string& bundle : bundles)
       move(payload + "/" + bundle, staging + "/" + bundle);
-    const std::string bundleContainer = bundles_ + "/" + name;
     move(staging, bundleContainer);
     removeDirectory(bundleContainer + "/Payload");
     removeTree(placeholder);
@@ -237,14 +237,7 @@ class LowerBound {
   void writeMarker(const std::string& container) {
     const std::string aside = container + "/." + std::string(kMarkerName) + ".new";
     const std::string marker = container + "/" + std::string(kMarkerName);
-    {
-      const UniqueFd fd(::open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-      if (!fd) bench::die("cannot create " + aside + ": " + std::strerror(errno));
-      if (::write(fd.get(), kMarkerText.data(), kMarkerText.size()) !=
-              static_cast<ssize_t>(kMarkerText.size()) ||
-          ::fsync(fd.get()) != 0)
-        bench::die("cannot write " + aside + ": " + std::strerror(errno));
-    }
+    writeFile(aside, kMarkerText, /*flush=*/true);
     ++counts_.flushes;
     move(aside, marker);
     if (placeholders_) {
@@ -255,10 +248,12 @@ class LowerBound {
     }
   }
 
-  // A new file holding `text`, not flushed.
-  void writeFile(const std::string& path, std::string_view text) {
-    const UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    if (!fd || ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+  // A file holding `text`, flushed when asked.
+  static void writeFile(const std::string& path, std::string_view text, bool flush) {
+    const UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd) bench::die("cannot create " + path + ": " + std::strerror(errno));
+    if (::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        (flush && ::fsync(fd.get()) != 0))
       bench::die("cannot write " + path + ": " + std::strerror(errno));
   }
 
