@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "AppMigrator/ContainerClassification.h"
+#include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -32,6 +33,8 @@ constexpr float kDurationPerItem = 2.25f;
 }  // namespace
 
 CVAppMigrator::CVAppMigrator(Environment environment) : environment_(std::move(environment)) {}
+
+CVAppMigrator::~CVAppMigrator() = default;
 
 std::unique_ptr<CVAppMigrator> CVAppMigrator::create(Environment environment) {
   std::unique_ptr<CVAppMigrator> migrator(new CVAppMigrator(std::move(environment)));

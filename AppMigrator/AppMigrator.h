@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <future>
 #include <map>
 #include <memory>
 #include <optional>
@@ -44,7 +45,8 @@ inline constexpr std::string_view kPlaceholderStagingDirectoryName = "com.zentre
 
 namespace platform {
 class Bundle;
-}
+class DispatchQueue;
+}  // namespace platform
 
 class CVAppMigrator final : public MavrelMigrator {
  public:
@@ -63,6 +65,8 @@ class CVAppMigrator final : public MavrelMigrator {
 
   // Set-up. Returns null when an existing legacy directory cannot be listed.
   static std::unique_ptr<CVAppMigrator> create(Environment environment);
+  // Waits for the markers still being made durable.
+  ~CVAppMigrator() override;
 
   std::string dataClassName() const override { return "CVAppMigrator"; }
   bool performMigration() override;
@@ -85,6 +89,31 @@ class CVAppMigrator final : public MavrelMigrator {
   // Writes `info` durably as the marker file of the container at `containerURL`.
   // A failed write is logged; a missing marker is not fatal.
   void _writeMigrationMarker(const CVDictionary& info, const CVURL& containerURL);
+
+  // A marker whose waits for the disk run on the migrator's own thread: its
+  // bytes are written aside at once, flushed, renamed into place and the
+  // container flushed there, while the caller goes on with work that moves
+  // nothing out of the container. settle() waits for it and logs a failure,
+  // as _writeMigrationMarker does; destruction settles it too.
+  class PendingMarker {
+   public:
+    PendingMarker() = default;
+    explicit PendingMarker(std::future<bool> written) : written_(std::move(written)) {}
+    PendingMarker(PendingMarker&&) = default;
+    PendingMarker& operator=(PendingMarker&& other) {
+      settle();
+      written_ = std::move(other.written_);
+      return *this;
+    }
+    ~PendingMarker() { settle(); }
+    void settle();
+
+   private:
+    std::future<bool> written_;
+  };
+  // Starts writing `info` as the marker file; a failure to write the bytes
+  // aside is logged at once (the returned marker is then settled).
+  PendingMarker _beginMigrationMarker(const CVDictionary& info, const CVURL& containerURL);
   // Migrates one container described by an info record: placeholder, data
   // move, install, group containers, removal. True when fully migrated.
   bool _migrateContainerWithInfo(const CVDictionary& info);
@@ -163,4 +192,6 @@ class CVAppMigrator final : public MavrelMigrator {
   // carries the application built in.
   bool _installRefusedAsBuiltIn = false;
   std::optional<std::map<std::string, LegacyGroupLocation, std::less<>>> _legacyGroupLocations;
+  // Where markers are made durable; started by the first marker.
+  std::unique_ptr<platform::DispatchQueue> _markerQueue;
 };

@@ -52,16 +52,19 @@ bool CVAppMigrator::_migrateContainerWithInfo(const CVDictionary& info) {
   const std::string* type = info.findString(kContainerTypeKey);
   CVFileManager& fileManager = CVFileManager::defaultManager();
   reportEntryBegan(info);
+  PendingMarker marker;
   // A failure that keeps the container.
-  const auto failKept = [this, &info](MavrelEntryStep step) {
+  const auto failKept = [this, &info, &marker](MavrelEntryStep step) {
+    marker.settle();
     reportEntryFinished(info, {MavrelEntryOutcome::Failed, step, false});
     return false;
   };
 
   const bool bundleIsPlaceholder = fileManager.bundleAtURLIsPlaceholder(bundleURL);
   // The marker lets a pass interrupted from here on resume this container.
+  // It is durable before anything leaves the container (settled below).
   reportEntryStep(info, MavrelEntryStep::Marker);
-  _writeMigrationMarker(info, containerURL);
+  marker = _beginMigrationMarker(info, containerURL);
 
   if (type != nullptr && *type == kContainerTypeApp) {
     if (environment_.registry->isApplicationInstalled(identifier)) {
@@ -89,6 +92,7 @@ bool CVAppMigrator::_migrateContainerWithInfo(const CVDictionary& info) {
     return failKept(MavrelEntryStep::BundleRecord);
   }
 
+  marker.settle();
   logMigration(kLogLevelNotice, kMigrateFunction,
                "CVAppMigrator: Moving data from container %@ to %@", containerURL.path(),
                record->dataContainerURL.path());

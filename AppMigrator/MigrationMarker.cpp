@@ -3,6 +3,7 @@
 #include "AppMigrator/AppMigrator.h"
 #include "AppMigrator/ContainerClassification.h"
 #include "AppMigrator/DeviceRootContainment.h"
+#include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -17,9 +18,20 @@ constexpr std::string_view kWriteFunction = "-[CVAppMigrator _migrateContainerWi
 constexpr std::string_view kMarkerPathKeys[] = {kContainerPathKey, kBundlePathKey,
                                                 kSecondBundlePathKey};
 
+void logWriteFailure() {
+  logMigration(kLogLevelError, kWriteFunction,
+               "CVAppMigrator: Failed to write out container marker dictionary... hopefully we "
+               "don't need it to recover.");
+}
+
 }  // namespace
 
 void CVAppMigrator::_writeMigrationMarker(const CVDictionary& info, const CVURL& containerURL) {
+  _beginMigrationMarker(info, containerURL).settle();
+}
+
+CVAppMigrator::PendingMarker CVAppMigrator::_beginMigrationMarker(const CVDictionary& info,
+                                                                  const CVURL& containerURL) {
   const CVURL markerURL = containerURL.URLByAppendingPathComponent(kMigrationMarkerFileName, false);
   // Durable (contents and directory flushed) before the first move it guards:
   // no file system promises to commit a rename before the renames that follow
@@ -30,11 +42,25 @@ void CVAppMigrator::_writeMigrationMarker(const CVDictionary& info, const CVURL&
     if (const std::string* path = info.findString(key))
       marker.set(std::string(key), CVImagePathForHostPath(*path));
   }
-  if (!platform::writePropertyListAtomically(CVValue(marker), markerURL, nullptr)) {
-    logMigration(kLogLevelError, kWriteFunction,
-                 "CVAppMigrator: Failed to write out container marker dictionary... hopefully we "
-                 "don't need it to recover.");
+  std::optional<platform::AtomicFileWrite> write =
+      platform::beginPropertyListWrite(CVValue(marker), markerURL, nullptr);
+  if (!write) {
+    logWriteFailure();
+    return PendingMarker();
   }
+  // The two flushes wait for the disk: they overlap the placeholder's work.
+  auto written = std::make_shared<std::promise<bool>>();
+  std::future<bool> result = written->get_future();
+  auto pending = std::make_shared<platform::AtomicFileWrite>(std::move(*write));
+  if (!_markerQueue) _markerQueue = std::make_unique<platform::DispatchQueue>("cv.marker");
+  _markerQueue->async([pending, written] {
+    written->set_value(pending->finish(platform::WriteDurability::Flushed, nullptr));
+  });
+  return PendingMarker(std::move(result));
+}
+
+void CVAppMigrator::PendingMarker::settle() {
+  if (written_.valid() && !written_.get()) logWriteFailure();
 }
 
 std::optional<CVDictionary> CVAppMigrator::_loadAndValidateMigrationMarkerAtURL(

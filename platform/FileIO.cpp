@@ -39,34 +39,13 @@ class UniqueFd {
 
   int get() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
-  // Closes now; returns 0 or the errno of close, which matters for writes.
-  int close() {
-    if (fd_ < 0) return 0;
-    const int result = ::close(std::exchange(fd_, -1));
-    return result == 0 ? 0 : errno;
-  }
+  int release() { return std::exchange(fd_, -1); }
   void reset() {
     if (fd_ >= 0) ::close(std::exchange(fd_, -1));
   }
 
  private:
   int fd_ = -1;
-};
-
-// Removes a file on every path out of a scope unless told it was committed.
-class AsideFile {
- public:
-  explicit AsideFile(std::string path) : path_(std::move(path)) {}
-  ~AsideFile() {
-    if (!committed_) ::unlink(path_.c_str());
-  }
-  AsideFile(const AsideFile&) = delete;
-  AsideFile& operator=(const AsideFile&) = delete;
-  void commit() { committed_ = true; }
-
- private:
-  std::string path_;
-  bool committed_ = false;
 };
 
 std::string displayPath(const CVURL& url) {
@@ -229,11 +208,52 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, 
 
 bool writeFileAtomically(const CVURL& url, std::span<const std::string_view> parts, CVError* error,
                          WriteDurability durability) {
+  std::optional<AtomicFileWrite> write = AtomicFileWrite::begin(url, parts, error);
+  return write && write->finish(durability, error);
+}
+
+AtomicFileWrite::AtomicFileWrite(int fd, std::string asidePath, const CVURL& url)
+    : fd_(fd),
+      asidePath_(std::move(asidePath)),
+      targetPath_(url.path()),
+      directoryPath_(url.URLByDeletingLastPathComponent().path()),
+      targetName_(url.lastPathComponent()) {}
+
+AtomicFileWrite::AtomicFileWrite(AtomicFileWrite&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)),
+      asidePath_(std::exchange(other.asidePath_, {})),
+      targetPath_(std::move(other.targetPath_)),
+      directoryPath_(std::move(other.directoryPath_)),
+      targetName_(std::move(other.targetName_)) {}
+
+AtomicFileWrite& AtomicFileWrite::operator=(AtomicFileWrite&& other) noexcept {
+  if (this != &other) {
+    abandon();
+    fd_ = std::exchange(other.fd_, -1);
+    asidePath_ = std::exchange(other.asidePath_, {});
+    targetPath_ = std::move(other.targetPath_);
+    directoryPath_ = std::move(other.directoryPath_);
+    targetName_ = std::move(other.targetName_);
+  }
+  return *this;
+}
+
+AtomicFileWrite::~AtomicFileWrite() {
+  abandon();
+}
+
+void AtomicFileWrite::abandon() {
+  if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+  if (!asidePath_.empty()) ::unlink(std::exchange(asidePath_, {}).c_str());
+}
+
+std::optional<AtomicFileWrite> AtomicFileWrite::begin(const CVURL& url,
+                                                      std::span<const std::string_view> parts,
+                                                      CVError* error) {
   if (url.isNil() || url.path() == "/") {
     CVSetError(error, posixCallError(EINVAL, "open", displayPath(url)));
-    return false;
+    return std::nullopt;
   }
-  const std::string targetPath = url.path();
   const std::string directoryPath = url.URLByDeletingLastPathComponent().path();
   const std::string separator = directoryPath == "/" ? "" : "/";
 
@@ -252,53 +272,60 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::string_view> par
   }
   if (!fd.valid()) {
     CVSetError(error, posixCallError(openErrno, "open", asidePath));
-    return false;
+    return std::nullopt;
   }
-  AsideFile aside(asidePath);
-
+  AtomicFileWrite write(fd.release(), std::move(asidePath), url);
   int failedErrno = 0;
   for (const std::string_view part : parts) {
     const std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(part.data()),
                                               part.size());
-    if (!writeAll(fd.get(), bytes, failedErrno)) {
-      CVSetError(error, posixCallError(failedErrno, "write", asidePath));
-      return false;
+    if (!writeAll(write.fd_, bytes, failedErrno)) {
+      CVSetError(error, posixCallError(failedErrno, "write", write.asidePath_));
+      return std::nullopt;
     }
   }
-  const bool flushContents = durability == WriteDurability::Flushed;
-  if (const int syncErrno = flushContents ? fsyncRetrying(fd.get()) : 0; syncErrno != 0) {
-    CVSetError(error, posixCallError(syncErrno, "fsync", asidePath));
+  return write;
+}
+
+bool AtomicFileWrite::finish(WriteDurability durability, CVError* error) {
+  const bool flushed = durability == WriteDurability::Flushed;
+  if (const int syncErrno = flushed ? fsyncRetrying(fd_) : 0; syncErrno != 0) {
+    CVSetError(error, posixCallError(syncErrno, "fsync", asidePath_));
+    abandon();
     return false;
   }
-  if (const int closeErrno = fd.close(); closeErrno != 0) {
-    CVSetError(error, posixCallError(closeErrno, "close", asidePath));
+  // The errno of close matters for writes.
+  if (const int closeErrno = ::close(std::exchange(fd_, -1)) == 0 ? 0 : errno; closeErrno != 0) {
+    CVSetError(error, posixCallError(closeErrno, "close", asidePath_));
+    abandon();
     return false;
   }
-  if (::rename(asidePath.c_str(), targetPath.c_str()) != 0) {
+  if (::rename(asidePath_.c_str(), targetPath_.c_str()) != 0) {
     const int renameErrno = errno;
-    CVSetError(error, CVError::posix(renameErrno, "rename of " + asidePath + " to " + targetPath +
+    CVSetError(error, CVError::posix(renameErrno, "rename of " + asidePath_ + " to " + targetPath_ +
                                                       " failed: " + errnoDescription(renameErrno)));
+    abandon();
     return false;
   }
-  aside.commit();
-  if (durability != WriteDurability::Flushed) {
-    removeStaleAsideFiles(directoryPath, url.lastPathComponent());
+  asidePath_.clear();
+  if (!flushed) {
+    removeStaleAsideFiles(directoryPath_, targetName_);
     return true;
   }
 
   // Flush the directory so that the rename itself survives a crash.
-  UniqueFd directory(::open(directoryPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd directory(::open(directoryPath_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory.valid()) {
-    CVSetError(error, posixCallError(errno, "open", directoryPath));
+    CVSetError(error, posixCallError(errno, "open", directoryPath_));
     return false;
   }
   // EINVAL: the file system cannot flush directories; the rename stands.
   if (const int syncErrno = fsyncRetrying(directory.get()); syncErrno != 0 && syncErrno != EINVAL) {
-    CVSetError(error, posixCallError(syncErrno, "fsync", directoryPath));
+    CVSetError(error, posixCallError(syncErrno, "fsync", directoryPath_));
     return false;
   }
   // Only once the rename is durable: a crash in between keeps the leftovers.
-  removeStaleAsideFiles(directoryPath, url.lastPathComponent());
+  removeStaleAsideFiles(directoryPath_, targetName_);
   return true;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -42,5 +43,36 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::uint8_t> bytes, 
 // they are, never joined in memory).
 bool writeFileAtomically(const CVURL& url, std::span<const std::string_view> parts, CVError* error,
                          WriteDurability durability = WriteDurability::Flushed);
+
+// writeFileAtomically in two halves, so that its waits for the disk can run
+// on another thread while the caller goes on. begin() writes the bytes to a
+// uniquely named file beside `url`, unflushed: failure gives nullopt and
+// leaves nothing aside. finish() flushes, renames and flushes the directory
+// as writeFileAtomically does, with the same outcome; it may run on any one
+// thread. A write destroyed unfinished removes its aside file.
+class AtomicFileWrite {
+ public:
+  static std::optional<AtomicFileWrite> begin(const CVURL& url,
+                                              std::span<const std::string_view> parts,
+                                              CVError* error);
+  AtomicFileWrite(AtomicFileWrite&& other) noexcept;
+  AtomicFileWrite& operator=(AtomicFileWrite&& other) noexcept;
+  AtomicFileWrite(const AtomicFileWrite&) = delete;
+  AtomicFileWrite& operator=(const AtomicFileWrite&) = delete;
+  ~AtomicFileWrite();
+
+  // Once only. False with a POSIX record in `*error` as writeFileAtomically.
+  bool finish(WriteDurability durability, CVError* error);
+
+ private:
+  AtomicFileWrite(int fd, std::string asidePath, const CVURL& url);
+  void abandon();
+
+  int fd_ = -1;            // the aside file, open for writing until finish()
+  std::string asidePath_;  // empty once renamed or removed
+  std::string targetPath_;
+  std::string directoryPath_;
+  std::string targetName_;
+};
 
 }  // namespace platform

@@ -196,24 +196,43 @@ std::vector<std::uint8_t> encodeBinaryPropertyList(const CVValue& value) {
   return bytes;
 }
 
-bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error,
-                                 WriteDurability durability) {
+namespace {
+
+void setWriteError(CVError* error, const CVURL& url, const CVError& writeError) {
   const std::string path = url.isNil() ? std::string("(null)") : url.path();
+  CVSetError(error, platformError(kPlatformFileWriteUnknownError,
+                                  "The property list could not be written to " + path + ": " +
+                                      writeError.localizedDescription(),
+                                  writeError));
+}
+
+}  // namespace
+
+std::optional<AtomicFileWrite> beginPropertyListWrite(const CVValue& value, const CVURL& url,
+                                                      CVError* error) {
   const std::string xml = encodeXMLPropertyList(value);
   if (xml.empty()) {
+    const std::string path = url.isNil() ? std::string("(null)") : url.path();
     CVSetError(error, platformError(kPlatformFileWriteUnknownError,
                                     "The property list could not be written to " + path +
                                         ": it is nested more than " +
                                         std::to_string(kMaxPropertyListDepth) + " levels deep"));
-    return false;
+    return std::nullopt;
   }
   CVError writeError;
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(xml.data());
-  if (!writeFileAtomically(url, std::span(bytes, xml.size()), &writeError, durability)) {
-    CVSetError(error, platformError(kPlatformFileWriteUnknownError,
-                                    "The property list could not be written to " + path + ": " +
-                                        writeError.localizedDescription(),
-                                    writeError));
+  const std::string_view whole(xml);
+  std::optional<AtomicFileWrite> write =
+      AtomicFileWrite::begin(url, std::span<const std::string_view>(&whole, 1), &writeError);
+  if (!write) setWriteError(error, url, writeError);
+  return write;
+}
+
+bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error,
+                                 WriteDurability durability) {
+  std::optional<AtomicFileWrite> write = beginPropertyListWrite(value, url, error);
+  if (!write) return false;
+  if (CVError writeError; !write->finish(durability, &writeError)) {
+    setWriteError(error, url, writeError);
     return false;
   }
   return true;

@@ -94,4 +94,9 @@ std::vector<std::uint8_t> encodeBinaryPropertyList(const CVValue& value);
 bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError* error,
                                  WriteDurability durability = WriteDurability::Flushed);
 
+// The first half of writePropertyListAtomically (see AtomicFileWrite), for a
+// caller that finishes the write elsewhere; failures as there.
+std::optional<AtomicFileWrite> beginPropertyListWrite(const CVValue& value, const CVURL& url,
+                                                      CVError* error);
+
 }  // namespace platform
