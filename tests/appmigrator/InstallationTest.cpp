@@ -2,6 +2,7 @@
 // into the current layout with its user data and group containers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <thread>
 
@@ -277,6 +278,25 @@ TEST_F(ContainerMigrationTest, FailuresBeforeTheDataMoveKeepTheContainer) {
   EXPECT_TRUE(installer_.installs.empty());
   EXPECT_TRUE(pathExists(container_ + "/Documents/d.txt"));
   EXPECT_TRUE(loggedFragment("Failed to move "));
+}
+
+// The marker is made durable on another thread; a failure to put it in place
+// is still told before any data leaves the container, and the migration goes on.
+TEST_F(ContainerMigrationTest, AMarkerThatCannotBePutInPlaceIsToldBeforeTheDataMoves) {
+  acceptedAndKnown();
+  writeFile(container_ + "/com.zentrel.corvane.container_migrator.plist/occupied", "");
+  EXPECT_TRUE(migrate()) << log_.dump();
+  const std::vector<std::string> messages = log_.messages();
+  const auto indexOf = [&messages](std::string_view fragment) {
+    return std::ranges::find_if(messages,
+                                [fragment](const std::string& message) {
+                                  return message.find(fragment) != std::string::npos;
+                                }) -
+           messages.begin();
+  };
+  EXPECT_LT(indexOf("Failed to write out container marker"), indexOf("Moving data from container"))
+      << log_.dump();
+  EXPECT_EQ(readFile(data_ + "/Documents/d.txt"), "data");
 }
 
 TEST_F(ContainerMigrationTest, PlaceholderBundleSkipsInstallGroupsAndMissedItems) {
