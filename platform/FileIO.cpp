@@ -20,33 +20,7 @@
 namespace platform {
 namespace {
 
-// Owns one file descriptor and closes it when it goes away.
-class UniqueFd {
- public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-      reset();
-      fd_ = std::exchange(other.fd_, -1);
-    }
-    return *this;
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-  int release() { return std::exchange(fd_, -1); }
-  void reset() {
-    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
-  }
-
- private:
-  int fd_ = -1;
-};
+using sys::UniqueFd;
 
 std::string displayPath(const CVURL& url) {
   return url.isNil() ? "(null)" : url.path();
@@ -212,38 +186,26 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::string_view> par
   return write && write->finish(durability, error);
 }
 
-AtomicFileWrite::AtomicFileWrite(int fd, std::string asidePath, const CVURL& url)
-    : fd_(fd),
+AtomicFileWrite::AtomicFileWrite(sys::UniqueFd fd, std::string asidePath, const CVURL& url)
+    : fd_(std::move(fd)),
       asidePath_(std::move(asidePath)),
       targetPath_(url.path()),
       directoryPath_(url.URLByDeletingLastPathComponent().path()),
       targetName_(url.lastPathComponent()) {}
 
 AtomicFileWrite::AtomicFileWrite(AtomicFileWrite&& other) noexcept
-    : fd_(std::exchange(other.fd_, -1)),
+    : fd_(std::move(other.fd_)),
       asidePath_(std::exchange(other.asidePath_, {})),
       targetPath_(std::move(other.targetPath_)),
       directoryPath_(std::move(other.directoryPath_)),
       targetName_(std::move(other.targetName_)) {}
-
-AtomicFileWrite& AtomicFileWrite::operator=(AtomicFileWrite&& other) noexcept {
-  if (this != &other) {
-    abandon();
-    fd_ = std::exchange(other.fd_, -1);
-    asidePath_ = std::exchange(other.asidePath_, {});
-    targetPath_ = std::move(other.targetPath_);
-    directoryPath_ = std::move(other.directoryPath_);
-    targetName_ = std::move(other.targetName_);
-  }
-  return *this;
-}
 
 AtomicFileWrite::~AtomicFileWrite() {
   abandon();
 }
 
 void AtomicFileWrite::abandon() {
-  if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+  fd_.reset();
   if (!asidePath_.empty()) ::unlink(std::exchange(asidePath_, {}).c_str());
 }
 
@@ -274,12 +236,12 @@ std::optional<AtomicFileWrite> AtomicFileWrite::begin(const CVURL& url,
     CVSetError(error, posixCallError(openErrno, "open", asidePath));
     return std::nullopt;
   }
-  AtomicFileWrite write(fd.release(), std::move(asidePath), url);
+  AtomicFileWrite write(std::move(fd), std::move(asidePath), url);
   int failedErrno = 0;
   for (const std::string_view part : parts) {
     const std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(part.data()),
                                               part.size());
-    if (!writeAll(write.fd_, bytes, failedErrno)) {
+    if (!writeAll(write.fd_.get(), bytes, failedErrno)) {
       CVSetError(error, posixCallError(failedErrno, "write", write.asidePath_));
       return std::nullopt;
     }
@@ -289,13 +251,13 @@ std::optional<AtomicFileWrite> AtomicFileWrite::begin(const CVURL& url,
 
 bool AtomicFileWrite::finish(WriteDurability durability, CVError* error) {
   const bool flushed = durability == WriteDurability::Flushed;
-  if (const int syncErrno = flushed ? fsyncRetrying(fd_) : 0; syncErrno != 0) {
+  if (const int syncErrno = flushed ? fsyncRetrying(fd_.get()) : 0; syncErrno != 0) {
     CVSetError(error, posixCallError(syncErrno, "fsync", asidePath_));
     abandon();
     return false;
   }
   // The errno of close matters for writes.
-  if (const int closeErrno = ::close(std::exchange(fd_, -1)) == 0 ? 0 : errno; closeErrno != 0) {
+  if (const int closeErrno = ::close(fd_.release()) == 0 ? 0 : errno; closeErrno != 0) {
     CVSetError(error, posixCallError(closeErrno, "close", asidePath_));
     abandon();
     return false;

@@ -14,6 +14,7 @@
 
 #include "platform/Error.h"
 #include "platform/URL.h"
+#include "platform/linux/FileDescriptor.h"
 
 namespace platform {
 
@@ -56,19 +57,17 @@ class AtomicFileWrite {
                                               std::span<const std::string_view> parts,
                                               CVError* error);
   AtomicFileWrite(AtomicFileWrite&& other) noexcept;
-  AtomicFileWrite& operator=(AtomicFileWrite&& other) noexcept;
-  AtomicFileWrite(const AtomicFileWrite&) = delete;
-  AtomicFileWrite& operator=(const AtomicFileWrite&) = delete;
+  AtomicFileWrite& operator=(AtomicFileWrite&&) = delete;
   ~AtomicFileWrite();
 
   // Once only. False with a POSIX record in `*error` as writeFileAtomically.
   bool finish(WriteDurability durability, CVError* error);
 
  private:
-  AtomicFileWrite(int fd, std::string asidePath, const CVURL& url);
+  AtomicFileWrite(sys::UniqueFd fd, std::string asidePath, const CVURL& url);
   void abandon();
 
-  int fd_ = -1;            // the aside file, open for writing until finish()
+  sys::UniqueFd fd_;       // the aside file, open for writing until finish()
   std::string asidePath_;  // empty once renamed or removed
   std::string targetPath_;
   std::string directoryPath_;
