@@ -2,14 +2,10 @@
 // version record and the progress figures.
 #include "AppMigrator/AppMigrator.h"
 
-#include <atomic>
 #include <cerrno>
-#include <iterator>
-#include <optional>
 
 #include "AppMigrator/ContainerClassification.h"
 #include "platform/DispatchQueue.h"
-#include "platform/IconService.h"
 #include "platform/Log.h"
 #include "platform/PropertyList.h"
 #include "shared/filemanager/CVFileManager.h"
@@ -30,32 +26,6 @@ void logRefusal(const CVError& error) {
     return;
   logMigration(kLogLevelError, kInitFunction, "CVAppMigrator: %@", error.localizedDescription());
 }
-
-// Makes the placeholder icon of the next entry while the pass migrates this
-// one, on a thread of its own: the icon service keeps what it makes, silently,
-// for the pass to find when it reads the same files. Only a hint, so it is
-// skipped while the one before is still being made.
-class IconPreparation {
- public:
-  explicit IconPreparation(platform::IconService& icons) : icons_(icons) {}
-
-  void prepareForEntry(const CVDictionary& info) {
-    const std::string* type = info.findString(kContainerTypeKey);
-    const std::string* bundlePath = info.findString(kBundlePathKey);
-    if (type == nullptr || *type != kContainerTypeApp || bundlePath == nullptr) return;
-    if (busy_.exchange(true)) return;
-    if (!queue_) queue_.emplace("cv.icons");
-    queue_->async([this, url = CVURL::fileURLWithPath(*bundlePath, true)] {
-      icons_.prepareHomeScreenIconForBundleAtURL(url);
-      busy_ = false;
-    });
-  }
-
- private:
-  platform::IconService& icons_;
-  std::atomic<bool> busy_{false};
-  std::optional<platform::DispatchQueue> queue_;  // last: drained before the rest goes
-};
 
 constexpr float kBaseDuration = 20.0f;
 constexpr float kDurationPerItem = 2.25f;
@@ -164,10 +134,7 @@ std::deque<CVDictionary> CVAppMigrator::classifyLegacyEntries() {
 
 bool CVAppMigrator::migrateContainers(const std::deque<CVDictionary>& workList) {
   bool succeeded = true;
-  IconPreparation icons(iconService());
-  for (auto entry = workList.begin(); entry != workList.end(); ++entry) {
-    const CVDictionary& info = *entry;
-    if (std::next(entry) != workList.end()) icons.prepareForEntry(*std::next(entry));
+  for (const CVDictionary& info : workList) {
     const CVValue* identifier = info.find(kBundleIdentifierKey);
     const CVValue* bundlePath = info.find(kBundlePathKey);
     logMigration(kLogLevelNotice, kPerformFunction, "CVAppMigrator: Migrating %@ at %@", identifier,

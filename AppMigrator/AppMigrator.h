@@ -169,8 +169,6 @@ class CVAppMigrator final : public MavrelMigrator {
   void recordSystemVersion();
 
   CVURL dataDirectoryFileURL(std::string_view name);
-  // The environment's icon service, or the platform's.
-  platform::IconService& iconService() const;
   // Where each legacy group container of the install map leads, and whether
   // it may be migrated; worked out on first use.
   const std::map<std::string, LegacyGroupLocation, std::less<>>& legacyGroupLocations();

@@ -150,13 +150,11 @@ bool CVAppMigrator::_stageAndInstallPlaceholderForBundleAtURL(const CVURL& bundl
   return installed;
 }
 
-platform::IconService& CVAppMigrator::iconService() const {
-  return environment_.iconService != nullptr ? *environment_.iconService
-                                             : platform::defaultIconService();
-}
-
 bool CVAppMigrator::_writeIconForBundle(const platform::Bundle& bundle, const CVURL& url) {
-  const std::optional<platform::Image> icon = iconService().homeScreenIconForBundle(bundle);
+  platform::IconService& icons = environment_.iconService != nullptr
+                                     ? *environment_.iconService
+                                     : platform::defaultIconService();
+  const std::optional<platform::Image> icon = icons.homeScreenIconForBundle(bundle);
   if (!icon) {
     logMigration(kLogLevelError, kIconFunction,
                  "CVAppMigrator: Failed to create icon from bundle %@", bundle.url().path());

@@ -1,9 +1,5 @@
 // The icon service of this platform: the bundle's own PNG icons, the largest
 // one that decodes, resampled to the home-screen size.
-//
-// Every step traces the files it refuses, except when an icon is prepared
-// ahead of time: that pass is silent, and whatever it could not make is made
-// (and traced) again when the icon is asked for.
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
@@ -69,14 +65,12 @@ std::vector<std::string> declaredIconFileNames(const Bundle& bundle) {
   return names;
 }
 
-enum class Tracing { Traced, Silent };
-
 // The bytes of an icon file: regular files only, no symbolic link followed,
 // size-capped. A missing file is the common case and is not logged.
-std::optional<std::vector<std::uint8_t>> readIconFile(const CVURL& url, Tracing tracing) {
+std::optional<std::vector<std::uint8_t>> readIconFile(const CVURL& url) {
   CVError error;
   std::optional<std::vector<std::uint8_t>> bytes = readFileContents(url, kMaxIconFileSize, &error);
-  if (!bytes && !error.isPOSIX(ENOENT) && tracing == Tracing::Traced) {
+  if (!bytes && !error.isPOSIX(ENOENT)) {
     logInstaller(kLogLevelDebug, kLogFunction, "Icon %@ not read: %@", url.path(),
                  error.localizedDescription());
   }
@@ -98,24 +92,23 @@ RecentResults<Image>& recentIcons() {
 
 // The home-screen icon made from the bytes of the icon file at `url`.
 std::optional<Image> homeScreenIconFromBytes(const CVURL& url,
-                                             const std::vector<std::uint8_t>& bytes,
-                                             Tracing tracing) {
+                                             const std::vector<std::uint8_t>& bytes) {
   return recentIcons().findOrMake(bytes, [&]() -> std::optional<Image> {
     CVError error;
     std::optional<Image> image = decodePNG(bytes, kIconDecodeLimits, &error);
-    if (!image && tracing == Tracing::Traced) {
+    if (!image) {
       logInstaller(kLogLevelDebug, kLogFunction, "Icon %@ not decoded: %@", url.path(),
                    error.localizedDescription());
+      return std::nullopt;
     }
-    if (!image) return std::nullopt;
     return toHomeScreenSize(std::move(*image));
   });
 }
 
-std::optional<Image> homeScreenIconFromFile(const CVURL& url, Tracing tracing) {
-  const std::optional<std::vector<std::uint8_t>> bytes = readIconFile(url, tracing);
+std::optional<Image> homeScreenIconFromFile(const CVURL& url) {
+  const std::optional<std::vector<std::uint8_t>> bytes = readIconFile(url);
   if (!bytes) return std::nullopt;
-  return homeScreenIconFromBytes(url, *bytes, tracing);
+  return homeScreenIconFromBytes(url, *bytes);
 }
 
 // A named file that exists, with its bytes (read once: ranked by header,
@@ -129,18 +122,17 @@ struct Candidate {
 // The named files that exist and carry a PNG header within the decoding
 // limits, most pixels first; equal sizes keep the order they were named in.
 std::vector<Candidate> rankedCandidates(const CVURL& bundleURL,
-                                        const std::vector<std::string>& names, Tracing tracing) {
+                                        const std::vector<std::string>& names) {
   std::vector<Candidate> candidates;
   for (const std::string& name : names) {
     Candidate candidate{bundleURL.URLByAppendingPathComponent(name, false), 0, {}};
-    std::optional<std::vector<std::uint8_t>> bytes = readIconFile(candidate.url, tracing);
+    std::optional<std::vector<std::uint8_t>> bytes = readIconFile(candidate.url);
     if (!bytes) continue;
     const std::optional<PNGHeader> header = peekPNGHeader(*bytes, nullptr);
     if (!header || header->width > kIconDecodeLimits.maxWidth ||
         header->height > kIconDecodeLimits.maxHeight) {
-      if (tracing == Tracing::Traced)
-        logInstaller(kLogLevelDebug, kLogFunction, "Icon %@ is not a usable PNG",
-                     candidate.url.path());
+      logInstaller(kLogLevelDebug, kLogFunction, "Icon %@ is not a usable PNG",
+                   candidate.url.path());
       continue;
     }
     candidate.pixelCount = header->pixelCount();
@@ -153,33 +145,21 @@ std::vector<Candidate> rankedCandidates(const CVURL& bundleURL,
   return candidates;
 }
 
-std::optional<Image> homeScreenIcon(const Bundle& bundle, Tracing tracing) {
-  const std::vector<std::string> names = declaredIconFileNames(bundle);
-  // Headers are compared first, so only the files actually chosen are
-  // decoded; a file whose header promises more but whose data is bad gives
-  // way to the next.
-  for (const Candidate& candidate : rankedCandidates(bundle.url(), names, tracing)) {
-    if (std::optional<Image> icon =
-            homeScreenIconFromBytes(candidate.url, candidate.bytes, tracing))
-      return icon;
-  }
-  const std::string fallbackName(kBundleDefaultIconFileName);
-  if (std::find(names.begin(), names.end(), fallbackName) != names.end()) return std::nullopt;
-  return homeScreenIconFromFile(bundle.url().URLByAppendingPathComponent(fallbackName, false),
-                                tracing);
-}
-
 class BundleIconService final : public IconService {
  public:
   std::optional<Image> homeScreenIconForBundle(const Bundle& bundle) override {
-    return homeScreenIcon(bundle, Tracing::Traced);
-  }
-
-  void prepareHomeScreenIconForBundleAtURL(const CVURL& bundleURL) override {
-    const std::unique_ptr<Bundle> bundle = Bundle::create(bundleURL);
-    if (!bundle) return;
-    if (const std::optional<Image> icon = homeScreenIcon(*bundle, Tracing::Silent))
-      preparePNGEncoding(*icon);
+    const std::vector<std::string> names = declaredIconFileNames(bundle);
+    // Headers are compared first, so only the files actually chosen are
+    // decoded; a file whose header promises more but whose data is bad gives
+    // way to the next.
+    for (const Candidate& candidate : rankedCandidates(bundle.url(), names)) {
+      if (std::optional<Image> icon = homeScreenIconFromBytes(candidate.url, candidate.bytes)) {
+        return icon;
+      }
+    }
+    const std::string fallbackName(kBundleDefaultIconFileName);
+    if (std::find(names.begin(), names.end(), fallbackName) != names.end()) return std::nullopt;
+    return homeScreenIconFromFile(bundle.url().URLByAppendingPathComponent(fallbackName, false));
   }
 };
 

@@ -11,16 +11,9 @@
 // Icon files are read as regular files only, without following a symbolic
 // link, and up to a size cap; decoding is bounded (4096 x 4096 pixels).
 //
-// An icon can also be prepared ahead of time, on another thread: the service
-// then makes it, and its PNG encoding, without tracing anything, and keeps
-// them in its memo of recent icons, keyed by the exact bytes of the files
-// they came from. Asking for the icon later still reads the files; it finds
-// the work done only when they hold the same bytes.
-//
 // Error contract: no error record; nullopt when there is no usable icon (the
 // reason for each refused file is traced at level 7 in the installer log).
-// Nothing throws. The service keeps nothing but that memo and may be used
-// from any thread.
+// Nothing throws. The service is stateless and may be used from any thread.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +22,6 @@
 #include <string_view>
 
 #include "platform/Image.h"
-#include "platform/URL.h"
 
 namespace platform {
 
@@ -50,9 +42,6 @@ class IconService {
   // The bundle's home-screen icon at kHomeScreenIconSide pixels square, or
   // nullopt when the bundle names no icon that exists and decodes.
   virtual std::optional<Image> homeScreenIconForBundle(const Bundle& bundle) = 0;
-  // Makes the icon of the bundle at `bundleURL` ahead of time, silently (see
-  // above). Only a hint: a service may do nothing.
-  virtual void prepareHomeScreenIconForBundleAtURL(const CVURL& bundleURL) { (void)bundleURL; }
 };
 
 // The service of this platform (see above); lives for the whole process.

@@ -47,11 +47,6 @@ class ImageDestination {
   friend void PVImageDestinationAddImage(ImageDestination& destination, const Image& image);
   friend bool PVImageDestinationFinalize(ImageDestination& destination);
 
-  // Encodes `image` ahead of time into the memo of recent encodings that
-  // finalising consults, so that finalising the same pixels later does not
-  // encode them again. Nothing is kept when encoding fails.
-  void preparePNGEncoding(const Image& image);
-
   std::vector<std::uint8_t>* data_;
   std::size_t count_;
   std::vector<Image> images_;
@@ -71,10 +66,5 @@ void PVImageDestinationAddImage(ImageDestination& destination, const Image& imag
 // encoding fails, and the buffer is then left empty. A destination finalises
 // once: a second call is false and leaves the buffer as the first one left it.
 bool PVImageDestinationFinalize(ImageDestination& destination);
-
-// Encodes `image` ahead of time into the memo of recent encodings that
-// finalising consults, so that finalising the same pixels later does not
-// encode them again. Nothing is kept when encoding fails.
-void preparePNGEncoding(const Image& image);
 
 }  // namespace platform

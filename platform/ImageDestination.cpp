@@ -26,11 +26,6 @@ std::vector<std::uint8_t> imageKey(const Image& image) {
   return key;
 }
 
-std::optional<std::vector<std::uint8_t>> encodingOf(const Image& image) {
-  return recentEncodings().findOrMake(imageKey(image),
-                                      [&image] { return encodePNG(image, nullptr); });
-}
-
 }  // namespace
 
 std::unique_ptr<ImageDestination> PVImageDestinationCreateWithData(std::vector<std::uint8_t>* data,
@@ -56,15 +51,12 @@ bool PVImageDestinationFinalize(ImageDestination& destination) {
   if (destination.images_.size() != destination.count_) return false;
   destination.finalized_ = true;
   const Image& image = destination.images_.front();
-  std::optional<std::vector<std::uint8_t>> encoded = encodingOf(image);
+  std::optional<std::vector<std::uint8_t>> encoded =
+      recentEncodings().findOrMake(imageKey(image), [&image] { return encodePNG(image, nullptr); });
   destination.images_.clear();
   if (!encoded) return false;
   data = std::move(*encoded);
   return true;
-}
-
-void preparePNGEncoding(const Image& image) {
-  encodingOf(image);
 }
 
 }  // namespace platform

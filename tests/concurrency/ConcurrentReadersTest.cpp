@@ -6,15 +6,11 @@
 #include <thread>
 #include <vector>
 
-#include "platform/Bundle.h"
-#include "platform/IconService.h"
 #include "platform/Log.h"
-#include "platform/PNGCodec.h"
 #include "shared/configuration/CVGlobalConfiguration.h"
 #include "shared/support/CVFileDigest.h"
 #include "tests/support/ChildProgram.h"
 #include "tests/support/DeviceImage.h"
-#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -84,49 +80,3 @@ TEST(ConcurrentReadersTest, ConcurrentDigestsDoNotInterfere) {
 }
 
 }  // namespace
-
-// An opaque square of one grey level.
-platform::Image greyImage(std::uint32_t side, std::uint8_t level) {
-  platform::Image image{side, side, {}};
-  for (std::uint32_t i = 0; i < side * side; ++i)
-    image.pixels.insert(image.pixels.end(), {level, level, level, 0xFF});
-  return image;
-}
-
-TEST(ConcurrentReadersTest, IconsMadeAheadOnSomeThreadsAreWholeOnTheOthers) {
-  testing_support::DeviceImage image;
-  std::vector<CVURL> bundles;
-  const auto level = [](int which) { return static_cast<std::uint8_t>(10 * which + 5); };
-  for (int i = 0; i < kThreads; ++i) {
-    const std::string path = image.rootPath() + "/App" + std::to_string(i) + ".app";
-    image.writeBundle(path, "com.example.app" + std::to_string(i));
-    const std::vector<std::uint8_t> png = *platform::encodePNG(greyImage(240, level(i)), nullptr);
-    testing_support::writeFile(path + "/Icon.png",
-                               {reinterpret_cast<const char*>(png.data()), png.size()});
-    bundles.push_back(CVURL::fileURLWithPath(path, true));
-  }
-  platform::IconService& icons = platform::defaultIconService();
-  std::atomic<int> wrong{0};
-  runOnThreads([&](int thread) {
-    for (int round = 0; round < kRounds; ++round) {
-      const int which = (thread + round) % kThreads;
-      if (thread % 2 == 0) {
-        icons.prepareHomeScreenIconForBundleAtURL(bundles[which]);
-        continue;
-      }
-      const std::optional<platform::Image> icon =
-          icons.homeScreenIconForBundle(*platform::Bundle::create(bundles[which]));
-      std::vector<std::uint8_t> encoded;
-      const auto destination =
-          platform::PVImageDestinationCreateWithData(&encoded, platform::kImageTypePNG, 1);
-      if (icon) platform::PVImageDestinationAddImage(*destination, *icon);
-      const std::vector<std::uint8_t> expected = greyImage(120, level(which)).pixels;
-      const bool finalized = platform::PVImageDestinationFinalize(*destination);
-      const auto decoded = platform::decodePNG(encoded, {}, nullptr);
-      if (!icon || icon->pixels != expected || !finalized || !decoded ||
-          decoded->pixels != expected)
-        ++wrong;
-    }
-  });
-  EXPECT_EQ(wrong.load(), 0);
-}

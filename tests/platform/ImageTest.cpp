@@ -390,20 +390,4 @@ TEST_F(IconServiceTest, UndecodableIconsAreLoggedAndNothingOutsideTheBundleIsRea
   EXPECT_FALSE(icon()) << "names leaving the bundle";
 }
 
-TEST_F(IconServiceTest, AnIconMadeAheadIsSilentAndServesOnlyTheBytesItCameFrom) {
-  CapturedLog log(installerLog(), kLogLevelDebug);
-  const CVURL bundle = CVURL::fileURLWithPath(bundlePath_, true);
-  writeBytes(bundlePath_ + "/Icon.png", headerOnlyPNG(120));
-  defaultIconService().prepareHomeScreenIconForBundleAtURL(bundle);
-  EXPECT_FALSE(log.containsFragment("not decoded")) << log.dump();
-  EXPECT_FALSE(icon());
-  EXPECT_TRUE(log.containsFragment("not decoded")) << "told when asked for";
-  writeBytes(bundlePath_ + "/Icon.png", grey(120, 21));
-  defaultIconService().prepareHomeScreenIconForBundleAtURL(bundle);
-  writeBytes(bundlePath_ + "/Icon.png", grey(120, 22));  // replaced after it was made
-  const std::optional<Image> image = icon();
-  ASSERT_TRUE(image);
-  EXPECT_TRUE(isUniform(*image, 22, 22, 22, 255));
-}
-
 }  // namespace
