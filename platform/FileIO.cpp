@@ -186,12 +186,13 @@ bool writeFileAtomically(const CVURL& url, std::span<const std::string_view> par
   return write && write->finish(durability, error);
 }
 
-AtomicFileWrite::AtomicFileWrite(sys::UniqueFd fd, std::string asidePath, const CVURL& url)
+AtomicFileWrite::AtomicFileWrite(sys::UniqueFd fd, std::string asidePath, std::string targetPath,
+                                 std::string directoryPath, std::string targetName)
     : fd_(std::move(fd)),
       asidePath_(std::move(asidePath)),
-      targetPath_(url.path()),
-      directoryPath_(url.URLByDeletingLastPathComponent().path()),
-      targetName_(url.lastPathComponent()) {}
+      targetPath_(std::move(targetPath)),
+      directoryPath_(std::move(directoryPath)),
+      targetName_(std::move(targetName)) {}
 
 AtomicFileWrite::AtomicFileWrite(AtomicFileWrite&& other) noexcept
     : fd_(std::move(other.fd_)),
@@ -216,7 +217,8 @@ std::optional<AtomicFileWrite> AtomicFileWrite::begin(const CVURL& url,
     CVSetError(error, posixCallError(EINVAL, "open", displayPath(url)));
     return std::nullopt;
   }
-  const std::string directoryPath = url.URLByDeletingLastPathComponent().path();
+  std::string directoryPath = url.URLByDeletingLastPathComponent().path();
+  std::string targetName = url.lastPathComponent();
   const std::string separator = directoryPath == "/" ? "" : "/";
 
   // A fresh name in the same directory, so that the rename stays within one
@@ -226,7 +228,7 @@ std::optional<AtomicFileWrite> AtomicFileWrite::begin(const CVURL& url,
   std::string asidePath;
   int openErrno = 0;
   for (int attempt = 0; attempt < 16 && !fd.valid(); ++attempt) {
-    asidePath = directoryPath + separator + asideName(url.lastPathComponent());
+    asidePath = directoryPath + separator + asideName(targetName);
     fd = UniqueFd(::open(asidePath.c_str(),
                          O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0644));
     openErrno = fd.valid() ? 0 : errno;
@@ -236,7 +238,8 @@ std::optional<AtomicFileWrite> AtomicFileWrite::begin(const CVURL& url,
     CVSetError(error, posixCallError(openErrno, "open", asidePath));
     return std::nullopt;
   }
-  AtomicFileWrite write(std::move(fd), std::move(asidePath), url);
+  AtomicFileWrite write(std::move(fd), std::move(asidePath), url.path(), std::move(directoryPath),
+                        std::move(targetName));
   int failedErrno = 0;
   for (const std::string_view part : parts) {
     const std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(part.data()),

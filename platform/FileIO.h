@@ -64,7 +64,8 @@ class AtomicFileWrite {
   bool finish(WriteDurability durability, CVError* error);
 
  private:
-  AtomicFileWrite(sys::UniqueFd fd, std::string asidePath, const CVURL& url);
+  AtomicFileWrite(sys::UniqueFd fd, std::string asidePath, std::string targetPath,
+                  std::string directoryPath, std::string targetName);
   void abandon();
 
   sys::UniqueFd fd_;       // the aside file, open for writing until finish()

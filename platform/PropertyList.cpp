@@ -198,12 +198,14 @@ std::vector<std::uint8_t> encodeBinaryPropertyList(const CVValue& value) {
 
 namespace {
 
-void setWriteError(CVError* error, const CVURL& url, const CVError& writeError) {
+// "The property list could not be written to PATH: REASON", over `underlying`.
+void setWriteError(CVError* error, const CVURL& url, const std::string& reason,
+                   const CVError& underlying = CVError()) {
   const std::string path = url.isNil() ? std::string("(null)") : url.path();
-  CVSetError(error, platformError(kPlatformFileWriteUnknownError,
-                                  "The property list could not be written to " + path + ": " +
-                                      writeError.localizedDescription(),
-                                  writeError));
+  CVSetError(error,
+             platformError(kPlatformFileWriteUnknownError,
+                           "The property list could not be written to " + path + ": " + reason,
+                           underlying));
 }
 
 }  // namespace
@@ -212,18 +214,16 @@ std::optional<AtomicFileWrite> beginPropertyListWrite(const CVValue& value, cons
                                                       CVError* error) {
   const std::string xml = encodeXMLPropertyList(value);
   if (xml.empty()) {
-    const std::string path = url.isNil() ? std::string("(null)") : url.path();
-    CVSetError(error, platformError(kPlatformFileWriteUnknownError,
-                                    "The property list could not be written to " + path +
-                                        ": it is nested more than " +
-                                        std::to_string(kMaxPropertyListDepth) + " levels deep"));
+    setWriteError(
+        error, url,
+        "it is nested more than " + std::to_string(kMaxPropertyListDepth) + " levels deep");
     return std::nullopt;
   }
   CVError writeError;
   const std::string_view whole(xml);
   std::optional<AtomicFileWrite> write =
       AtomicFileWrite::begin(url, std::span<const std::string_view>(&whole, 1), &writeError);
-  if (!write) setWriteError(error, url, writeError);
+  if (!write) setWriteError(error, url, writeError.localizedDescription(), writeError);
   return write;
 }
 
@@ -232,7 +232,7 @@ bool writePropertyListAtomically(const CVValue& value, const CVURL& url, CVError
   std::optional<AtomicFileWrite> write = beginPropertyListWrite(value, url, error);
   if (!write) return false;
   if (CVError writeError; !write->finish(durability, &writeError)) {
-    setWriteError(error, url, writeError);
+    setWriteError(error, url, writeError.localizedDescription(), writeError);
     return false;
   }
   return true;
