@@ -1,19 +1,20 @@
 // Installing a customer package: a staging directory holding "Payload".
 //
 // Order of events, each committed or done before the next:
-//   1. the journal records how to put the staging directory back (commit);
-//   2. one rename consumes the staging directory into the staging root;
+//   1. the staging directory is given a record of where it comes from and of
+//      the name it takes in the staging root (InstallerFiles.h);
+//   2. one rename consumes it into the staging root;
 //   3. the bundle is checked there; a failure puts the directory back;
 //   4. a data container and new group containers are prepared as entries of
 //      their own in the staging root;
-//   5. the registration and the finish steps replace the journal entry
-//      (commit);
+//   5. the registration and the finish steps are committed together;
 //   6. the finish steps turn the consumed directory into the bundle container
 //      (the bundles come up out of "Payload", what is not installed goes),
 //      rename it and the prepared containers into place, and remove a
 //      replaced bundle container.
-// A crash before 5 is undone at the next opening (2 reversed, prepared
-// entries swept), a crash after it is finished (6 done again).
+// A crash before 5 is undone at the next opening (the consumed directory put
+// back from its record, prepared entries swept), a crash after it is
+// finished (6 done again).
 #include <algorithm>
 #include <set>
 
@@ -39,8 +40,7 @@ bool EmbeddedInstallerService::isProtectedLocation(const std::string& path) cons
   return false;
 }
 
-void EmbeddedInstallerService::restoreStagingDirectory(std::int64_t journal,
-                                                       const std::string& staged,
+void EmbeddedInstallerService::restoreStagingDirectory(const std::string& staged,
                                                        const std::string& origin) {
   const JournalStep restore{JournalStep::Action::Rename, relative(staged), relative(origin)};
   CVError error;
@@ -50,7 +50,7 @@ void EmbeddedInstallerService::restoreStagingDirectory(std::int64_t journal,
                            origin, error);
     return;
   }
-  doneJournal_.push_back(journal);
+  forgetStagingOrigin(origin);  // a record left behind names another name and means nothing
 }
 
 bool EmbeddedInstallerService::answerRepeatedRequest(const std::string& origin,
@@ -135,26 +135,13 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   progress.report(kStatusStaging);
   const auto staged = newStagingPath(&failure);
   if (!staged) return progress.fail(kFunction, failure, error);
-  std::optional<std::int64_t> journal;
-  {
-    CVError writeError;
-    WriteTransaction transaction(store_->database());
-    const JournalStep restore{JournalStep::Action::Rename, relative(*staged), relative(*origin)};
-    const bool written = beginWrite(transaction, &writeError) &&
-                         (journal = store_->addJournal(request.identifier, JournalPurpose::Restore,
-                                                       {&restore, 1}, &writeError))
-                             .has_value();
-    faultPoint("intent about to commit");
-    if (!written || !commitWrite(transaction, &writeError)) {
-      return progress.fail(kFunction,
-                           {InstallError::RegistryFailure,
-                            "cannot record the install of " + request.identifier, writeError},
-                           error);
-    }
-  }
-  faultPoint("intent committed");
+  const std::string stagedName = staged->substr(staged->rfind('/') + 1);
+  if (CVError recordError;
+      !recordStagingOrigin(*origin, stagedName, relative(*origin), &recordError))
+    return progress.fail(kFunction, {InstallError::StagingFailed, *origin, recordError}, error);
+  faultPoint("staging origin recorded");
   if (CVError renameError; !renameItem(*origin, *staged, &renameError)) {
-    doneJournal_.push_back(*journal);  // nothing moved: the entry has nothing to undo
+    forgetStagingOrigin(*origin);
     return progress.fail(kFunction, {InstallError::StagingFailed, *origin, renameError}, error);
   }
   faultPoint("staging directory consumed");
@@ -163,7 +150,7 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   Preparation preparation;
   const auto restoreAndFail = [&](const InstallFailure& reason) {
     discardStagingItems(preparation.prepared);
-    restoreStagingDirectory(*journal, *staged, *origin);
+    restoreStagingDirectory(*staged, *origin);
     return progress.fail(kFunction, reason, error);
   };
 
@@ -257,7 +244,7 @@ bool EmbeddedInstallerService::installCustomer(const std::string& url,
   }
 
   progress.report(kStatusRegistering);
-  if (!registerAndFinish(preparation, journal, &failure)) {
+  if (!registerAndFinish(preparation, &failure)) {
     // Not registered: undone now. Registered: finished at the next opening.
     if (failure.error == InstallError::RegistryFailure) return restoreAndFail(failure);
     return progress.fail(kFunction, failure, error);

@@ -143,7 +143,9 @@ bool EmbeddedInstallerService::setUp(CVError* error) {
   loadBuiltInApplications();
   blacklist_ = configuration_.installationBlacklist();
   metadataItemNames_ = configuration_.appBundleMetadataItemNames();
-  if (!recoverPendingInstalls(*store_, layout_, stagingRoot_, &recovery_, error)) return false;
+  const auto isProtected = [this](const std::string& path) { return isProtectedLocation(path); };
+  if (!recoverPendingInstalls(*store_, layout_, stagingRoot_, isProtected, &recovery_, error))
+    return false;
   // A session that ended without closing may have left placeholders' data
   // containers bare.
   completePlaceholderDataContainers(nullptr);
@@ -314,7 +316,7 @@ std::optional<ApplicationEntry> EmbeddedInstallerService::registerSystemApplicat
                    std::to_string(kMaximumApplicationGroups) + " application groups",
                {}};
   } else if (prepareContainers(preparation, groups, DataContainerShape::Complete, &failure) &&
-             registerAndFinish(preparation, std::nullopt, &failure)) {
+             registerAndFinish(preparation, &failure)) {
     platform::logInstaller(platform::kLogLevelNotice, kRegistryFunction,
                            "Made the data container %s of the built-in application %@",
                            layout_.absolute(entry.dataContainer), identifier);

@@ -36,9 +36,8 @@
 // container or staging directory ever holds the only copy of a bundle or of
 // user data. Opening also removes whatever else was left in the staging root.
 //
-// Durability: a customer install commits twice (its intent before the staging
-// directory is consumed, its registration before the items are put in place),
-// a placeholder once; no commit and no step waits for the disk. Against the
+// Durability: an install commits once, its registration with the steps that
+// put its items in place; no commit and no step waits for the disk. Against the
 // process being killed, which is what these promises are about, program order
 // is enough: everything written or renamed before the kill is kept by the
 // kernel. Waiting for the disk at each install would only add protection
@@ -186,9 +185,9 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   bool registerPluginDataContainer(PluginEntry& plugin);
   bool refuseBuiltIn(const std::string& origin, const InstallRequest& request,
                      const InstallProgress& progress, CVError* error);
-  // Puts the consumed staging directory back where it came from.
-  void restoreStagingDirectory(std::int64_t journal, const std::string& staged,
-                               const std::string& origin);
+  // Puts the consumed staging directory back where it came from; when it
+  // cannot, the next opening does it from the directory's record.
+  void restoreStagingDirectory(const std::string& staged, const std::string& origin);
   // Whether consuming `path` would take (part of) the installer's own places.
   bool isProtectedLocation(const std::string& path) const;
   // Registers a built-in application with a new data container.
@@ -221,14 +220,12 @@ class EmbeddedInstallerService final : public platform::InstallerService,
   // container that cannot be completed is logged and left for the next
   // attempt; false when one could not be.
   bool completePlaceholderDataContainers(const std::set<std::string, std::less<>>* only);
-  // Commits the entry with its finish steps (replacing `journal` when given),
-  // then performs the steps.
-  bool registerAndFinish(Preparation& preparation, std::optional<std::int64_t> journal,
-                         InstallFailure* failure);
+  // Commits the entry with its finish steps, then performs the steps.
+  bool registerAndFinish(Preparation& preparation, InstallFailure* failure);
   // The same with another registration than the preparation's entry.
   using RegistryWrite = std::function<bool(CVError* error)>;
-  bool commitAndFinish(Preparation& preparation, std::optional<std::int64_t> journal,
-                       const RegistryWrite& record, InstallFailure* failure);
+  bool commitAndFinish(Preparation& preparation, const RegistryWrite& record,
+                       InstallFailure* failure);
   bool beginWrite(WriteTransaction& transaction, CVError* error);
   bool commitWrite(WriteTransaction& transaction, CVError* error);
   std::string relative(const std::string& absolutePath) const;

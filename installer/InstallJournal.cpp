@@ -122,8 +122,8 @@ bool performCommittedSteps(const ContainerLayout& layout, std::span<const Journa
 }
 
 bool recoverPendingInstalls(RegistryStore& store, const ContainerLayout& layout,
-                            const std::string& stagingRoot, RecoveryReport* report,
-                            CVError* error) {
+                            const std::string& stagingRoot, const PathPredicate& isProtected,
+                            RecoveryReport* report, CVError* error) {
   RecoveryReport counts;
   std::vector<JournalEntry> entries;
   if (!store.listJournal(entries, error)) return false;
@@ -173,7 +173,24 @@ bool recoverPendingInstalls(RegistryStore& store, const ContainerLayout& layout,
                            "Could not list the staging root %s: %@", stagingRoot, listError);
   } else {
     for (const CVURL& leftover : *leftovers) {
-      if (kept.count(leftover.lastPathComponent()) != 0) continue;
+      const std::string name = leftover.lastPathComponent();
+      if (kept.count(name) != 0) continue;
+      // A staging directory consumed by an install that did not register
+      // goes back where its record says it came from.
+      const auto origin = recordedStagingOrigin(leftover.path(), name);
+      if (origin && stagingRelative && !isProtected(layout.absolute(*origin))) {
+        const JournalStep restore{JournalStep::Action::Rename, *stagingRelative + "/" + name,
+                                  *origin};
+        if (CVError restoreError; performJournalSteps(layout, {&restore, 1}, &restoreError)) {
+          ++counts.restored;
+        } else {
+          ++counts.failed;
+          platform::logInstaller(platform::kLogLevelError, kRecoveryFunction,
+                                 "Could not put %@ back at %s; it is kept for the next start: %@",
+                                 leftover, *origin, restoreError);
+        }
+        continue;
+      }
       CVError removeError;
       if (fileManager.removeItemAtURL(leftover, &removeError)) {
         ++counts.swept;

@@ -2,13 +2,15 @@
 // the registry before it is done, so that a crash at any instant is finished
 // or undone the next time the registry is opened.
 //
-// Two kinds of entries (see JournalPurpose):
-// - "restore", recorded before an install consumes its staging directory:
-//   one step that puts the directory back. The install replaces it by a
-//   "finish" entry in the transaction that registers the application.
-// - "finish", committed together with the registration: the renames that put
-//   the prepared containers and the bundle in place, then the removals of the
-//   replaced bundle container and of the install's staging area.
+// An entry is committed together with an install's registration: the renames
+// that put the prepared containers and the bundle in place, then the removals
+// of the replaced bundle container and of the install's staging area
+// (purpose "finish"). What an install does before that commit lives in the
+// staging root and is undone at the next opening: a consumed staging
+// directory is put back from the record it carries (InstallerFiles.h), the
+// rest is swept. Entries of purpose "restore", which put a consumed staging
+// directory back, are only found in registries written by earlier versions;
+// they are performed like the others.
 // Every step can be performed again without harm, so recovery simply
 // performs every recorded entry again, in order.
 //
@@ -17,6 +19,7 @@
 // steps done before the failure stay done.
 #pragma once
 
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -47,16 +50,21 @@ bool performCommittedSteps(const ContainerLayout& layout, std::span<const Journa
 struct RecoveryReport {
   std::size_t restored = 0;  // staging directories put back
   std::size_t finished = 0;  // committed installs put in place
-  std::size_t failed = 0;    // entries kept for the next attempt
+  std::size_t failed = 0;    // entries and staging directories kept for the next attempt
   std::size_t swept = 0;     // leftovers removed from the staging root
 };
 
-// Performs every pending entry, deletes those that are done (one
-// transaction), then removes whatever else is in `stagingRoot` (absolute)
-// except what entries that could not be performed still need. False only
-// when the registry could not be read or written; entries that failed are
-// counted and logged, and kept.
+// Performs every pending entry and deletes those that are done (one
+// transaction). Then, in `stagingRoot` (absolute), puts every consumed
+// staging directory back where its record says, unless that is a place
+// `isProtected` names (a record the installer never writes), and removes
+// whatever else is there except what entries that could not be performed
+// still need. False only when the registry could not be read or written;
+// entries and directories that could not be put back are counted and logged,
+// and kept.
+using PathPredicate = std::function<bool(const std::string& absolutePath)>;
 bool recoverPendingInstalls(RegistryStore& store, const ContainerLayout& layout,
-                            const std::string& stagingRoot, RecoveryReport* report, CVError* error);
+                            const std::string& stagingRoot, const PathPredicate& isProtected,
+                            RecoveryReport* report, CVError* error);
 
 }  // namespace mavrel_installer

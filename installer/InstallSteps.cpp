@@ -173,29 +173,24 @@ bool EmbeddedInstallerService::commitWrite(WriteTransaction& transaction, CVErro
 }
 
 bool EmbeddedInstallerService::registerAndFinish(Preparation& preparation,
-                                                 std::optional<std::int64_t> journal,
                                                  InstallFailure* failure) {
   return commitAndFinish(
-      preparation, journal,
-      [&](CVError* error) { return store_->putApplication(preparation.entry, error); }, failure);
+      preparation, [&](CVError* error) { return store_->putApplication(preparation.entry, error); },
+      failure);
 }
 
 bool EmbeddedInstallerService::commitAndFinish(Preparation& preparation,
-                                               std::optional<std::int64_t> journal,
                                                const RegistryWrite& record,
                                                InstallFailure* failure) {
   CVError error;
-  std::optional<std::int64_t> id = journal;
+  std::optional<std::int64_t> id;
   {
     WriteTransaction transaction(store_->database());
-    bool written = beginWrite(transaction, &error) && record(&error);
-    if (written && journal) {
-      written = store_->replaceJournal(*journal, JournalPurpose::Finish, preparation.steps, &error);
-    } else if (written) {
-      id = store_->addJournal(preparation.entry.identifier, JournalPurpose::Finish,
-                              preparation.steps, &error);
-      written = id.has_value();
-    }
+    const bool written =
+        beginWrite(transaction, &error) && record(&error) &&
+        (id = store_->addJournal(preparation.entry.identifier, JournalPurpose::Finish,
+                                 preparation.steps, &error))
+            .has_value();
     faultPoint("registration about to commit");
     if (!written || !commitWrite(transaction, &error)) {
       *failure = InstallFailure{InstallError::RegistryFailure,

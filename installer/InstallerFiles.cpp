@@ -8,8 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <vector>
 
 #include "platform/FileIOPosix.h"
+#include "platform/linux/ExtendedAttributes.h"
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/PathResolution.h"
 
@@ -28,7 +30,38 @@ bool applyOwner(const std::string& path, const ItemOwner& owner, CVError* error)
   return true;
 }
 
+constexpr const char* kStagingOriginAttribute = "user.com.zentrel.corvaned.staging-origin";
+
 }  // namespace
+
+bool recordStagingOrigin(const std::string& path, std::string_view stagedName,
+                         std::string_view origin, CVError* error) {
+  std::string record(stagedName);
+  record += '\n';
+  record += origin;
+  if (platform::sys::setAttribute(platform::sys::AttributeItem::link(path.c_str()),
+                                  kStagingOriginAttribute, record) != 0)
+    return failWith(errno, "lsetxattr", path, error);
+  return true;
+}
+
+bool forgetStagingOrigin(const std::string& path) {
+  return platform::sys::removeAttribute(platform::sys::AttributeItem::link(path.c_str()),
+                                        kStagingOriginAttribute) == 0 ||
+         errno == ENODATA;
+}
+
+std::optional<std::string> recordedStagingOrigin(const std::string& path,
+                                                 std::string_view stagedName) {
+  std::vector<char> value;
+  if (platform::sys::getAttribute(platform::sys::AttributeItem::link(path.c_str()),
+                                  kStagingOriginAttribute, value) != 0)
+    return std::nullopt;
+  const std::string_view record(value.data(), value.size());
+  const std::size_t end = record.find('\n');
+  if (end == std::string_view::npos || record.substr(0, end) != stagedName) return std::nullopt;
+  return std::string(record.substr(end + 1));
+}
 
 ItemKind itemKindAtPath(const std::string& path) {
   struct stat status {};

@@ -12,6 +12,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/Error.h"
 
@@ -34,6 +35,22 @@ inline bool itemExists(const std::string& path) {
   const ItemKind kind = itemKindAtPath(path);
   return kind != ItemKind::Missing;
 }
+
+// The record a staging directory carries when an install takes it into the
+// staging root: the name it is given there and where it came from (relative
+// to the device root), in an extended attribute of the directory itself, so
+// that it travels with the rename. An install cut short before its
+// registration is put back from it at the next opening. A record made for
+// another name is an earlier install's and means nothing.
+bool recordStagingOrigin(const std::string& path, std::string_view stagedName,
+                         std::string_view origin, CVError* error);
+// Removes the record from a staging directory given back; false (errno set)
+// when it cannot be removed.
+bool forgetStagingOrigin(const std::string& path);
+// The origin recorded on `path` for the name `stagedName`; nullopt when there
+// is no such record or it cannot be read.
+std::optional<std::string> recordedStagingOrigin(const std::string& path,
+                                                 std::string_view stagedName);
 
 // rename(2).
 bool renameItem(const std::string& from, const std::string& to, CVError* error);

@@ -135,7 +135,7 @@ bool EmbeddedInstallerService::installPlaceholder(const std::string& url,
     return store_->putApplication(preparation.entry, writeError) &&
            store_->putPlaceholderMetadata(request.identifier, request.storeMetadata, writeError);
   };
-  if (!commitAndFinish(preparation, std::nullopt, record, &failure)) {
+  if (!commitAndFinish(preparation, record, &failure)) {
     if (failure.error == InstallError::RegistryFailure) return discardAndFail(failure);
     return progress.fail(kFunction, failure, error);
   }

@@ -52,7 +52,7 @@ bool EmbeddedInstallerService::registerPluginDataContainer(PluginEntry& plugin) 
                                           error);
   };
   if (prepareContainers(preparation, {}, DataContainerShape::Complete, &failure) &&
-      commitAndFinish(preparation, std::nullopt, record, &failure)) {
+      commitAndFinish(preparation, record, &failure)) {
     plugin.dataContainer = preparation.entry.dataContainer;
     platform::logInstaller(platform::kLogLevelNotice, kRegistryFunction,
                            "Made the data container %s of the VPN plug-in %@",

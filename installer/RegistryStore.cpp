@@ -118,10 +118,6 @@ const char* const kStatementText[] = {
     "container_type",
     // kAddJournal
     "INSERT INTO journal (identifier, purpose) VALUES (?1, ?2) RETURNING id",
-    // kUpdateJournal
-    "UPDATE journal SET purpose = ?2 WHERE id = ?1",
-    // kClearJournalSteps
-    "DELETE FROM journal_steps WHERE journal = ?1",
     // kAddJournalStep
     "INSERT INTO journal_steps (journal, position, action, source, target) VALUES (?1, ?2, ?3, "
     "?4, ?5)",
@@ -155,7 +151,7 @@ const char* const kStatementText[] = {
     // kFindPlaceholderMetadata
     "SELECT bytes FROM placeholder_metadata WHERE identifier = ?1",
 };
-static_assert(std::size(kStatementText) == 27);
+static_assert(std::size(kStatementText) == 25);
 
 std::string_view purposeName(JournalPurpose purpose) {
   return purpose == JournalPurpose::Finish ? "finish" : "restore";
@@ -586,22 +582,6 @@ std::optional<std::int64_t> RegistryStore::addJournal(std::string_view identifie
   }
   if (!addJournalSteps(id, steps, error)) return std::nullopt;
   return id;
-}
-
-bool RegistryStore::replaceJournal(std::int64_t id, JournalPurpose purpose,
-                                   std::span<const JournalStep> steps, CVError* error) {
-  Statement* update = statement(kUpdateJournal, error);
-  Statement* clear = update ? statement(kClearJournalSteps, error) : nullptr;
-  if (clear == nullptr) return false;
-  {
-    Statement::Use use(*update);
-    if (!use.bind(1, id).bind(2, purposeName(purpose)).run(error)) return false;
-  }
-  {
-    Statement::Use use(*clear);
-    if (!use.bind(1, id).run(error)) return false;
-  }
-  return addJournalSteps(id, steps, error);
 }
 
 bool RegistryStore::removeJournal(std::span<const std::int64_t> ids, CVError* error) {

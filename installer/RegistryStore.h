@@ -126,8 +126,6 @@ class RegistryStore {
 
   std::optional<std::int64_t> addJournal(std::string_view identifier, JournalPurpose purpose,
                                          std::span<const JournalStep> steps, CVError* error);
-  bool replaceJournal(std::int64_t id, JournalPurpose purpose, std::span<const JournalStep> steps,
-                      CVError* error);
   bool removeJournal(std::span<const std::int64_t> ids, CVError* error);
   // In the order the entries were made.
   bool listJournal(std::vector<JournalEntry>& entries, CVError* error);
@@ -146,8 +144,6 @@ class RegistryStore {
     kUpsertHarbor,
     kListHarbors,
     kAddJournal,
-    kUpdateJournal,
-    kClearJournalSteps,
     kAddJournalStep,
     kRemoveJournal,
     kListJournal,

@@ -84,44 +84,64 @@ TEST_F(InstallJournalTest, StepsThatLeaveTheRootAreRefused) {
   EXPECT_EQ(readFile(path("a")), "a");
 }
 
-TEST_F(InstallJournalTest, RecoveryReplaysEntriesKeepsWhatFailsAndSweepsTheRest) {
+TEST_F(InstallJournalTest, RecoveryReplaysEntriesPutsStagingBackKeepsWhatFailsAndSweepsTheRest) {
   const std::string staging = "home/staging";
   makeDirectories(path(staging));
   CVError error;
   auto store =
       RegistryStore::open(path("registry.sqlite"), RegistryDatabase::Access::ReadWrite, &error);
   ASSERT_TRUE(store) << error.description();
-  // An install to undo, one to finish, one that cannot go on, and a leftover.
-  writeFile(path(staging + "/UNDO/Payload/a.app/Info.plist"), "a");
+  // Consumed staging directories with their records: one to put back, one
+  // whose place is taken, one recorded under another name (an earlier
+  // install's) and one claiming a protected place; an install to finish, one
+  // that cannot go on, and a leftover.
+  writeFile(path("home/Applications/C/Staging"), "something took its place");
+  for (const auto& [name, recordedName, origin] :
+       {std::tuple("UNDO", "UNDO", "home/Applications/A/Staging"),
+        std::tuple("BLOCKED", "BLOCKED", "home/Applications/C/Staging"),
+        std::tuple("STALE", "EARLIER", "home/Applications/D/Staging"),
+        std::tuple("FORGED", "FORGED", "containers/F")}) {
+    writeFile(path(staging + "/" + name + "/Payload/x.app/Info.plist"), name);
+    ASSERT_TRUE(mavrel_installer::recordStagingOrigin(path(staging + "/" + name), recordedName,
+                                                      origin, &error))
+        << error.description();
+  }
   writeFile(path(staging + "/FINISH/b.app/Info.plist"), "b");
   writeFile(path(staging + "/STUCK/c.app/Info.plist"), "c");
-  writeFile(path("home/Applications/C/Staging"), "something took its place");
   writeFile(path(staging + "/LEFTOVER/junk"), "junk");
   makeDirectories(path("containers"));
+  makeDirectories(path("home/Applications/D"));
   {
     mavrel_installer::WriteTransaction transaction(store->database());
     ASSERT_TRUE(transaction.begin(&error));
-    for (const auto& [identifier, purpose, source, target] :
-         {std::tuple("a", JournalPurpose::Restore, "/UNDO", "home/Applications/A/Staging"),
-          std::tuple("b", JournalPurpose::Finish, "/FINISH", "containers/B"),
-          std::tuple("c", JournalPurpose::Restore, "/STUCK", "home/Applications/C/Staging")})
-      ASSERT_TRUE(store->addJournal(identifier, purpose,
+    for (const auto& [identifier, source, target] :
+         {std::tuple("b", "/FINISH", "containers/B"),
+          std::tuple("c", "/STUCK", "home/Applications/C/Staging")})
+      ASSERT_TRUE(store->addJournal(identifier, JournalPurpose::Finish,
                                     std::vector{rename(staging + source, target)}, &error));
     ASSERT_TRUE(transaction.commit(&error)) << error.description();
   }
   makeDirectories(path("home/Applications/A"));
 
+  const std::string containers = path("containers");
+  const auto isProtected = [&](const std::string& place) {
+    return mavrel_installer::pathIsWithin(place, containers);
+  };
   mavrel_installer::RecoveryReport report;
-  ASSERT_TRUE(
-      mavrel_installer::recoverPendingInstalls(*store, layout_, path(staging), &report, &error))
+  ASSERT_TRUE(mavrel_installer::recoverPendingInstalls(*store, layout_, path(staging), isProtected,
+                                                       &report, &error))
       << error.description();
   EXPECT_EQ(std::tuple(report.restored, report.finished, report.failed, report.swept),
-            std::tuple(1u, 1u, 1u, 1u));
-  EXPECT_EQ(readFile(path("home/Applications/A/Staging/Payload/a.app/Info.plist")), "a");
+            std::tuple(1u, 1u, 2u, 3u));
+  EXPECT_EQ(readFile(path("home/Applications/A/Staging/Payload/x.app/Info.plist")), "UNDO");
   EXPECT_EQ(readFile(path("containers/B/b.app/Info.plist")), "b");
-  // The stuck install keeps its entry and the only copy of its bundle.
+  EXPECT_FALSE(pathExists(path("home/Applications/D/Staging")));
+  EXPECT_FALSE(pathExists(path("containers/F")));
+  // What could not go on keeps the only copy of its bundle, and the stuck
+  // install its entry.
   EXPECT_EQ(readFile(path(staging + "/STUCK/c.app/Info.plist")), "c");
-  EXPECT_EQ(entriesOf(path(staging)), std::vector<std::string>{"STUCK"});
+  EXPECT_EQ(readFile(path(staging + "/BLOCKED/Payload/x.app/Info.plist")), "BLOCKED");
+  EXPECT_EQ(entriesOf(path(staging)), (std::vector<std::string>{"BLOCKED", "STUCK"}));
   std::vector<mavrel_installer::JournalEntry> left;
   ASSERT_TRUE(store->listJournal(left, &error));
   ASSERT_EQ(left.size(), 1u);
