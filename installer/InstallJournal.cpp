@@ -182,6 +182,7 @@ bool recoverPendingInstalls(RegistryStore& store, const ContainerLayout& layout,
         const JournalStep restore{JournalStep::Action::Rename, *stagingRelative + "/" + name,
                                   *origin};
         if (CVError restoreError; performJournalSteps(layout, {&restore, 1}, &restoreError)) {
+          forgetStagingOrigin(layout.absolute(*origin));
           ++counts.restored;
         } else {
           ++counts.failed;

@@ -134,6 +134,8 @@ TEST_F(InstallJournalTest, RecoveryReplaysEntriesPutsStagingBackKeepsWhatFailsAn
   EXPECT_EQ(std::tuple(report.restored, report.finished, report.failed, report.swept),
             std::tuple(1u, 1u, 2u, 3u));
   EXPECT_EQ(readFile(path("home/Applications/A/Staging/Payload/x.app/Info.plist")), "UNDO");
+  EXPECT_FALSE(
+      mavrel_installer::recordedStagingOrigin(path("home/Applications/A/Staging"), "UNDO"));
   EXPECT_EQ(readFile(path("containers/B/b.app/Info.plist")), "b");
   EXPECT_FALSE(pathExists(path("home/Applications/D/Staging")));
   EXPECT_FALSE(pathExists(path("containers/F")));
