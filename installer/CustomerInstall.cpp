@@ -50,7 +50,8 @@ void EmbeddedInstallerService::restoreStagingDirectory(const std::string& staged
                            origin, error);
     return;
   }
-  forgetStagingOrigin(origin);  // a record left behind names another name and means nothing
+  // Best effort: a record left behind names a name the directory no longer has.
+  forgetStagingOrigin(origin);
 }
 
 bool EmbeddedInstallerService::answerRepeatedRequest(const std::string& origin,

@@ -29,12 +29,14 @@
 // on first need. A package holding such a plug-in alone is accepted: the copy
 // installed with its application stays, the package is consumed.
 //
-// Crash safety: every install records in the registry what it is about to do
-// before doing it (InstallJournal.h), so that an install interrupted at any
-// instant is either undone or finished when the service next opens the
-// registry: a registered container always exists, and no unregistered
-// container or staging directory ever holds the only copy of a bundle or of
-// user data. Opening also removes whatever else was left in the staging root.
+// Crash safety: every install records what it is about to do before doing it
+// (a staging directory it takes, on the directory itself: InstallerFiles.h;
+// the rest in the registry, with its registration: InstallJournal.h), so that
+// an install interrupted at any instant is either undone or finished when the
+// service next opens the registry: a registered container always exists, and
+// no unregistered container or staging directory ever holds the only copy of
+// a bundle or of user data. Opening also removes whatever else was left in
+// the staging root.
 //
 // Durability: an install commits once, its registration with the steps that
 // put its items in place; no commit and no step waits for the disk. Against the
