@@ -76,15 +76,15 @@ struct JournalStep {
   std::string target;  // Rename only
 };
 
-// "restore": put the consumed staging directory back (the install had not
-// reached its commit). "finish": the install is committed; put everything
-// in place.
+// "finish": the install is committed; put everything in place. "restore":
+// put a consumed staging directory back, as earlier versions recorded before
+// an install's commit (now read, never written).
 enum class JournalPurpose { Restore, Finish };
 
 struct JournalEntry {
   std::int64_t id = 0;
   std::string identifier;
-  JournalPurpose purpose = JournalPurpose::Restore;
+  JournalPurpose purpose = JournalPurpose::Finish;
   std::vector<JournalStep> steps;
 };
 
