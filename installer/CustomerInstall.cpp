@@ -50,7 +50,6 @@ void EmbeddedInstallerService::restoreStagingDirectory(const std::string& staged
                            origin, error);
     return;
   }
-  // Best effort: a record left behind names a name the directory no longer has.
   forgetStagingOrigin(origin);
 }
 

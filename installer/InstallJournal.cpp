@@ -178,11 +178,12 @@ bool recoverPendingInstalls(RegistryStore& store, const ContainerLayout& layout,
       // A staging directory consumed by an install that did not register
       // goes back where its record says it came from.
       const auto origin = recordedStagingOrigin(leftover.path(), name);
-      if (origin && stagingRelative && !isProtected(layout.absolute(*origin))) {
+      const std::string originPath = origin ? layout.absolute(*origin) : std::string();
+      if (origin && stagingRelative && !isProtected(originPath)) {
         const JournalStep restore{JournalStep::Action::Rename, *stagingRelative + "/" + name,
                                   *origin};
         if (CVError restoreError; performJournalSteps(layout, {&restore, 1}, &restoreError)) {
-          forgetStagingOrigin(layout.absolute(*origin));
+          forgetStagingOrigin(originPath);
           ++counts.restored;
         } else {
           ++counts.failed;

@@ -188,8 +188,7 @@ bool EmbeddedInstallerService::commitAndFinish(Preparation& preparation,
     WriteTransaction transaction(store_->database());
     const bool written =
         beginWrite(transaction, &error) && record(&error) &&
-        (id = store_->addJournal(preparation.entry.identifier, JournalPurpose::Finish,
-                                 preparation.steps, &error))
+        (id = store_->addJournal(preparation.entry.identifier, preparation.steps, &error))
             .has_value();
     faultPoint("registration about to commit");
     if (!written || !commitWrite(transaction, &error)) {

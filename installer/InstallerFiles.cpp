@@ -45,10 +45,9 @@ bool recordStagingOrigin(const std::string& path, std::string_view stagedName,
   return true;
 }
 
-bool forgetStagingOrigin(const std::string& path) {
-  return platform::sys::removeAttribute(platform::sys::AttributeItem::link(path.c_str()),
-                                        kStagingOriginAttribute) == 0 ||
-         errno == ENODATA;
+void forgetStagingOrigin(const std::string& path) {
+  platform::sys::removeAttribute(platform::sys::AttributeItem::link(path.c_str()),
+                                 kStagingOriginAttribute);
 }
 
 std::optional<std::string> recordedStagingOrigin(const std::string& path,

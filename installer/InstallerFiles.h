@@ -44,9 +44,9 @@ inline bool itemExists(const std::string& path) {
 // another name is an earlier install's and means nothing.
 bool recordStagingOrigin(const std::string& path, std::string_view stagedName,
                          std::string_view origin, CVError* error);
-// Removes the record from a staging directory given back; false (errno set)
-// when it cannot be removed.
-bool forgetStagingOrigin(const std::string& path);
+// Removes the record from a staging directory given back, as far as it can:
+// a record left behind names a name the directory no longer has.
+void forgetStagingOrigin(const std::string& path);
 // The origin recorded on `path` for the name `stagedName`; nullopt when there
 // is no such record or it cannot be read.
 std::optional<std::string> recordedStagingOrigin(const std::string& path,

@@ -117,7 +117,7 @@ const char* const kStatementText[] = {
     "SELECT identifier, container_type, path, options FROM safe_harbors ORDER BY identifier, "
     "container_type",
     // kAddJournal
-    "INSERT INTO journal (identifier, purpose) VALUES (?1, ?2) RETURNING id",
+    "INSERT INTO journal (identifier, purpose) VALUES (?1, 'finish') RETURNING id",
     // kAddJournalStep
     "INSERT INTO journal_steps (journal, position, action, source, target) VALUES (?1, ?2, ?3, "
     "?4, ?5)",
@@ -152,10 +152,6 @@ const char* const kStatementText[] = {
     "SELECT bytes FROM placeholder_metadata WHERE identifier = ?1",
 };
 static_assert(std::size(kStatementText) == 25);
-
-std::string_view purposeName(JournalPurpose purpose) {
-  return purpose == JournalPurpose::Finish ? "finish" : "restore";
-}
 
 ApplicationKind kindFromName(std::string_view name) {
   if (name == "Placeholder") return ApplicationKind::Placeholder;
@@ -562,7 +558,6 @@ bool RegistryStore::addJournalSteps(std::int64_t id, std::span<const JournalStep
 }
 
 std::optional<std::int64_t> RegistryStore::addJournal(std::string_view identifier,
-                                                      JournalPurpose purpose,
                                                       std::span<const JournalStep> steps,
                                                       CVError* error) {
   Statement* add = statement(kAddJournal, error);
@@ -570,7 +565,7 @@ std::optional<std::int64_t> RegistryStore::addJournal(std::string_view identifie
   std::int64_t id = 0;
   {
     Statement::Use use(*add);
-    use.bind(1, identifier).bind(2, purposeName(purpose));
+    use.bind(1, identifier);
     CVError stepError;
     if (!use.next(&stepError)) {
       CVSetError(error, stepError ? std::move(stepError)

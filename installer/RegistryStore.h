@@ -124,7 +124,8 @@ class RegistryStore {
   bool putHarbor(const HarborEntry& entry, CVError* error);
   bool listHarbors(std::vector<HarborEntry>& entries, CVError* error);
 
-  std::optional<std::int64_t> addJournal(std::string_view identifier, JournalPurpose purpose,
+  // Records a "finish" entry.
+  std::optional<std::int64_t> addJournal(std::string_view identifier,
                                          std::span<const JournalStep> steps, CVError* error);
   bool removeJournal(std::span<const std::int64_t> ids, CVError* error);
   // In the order the entries were made.

@@ -23,7 +23,6 @@ namespace {
 using mavrel_installer::ContainerClass;
 using mavrel_installer::ContainerLayout;
 using mavrel_installer::EmbeddedInstallerService;
-using mavrel_installer::JournalPurpose;
 using mavrel_installer::JournalStep;
 using mavrel_installer::RegistryDatabase;
 using mavrel_installer::RegistryStore;
@@ -117,8 +116,8 @@ TEST_F(InstallJournalTest, RecoveryReplaysEntriesPutsStagingBackKeepsWhatFailsAn
     for (const auto& [identifier, source, target] :
          {std::tuple("b", "/FINISH", "containers/B"),
           std::tuple("c", "/STUCK", "home/Applications/C/Staging")})
-      ASSERT_TRUE(store->addJournal(identifier, JournalPurpose::Finish,
-                                    std::vector{rename(staging + source, target)}, &error));
+      ASSERT_TRUE(
+          store->addJournal(identifier, std::vector{rename(staging + source, target)}, &error));
     ASSERT_TRUE(transaction.commit(&error)) << error.description();
   }
   makeDirectories(path("home/Applications/A"));
